@@ -1,0 +1,3 @@
+#include "version.h"
+
+const char *const kQlutilVersion = "4.10.0.0";

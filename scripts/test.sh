@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Runs the whole test suite: release build with every test, the same suite under
+# AddressSanitizer+UBSan, the thread tests under ThreadSanitizer, and each fuzz target
+# for a bounded time.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+
+JOBS=${JOBS:-$(nproc)}
+FUZZ_SECONDS=${FUZZ_SECONDS:-60}
+
+run_preset() {
+  local preset=$1; shift
+  echo "=== ${preset}: build"
+  cmake --preset "${preset}" >/dev/null
+  cmake --build --preset "${preset}" -j "${JOBS}"
+  echo "=== ${preset}: test"
+  ctest --preset "${preset}" -j "${JOBS}" --timeout 300 "$@"
+}
+
+run_preset release
+ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_preset asan
+TSAN_OPTIONS=halt_on_error=1 run_preset tsan -L tsan
+
+echo "=== fuzz"
+cmake --preset fuzz >/dev/null
+mapfile -t FUZZERS < <(sed -n 's/^ql_add_fuzzer(\([A-Za-z0-9_]*\).*/\1/p' tests/fuzz/CMakeLists.txt 2>/dev/null)
+if [ ${#FUZZERS[@]} -gt 0 ]; then
+  cmake --build --preset fuzz -j "${JOBS}" --target "${FUZZERS[@]}"
+  for f in "${FUZZERS[@]}"; do
+    echo "--- ${f} (${FUZZ_SECONDS}s)"
+    corpus=$(mktemp -d)
+    [ -d "tests/fuzz/corpus/${f}" ] && cp -r "tests/fuzz/corpus/${f}/." "${corpus}/"
+    "build/fuzz/bin/${f}" -max_total_time="${FUZZ_SECONDS}" -print_final_stats=0 "${corpus}" 2>&1 | tail -n 3
+    rm -rf "${corpus}"
+  done
+fi
+echo "=== all tests passed"
