@@ -9,6 +9,10 @@ extern "C" {
 int QInitialize(int nFlags);
 int QFinalize(void);
 
+/* Buffers handed between the library and its caller. */
+void *QAlloc(unsigned int dwSize);
+void QFree(void *pvData);
+
 #ifdef __cplusplus
 }
 #endif
