@@ -1,0 +1,47 @@
+// Windows forms of ql_arch.h: critical sections, Sleep and the performance counter.
+#include <windows.h>
+
+#include <new>
+
+#include "ql_arch.h"
+
+int InitMutexObj(QL_MUTEX_OBJ *pMutex) {
+  auto *section = new (std::nothrow) CRITICAL_SECTION;
+  if (section == nullptr) return 1;
+  InitializeCriticalSection(section);
+  pMutex->pvLock = section;
+  return 0;
+}
+
+void FinalizeMutexObj(QL_MUTEX_OBJ *pMutex) {
+  auto *section = static_cast<CRITICAL_SECTION *>(pMutex->pvLock);
+  if (section == nullptr) return;
+  DeleteCriticalSection(section);
+  delete section;
+  pMutex->pvLock = nullptr;
+}
+
+int LockObject(QL_MUTEX_OBJ *pMutex) {
+  EnterCriticalSection(static_cast<CRITICAL_SECTION *>(pMutex->pvLock));
+  return 0;
+}
+
+int UnlockObject(QL_MUTEX_OBJ *pMutex) {
+  LeaveCriticalSection(static_cast<CRITICAL_SECTION *>(pMutex->pvLock));
+  return 0;
+}
+
+void QL_Sleep(unsigned long ulMilliseconds) {
+  Sleep(ulMilliseconds);
+}
+
+double ChronStart() {
+  LARGE_INTEGER counter, frequency;
+  QueryPerformanceCounter(&counter);
+  QueryPerformanceFrequency(&frequency);
+  return static_cast<double>(counter.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+double ChronEndDelta(double dStart) {
+  return ChronStart() - dStart;
+}

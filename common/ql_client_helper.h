@@ -1,0 +1,58 @@
+#pragma once
+// Scoped ownership of client-library handles.
+
+#include <utility>
+
+#include "qlapi.h"
+
+// Destroy functions for QLUniquePtr: each releases the handle through its address (which the
+// library clears) and returns the library's code.
+int CloseSession(HSESSIONCTX *phSession);  // QCloseSession(phSession, 0)
+int DestroyKeyHandle(HKEYCTX *phKey);      // QDestroyKey(phKey, 0): the object stays in the HSM
+int DestroyHashHandle(HHASHCTX *phHash);   // QDestroyHash(phHash)
+
+// Owns one library handle and destroys it with Destroy when it goes out of scope. Movable, not
+// copyable. Typical use: QLUniquePtr<HSESSIONCTX, &CloseSession> session;
+// ConnectEx(session.Put(), ti); ... session.Get() ...
+template <typename Handle, int (*Destroy)(Handle *)>
+class QLUniquePtr {
+ public:
+  QLUniquePtr() = default;
+  explicit QLUniquePtr(Handle handle) : handle_(handle) {}
+  ~QLUniquePtr() { CleanUp(); }
+
+  QLUniquePtr(const QLUniquePtr &) = delete;
+  QLUniquePtr &operator=(const QLUniquePtr &) = delete;
+  QLUniquePtr(QLUniquePtr &&other) noexcept : handle_(other.Detach()) {}
+  QLUniquePtr &operator=(QLUniquePtr &&other) noexcept {
+    if (this != &other) {
+      CleanUp();
+      handle_ = other.Detach();
+    }
+    return *this;
+  }
+
+  // The handle, still owned.
+  Handle Get() const { return handle_; }
+  // Gives up ownership and returns the handle.
+  Handle Detach() { return std::exchange(handle_, Handle{}); }
+  // Destroys the handle now (whatever it holds) and returns the library's code.
+  int Free() {
+    const int rc = Destroy(&handle_);
+    handle_ = Handle{};
+    return rc;
+  }
+  // Destroys the handle if one is held.
+  void CleanUp() {
+    if (handle_ != Handle{}) Free();
+  }
+  // Releases any held handle and gives the address to fill (an output argument of the library).
+  Handle *Put() {
+    CleanUp();
+    return &handle_;
+  }
+  explicit operator bool() const { return handle_ != Handle{}; }
+
+ private:
+  Handle handle_{};
+};
