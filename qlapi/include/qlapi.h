@@ -1,17 +1,1246 @@
-/* qlapi.h: the client library's C API. (Being filled in: see qlapi/src.) */
+/* qlapi.h: the C API of libqlapi, the client library of the HSM.
+ *
+ * Conventions
+ * -----------
+ * Return values. Every function returns an int: 0 (QL_OK) on success, otherwise one of the
+ *   QL_ERR_* codes below. Four functions differ and say so: QAlloc (a pointer), QFree (nothing),
+ *   QGetReturnCodeString (a text the library owns) and QDoRSAPadding (non-zero on success,
+ *   0 on failure). No function prints, and no C++ exception ever crosses this API.
+ *
+ * Handles. HSESSIONCTX, HKEYCTX, HHASHCTX and the other H* types are opaque pointers (void *,
+ *   so that generic owners of "void *" hold any of them). A handle is made by one call
+ *   (QOpenSession, QGenerateKey, QGetUserKey, QCreateHash, ...) and released through its
+ *   address by its matching call, which clears it: QCloseSession(&s, flags),
+ *   QDestroyKey(&k, flags), QDestroyHash(&h). Releasing a null handle is a no-op that answers
+ *   QL_OK. Key and hash handles belong to the session that made them and must be released
+ *   before it is closed; QFinalize releases whatever is left.
+ *
+ * Buffers. A buffer that the library hands out (an "unsigned char **" or "char **" out
+ *   argument) comes from QAlloc and goes back with QFree. Every other buffer is the caller's.
+ *
+ * Size queries. An output buffer comes with a length argument that holds the buffer's size on
+ *   input and the length written on output. A null buffer or a buffer that is too short answers
+ *   QL_ERR_BUFFER_TOO_SMALL (1005) with the needed length in the length argument, and changes
+ *   nothing else (no state of a key or hash advances).
+ *
+ * Texts. Names and passwords are NUL-terminated; user names hold at most 16 characters
+ *   (QL_MAX_USER_NAME), passwords at most 16 (QL_MAX_PASSWORD), object names at most 64
+ *   (QL_MAX_OBJ_NAME); another user's object is named "owner/object".
+ *
+ * Threads. Every function may be called from any thread. Distinct sessions are independent:
+ *   many threads, each with its own sessions, run without any lock in common. One session (and
+ *   the key and hash handles made from it) may be used by several threads, but its requests
+ *   then run one after another. QInitialize and QFinalize may be called more than once and
+ *   from any thread; no other call may run while QFinalize runs.
+ *
+ * Connections. A session is one authenticated connection to an HSM at "address:port" (the
+ *   address and port of the authentication record; port 0 or negative means 4433). TLS 1.3
+ *   for session flag QL_SESSION_ENCRYPTED, for flags without either transport bit, and for
+ *   both transport bits together; plain TCP for QL_SESSION_UNENCRYPTED alone.
+ *   TLS certificate: the HSM presents a self-signed certificate made when it was initialised.
+ *   The library accepts only TLS 1.3; OpenSSL checks that the peer holds the private key of the
+ *   certificate it presents, but no chain is validated, because no authority vouches for the
+ *   HSM. The encryption therefore protects against eavesdropping, not against an active man in
+ *   the middle; a caller that needs the latter reads the certificate's SHA-256 fingerprint with
+ *   QGetSessionParam(QL_SP_TLS_PEER_SHA256) and compares it with one it trusts.
+ *
+ * Session cache. QCloseSession without QL_CLOSE_PHYSICAL gives an idle connection back to the
+ *   library's cache, after the HSM has reset the session (its temporary keys and hashes are
+ *   gone, and it no longer counts as open). The next QOpenSession to the same HSM with the same
+ *   credentials reuses it, unless QL_SESSION_BYPASS_CACHE is set; the HSM checks the user
+ *   again on reuse (a blocked or removed user, or a changed password, is refused).
+ */
 #ifndef QLAPI_H_
 #define QLAPI_H_
+
+#include <stddef.h>
+#include <stdint.h>
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-int QInitialize(int nFlags);
-int QFinalize(void);
+#if defined(_WIN32) && defined(QLAPI_BUILDING)
+#define QLAPI_EXPORT __declspec(dllexport)
+#elif defined(_WIN32)
+#define QLAPI_EXPORT __declspec(dllimport)
+#elif defined(__GNUC__)
+#define QLAPI_EXPORT __attribute__((visibility("default")))
+#else
+#define QLAPI_EXPORT
+#endif
 
-/* Buffers handed between the library and its caller. */
-void *QAlloc(unsigned int dwSize);
-void QFree(void *pvData);
+#ifdef __cplusplus
+#define QL_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define QL_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
+/* ===========================================================================================
+ * Handles
+ */
+typedef void *HSESSIONCTX;  /* one authenticated connection */
+typedef void *HKEYCTX;      /* a key or object opened in a session */
+typedef void *HHASHCTX;     /* a running hash, HMAC or CMAC */
+typedef void *HOBJMETACTX;  /* an object-metadata record being built or read */
+typedef void *HSPBMSGCTX;   /* an SPB message being encoded or decoded */
+typedef void *HLOGCTX;      /* a read of the HSM's audit log */
+typedef void *HP11INFOCTX;  /* the HSM's PKCS#11 information */
+
+/* ===========================================================================================
+ * Return codes
+ */
+#define QL_OK 0
+
+/* Library-side codes (1000..1099): the request never reached the HSM, or its answer was bad. */
+#define QL_ERR_BAD_ARGUMENT 1001        /* a null or inconsistent argument */
+#define QL_ERR_NO_MEMORY 1002           /* an allocation failed */
+#define QL_ERR_BAD_HANDLE 1003          /* a handle of the wrong kind, or already released */
+#define QL_ERR_BAD_FLAGS 1004           /* unknown bits in a flags argument */
+#define QL_ERR_BUFFER_TOO_SMALL 1005    /* the needed length is in the length argument */
+#define QL_ERR_BAD_AUTH_KIND 1006       /* an authentication kind or record length unknown */
+#define QL_ERR_CONNECTION_FAILED 1007   /* the HSM could not be reached (resolve, connect) */
+#define QL_ERR_TLS_FAILED 1008          /* the TLS 1.3 handshake failed */
+#define QL_ERR_PROTOCOL 1009            /* a malformed, oversized or unexpected frame */
+#define QL_ERR_SESSION_CLOSED 1010      /* the connection was lost or closed */
+#define QL_ERR_BAD_BASE64 1011          /* text that is not base64 */
+#define QL_ERR_CREDENTIAL_NOT_FOUND 1012 /* no entry for that target in the credential store */
+#define QL_ERR_CREDENTIAL_STORE 1013    /* the credential store is unreadable or not private */
+#define QL_ERR_LIB_INTERNAL 1014        /* an unexpected failure inside the library */
+#define QL_ERR_CANCELLED 1015           /* a callback asked to stop */
+#define QL_ERR_FILE_IO 1016             /* a local file could not be read or written */
+#define QL_ERR_VERSION_MISMATCH 1017    /* the HSM speaks another protocol version */
+
+/* HSM-side codes (5000..5099): the HSM refused or failed the request. */
+#define QL_ERR_AUTH_FAILED 5001          /* wrong user, password or access token */
+#define QL_ERR_ACCESS_DENIED 5002        /* the user's access mask lacks the right */
+#define QL_ERR_USER_BLOCKED 5003         /* the user is blocked */
+#define QL_ERR_OBJ_NOT_FOUND 5004        /* no such object */
+#define QL_ERR_OBJ_BLOCKED 5005          /* the object is blocked (key parameter 12) */
+#define QL_ERR_BAD_ALGORITHM 5006        /* an unknown algorithm, mode or padding */
+#define QL_ERR_NOT_SUPPORTED 5007        /* the service or combination is not built */
+#define QL_ERR_LIMIT_REACHED 5008        /* sessions, objects or frame size past a limit */
+#define QL_ERR_BUSY_RETRY 5009           /* the HSM is busy: retry the same request later */
+#define QL_ERR_BAD_TAG 5010              /* an authentication tag (GCM) does not verify */
+#define QL_ERR_USER_NAME_TOO_LONG 5011   /* a user name longer than 16 characters */
+#define QL_ERR_INTERNAL 5012             /* an unexpected failure inside the HSM */
+#define QL_ERR_USER_EXISTS 5013          /* a user of that name exists */
+#define QL_ERR_BAD_KEY_USAGE 5014        /* the key cannot do that (no crypt, wrong type) */
+#define QL_ERR_BAD_LENGTH 5015           /* a data, key or block length that does not fit */
+#define QL_ERR_NOT_EXPORTABLE 5016       /* the key was made without the exportable flag */
+#define QL_ERR_BAD_SIGNATURE 5017        /* a signature that does not verify */
+#define QL_ERR_PIECES_REFUSED 5018       /* the mode needs the whole message in one call */
+#define QL_ERR_DIGEST_TOO_LONG 5019      /* the digest does not fit the key (RSA-512/SHA-512) */
+#define QL_ERR_USER_NOT_FOUND 5020       /* no such user */
+#define QL_ERR_BAD_NAME 5021             /* an empty, too long or malformed name */
+#define QL_ERR_OBJ_EXISTS 5022           /* an object of that name exists */
+#define QL_ERR_BAD_STATE 5023            /* the request does not fit the handle's state */
+#define QL_ERR_BAD_PADDING 5024          /* decrypted data whose padding is wrong */
+#define QL_ERR_BAD_PIN 5025              /* a backup PIN that does not open the backup */
+#define QL_ERR_NOT_LOGGED_IN 5026        /* a request before login */
+#define QL_ERR_UPACK_REFUSED 5034        /* an update package whose signature fails */
+
+/* QGetReturnCodeString formats. */
+#define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
+#define QL_RC_STR_DESCRIPTION 2 /* a sentence: "Access denied." */
+
+/* ===========================================================================================
+ * Limits
+ */
+#define QL_DEFAULT_PORT 4433
+#define QL_MAX_ADDR 128       /* the address field of the authentication records */
+#define QL_MAX_USER_NAME 16   /* characters, without the terminating NUL */
+#define QL_MAX_PASSWORD 16
+#define QL_MAX_OBJ_NAME 64 /* an object's own name; "owner/object" may reach 16 + 1 + 64 */
+#define QL_ATOKEN_KEY_LEN 16
+#define QL_HSM_INFO_TEXT_LEN 512
+
+/* ===========================================================================================
+ * Authentication kinds (QOpenSession's second argument) and records
+ */
+#define QL_AUTH_ANONYMOUS 1       /* AUTH_PWD_EX, address and port only; user fields ignored */
+#define QL_AUTH_USER_PWD 16       /* AUTH_PWD_EX */
+#define QL_AUTH_ATOKEN 32         /* AUTH_ATOKEN */
+#define QL_AUTH_WIN_CREDENTIAL 128 /* AUTH_WIN_CREDENTIAL: user and password from the store */
+
+/* The records are little-endian wire records with fixed offsets (asserted below). */
+#pragma pack(push, 4)
+
+typedef struct AUTH_PWD_EX_ {
+  char szAddr[128];     /* HSM address (IP or name), NUL-terminated when shorter */
+  int32_t nPort;        /* TCP port; 0 or negative: 4433 */
+  char szUserId[16];    /* user name, NUL-terminated when shorter */
+  char szPassword[16];  /* password, NUL-terminated when shorter */
+  uint32_t dwAuthType;  /* strong-authentication type; must be 0 */
+  union {
+    unsigned char *pbStrongAuth; /* must be null */
+    uint64_t qwStrongAuthPad;    /* keeps the field 8 bytes wide on 32-bit builds */
+  };
+  int32_t nStrongAuthLen; /* must be 0 */
+} AUTH_PWD_EX;
+
+typedef struct QL_A_TOKEN_ {
+  char pcUserName[16];      /* the user the token belongs to, NUL-terminated when shorter */
+  unsigned char pbKey[16];  /* the token's secret key */
+} QL_A_TOKEN;
+
+typedef struct AUTH_ATOKEN_ {
+  char szAddr[128];
+  int32_t nPort;
+  QL_A_TOKEN stAToken;
+} AUTH_ATOKEN;
+
+typedef struct AUTH_WIN_CREDENTIAL_ {
+  char szAddr[128];  /* the credential target; it is also the HSM address */
+  int32_t nPort;
+} AUTH_WIN_CREDENTIAL;
+
+#pragma pack(pop)
+
+/* The user record (38 bytes): QCreateUser takes it whole; QSetUserParam and QGetUserParam use
+ * it for the parameters that name another user. A name or password that fills its 17 bytes
+ * without a NUL is too long: QL_ERR_USER_NAME_TOO_LONG (name) or QL_ERR_BAD_LENGTH. */
+#pragma pack(push, 2)
+typedef struct QL_USER_INFO_ {
+  char szUserId[17];    /* at 0: the user name, at most 16 characters */
+  char szPassword[17];  /* at 17: the password, at most 16 characters */
+  uint32_t dwAcl;       /* at 34: the access mask (ACL_*) */
+} QL_USER_INFO;
+#pragma pack(pop)
+
+QL_STATIC_ASSERT(sizeof(AUTH_PWD_EX) == 180, "AUTH_PWD_EX is 180 bytes");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, szAddr) == 0, "AUTH_PWD_EX.szAddr");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, nPort) == 128, "AUTH_PWD_EX.nPort");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, szUserId) == 132, "AUTH_PWD_EX.szUserId");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, szPassword) == 148, "AUTH_PWD_EX.szPassword");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, dwAuthType) == 164, "AUTH_PWD_EX.dwAuthType");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, pbStrongAuth) == 168, "AUTH_PWD_EX.pbStrongAuth");
+QL_STATIC_ASSERT(offsetof(AUTH_PWD_EX, nStrongAuthLen) == 176, "AUTH_PWD_EX.nStrongAuthLen");
+QL_STATIC_ASSERT(sizeof(QL_A_TOKEN) == 32, "QL_A_TOKEN is 32 bytes");
+QL_STATIC_ASSERT(offsetof(QL_A_TOKEN, pcUserName) == 0, "QL_A_TOKEN.pcUserName");
+QL_STATIC_ASSERT(offsetof(QL_A_TOKEN, pbKey) == 16, "QL_A_TOKEN.pbKey");
+QL_STATIC_ASSERT(sizeof(AUTH_ATOKEN) == 164, "AUTH_ATOKEN is 164 bytes");
+QL_STATIC_ASSERT(offsetof(AUTH_ATOKEN, szAddr) == 0, "AUTH_ATOKEN.szAddr");
+QL_STATIC_ASSERT(offsetof(AUTH_ATOKEN, nPort) == 128, "AUTH_ATOKEN.nPort");
+QL_STATIC_ASSERT(offsetof(AUTH_ATOKEN, stAToken) == 132, "AUTH_ATOKEN.stAToken");
+QL_STATIC_ASSERT(sizeof(AUTH_WIN_CREDENTIAL) == 132, "AUTH_WIN_CREDENTIAL is 132 bytes");
+QL_STATIC_ASSERT(offsetof(AUTH_WIN_CREDENTIAL, szAddr) == 0, "AUTH_WIN_CREDENTIAL.szAddr");
+QL_STATIC_ASSERT(offsetof(AUTH_WIN_CREDENTIAL, nPort) == 128, "AUTH_WIN_CREDENTIAL.nPort");
+QL_STATIC_ASSERT(sizeof(QL_USER_INFO) == 38, "QL_USER_INFO is 38 bytes");
+QL_STATIC_ASSERT(offsetof(QL_USER_INFO, szUserId) == 0, "QL_USER_INFO.szUserId");
+QL_STATIC_ASSERT(offsetof(QL_USER_INFO, szPassword) == 17, "QL_USER_INFO.szPassword");
+QL_STATIC_ASSERT(offsetof(QL_USER_INFO, dwAcl) == 34, "QL_USER_INFO.dwAcl");
+
+/* ===========================================================================================
+ * Flags
+ */
+/* QOpenSession. */
+#define QL_SESSION_ENCRYPTED 1     /* TLS 1.3 */
+#define QL_SESSION_UNENCRYPTED 4   /* plain TCP (alone; with QL_SESSION_ENCRYPTED it is TLS) */
+#define QL_SESSION_BYPASS_LB 8     /* connect to exactly the given HSM (there is only one) */
+#define QL_SESSION_BYPASS_CACHE 16 /* always open a new connection */
+#define QL_SESSION_ALL_FLAGS 29
+
+/* QCloseSession. */
+#define QL_CLOSE_PHYSICAL 8 /* close the connection instead of giving it to the cache */
+
+/* QGenerateKey, QImportKey and the other key-making calls. */
+#define QL_KEY_EXPORTABLE 1
+#define QL_KEY_NO_CRYPT 2       /* the key may not encrypt or decrypt data */
+#define QL_KEY_TEMPORARY 4      /* the key lives in its session only */
+#define QL_KEY_RSA_EXP3 2048    /* RSA public exponent 3 instead of 65537 */
+#define QL_KEY_BLOCKCHAIN 16384 /* a blockchain key (QL_ERR_NOT_SUPPORTED for now) */
+/* QImportKey: with this bit in the algorithm, the blob makes a public-key object. */
+#define QL_ALG_PUBLIC_KEY_BIT 0x80000000u
+/* Key-size flags of the CSP-style key calls. */
+#define QL_KEYSIZE_FLAG_RSA1024 0x4000000
+#define QL_KEYSIZE_FLAG_RSA2048 0x8000000
+
+/* QDestroyKey. */
+#define QL_DESTROY_REMOVE 32 /* also remove the object from the HSM */
+
+/* QGetUserKey. */
+#define QL_GETKEY_OFFLINE 1 /* build the handle from the full name, without a round trip */
+
+/* QSignHash. */
+#define QL_SIGN_DISABLE_LEGACY 2 /* RSA: refuse the legacy form (see QSignHash) */
+
+/* ===========================================================================================
+ * Key parameters (QGetKeyParam / QSetKeyParam) and hash parameters
+ */
+#define QKP_ALGID 1     /* uint32: the key's algorithm (QL_ALG_*); read only */
+#define QKP_IV 2        /* bytes: the IV of the next message (GCM: 12 bytes) */
+#define QKP_PADDING 3   /* uint32: QL_PAD_* */
+#define QKP_MODE 4      /* uint32: QL_MODE_* */
+#define QKP_AAD 5       /* bytes: additional authenticated data of the next GCM message */
+#define QKP_TAG_LEN 6   /* uint32: GCM tag length in bytes (default 16) */
+#define QKP_FLAGS 7     /* uint32: the key's QL_KEY_* flags; read only */
+#define QKP_KEYBITS 8   /* uint32: key size in bits; read only */
+#define QKP_KEYLEN 9    /* uint32: key length in bytes (RSA: modulus bytes); read only */
+#define QKP_OBJ_ID 10   /* text: the full name "owner/object"; read only */
+#define QKP_OBJ_TYPE 11 /* uint32: QL_OBJ_* type; read only */
+#define QKP_BLOCKED 12  /* uint32: 1 blocked, 0 usable */
+#define QKP_STATS 13    /* QL_OBJ_STATS; read only */
+
+#define QHP_ALGID 1     /* uint32: the hash's algorithm */
+#define QHP_HASHVAL 2   /* bytes: the value (read), or a value computed elsewhere (write) */
+#define QHP_HASHSIZE 4  /* uint32: the value's length */
+
+typedef struct QL_OBJ_STATS_ {
+  uint64_t qwCreated;   /* seconds since 1970 */
+  uint64_t qwModified;
+  uint32_t dwSize;      /* stored bytes */
+  uint32_t dwUseCount;  /* operations since creation */
+} QL_OBJ_STATS;
+
+/* ===========================================================================================
+ * Algorithm identifiers. Hashes and keys are separate name spaces (QL_ALG_MD5 and QL_ALG_DES
+ * are both 1).
+ */
+/* Hashes. */
+#define QL_ALG_MD5 1
+#define QL_ALG_SHA1 2
+#define QL_ALG_SHA256 4
+#define QL_ALG_SHA384 5
+#define QL_ALG_SHA512 6
+#define QL_ALG_SHA224 7
+#define QL_ALG_SHA3_224 8
+#define QL_ALG_SHA3_256 9
+#define QL_ALG_SHA3_384 10
+#define QL_ALG_SHA3_512 11
+/* HMAC and CMAC: the hash takes a key (QCreateHash's third argument). */
+#define QL_ALG_HMAC_MD5 92
+#define QL_ALG_HMAC_SHA1 93
+#define QL_ALG_HMAC_SHA2_256 94
+#define QL_ALG_HMAC_SHA2_384 95
+#define QL_ALG_HMAC_SHA2_512 96
+#define QL_ALG_HMAC_SHA2_224 97
+#define QL_ALG_HMAC_SHA3_224 98
+#define QL_ALG_HMAC_SHA3_256 99
+#define QL_ALG_HMAC_SHA3_384 100
+#define QL_ALG_HMAC_SHA3_512 101
+#define QL_ALG_CMAC_AES 250
+#define QL_ALG_CMAC_DES 251
+#define QL_ALG_IDFUNC 255 /* no hash: EdDSA signs the message itself */
+
+/* PKCS#11 mechanisms accepted where the general table offers them. */
+#define QL_CKM_RSA_PKCS 0x1
+#define QL_CKM_RSA_X509 0x3
+#define QL_CKM_MD5 0x210
+#define QL_CKM_MD5_HMAC 0x211
+#define QL_CKM_SHA_1 0x220
+#define QL_CKM_SHA_1_HMAC 0x221
+#define QL_CKM_SHA256 0x250
+#define QL_CKM_SHA256_HMAC 0x251
+#define QL_CKM_SHA224_HMAC 0x256
+#define QL_CKM_SHA384 0x260
+#define QL_CKM_SHA384_HMAC 0x261
+#define QL_CKM_SHA512 0x270
+#define QL_CKM_SHA512_HMAC 0x271
+#define QL_CKM_SHA3_256_HMAC 0x2B1
+#define QL_CKM_SHA3_224_HMAC 0x2B6
+#define QL_CKM_SHA3_384_HMAC 0x2C1
+#define QL_CKM_SHA3_512_HMAC 0x2D1
+#define QL_CKM_ECDSA_SHA1 0x1042
+
+/* Symmetric keys. */
+#define QL_ALG_DES 1
+#define QL_ALG_3DES_112 2
+#define QL_ALG_3DES_168 3
+#define QL_ALG_AES128 7
+#define QL_ALG_AES192 8
+#define QL_ALG_AES256 9
+#define QL_ALG_ARC4 10
+#define QL_ALG_ARC5 89 /* not supported */
+#define QL_ALG_DESX 91
+/* HMAC secrets: generic keys for QL_ALG_HMAC_* and nothing else (32 and 64 bytes). */
+#define QL_ALG_HMAC_KEY 170
+#define QL_ALG_HMAC_KEY_512 171
+
+/* RSA. */
+#define QL_ALG_RSA512 4
+#define QL_ALG_RSA1024 5
+#define QL_ALG_RSA2048 6
+#define QL_ALG_RSA4096 11
+#define QL_ALG_RSA1152 121
+#define QL_ALG_RSA1408 122
+#define QL_ALG_RSA1984 123
+#define QL_ALG_RSA8192 124
+#define QL_ALG_RSA2304 126
+#define QL_ALG_RSA2560 127
+#define QL_ALG_RSA2816 128
+#define QL_ALG_RSA3072 129
+#define QL_ALG_RSA1976 130
+#define QL_ALG_RSA1536 131
+#define QL_ALG_CSP 193
+
+/* Elliptic curves. */
+#define QL_ALG_ECC_SECP112R1 18
+#define QL_ALG_ECC_SECP112R2 19
+#define QL_ALG_ECC_SECP128R1 20
+#define QL_ALG_ECC_SECP128R2 21
+#define QL_ALG_ECC_SECP160K1 22
+#define QL_ALG_ECC_SECP160R1 23
+#define QL_ALG_ECC_SECP160R2 24
+#define QL_ALG_ECC_SECP192K1 25
+#define QL_ALG_ECC_SECP192R1 26
+#define QL_ALG_ECC_SECP224K1 27
+#define QL_ALG_ECC_SECP224R1 28
+#define QL_ALG_ECC_SECP256K1 29
+#define QL_ALG_ECC_SECP256R1 30
+#define QL_ALG_ECC_SECP384R1 31
+#define QL_ALG_ECC_SECP521R1 32
+#define QL_ALG_ECC_X9_62_PRIME192V1 26 /* the same curve as secp192r1 */
+#define QL_ALG_ECC_X9_62_PRIME192V2 33
+#define QL_ALG_ECC_X9_62_PRIME192V3 34
+#define QL_ALG_ECC_X9_62_PRIME239V1 35
+#define QL_ALG_ECC_X9_62_PRIME239V2 36
+#define QL_ALG_ECC_X9_62_PRIME239V3 37
+#define QL_ALG_ECC_X9_62_PRIME256V1 30 /* the same curve as secp256r1 */
+#define QL_ALG_ECC_BRAINPOOL_P160R1 38
+#define QL_ALG_ECC_BRAINPOOL_P160T1 39
+#define QL_ALG_ECC_BRAINPOOL_P192R1 40
+#define QL_ALG_ECC_BRAINPOOL_P192T1 41
+#define QL_ALG_ECC_BRAINPOOL_P224R1 42
+#define QL_ALG_ECC_BRAINPOOL_P224T1 43
+#define QL_ALG_ECC_BRAINPOOL_P256R1 44
+#define QL_ALG_ECC_BRAINPOOL_P256T1 45
+#define QL_ALG_ECC_BRAINPOOL_P320R1 46
+#define QL_ALG_ECC_BRAINPOOL_P320T1 47
+#define QL_ALG_ECC_BRAINPOOL_P384R1 48
+#define QL_ALG_ECC_BRAINPOOL_P384T1 49
+#define QL_ALG_ECC_BRAINPOOL_P512R1 50
+#define QL_ALG_ECC_BRAINPOOL_P512T1 51
+#define QL_ALG_ED25519 201
+#define QL_ALG_ED448 202
+#define QL_ALG_X25519 203
+#define QL_ALG_X448 204
+
+/* Public-key blob kinds. */
+#define QL_PUBLICKEYBLOB 350
+#define QL_RSA_PUB_KEY_BLOB 351
+#define QL_ECC_PUB_KEY_BLOB 352
+#define QL_SPKI_RSA_PUB_KEY_BLOB 353
+#define QL_ECC_ED_BLOB 354
+#define QL_ECC_X_BLOB 355
+#define QL_DSA_BLOB 356
+#define QL_DH_BLOB 357
+
+/* Cipher modes (QKP_MODE). */
+#define QL_MODE_NONE 0 /* a stream cipher, or RSA */
+#define QL_MODE_ECB 1
+#define QL_MODE_CBC 2
+#define QL_MODE_KWP 4 /* RFC 5649 */
+#define QL_MODE_OFB 8
+#define QL_MODE_CTR 16
+#define QL_MODE_GCM 32
+#define QL_MODE_KW 64 /* RFC 3394 */
+
+/* Paddings (QKP_PADDING). */
+#define QL_PAD_NONE 0
+#define QL_PAD_PKCS5 1
+#define QL_PAD_ZERO 2           /* cannot be undone: decryption keeps the padded length */
+#define QL_PAD_RSA_NONE 3       /* raw RSA */
+#define QL_PAD_FORCE_ACTUAL_RSA 4
+#define QL_PAD_RSA_OAEP 5       /* RSA OAEP with SHA-1 */
+
+/* Blob types (QExportKey / QImportKey). Formats:
+ *   PRIVATEKEY_BLOB, PRIVATEKEY_BLOB_STRICT: PKCS#8 PrivateKeyInfo (DER); with a key-encryption
+ *     key, that DER wrapped with RFC 5649 under it; STRICT refuses a public-only key.
+ *   PUBLICKEY_BLOB, PUBLICKEY_BLOB_HSM: SubjectPublicKeyInfo (DER).
+ *   PLAINTEXTKEY_BLOB: the raw secret of a symmetric key.
+ *   SIMPLE_BLOB: a symmetric key encrypted under an RSA key with PKCS#1 v1.5;
+ *   SIMPLE_BLOB_OAEP: the same with OAEP (SHA-1).
+ *   SYM_WRAPPED_KEY_BLOB: a symmetric key wrapped with RFC 3394 (RFC 5649 when its length is
+ *     not a multiple of 8) under an AES key.
+ *   WRAPPED_KEY_BLOB: any key's PKCS#8 (asymmetric) or raw secret, wrapped with RFC 5649.
+ */
+#define QL_PRIVATEKEY_BLOB 1
+#define QL_PUBLICKEY_BLOB 2
+#define QL_SIMPLE_BLOB 3
+#define QL_PLAINTEXTKEY_BLOB 4
+#define QL_HOTP_BLOB 6
+#define QL_SIMPLE_BLOB_OAEP 7
+#define QL_SYM_WRAPPED_KEY_BLOB 9
+#define QL_PUBLICKEY_BLOB_HSM 11
+#define QL_PRIVATEKEY_BLOB_STRICT 14
+#define QL_WRAPPED_KEY_BLOB 16
+
+/* PKCS#10 request forms. */
+#define QL_P10_CSR_VERSION1 0
+#define QL_P10_CSR_DER 1
+#define QL_P10_CSR_PEM 2
+
+/* Object types (QKP_OBJ_TYPE). A key's type is its algorithm; these are the other objects. */
+#define QL_OBJ_FILE 12
+#define QL_OBJ_X509 13
+#define QL_OBJ_PKCS7 14
+#define QL_OBJ_CRL 15
+#define QL_OBJ_HOTP 16
+#define QL_OBJ_DPG03 17
+#define QL_OBJ_MAP 90
+
+/* Request options of the probe (QAdmOperation QL_ADM_PROBE, first input byte). */
+#define QL_RNM_PROBE 1
+#define QL_RNM_DOWN 2
+#define QL_RNM_SLP_BYPASS_ADD 3
+#define QL_RNM_SLP_BYPASS_DEL 4
+
+/* Key-derivation functions of QGenEcdhKey. */
+#define QL_GEN_KEY_KDF_RAW_SECRET 1
+#define QL_GEN_KEY_X9_63_SHA256 2
+
+/* QDoRSAPadding: block type and digest identifiers. */
+#define QL_RSA_PADDING_PKCS1_TYPE1 1
+#define QL_DIGEST_ID_NONE 0 /* the bare digest, no DigestInfo */
+#define QL_DIGEST_ID_MD5 2
+#define QL_DIGEST_ID_SHA1 3
+#define QL_DIGEST_ID_SHA256 4
+#define QL_DIGEST_ID_SHA384 5
+#define QL_DIGEST_ID_SHA512 6
+#define QL_DIGEST_ID_SHA224 7
+
+/* ===========================================================================================
+ * Access rights (a user's access mask)
+ */
+#define ACL_NOP 0x0
+#define ACL_OBJ_DEL 0x1
+#define ACL_OBJ_READ 0x2
+#define ACL_OBJ_CREATE 0x4
+#define ACL_OBJ_UPDATE 0x8
+#define ACL_OBJ_WRITE ACL_OBJ_UPDATE
+#define ACL_USR_CREATE 0x10
+#define ACL_USR_DELETE ACL_USR_CREATE
+#define ACL_USR_REMOTE_LOG 0x20
+#define ACL_USR_LIST 0x40
+#define ACL_SYS_OPERATOR 0x80
+#define ACL_SYS_BACKUP 0x100
+#define ACL_SYS_RESTORE ACL_SYS_BACKUP
+#define ACL_SYS_UDATE_HSM 0x200
+#define ACL_NS_AUTHORIZATION 0x400
+#define ACL_CHANGE_COLD_PARTITION 0x800
+#define ACL_ALL_RIGHTS 0xFFF
+
+/* ===========================================================================================
+ * Library, buffers and helpers
+ */
+
+/* Starts the library. nFlags must be 0. May be called any number of times, from any thread;
+ * every function also starts the library when needed. */
+QLAPI_EXPORT int QInitialize(int nFlags);
+
+/* Closes every session still open (and the connections of the cache) and releases every handle
+ * left. The library stays usable: a later call starts it again. */
+QLAPI_EXPORT int QFinalize(void);
+
+/* A buffer of dwSize bytes (at least one), or null when memory is short. */
+QLAPI_EXPORT void *QAlloc(unsigned int dwSize);
+/* Releases a buffer from QAlloc or handed out by the library; null is ignored. */
+QLAPI_EXPORT void QFree(void *pvData);
+
+/* The text of a code: dwFormat QL_RC_STR_NAME or QL_RC_STR_DESCRIPTION. Never null; an unknown
+ * code gives "Unknown return code." (or "QL_ERR_UNKNOWN"). The library owns the text. */
+QLAPI_EXPORT const char *QGetReturnCodeString(int nCode, uint32_t dwFormat);
+
+/* Decodes dwTextLen characters of base64 (RFC 4648, padding optional, white space ignored)
+ * into pbOut (capacity in *pdwOutLen). Size query as usual; QL_ERR_BAD_BASE64 on bad text. */
+QLAPI_EXPORT int QBase642ByteArray(const char *szText, uint32_t dwTextLen, void *pbOut,
+                                   uint32_t *pdwOutLen);
+/* Encodes dwDataLen bytes as base64 with padding and a terminating NUL into szOut (capacity in
+ * *pdwOutLen, NUL included); on success *pdwOutLen is the text length without the NUL. */
+QLAPI_EXPORT int QByteArray2Base64(const void *pbData, uint32_t dwDataLen, char *szOut,
+                                   uint32_t *pdwOutLen);
+
+/* Version texts: QL_VERSION_LIBRARY needs no session (hSession may be null); the others ask the
+ * HSM. */
+#define QL_VERSION_LIBRARY 0
+#define QL_VERSION_HSM 1
+#define QL_VERSION_PROTOCOL 2
+QLAPI_EXPORT int QVersion(HSESSIONCTX hSession, uint32_t dwWhich, char *szVersion,
+                          uint32_t *pdwVersionLen);
+
+/* ===========================================================================================
+ * Sessions
+ */
+
+/* Opens a session: dwAuthType is a QL_AUTH_* kind, pvAuthData its record and dwAuthDataLen at
+ * least the record's size (180, 164 or 132). dwFlags: QL_SESSION_*; other bits answer
+ * QL_ERR_BAD_FLAGS. Kind QL_AUTH_WIN_CREDENTIAL reads the user and password stored under the
+ * record's szAddr (see qlapi_credstore.h) and connects to that address. On failure *phSession
+ * is null. */
+QLAPI_EXPORT int QOpenSession(HSESSIONCTX *phSession, uint32_t dwAuthType, void *pvAuthData,
+                              uint32_t dwAuthDataLen, uint32_t dwFlags);
+
+/* Closes *phSession and clears it: the HSM forgets the session's temporary keys and hashes, and
+ * the connection goes back to the cache (or is closed with QL_CLOSE_PHYSICAL, or when the
+ * session was opened with QL_SESSION_BYPASS_CACHE). Key and hash handles of the session become
+ * invalid. */
+QLAPI_EXPORT int QCloseSession(HSESSIONCTX *phSession, uint32_t dwFlags);
+
+/* Session parameters. */
+#define QL_SP_USER_NAME 1           /* text: the logged-in user ("" when anonymous) */
+#define QL_SP_ACL 2                 /* uint32: the user's access mask */
+#define QL_SP_SESSION_ID 3          /* uint64: the HSM's session number */
+#define QL_SP_TLS 4                 /* uint32: 1 when the connection is TLS */
+#define QL_SP_TLS_PEER_SHA256 5     /* 32 bytes: SHA-256 of the HSM's certificate (DER) */
+#define QL_SP_OPERATING_MODE 1024   /* uint32: QL_OP_MODE_* */
+#define QL_OP_MODE_NORMAL 1
+#define QL_OP_MODE_MAINTENANCE 2
+QLAPI_EXPORT int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *pvData,
+                                  uint32_t *pdwDataLen, uint32_t dwFlags);
+
+/* Administrative operations. pvIn/dwInLen and pvOut/pdwOutLen as each operation needs (null
+ * when none). QL_ADM_KEEPALIVE and QL_ADM_PROBE need no right; the others ACL_SYS_OPERATOR.
+ * A QL_ERR_BUSY_RETRY answer may be retried as it is. */
+#define QL_ADM_SET_DATE_TIME 1   /* in: uint64 seconds since 1970 */
+#define QL_ADM_SET_TLS_BUNDLE 2  /* in: PEM private key followed by its certificate */
+#define QL_ADM_LOG_CACHE 3       /* in: uint32 0 off, 1 on */
+#define QL_ADM_KEEPALIVE 4       /* none */
+#define QL_ADM_PROBE 5           /* in: optional byte QL_RNM_*; out: uint32 state (1 up) */
+#define QL_ADM_REPL_UPDATE 6
+#define QL_ADM_REPL_NODE_MESSAGE 7
+#define QL_ADM_EFTD_AUTHORIZE 8
+#define QL_ADM_EFTD_DEAUTHORIZE 9
+#define QL_ADM_EFTD_INFO 10
+#define QL_ADM_EFTD_RESET 11
+#define QL_ADM_EFTD_SET_CONF 12
+QLAPI_EXPORT int QAdmOperation(HSESSIONCTX hSession, uint32_t dwOperation, const void *pvIn,
+                               uint32_t dwInLen, void *pvOut, uint32_t *pdwOutLen,
+                               uint32_t dwFlags);
+
+/* ===========================================================================================
+ * HSM information and statistics
+ */
+typedef struct QL_HSM_INFO_ {
+  char szModel[QL_HSM_INFO_TEXT_LEN];
+  char szFirmwareVersion[QL_HSM_INFO_TEXT_LEN];
+  char szSerialNumber[QL_HSM_INFO_TEXT_LEN];
+  char szHardwareVersion[QL_HSM_INFO_TEXT_LEN];
+  char szHsmName[QL_HSM_INFO_TEXT_LEN];
+  char szLibraryVersion[QL_HSM_INFO_TEXT_LEN]; /* filled by the library */
+  unsigned char pbPendingTransaction[8];       /* replication; all 0 without a cluster */
+} QL_HSM_INFO;
+/* Fills *pInfo. The texts are NUL-terminated and never contain '%'. No right needed. */
+QLAPI_EXPORT int QGetHsmInfo(HSESSIONCTX hSession, QL_HSM_INFO *pInfo);
+
+/* Memory units of QGetStatInfo. */
+#define QL_MEM_UNIT_BYTES 0
+#define QL_MEM_UNIT_KIB 1
+#define QL_MEM_UNIT_MIB 2
+/* The HSM's load: open sessions, CPU use in percent (0..100) since the previous call (or over
+ * the last second), the memory unit (QL_MEM_UNIT_MIB) and the machine's memory and swap, total
+ * and used, in that unit. Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR (else 5002). Any output
+ * pointer may be null. */
+QLAPI_EXPORT int QGetStatInfo(HSESSIONCTX hSession, uint32_t *pdwSessionCount,
+                              uint32_t *pdwCpuUsage, uint32_t *pdwMemUnit,
+                              uint32_t *pdwMemTotal, uint32_t *pdwMemUsed,
+                              uint32_t *pdwSwapTotal, uint32_t *pdwSwapUsed);
+
+/* The size in bytes of the HSM's audit log. Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR. */
+QLAPI_EXPORT int QGetStatLogSize(HSESSIONCTX hSession, uint64_t *pqwLogSize);
+
+/* Network configuration of the HSM as text lines "name=value\n". */
+QLAPI_EXPORT int QGetNetInfo(HSESSIONCTX hSession, char *szInfo, uint32_t *pdwInfoLen);
+
+/* A list of names: called once per name with bLast 0, then once with szName null and bLast 1.
+ * A non-zero return stops the list; the listing call then answers QL_ERR_CANCELLED. */
+typedef int (*PQL_LIST_CALLBACK)(void *pvParam, const char *szName, int bLast);
+
+QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
+                                    void *pvParam);
+
+/* IP filter: dwOperation 1 list (callback per rule), 2 add szRule, 3 remove szRule. */
+QLAPI_EXPORT int QIPFilterOperation(HSESSIONCTX hSession, uint32_t dwOperation,
+                                    const char *szRule, PQL_LIST_CALLBACK pfnCallback,
+                                    void *pvParam);
+
+/* The HSM's PKCS#11 information, read attribute by attribute. */
+QLAPI_EXPORT int QGetHSMP11Info(HSESSIONCTX hSession, HP11INFOCTX *phInfo, uint32_t dwFlags);
+QLAPI_EXPORT int QGetHSMP11InfoAttr(HP11INFOCTX hInfo, uint32_t dwAttr, void *pvData,
+                                    uint32_t *pdwDataLen);
+QLAPI_EXPORT int QDestroyHSMP11Info(HP11INFOCTX *phInfo);
+QLAPI_EXPORT int QGetHSMP11TypeInfoList(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
+                                        void *pvParam);
+
+/* The HSM's TLS certificate, DER (dwFormat 1) or PEM (2), in a buffer from QAlloc. */
+QLAPI_EXPORT int QGetHSMTLSCert(HSESSIONCTX hSession, uint32_t dwFormat, unsigned char **ppbCert,
+                                uint32_t *pdwCertLen);
+
+/* Network tools run by the HSM: dwTool 1 ping, 2 traceroute (szTarget), 3 cross-check of the
+ * cluster; the report is text in a buffer from QAlloc. */
+QLAPI_EXPORT int QHSMTool(HSESSIONCTX hSession, uint32_t dwTool, const char *szTarget,
+                          char **ppszReport, uint32_t *pdwReportLen, uint32_t dwFlags);
+
+/* Discovery of HSMs on the local network: one callback per answer (its address), then the
+ * final call. dwServiceType 1 ip, 2 aap, 3 all. */
+QLAPI_EXPORT int QFindHSM(uint32_t dwServiceType, uint32_t dwTimeoutMs,
+                          PQL_LIST_CALLBACK pfnCallback, void *pvParam);
+
+/* Directory-service binding of the HSM. */
+QLAPI_EXPORT int QDSBindHSM(HSESSIONCTX hSession, const char *szServiceUrl, const char *szUser,
+                            const char *szPassword, uint32_t dwFlags);
+QLAPI_EXPORT int QDSUnbindHSM(HSESSIONCTX hSession, uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Audit log
+ */
+/* Reads the log page by page: Init, then Cont until it answers QL_ERR_OBJ_NOT_FOUND (no more
+ * pages), then End. dwFlags 1 reads backwards from the newest page. A page is a sequence of
+ * lines; a page whose first byte is 'Z' is a deflate stream of such lines after that byte. */
+QLAPI_EXPORT int QGetHSMLogInit(HSESSIONCTX hSession, uint32_t dwFlags, HLOGCTX *phLog);
+QLAPI_EXPORT int QGetHSMLogCont(HLOGCTX hLog, unsigned char *pbPage, uint32_t *pdwPageLen);
+QLAPI_EXPORT int QGetHSMLogEnd(HLOGCTX *phLog);
+/* Follows the log: one callback per new line until the callback returns non-zero. */
+typedef int (*PQL_LOG_EVENT_CALLBACK)(void *pvParam, const char *szLine, uint32_t dwLineLen);
+QLAPI_EXPORT int QGetLogEvents(HSESSIONCTX hSession, PQL_LOG_EVENT_CALLBACK pfnCallback,
+                               void *pvParam);
+/* Turns one raw log line into readable text. */
+QLAPI_EXPORT int QLogLineFormat(const char *szRawLine, uint32_t dwRawLen, char *szOut,
+                                uint32_t *pdwOutLen);
+/* Empties the audit log. Right ACL_SYS_OPERATOR. */
+QLAPI_EXPORT int QTruncateLog(HSESSIONCTX hSession, uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Random
+ */
+/* dwDataLen random bytes from the HSM's generator into pbData. */
+QLAPI_EXPORT int QGetRandom(HSESSIONCTX hSession, unsigned char *pbData, uint32_t dwDataLen);
+
+/* ===========================================================================================
+ * Users
+ */
+/* Creates the user pUser describes (name, password, mask). Right ACL_USR_CREATE or
+ * ACL_SYS_OPERATOR; the new mask may hold only bits its creator holds, unless the creator is an
+ * operator. QL_ERR_USER_EXISTS, QL_ERR_USER_NAME_TOO_LONG. */
+QLAPI_EXPORT int QCreateUser(HSESSIONCTX hSession, const QL_USER_INFO *pUser);
+/* Removes a user and the objects it owns. */
+QLAPI_EXPORT int QRemoveUser(HSESSIONCTX hSession, const char *szUserName);
+QLAPI_EXPORT int QListUsers(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
+                            void *pvParam);
+/* The access mask of a user (one's own needs no right; another's ACL_USR_LIST or
+ * ACL_SYS_OPERATOR). */
+QLAPI_EXPORT int QGetUserAcl(HSESSIONCTX hSession, const char *szUserName, uint32_t *pdwAcl);
+
+/* User parameters of QSetUserParam / QGetUserParam. */
+#define QL_UP_PASSWORD 1        /* set: the caller's own new password, as text */
+#define QL_UP_ACL 2             /* QL_USER_INFO: set: szUserId, dwAcl; get: szUserId in, dwAcl out */
+#define QL_UP_BLOCK 3           /* set: QL_USER_INFO, szUserId */
+#define QL_UP_UNBLOCK 4         /* set: QL_USER_INFO, szUserId */
+#define QL_UP_USER_PASSWORD 5   /* set: QL_USER_INFO, szUserId and szPassword */
+#define QL_UP_OBJ_COUNT 6       /* get: uint32, the caller's number of objects */
+#define QL_UP_BLOCKED 7         /* get: QL_USER_INFO in (szUserId), uint32 at dwAcl: 1 blocked */
+#define QL_UP_X509_ASSIGN 8     /* set: the caller's certificate for strong authentication */
+#define QL_UP_X509_UNASSIGN 9
+QLAPI_EXPORT int QSetUserParam(HSESSIONCTX hSession, uint32_t dwParam, const void *pvData,
+                               uint32_t dwDataLen);
+QLAPI_EXPORT int QGetUserParam(HSESSIONCTX hSession, uint32_t dwParam, void *pvData,
+                               uint32_t *pdwDataLen);
+
+/* ===========================================================================================
+ * Access tokens and one-time-password tokens
+ */
+#define QL_ATOKEN_ISSUE 1  /* *pToken out: a new token of the session's user */
+#define QL_ATOKEN_REVOKE 2 /* *pToken in */
+#define QL_ATOKEN_LIST 3   /* callback per token of the session's user (all with operator) */
+typedef struct QL_ATOKEN_INFO_ {
+  char szUserName[17];
+  unsigned char pbKeyId[8]; /* the first 8 bytes of SHA-256 over the token's key */
+  uint64_t qwIssued;        /* seconds since 1970 */
+  uint64_t qwExpiration;    /* seconds since 1970; 0 never */
+} QL_ATOKEN_INFO;
+/* Called once per token, then once with null. Non-zero stops the list. */
+typedef int (*PQL_ATOKEN_CALLBACK)(void *pvParam, const QL_ATOKEN_INFO *pInfo);
+/* qwExpiration: for QL_ATOKEN_ISSUE, the token's end (seconds since 1970; 0 never). */
+QLAPI_EXPORT int QManageAToken(HSESSIONCTX hSession, uint32_t dwOperation, QL_A_TOKEN *pToken,
+                               uint64_t qwExpiration, PQL_ATOKEN_CALLBACK pfnCallback,
+                               void *pvParam);
+#define QL_ATOKEN_CACHE_COUNT 1 /* *pqwValue out: tokens held by the HSM */
+#define QL_ATOKEN_CACHE_GC 2    /* *pqwValue out: expired tokens removed */
+QLAPI_EXPORT int QManageATokenCache(HSESSIONCTX hSession, uint32_t dwOperation,
+                                    uint64_t *pqwValue);
+
+/* OATH: dwType 2 event (HOTP), 3 time (TOTP). */
+QLAPI_EXPORT int QAssignToken(HSESSIONCTX hSession, const char *szUserName, uint32_t dwType,
+                              const unsigned char *pbSeed, uint32_t dwSeedLen,
+                              uint32_t dwTimeStep, uint64_t qwT0, uint32_t dwFlags);
+QLAPI_EXPORT int QUnassignToken(HSESSIONCTX hSession, const char *szUserName);
+QLAPI_EXPORT int QOATHResync(HSESSIONCTX hSession, const char *szUserName, const char *szOtp1,
+                             const char *szOtp2);
+QLAPI_EXPORT int QOATHCheckHOTP(HSESSIONCTX hSession, const char *szMasterKey,
+                                const unsigned char *pbBlob, uint32_t dwBlobLen,
+                                const char *szOtp, unsigned char *pbNewBlob,
+                                uint32_t *pdwNewBlobLen, uint32_t dwFlags);
+QLAPI_EXPORT int QOATHGetBlobInfo(HSESSIONCTX hSession, const char *szMasterKey,
+                                  const unsigned char *pbBlob, uint32_t dwBlobLen,
+                                  uint32_t dwInfoType, unsigned char *pbOut,
+                                  uint32_t *pdwOutLen);
+/* One-time password computed locally from a seed: event counter or time (seconds since 1970),
+ * dwDigits 6 to 8; szOtp holds dwDigits + 1 bytes. */
+QLAPI_EXPORT int QGenerateHOTPOffline(const unsigned char *pbSeed, uint32_t dwSeedLen,
+                                      uint32_t dwType, uint64_t qwMovingFactor,
+                                      uint32_t dwTimeStep, uint64_t qwT0, uint32_t dwDigits,
+                                      char *szOtp);
+
+/* ===========================================================================================
+ * Objects and files
+ */
+QLAPI_EXPORT int QListObjs(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback, void *pvParam);
+QLAPI_EXPORT int QRemoveObj(HSESSIONCTX hSession, const char *szObjName);
+QLAPI_EXPORT int QRenameObj(HSESSIONCTX hSession, const char *szObjName, const char *szNewName);
+
+/* Object information as the HSM keeps it. */
+typedef struct QL_OBJ_INFO_ {
+  char szName[QL_MAX_OBJ_NAME + 1];
+  char szOwner[QL_MAX_USER_NAME + 1];
+  uint32_t dwType;   /* QL_OBJ_* or, for a key, its QL_ALG_* */
+  uint32_t dwFlags;  /* QL_KEY_* */
+  uint32_t dwBlocked;
+  QL_OBJ_STATS stStats;
+} QL_OBJ_INFO;
+QLAPI_EXPORT int QGetObjInfo(HSESSIONCTX hSession, const char *szObjName, QL_OBJ_INFO *pInfo);
+
+/* Reads a file object: the callback gets each chunk in order (at most 64 KiB each), then a
+ * final call with null and 0. Non-zero stops the read (QL_ERR_CANCELLED). */
+typedef int (*PQL_READ_CALLBACK)(void *pvParam, const unsigned char *pbChunk,
+                                 uint32_t dwChunkLen);
+QLAPI_EXPORT int QReadFile(HSESSIONCTX hSession, const char *szObjName,
+                           PQL_READ_CALLBACK pfnCallback, void *pvParam);
+/* Writes the local file szLocalPath into the file object szObjName. dwFlags 1 replaces an
+ * existing object (right ACL_OBJ_UPDATE); without it a taken name answers QL_ERR_OBJ_EXISTS. */
+#define QL_WRITE_FILE_REPLACE 1
+QLAPI_EXPORT int QWriteFile(HSESSIONCTX hSession, const char *szLocalPath, const char *szObjName,
+                            uint32_t dwFlags);
+QLAPI_EXPORT int QWriteFileBuffer(HSESSIONCTX hSession, const char *szObjName,
+                                  const unsigned char *pbData, uint32_t dwDataLen,
+                                  uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Backup and update packages
+ */
+/* Writes a backup of the HSM's store to the local file szFile, encrypted under a key derived
+ * from szPin (at least 8 characters). Right ACL_SYS_BACKUP or ACL_SYS_OPERATOR. */
+QLAPI_EXPORT int QBackupData(HSESSIONCTX hSession, const char *szFile, const char *szPin,
+                             uint32_t dwFlags);
+/* Pushes an update package. The HSM applies nothing whose signature does not verify with a key
+ * it trusts: QL_ERR_UPACK_REFUSED. Right ACL_SYS_UDATE_HSM or ACL_SYS_OPERATOR. */
+QLAPI_EXPORT int QUPackPush(HSESSIONCTX hSession, const unsigned char *pbPackage,
+                            uint32_t dwPackageLen, uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Keys
+ */
+/* Generates a key of dwAlgId (QL_ALG_*). szKeyName null or "" makes an unnamed session key;
+ * otherwise the key is stored under that name (QL_ERR_OBJ_EXISTS when taken) unless
+ * QL_KEY_TEMPORARY is set, which keeps it in the session under that name. phKey may be null
+ * when no handle is wanted (the key is then stored, or forgotten if temporary). */
+QLAPI_EXPORT int QGenerateKey(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwAlgId,
+                              uint32_t dwFlags, HKEYCTX *phKey);
+
+/* Opens an object by name. dwFlags 0 asks the HSM (right, then existence): 0 means the object
+ * exists. QL_GETKEY_OFFLINE builds the handle from the full name "owner/object" without a round
+ * trip; a refusal then shows at the handle's first use. */
+QLAPI_EXPORT int QGetUserKey(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwFlags,
+                             HKEYCTX *phKey);
+
+/* Releases *phKey and clears it; with QL_DESTROY_REMOVE the object is removed from the HSM
+ * too (right ACL_OBJ_DEL). A temporary key ends with its handle. */
+QLAPI_EXPORT int QDestroyKey(HKEYCTX *phKey, uint32_t dwFlags);
+
+QLAPI_EXPORT int QGetKeyParam(HKEYCTX hKey, uint32_t dwParam, void *pvData, uint32_t *pdwDataLen,
+                              uint32_t dwFlags);
+/* QKP_BLOCKED needs ACL_OBJ_UPDATE and changes the stored object; QKP_MODE, QKP_PADDING,
+ * QKP_IV, QKP_AAD and QKP_TAG_LEN change only this handle. */
+QLAPI_EXPORT int QSetKeyParam(HKEYCTX hKey, uint32_t dwParam, const void *pvData,
+                              uint32_t dwDataLen, uint32_t dwFlags);
+
+/* Exports hKey as dwBlobType (QL_*_BLOB), under hKek when the type needs one (null otherwise).
+ * A key without QL_KEY_EXPORTABLE exports only its public part. */
+QLAPI_EXPORT int QExportKey(HKEYCTX hKey, HKEYCTX hKek, uint32_t dwBlobType, uint32_t dwFlags,
+                            unsigned char *pbBlob, uint32_t *pdwBlobLen);
+/* Imports a blob as szKeyName (null: an unnamed session key) of algorithm dwAlgId; with
+ * QL_ALG_PUBLIC_KEY_BIT in dwAlgId a public-key blob makes a public-key object. */
+QLAPI_EXPORT int QImportKey(HSESSIONCTX hSession, const char *szKeyName, HKEYCTX hKek,
+                            const unsigned char *pbBlob, uint32_t dwBlobLen, uint32_t dwBlobType,
+                            uint32_t dwAlgId, uint32_t dwFlags, HKEYCTX *phKey);
+
+/* Key material made by the HSM and handed out without being stored: a symmetric key's secret,
+ * or an asymmetric key's PKCS#8 (DER). */
+QLAPI_EXPORT int QGenerateKeyMaterial(HSESSIONCTX hSession, uint32_t dwAlgId, uint32_t dwFlags,
+                                      unsigned char *pbData, uint32_t *pdwDataLen);
+
+/* ECDH between the private key szPrivKeyName and a peer public key (SubjectPublicKeyInfo DER).
+ * dwKdf QL_GEN_KEY_KDF_RAW_SECRET hands the shared secret out in pbOut; QL_GEN_KEY_X9_63_SHA256
+ * derives dwOutLen bytes (ANSI X9.63 with SHA-256 and the optional shared info) and, when
+ * szTargetName is given, stores them as a key of dwTargetAlgId with dwFlags instead. */
+QLAPI_EXPORT int QGenEcdhKey(HSESSIONCTX hSession, uint32_t dwKdf, const char *szPrivKeyName,
+                             const unsigned char *pbPeerPub, uint32_t dwPeerPubLen,
+                             const unsigned char *pbSharedInfo, uint32_t dwSharedInfoLen,
+                             const char *szTargetName, uint32_t dwTargetAlgId, uint32_t dwFlags,
+                             unsigned char *pbOut, uint32_t *pdwOutLen);
+
+/* PKCS#8: export szKeyName encrypted under szPassword (PBES2, AES-256-CBC, PBKDF2-SHA256; an
+ * empty or null password exports it in the clear), in a buffer from QAlloc; import the same. */
+QLAPI_EXPORT int QPKCS8ExportKey(HSESSIONCTX hSession, const char *szKeyName,
+                                 const char *szPassword, unsigned char **ppbData,
+                                 uint32_t *pdwDataLen);
+QLAPI_EXPORT int QPKCS8ImportKey(HSESSIONCTX hSession, const char *szKeyName,
+                                 const char *szPassword, const unsigned char *pbData,
+                                 uint32_t dwDataLen, uint32_t dwFlags);
+
+/* Bring-your-own-key export of szKeyName for a cloud provider, under szKekName. */
+QLAPI_EXPORT int QByokExport(HSESSIONCTX hSession, const char *szKeyName, const char *szKekName,
+                             uint32_t dwType, const unsigned char *pbData, uint32_t dwDataLen,
+                             unsigned char **ppbOut, uint32_t *pdwOutLen);
+
+/* ===========================================================================================
+ * Hashes and MACs
+ */
+/* A hash of dwAlgId. MD5, SHA-1, SHA-2 and SHA-3 run in the library; HMAC and CMAC need hKey
+ * (a key in the HSM) and run there; QL_ALG_IDFUNC collects the message for EdDSA. */
+QLAPI_EXPORT int QCreateHash(HSESSIONCTX hSession, uint32_t dwAlgId, HKEYCTX hKey,
+                             uint32_t dwFlags, HHASHCTX *phHash);
+/* Adds data. After QSetHashParam(QHP_HASHVAL), QHashData starts a new message: the value set is
+ * dropped and the data hashed from the start. */
+QLAPI_EXPORT int QHashData(HHASHCTX hHash, const unsigned char *pbData, uint32_t dwDataLen,
+                           uint32_t dwFlags);
+/* QHP_HASHVAL: the value (the hash stays usable: reading, signing and verifying never consume
+ * it, and QHashData after it goes on adding to the same message). */
+QLAPI_EXPORT int QGetHashParam(HHASHCTX hHash, uint32_t dwParam, unsigned char *pbData,
+                               uint32_t *pdwDataLen, uint32_t dwFlags);
+/* QHP_HASHVAL: sets a value computed elsewhere (its length must be the algorithm's). */
+QLAPI_EXPORT int QSetHashParam(HHASHCTX hHash, uint32_t dwParam, const unsigned char *pbData,
+                               uint32_t dwDataLen, uint32_t dwFlags);
+QLAPI_EXPORT int QDestroyHash(HHASHCTX *phHash);
+
+/* ===========================================================================================
+ * Signatures
+ */
+/* Signs the hash's value with hKey: RSA PKCS#1 v1.5 (DigestInfo with the hash's OID; the legacy
+ * form, which QL_SIGN_DISABLE_LEGACY refuses, is MD5 and SHA-1 digests and a bare digest with no
+ * DigestInfo), ECDSA (DER), EdDSA (QL_ALG_IDFUNC: the message). Size query as usual. */
+QLAPI_EXPORT int QSignHash(HHASHCTX hHash, HKEYCTX hKey, uint32_t dwFlags,
+                           unsigned char *pbSignature, uint32_t *pdwSignatureLen);
+/* Signs a digest computed elsewhere with the key szKeyName: dwHashAlgId its algorithm,
+ * dwPadding QL_PAD_NONE (PKCS#1 v1.5 for RSA) or QL_PAD_RSA_NONE (the digest is already a
+ * padded block of the key's length). */
+QLAPI_EXPORT int QSignHashedData(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwPadding,
+                                 const unsigned char *pbHash, uint32_t dwHashLen,
+                                 uint32_t dwHashAlgId, unsigned char *pbSignature,
+                                 uint32_t *pdwSignatureLen, uint32_t dwFlags);
+/* 0 when the signature verifies against the hash's value; QL_ERR_BAD_SIGNATURE otherwise. */
+QLAPI_EXPORT int QVerifySignature(HHASHCTX hHash, const unsigned char *pbSignature,
+                                  uint32_t dwSignatureLen, HKEYCTX hKey);
+/* pbBatch: a 58-byte header (ignored) and dwCount blocks of the key's length, each already
+ * padded; each is signed with raw RSA in place, in one request. */
+#define QL_BATCH_HEADER_LEN 58
+QLAPI_EXPORT int QBatchSign(HKEYCTX hKey, unsigned char *pbBatch, uint32_t dwCount,
+                            uint32_t dwFlags);
+/* Builds in pbOut (dwKeyLen bytes) the PKCS#1 type-1 block over the digest pbHash
+ * (*pdwHashLen bytes) with the DigestInfo of dwDigestId (QL_DIGEST_ID_*; NONE: the bare digest).
+ * Runs locally (hSession may be null). Answers NON-ZERO ON SUCCESS, with *pdwHashLen set to
+ * dwKeyLen, and 0 on failure (the digest does not fit, a bad type or argument). */
+QLAPI_EXPORT int QDoRSAPadding(HSESSIONCTX hSession, uint32_t dwType, unsigned char *pbOut,
+                               const unsigned char *pbHash, uint32_t *pdwHashLen,
+                               uint32_t dwKeyLen, uint32_t dwDigestId);
+
+/* ===========================================================================================
+ * Ciphers
+ */
+/* Encrypts *pdwDataLen bytes of pbData in place (buffer size dwBufLen); on return *pdwDataLen is
+ * the output length. A message may go in pieces, bFinal set on the last; the chaining state
+ * lives in hKey and starts afresh after the final piece. GCM appends its tag to the final
+ * piece's output. KW/KWP take the whole message with bFinal set (QL_ERR_PIECES_REFUSED
+ * otherwise). hHash: must be null. */
+QLAPI_EXPORT int QEncrypt(HKEYCTX hKey, HHASHCTX hHash, int bFinal, uint32_t dwFlags,
+                          unsigned char *pbData, uint32_t *pdwDataLen, uint32_t dwBufLen);
+/* Decrypts in place. A piece's output never exceeds its input: non-final pieces of block modes
+ * must be whole blocks (QL_ERR_BAD_LENGTH otherwise), and the padding is removed from the
+ * final piece. GCM: the final piece ends with the tag (QL_ERR_BAD_TAG when it fails). */
+QLAPI_EXPORT int QDecrypt(HKEYCTX hKey, HHASHCTX hHash, int bFinal, uint32_t dwFlags,
+                          unsigned char *pbData, uint32_t *pdwDataLen);
+
+/* ===========================================================================================
+ * PKI: certificates, PKCS#7, PKCS#10, PKCS#12, XML signatures
+ */
+typedef struct QL_CERT_INFO_ {
+  char szSubject[512];
+  char szIssuer[512];
+  char szSerial[128];    /* hexadecimal */
+  uint64_t qwNotBefore;  /* seconds since 1970 */
+  uint64_t qwNotAfter;
+  uint32_t dwKeyAlgId;   /* QL_ALG_* of the public key */
+} QL_CERT_INFO;
+QLAPI_EXPORT int QCert2CertInfo(const unsigned char *pbCert, uint32_t dwCertLen,
+                                QL_CERT_INFO *pInfo);
+/* DER to PEM or back: dwOutForm 1 DER, 2 PEM; the result in a buffer from QAlloc. */
+QLAPI_EXPORT int QCertEncodingConvert(const unsigned char *pbIn, uint32_t dwInLen,
+                                      uint32_t dwOutForm, unsigned char **ppbOut,
+                                      uint32_t *pdwOutLen);
+QLAPI_EXPORT int QGeneratePKCS10CSR(HSESSIONCTX hSession, const char *szKeyName,
+                                    const char *szSubjectDn, uint32_t dwVersion,
+                                    uint32_t dwOutForm, uint32_t dwHashAlgId,
+                                    unsigned char **ppbCsr, uint32_t *pdwCsrLen,
+                                    uint32_t dwFlags);
+QLAPI_EXPORT int QImportPKCS12(HSESSIONCTX hSession, const char *szPkcs12File,
+                               const char *szPassword, const char *szKeyName,
+                               const char *szCertName, uint32_t dwFlags);
+QLAPI_EXPORT int QImportPKCS12Buffer(HSESSIONCTX hSession, const unsigned char *pbPkcs12,
+                                     uint32_t dwPkcs12Len, const char *szPassword,
+                                     const char *szKeyName, const char *szCertName,
+                                     uint32_t dwFlags);
+QLAPI_EXPORT int QExportPKCS12(HSESSIONCTX hSession, const char *szPassword,
+                               const char *szKeyName, const char *szCertName,
+                               unsigned char **ppbPkcs12, uint32_t *pdwPkcs12Len,
+                               uint32_t dwFlags);
+QLAPI_EXPORT int QAssociatePKCS11Key(HSESSIONCTX hSession, const char *szKeyName,
+                                     const char *szCertName, uint32_t dwFlags);
+/* PKCS#7 / CMS signature of pbData; dwAttributes the QL_P7_* bits. */
+QLAPI_EXPORT int QPKCS7Sign(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                            const char *szChainName, uint32_t dwAttributes,
+                            const unsigned char *pbData, uint32_t dwDataLen,
+                            unsigned char **ppbSigned, uint32_t *pdwSignedLen, uint32_t dwFlags);
+QLAPI_EXPORT int QSignXml(HSESSIONCTX hSession, uint32_t dwHashAlgId, const char *szKeyName,
+                          const char *szCertName, const char *szFilter,
+                          const unsigned char *pbXml, uint32_t dwXmlLen,
+                          unsigned char **ppbSigned, uint32_t *pdwSignedLen, uint32_t dwFlags);
+QLAPI_EXPORT int QVerifySignedXmlEx(HSESSIONCTX hSession, const char *szChainName,
+                                    const char *szCrlName, const char *szFilter,
+                                    const unsigned char *pbXml, uint32_t dwXmlLen,
+                                    uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Payment: CVV, PIN, DUKPT, TR-31
+ */
+/* szCvv receives 3 digits and a NUL. */
+QLAPI_EXPORT int QGenerateCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
+                              const char *szServiceCode, char *szCvv, uint32_t dwFlags);
+QLAPI_EXPORT int QVerifyCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
+                            const char *szServiceCode, const char *szCvv, uint32_t dwFlags);
+QLAPI_EXPORT int QGeneratePIN(HKEYCTX hPinKey, const char *szPan, uint32_t dwPinLen,
+                              char *szPin, uint32_t *pdwPinLen, uint32_t dwFlags);
+QLAPI_EXPORT int QVerifyPINBlock(HKEYCTX hPtk, HKEYCTX hPgk, uint32_t dwFormat,
+                                 const char *szPan, const unsigned char *pbPinBlock,
+                                 uint32_t dwPinBlockLen, uint32_t dwFlags);
+QLAPI_EXPORT int QPINBlockTranslate(HSESSIONCTX hSession, const char *szSrcPek,
+                                    const char *szDstPek, uint32_t dwFormat, const char *szPan,
+                                    const unsigned char *pbIn, uint32_t dwInLen,
+                                    unsigned char *pbOut, uint32_t *pdwOutLen,
+                                    uint32_t dwFlags);
+QLAPI_EXPORT int QGenerateBDKName(HSESSIONCTX hSession, const unsigned char *pbKsi,
+                                  uint32_t dwKsiLen, char *szBdkName, uint32_t *pdwNameLen);
+QLAPI_EXPORT int QGenerateDUKPT(HSESSIONCTX hSession, const char *szBdkName,
+                                const unsigned char *pbKsn, uint32_t dwKsnLen,
+                                const char *szKeyName, uint32_t dwFlags);
+QLAPI_EXPORT int QEFTExportTR31(HSESSIONCTX hSession, const char *szKbpkName,
+                                const char *szKeyName, uint32_t dwUsage, uint32_t dwMode,
+                                uint32_t dwExportability, char *szKeyBlock,
+                                uint32_t *pdwKeyBlockLen, uint32_t dwFlags);
+QLAPI_EXPORT int QEFTImportTR31(HSESSIONCTX hSession, const char *szKbpkName,
+                                const char *szKeyName, const char *szKeyBlock,
+                                uint32_t dwKeyBlockLen, uint32_t dwFlags);
+
+/* ===========================================================================================
+ * SPB messages
+ */
+QLAPI_EXPORT int QSPBEncodeInit(HSESSIONCTX hSession, const char *szSrcIspb,
+                                const char *szDstIspb, uint32_t dwMessageLen,
+                                unsigned char bC3, unsigned char bC4, HSPBMSGCTX *phMsg,
+                                uint32_t dwFlags);
+QLAPI_EXPORT int QSPBEncodeCont(HSPBMSGCTX hMsg, const unsigned char *pbIn, uint32_t dwInLen,
+                                unsigned char *pbOut, uint32_t *pdwOutLen);
+/* Writes the 588-byte security header; releases and clears *phMsg. */
+#define QL_SPB_HEADER_LEN 588
+QLAPI_EXPORT int QSPBEncodeEnd(HSPBMSGCTX *phMsg, unsigned char *pbOut, uint32_t *pdwOutLen);
+QLAPI_EXPORT int QSPBDecodeInit(HSESSIONCTX hSession, const char *szSrcIspb,
+                                const char *szDstIspb, const unsigned char *pbHeader,
+                                uint32_t dwHeaderLen, uint32_t dwMessageLen,
+                                unsigned char bAcceptExpired, unsigned char bAutoUpdateCert,
+                                HSPBMSGCTX *phMsg, uint32_t dwFlags);
+QLAPI_EXPORT int QSPBDecodeCont(HSPBMSGCTX hMsg, const unsigned char *pbIn, uint32_t dwInLen,
+                                unsigned char *pbOut, uint32_t *pdwOutLen);
+QLAPI_EXPORT int QSPBDecodeEnd(HSPBMSGCTX *phMsg);
+QLAPI_EXPORT int QSPBGenerateKey(HSESSIONCTX hSession, const char *szIspb, char *szKeyName,
+                                 uint32_t *pdwKeyNameLen, uint32_t dwFlags);
+QLAPI_EXPORT int QSPBGenerateCSR(HSESSIONCTX hSession, const char *szIspb, const char *szKeyName,
+                                 const char *szSubjectDn, unsigned char **ppbCsr,
+                                 uint32_t *pdwCsrLen, uint32_t dwFlags);
+QLAPI_EXPORT int QSPBImportCertificate(HSESSIONCTX hSession, const unsigned char *pbCert,
+                                       uint32_t dwCertLen, uint32_t dwFlags);
+QLAPI_EXPORT int QSPBImportPKCS12(HSESSIONCTX hSession, const char *szPkcs12File,
+                                  const char *szPassword, const char *szIspb, uint32_t dwFlags);
+QLAPI_EXPORT int QSPBActivateCertificate(HSESSIONCTX hSession, const char *szIspb,
+                                         const char *szDomain, const char *szSerial,
+                                         uint32_t dwFlags);
+
+/* ===========================================================================================
+ * PIX
+ */
+QLAPI_EXPORT int QPIXSign(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                          const unsigned char *pbXml, uint32_t dwXmlLen, unsigned char **ppbOut,
+                          uint32_t *pdwOutLen, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXVerify(HSESSIONCTX hSession, const char *szChainName, const char *szCrlName,
+                            const unsigned char *pbXml, uint32_t dwXmlLen, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXDictSign(HSESSIONCTX hSession, const char *szKeyName,
+                              const char *szCertName, const unsigned char *pbXml,
+                              uint32_t dwXmlLen, unsigned char **ppbOut, uint32_t *pdwOutLen,
+                              uint32_t dwFlags);
+QLAPI_EXPORT int QPIXDictVerify(HSESSIONCTX hSession, const char *szChainName,
+                                const char *szCrlName, const unsigned char *pbXml,
+                                uint32_t dwXmlLen, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXJWSSign(HSESSIONCTX hSession, const char *szKeyName, const char *szHeader,
+                             const unsigned char *pbPayload, uint32_t dwPayloadLen,
+                             char **ppszJws, uint32_t *pdwJwsLen, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXJWSCheck(HSESSIONCTX hSession, const char *szChainName,
+                              const char *szCrlName, const char *szJws, uint32_t dwJwsLen,
+                              uint32_t dwFlags);
+/* One HTTPS request to the PIX service through the HSM, signed with its key and certificate.
+ * The answer body in a buffer from QAlloc and the HTTP status in *pdwHttpStatus. */
+QLAPI_EXPORT int QPIXPost(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                          const char *szChainName, const char *szUrl, const char *szHeaders,
+                          const unsigned char *pbBody, uint32_t dwBodyLen, uint32_t dwTimeoutMs,
+                          unsigned char **ppbAnswer, uint32_t *pdwAnswerLen,
+                          uint32_t *pdwHttpStatus, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXGet(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                         const char *szChainName, const char *szUrl, const char *szHeaders,
+                         uint32_t dwTimeoutMs, unsigned char **ppbAnswer,
+                         uint32_t *pdwAnswerLen, uint32_t *pdwHttpStatus, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXPut(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                         const char *szChainName, const char *szUrl, const char *szHeaders,
+                         const unsigned char *pbBody, uint32_t dwBodyLen, uint32_t dwTimeoutMs,
+                         unsigned char **ppbAnswer, uint32_t *pdwAnswerLen,
+                         uint32_t *pdwHttpStatus, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXDelete(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                            const char *szChainName, const char *szUrl, const char *szHeaders,
+                            uint32_t dwTimeoutMs, unsigned char **ppbAnswer,
+                            uint32_t *pdwAnswerLen, uint32_t *pdwHttpStatus, uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Tokenisation vault
+ */
+typedef struct QL_SVAULT_TOKEN_INFO_ {
+  unsigned char bType;           /* 1 token, 2 secret */
+  unsigned char bMaskType;       /* 0 none, 1 cpf, 2 cnpj, 3 pan, 4 iel */
+  unsigned char bChecksum;       /* 0 none, 1 tkr2 */
+  unsigned char bRepresentation; /* 10, 16, 26, 52, 62 */
+} QL_SVAULT_TOKEN_INFO;
+QLAPI_EXPORT int QSVaultGenToken(HSESSIONCTX hSession, const char *szKeyName,
+                                 const QL_SVAULT_TOKEN_INFO *pInfo, const char *szSecret,
+                                 char *szToken, uint32_t *pdwTokenLen, unsigned char *pbBlob,
+                                 uint32_t *pdwBlobLen, uint32_t dwFlags);
+/* dwWhat 1 the secret, 2 the token. */
+QLAPI_EXPORT int QSVaultGetData(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwWhat,
+                                const unsigned char *pbBlob, uint32_t dwBlobLen, char *szOut,
+                                uint32_t *pdwOutLen, uint32_t dwFlags);
+
+/* ===========================================================================================
+ * Blockchain keys
+ */
+typedef struct QL_BCHAIN_KEY_INFO_ {
+  uint32_t dwType;
+  uint32_t dwVersion;
+  uint32_t dwDepth;
+  uint32_t dwIndex;
+  unsigned char pbParentFingerprint[4];
+  unsigned char pbChainCode[32];
+  unsigned char pbPublicKey[65];
+  uint32_t dwPublicKeyLen;
+} QL_BCHAIN_KEY_INFO;
+QLAPI_EXPORT int QBchainCreateXPrv(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                   const unsigned char *pbData, uint32_t dwDataLen,
+                                   uint32_t dwAttributes);
+QLAPI_EXPORT int QBchainCreateBip32Ckd(HSESSIONCTX hSession, const char *szParentName,
+                                       const char *szDstName, uint32_t dwVersion,
+                                       uint32_t dwIndex, uint32_t dwAttributes,
+                                       QL_BCHAIN_KEY_INFO *pInfo);
+QLAPI_EXPORT int QBchainGetAddress(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                   uint32_t dwVersion, const char *szHrp, char *szAddress,
+                                   uint32_t *pdwAddressLen);
+QLAPI_EXPORT int QBchainVerify(HSESSIONCTX hSession, uint32_t dwType, uint32_t dwHashMode,
+                               const unsigned char *pbHash, uint32_t dwHashLen,
+                               const unsigned char *pbSignature, uint32_t dwSignatureLen,
+                               uint32_t dwPubKeyType, const unsigned char *pbPubKey,
+                               uint32_t dwPubKeyLen);
+QLAPI_EXPORT int QBchainRecoverPbkFromSignature(HSESSIONCTX hSession, uint32_t dwType,
+                                                uint32_t dwHashMode, const unsigned char *pbHash,
+                                                uint32_t dwHashLen,
+                                                const unsigned char *pbSignature,
+                                                uint32_t dwSignatureLen, unsigned char *pbPubKey,
+                                                uint32_t *pdwPubKeyLen);
+QLAPI_EXPORT int QBchainSignHash(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                 uint32_t dwHashMode, const unsigned char *pbHash,
+                                 uint32_t dwHashLen, unsigned char *pbSignature,
+                                 uint32_t *pdwSignatureLen);
+QLAPI_EXPORT int QBchainHashData(HSESSIONCTX hSession, uint32_t dwHashMode,
+                                 const unsigned char *pbData, uint32_t dwDataLen,
+                                 unsigned char *pbHash, uint32_t *pdwHashLen);
+QLAPI_EXPORT int QBchainGetKeyInfo(HSESSIONCTX hSession, const char *szKeyName,
+                                   QL_BCHAIN_KEY_INFO *pInfo);
+QLAPI_EXPORT int QBchainGetPubKey(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                  unsigned char *pbPubKey, uint32_t *pdwPubKeyLen);
+QLAPI_EXPORT int QBchainPkExport(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwFormat,
+                                 uint32_t dwVersion, int bCompressed, unsigned char **ppbOut,
+                                 uint32_t *pdwOutLen);
+QLAPI_EXPORT int QBchainPkImport(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwFormat,
+                                 uint32_t dwAttributes, const unsigned char *pbData,
+                                 uint32_t dwDataLen);
+
+/* ===========================================================================================
+ * Secret sharing
+ */
+/* Splits a secret into dwN parts of which any dwM recover it; the parts, each *pdwPartLen bytes,
+ * follow each other in one buffer from QAlloc. */
+QLAPI_EXPORT int QMofNSplit(HSESSIONCTX hSession, uint32_t dwM, uint32_t dwN,
+                            const unsigned char *pbSecret, uint32_t dwSecretLen,
+                            unsigned char **ppbParts, uint32_t *pdwPartLen);
+QLAPI_EXPORT int QMofNRecover(HSESSIONCTX hSession, const unsigned char *pbParts,
+                              uint32_t dwPartCount, uint32_t dwPartLen,
+                              unsigned char **ppbSecret, uint32_t *pdwSecretLen);
+QLAPI_EXPORT int QSKeepNewSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
+                                 uint32_t dwAuthType);
+QLAPI_EXPORT int QSKeepRemoveSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
+                                    uint32_t dwAuthType);
+QLAPI_EXPORT int QSKeepSplitSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
+                                   uint32_t dwAuthType, uint32_t dwM, uint32_t dwN,
+                                   unsigned char **ppbShares, uint32_t *pdwShareLen);
+QLAPI_EXPORT int QSKeepProbeSecret(HSESSIONCTX hSession, const char *szId, uint32_t *pdwResult);
+QLAPI_EXPORT int QSKeepMatchSecret(HSESSIONCTX hSession, const char *szId,
+                                   const unsigned char *pbShares, uint32_t dwShareCount,
+                                   uint32_t dwShareLen);
+QLAPI_EXPORT int QSKeepRecoverSecret(HSESSIONCTX hSession, const char *szId,
+                                     const unsigned char *pbShares, uint32_t dwShareCount,
+                                     uint32_t dwShareLen, uint32_t *pdwResult);
+QLAPI_EXPORT int QSKeepCalcShareCks(const unsigned char *pbShare, uint32_t dwShareLen,
+                                    uint32_t *pdwChecksum);
+
+/* ===========================================================================================
+ * Object metadata and PKCS#11 maps
+ */
+QLAPI_EXPORT int QCreateObjMetadata(HOBJMETACTX *phMeta, uint32_t dwParam);
+QLAPI_EXPORT int QSetObjMetadata(HOBJMETACTX hMeta, uint32_t dwOption, const void *pvData,
+                                 uint32_t dwDataLen, uint32_t dwParam);
+QLAPI_EXPORT int QGetObjMetadata(HOBJMETACTX hMeta, uint32_t dwOption, void *pvData,
+                                 uint32_t *pdwDataLen, uint32_t dwParam);
+QLAPI_EXPORT int QDestroyObjMetadata(HOBJMETACTX *phMeta, uint32_t dwParam);
+/* dwOperation 1 read into hOut, 2 write hIn, 3 update with hIn, 4 remove. */
+QLAPI_EXPORT int QManageObjMetadata(HSESSIONCTX hSession, uint32_t dwOperation,
+                                    const char *szObjName, HOBJMETACTX hIn, HOBJMETACTX hOut,
+                                    uint32_t dwParam);
+QLAPI_EXPORT int QGetObjMetadataTypeInfoList(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
+                                             void *pvParam);
+QLAPI_EXPORT int QGetJsonObjMetadata(HSESSIONCTX hSession, const char *szObjName, uint32_t dwType,
+                                     char **ppszJson, uint32_t *pdwJsonLen);
+QLAPI_EXPORT int QSetJsonObjMetadata(HSESSIONCTX hSession, const char *szObjName,
+                                     const char *szJson, uint32_t dwJsonLen);
+
+typedef struct QL_PKCS11_MAP_ {
+  char szPrivateKey[QL_MAX_OBJ_NAME + 1];
+  char szPublicKey[QL_MAX_OBJ_NAME + 1];
+  char szCertificate[QL_MAX_OBJ_NAME + 1];
+} QL_PKCS11_MAP;
+QLAPI_EXPORT int QGenerateMapObj(HSESSIONCTX hSession, const char *szMapName,
+                                 const QL_PKCS11_MAP *pMap, uint32_t dwFlags);
+QLAPI_EXPORT int QRemoveMapObj(HSESSIONCTX hSession, const char *szMapName);
+QLAPI_EXPORT int QGetPkcs11Map(HSESSIONCTX hSession, const char *szMapName, QL_PKCS11_MAP *pMap);
 
 #ifdef __cplusplus
 }
