@@ -69,6 +69,7 @@ constexpr AlgInfo kKeyAlgorithms[] = {
     {203, "x25519", KeyKind::kMontgomery, 256, "X25519"},
     {204, "x448", KeyKind::kMontgomery, 448, "X448"},
     {alg::kHmacKey, "hmac", KeyKind::kHmac, 256, "HMAC"},
+    {alg::kHmacKey512, "hmac512", KeyKind::kHmac, 512, "HMAC"},
 };
 
 struct HashInfo {
@@ -78,12 +79,12 @@ struct HashInfo {
 };
 
 constexpr HashInfo kHashes[] = {
-    {1, 16, "MD5"},        {2, 20, "SHA1"},       {7, 28, "SHA224"},     {4, 32, "SHA256"},
-    {5, 48, "SHA384"},     {6, 64, "SHA512"},     {8, 28, "SHA3-224"},   {9, 32, "SHA3-256"},
-    {10, 48, "SHA3-384"},  {11, 64, "SHA3-512"},  {92, 16, "MD5"},       {93, 20, "SHA1"},
-    {94, 32, "SHA256"},    {95, 48, "SHA384"},    {96, 64, "SHA512"},    {97, 28, "SHA224"},
-    {98, 28, "SHA3-224"},  {99, 32, "SHA3-256"},  {100, 48, "SHA3-384"}, {101, 64, "SHA3-512"},
-    {250, 16, nullptr},    {251, 8, nullptr},     {255, 0, nullptr},
+    {1, 16, "MD5"},       {2, 20, "SHA1"},      {7, 28, "SHA224"},     {4, 32, "SHA256"},
+    {5, 48, "SHA384"},    {6, 64, "SHA512"},    {8, 28, "SHA3-224"},   {9, 32, "SHA3-256"},
+    {10, 48, "SHA3-384"}, {11, 64, "SHA3-512"}, {92, 16, "MD5"},       {93, 20, "SHA1"},
+    {94, 32, "SHA256"},   {95, 48, "SHA384"},   {96, 64, "SHA512"},    {97, 28, "SHA224"},
+    {98, 28, "SHA3-224"}, {99, 32, "SHA3-256"}, {100, 48, "SHA3-384"}, {101, 64, "SHA3-512"},
+    {250, 16, nullptr},   {251, 8, nullptr},    {255, 0, nullptr},
 };
 
 const HashInfo *FindHash(AlgId id) {
@@ -125,9 +126,13 @@ size_t HashSize(AlgId hash_alg) {
   return h ? h->size : 0;
 }
 
-bool IsHashAlgorithm(AlgId hash_alg) { return FindHash(hash_alg) != nullptr; }
+bool IsHashAlgorithm(AlgId hash_alg) {
+  return FindHash(hash_alg) != nullptr;
+}
 
-bool IsPlainDigest(AlgId hash_alg) { return hash_alg >= 1 && hash_alg <= 11 && hash_alg != 3; }
+bool IsPlainDigest(AlgId hash_alg) {
+  return hash_alg >= 1 && hash_alg <= 11 && hash_alg != 3;
+}
 
 const char *DigestName(AlgId hash_alg) {
   const HashInfo *h = FindHash(hash_alg);

@@ -59,8 +59,10 @@ inline constexpr AlgId kEd448 = 202;
 inline constexpr AlgId kX25519 = 203;
 inline constexpr AlgId kX448 = 204;
 
-// A generic secret for HMAC. qlapi.h names the same value QL_ALG_HMAC_KEY.
-inline constexpr AlgId kHmacKey = 260;
+// Generic secrets for HMAC (QL_ALG_HMAC_KEY, QL_ALG_HMAC_KEY_512): 32 and 64 bytes when made here,
+// any length from 1 to 1024 bytes when imported. They serve HMAC only.
+inline constexpr AlgId kHmacKey = 170;
+inline constexpr AlgId kHmacKey512 = 171;
 
 // Set by the client on an algorithm to ask for a public-key object on import.
 inline constexpr AlgId kPublicKeyObjectBit = 0x80000000u;
@@ -113,6 +115,7 @@ inline constexpr uint32_t kPkcs5 = 1;
 inline constexpr uint32_t kZero = 2;
 inline constexpr uint32_t kRsaNoPadding = 3;
 inline constexpr uint32_t kForceActualRsa = 4;
+inline constexpr uint32_t kRsaOaep = 5;  // OAEP with SHA-1
 }  // namespace padding
 
 // Export and import blob types; formats in blob.h.
@@ -145,8 +148,8 @@ inline constexpr uint32_t kRsaExponent3 = 2048;
 }
 
 enum class KeyKind {
-  kSymmetric,   // a block or stream cipher key
-  kHmac,        // a generic secret for HMAC
+  kSymmetric,  // a block or stream cipher key
+  kHmac,       // a generic secret for HMAC
   kRsa,
   kEc,          // ECDSA / ECDH on a named curve
   kEdwards,     // Ed25519, Ed448
@@ -156,7 +159,7 @@ enum class KeyKind {
 // What the library knows about one key algorithm.
 struct AlgInfo {
   AlgId id;
-  const char *name;       // the table's word (rsa2048, ecc_secp256r1, aes128, ...)
+  const char *name;  // the table's word (rsa2048, ecc_secp256r1, aes128, ...)
   KeyKind kind;
   unsigned bits;          // RSA modulus bits; symmetric key length in bits; curve size
   const char *ossl_name;  // RSA: "RSA"; EC: the group name; Edwards/Montgomery: the key type;

@@ -5,24 +5,36 @@
 namespace qlhsm::crypto {
 namespace {
 
-bool IsHmac(AlgId alg) { return alg >= hash::kHmacMd5 && alg <= hash::kHmacSha3_512; }
-bool IsCmac(AlgId alg) { return alg == hash::kCmacAes || alg == hash::kCmacDes; }
+bool IsHmac(AlgId alg) {
+  return alg >= hash::kHmacMd5 && alg <= hash::kHmacSha3_512;
+}
+bool IsCmac(AlgId alg) {
+  return alg == hash::kCmacAes || alg == hash::kCmacDes;
+}
 
 // The CBC cipher a CMAC runs over, or null when the key does not suit the CMAC.
 const char *CmacCipher(AlgId alg, const Key &key) {
   if (alg == hash::kCmacAes) {
     switch (key.algorithm()) {
-      case alg::kAes128: return "AES-128-CBC";
-      case alg::kAes192: return "AES-192-CBC";
-      case alg::kAes256: return "AES-256-CBC";
-      default: return nullptr;
+      case alg::kAes128:
+        return "AES-128-CBC";
+      case alg::kAes192:
+        return "AES-192-CBC";
+      case alg::kAes256:
+        return "AES-256-CBC";
+      default:
+        return nullptr;
     }
   }
   switch (key.algorithm()) {
-    case alg::kDes: return "DES-CBC";
-    case alg::k3Des112: return "DES-EDE-CBC";
-    case alg::k3Des168: return "DES-EDE3-CBC";
-    default: return nullptr;
+    case alg::kDes:
+      return "DES-CBC";
+    case alg::k3Des112:
+      return "DES-EDE-CBC";
+    case alg::k3Des168:
+      return "DES-EDE3-CBC";
+    default:
+      return nullptr;
   }
 }
 
@@ -112,7 +124,7 @@ Result<Bytes> HashState::Value() const {
 
 Status HashState::SetValue(ByteView value) {
   if (alg_ != hash::kIdFunc && value.size() != HashSize(alg_)) {
-    return Status(Code::kBadArgument, "hash value length");
+    return Status(Code::kBadLength, "hash value length");
   }
   set_value_ = Bytes(value.begin(), value.end());
   return {};

@@ -16,7 +16,9 @@ constexpr uint8_t kFormSecret = 1;
 constexpr uint8_t kFormPkcs8 = 2;
 constexpr uint8_t kFormSpki = 3;
 
-bool NeedsLegacy(AlgId alg) { return alg == alg::kDes || alg == alg::kDesX || alg == alg::kArc4; }
+bool NeedsLegacy(AlgId alg) {
+  return alg == alg::kDes || alg == alg::kDesX || alg == alg::kArc4;
+}
 bool IsDesFamily(AlgId alg) {
   return alg == alg::kDes || alg == alg::k3Des112 || alg == alg::k3Des168 || alg == alg::kDesX;
 }
@@ -75,7 +77,7 @@ Result<ossl::PkeyPtr> GenerateNamed(const char *type, const char *group) {
 bool SecretLengthOk(AlgId alg, size_t n) {
   const AlgInfo *info = FindKeyAlgorithm(alg);
   if (alg == alg::kArc4) return n >= 1 && n <= 256;
-  if (alg == alg::kHmacKey) return n >= 1 && n <= 1024;
+  if (info->kind == KeyKind::kHmac) return n >= 1 && n <= 1024;
   return n * 8 == info->bits;
 }
 
@@ -151,7 +153,7 @@ Result<KeyPtr> Key::FromSecret(AlgId alg, ByteView secret) {
   if ((*info)->kind != KeyKind::kSymmetric && (*info)->kind != KeyKind::kHmac) {
     return Status(Code::kKeyCannotDo, "not a secret-key algorithm");
   }
-  if (!SecretLengthOk(alg, secret.size())) return Status(Code::kBadArgument, "key length");
+  if (!SecretLengthOk(alg, secret.size())) return Status(Code::kBadLength, "key length");
   return KeyPtr(std::make_shared<Key>(*info, SecretBytes(secret.begin(), secret.end())));
 }
 
@@ -237,8 +239,8 @@ Result<KeyPtr> Key::PublicOnly() const {
 
 Result<SecretBytes> Key::Serialize() const {
   SecretBytes out = {kStoreVersion, static_cast<uint8_t>(algorithm() >> 24),
-                     static_cast<uint8_t>(algorithm() >> 16), static_cast<uint8_t>(algorithm() >> 8),
-                     static_cast<uint8_t>(algorithm())};
+                     static_cast<uint8_t>(algorithm() >> 16),
+                     static_cast<uint8_t>(algorithm() >> 8), static_cast<uint8_t>(algorithm())};
   if (is_secret()) {
     out.push_back(kFormSecret);
     out.insert(out.end(), secret_.begin(), secret_.end());
@@ -265,10 +267,17 @@ Result<KeyPtr> Key::Parse(ByteView stored) {
   ByteView body = stored.subspan(6);
   Result<KeyPtr> key = Status(Code::kBadData, "unknown stored form");
   switch (stored[5]) {
-    case kFormSecret: key = FromSecret(alg, body); break;
-    case kFormPkcs8: key = FromPkcs8(alg, body, false); break;
-    case kFormSpki: key = FromSpki(alg, body); break;
-    default: break;
+    case kFormSecret:
+      key = FromSecret(alg, body);
+      break;
+    case kFormPkcs8:
+      key = FromPkcs8(alg, body, false);
+      break;
+    case kFormSpki:
+      key = FromSpki(alg, body);
+      break;
+    default:
+      break;
   }
   if (!key.ok() && key.code() != Code::kNotSupported) {
     return Status(Code::kBadData, "stored key: " + key.status().detail());

@@ -11,7 +11,9 @@
 
 namespace qlhsm::crypto {
 
-void WipeMemory(void *p, size_t n) { OPENSSL_cleanse(p, n); }
+void WipeMemory(void *p, size_t n) {
+  OPENSSL_cleanse(p, n);
+}
 
 namespace ossl {
 namespace {
@@ -80,8 +82,12 @@ Context &Ctx() {
 
 }  // namespace
 
-OSSL_LIB_CTX *LibCtx() { return Ctx().ctx(); }
-bool HasLegacy() { return Ctx().legacy(); }
+OSSL_LIB_CTX *LibCtx() {
+  return Ctx().ctx();
+}
+bool HasLegacy() {
+  return Ctx().legacy();
+}
 
 const EVP_CIPHER *Cipher(const std::string &name) {
   return Ctx().Cached(Ctx().ciphers_, name, EVP_CIPHER_fetch);
@@ -89,7 +95,9 @@ const EVP_CIPHER *Cipher(const std::string &name) {
 const EVP_MD *Digest(const std::string &name) {
   return Ctx().Cached(Ctx().digests_, name, EVP_MD_fetch);
 }
-EVP_MAC *Mac(const std::string &name) { return Ctx().Cached(Ctx().macs_, name, EVP_MAC_fetch); }
+EVP_MAC *Mac(const std::string &name) {
+  return Ctx().Cached(Ctx().macs_, name, EVP_MAC_fetch);
+}
 
 Status Fail(const char *what) {
   std::string detail = what;
@@ -103,7 +111,9 @@ Status Fail(const char *what) {
   return Status(Code::kInternal, detail);
 }
 
-void ClearErrors() { ERR_clear_error(); }
+void ClearErrors() {
+  ERR_clear_error();
+}
 
 Status RandomBytes(std::span<uint8_t> out) {
   if (out.empty()) return {};

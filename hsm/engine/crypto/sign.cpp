@@ -11,9 +11,11 @@ constexpr uint8_t kMd5Info[] = {0x30, 0x20, 0x30, 0x0c, 0x06, 0x08, 0x2a, 0x86, 
                                 0x86, 0xf7, 0x0d, 0x02, 0x05, 0x05, 0x00, 0x04, 0x10};
 constexpr uint8_t kSha1Info[] = {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e,
                                  0x03, 0x02, 0x1a, 0x05, 0x00, 0x04, 0x14};
-#define QL_NIST_HASH_INFO(total, oid_last, len)                                           \
-  {0x30, total, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, \
-   oid_last, 0x05, 0x00, 0x04, len}
+#define QL_NIST_HASH_INFO(total, oid_last, len)                                                    \
+  {                                                                                                \
+    0x30, total, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01, 0x65, 0x03, 0x04, 0x02, oid_last, \
+        0x05, 0x00, 0x04, len                                                                      \
+  }
 constexpr uint8_t kSha224Info[] = QL_NIST_HASH_INFO(0x2d, 0x04, 0x1c);
 constexpr uint8_t kSha256Info[] = QL_NIST_HASH_INFO(0x31, 0x01, 0x20);
 constexpr uint8_t kSha384Info[] = QL_NIST_HASH_INFO(0x41, 0x02, 0x30);
@@ -40,7 +42,7 @@ Status CanSign(const Key &key, bool need_private) {
 Status CheckDigest(AlgId hash_alg, ByteView digest) {
   if (!IsHashAlgorithm(hash_alg)) return Status(Code::kBadAlgorithm, "unknown hash algorithm");
   if (hash_alg == hash::kIdFunc) return {};
-  if (digest.size() != HashSize(hash_alg)) return Status(Code::kBadArgument, "digest length");
+  if (digest.size() != HashSize(hash_alg)) return Status(Code::kBadLength, "digest length");
   return {};
 }
 
@@ -50,7 +52,7 @@ Result<Bytes> RsaPayload(const Key &key, AlgId hash_alg, ByteView digest, uint32
   if (prefix.empty() && (flags & kSignNoLegacy) != 0) {
     return Status(Code::kNotSupported, "legacy (bare-value) RSA signature refused");
   }
-  if (digest.empty()) return Status(Code::kBadArgument, "empty value");
+  if (digest.empty()) return Status(Code::kBadLength, "empty value");
   Bytes t(prefix.begin(), prefix.end());
   t.insert(t.end(), digest.begin(), digest.end());
   if (t.size() + kPkcs1Overhead > key.length_bytes()) {
@@ -135,17 +137,28 @@ Status EdVerify(const Key &key, ByteView msg, ByteView sig) {
 
 ByteView DigestInfoPrefix(AlgId hash_alg) {
   switch (hash_alg) {
-    case hash::kMd5: return kMd5Info;
-    case hash::kSha1: return kSha1Info;
-    case hash::kSha224: return kSha224Info;
-    case hash::kSha256: return kSha256Info;
-    case hash::kSha384: return kSha384Info;
-    case hash::kSha512: return kSha512Info;
-    case hash::kSha3_224: return kSha3_224Info;
-    case hash::kSha3_256: return kSha3_256Info;
-    case hash::kSha3_384: return kSha3_384Info;
-    case hash::kSha3_512: return kSha3_512Info;
-    default: return {};
+    case hash::kMd5:
+      return kMd5Info;
+    case hash::kSha1:
+      return kSha1Info;
+    case hash::kSha224:
+      return kSha224Info;
+    case hash::kSha256:
+      return kSha256Info;
+    case hash::kSha384:
+      return kSha384Info;
+    case hash::kSha512:
+      return kSha512Info;
+    case hash::kSha3_224:
+      return kSha3_224Info;
+    case hash::kSha3_256:
+      return kSha3_256Info;
+    case hash::kSha3_384:
+      return kSha3_384Info;
+    case hash::kSha3_512:
+      return kSha3_512Info;
+    default:
+      return {};
   }
 }
 
@@ -164,7 +177,7 @@ Result<Bytes> Sign(const Key &key, AlgId hash_alg, ByteView digest, uint32_t fla
       return PkeySign(key, *t, RSA_PKCS1_PADDING);
     }
     case KeyKind::kEc:
-      if (digest.empty()) return Status(Code::kBadArgument, "empty value");
+      if (digest.empty()) return Status(Code::kBadLength, "empty value");
       return PkeySign(key, digest, 0);
     case KeyKind::kEdwards:
       if (hash_alg != hash::kIdFunc) {
@@ -176,8 +189,7 @@ Result<Bytes> Sign(const Key &key, AlgId hash_alg, ByteView digest, uint32_t fla
   }
 }
 
-Status Verify(const Key &key, AlgId hash_alg, ByteView digest, ByteView signature,
-              uint32_t flags) {
+Status Verify(const Key &key, AlgId hash_alg, ByteView digest, ByteView signature, uint32_t flags) {
   if (Status s = CanSign(key, false); !s.ok()) return s;
   if (Status s = CheckDigest(hash_alg, digest); !s.ok()) return s;
   switch (key.kind()) {
@@ -187,7 +199,7 @@ Status Verify(const Key &key, AlgId hash_alg, ByteView digest, ByteView signatur
       return PkeyVerify(key, *t, signature, RSA_PKCS1_PADDING);
     }
     case KeyKind::kEc:
-      if (digest.empty()) return Status(Code::kBadArgument, "empty value");
+      if (digest.empty()) return Status(Code::kBadLength, "empty value");
       return PkeyVerify(key, digest, signature, 0);
     case KeyKind::kEdwards:
       if (hash_alg != hash::kIdFunc) {
@@ -202,24 +214,38 @@ Status Verify(const Key &key, AlgId hash_alg, ByteView digest, ByteView signatur
 Result<Bytes> RsaRawSign(const Key &key, ByteView block) {
   if (key.kind() != KeyKind::kRsa) return Status(Code::kKeyCannotDo, "raw signing needs RSA");
   if (!key.has_private()) return Status(Code::kKeyCannotDo, "a public key cannot sign");
-  if (block.size() != key.length_bytes()) return Status(Code::kBadArgument, "block length");
+  if (block.size() != key.length_bytes()) return Status(Code::kBadLength, "block length");
   return PkeySign(key, block, RSA_NO_PADDING);
 }
 
 Result<Bytes> DoRSAPadding(ByteView digest, size_t key_len, int digest_id) {
   AlgId hash_alg = 0;
   switch (digest_id) {
-    case digest_id::kBare: break;
-    case digest_id::kMd5: hash_alg = hash::kMd5; break;
-    case digest_id::kSha1: hash_alg = hash::kSha1; break;
-    case digest_id::kSha256: hash_alg = hash::kSha256; break;
-    case digest_id::kSha384: hash_alg = hash::kSha384; break;
-    case digest_id::kSha512: hash_alg = hash::kSha512; break;
-    case digest_id::kSha224: hash_alg = hash::kSha224; break;
-    default: return Status(Code::kBadAlgorithm, "unknown digest id");
+    case digest_id::kBare:
+      break;
+    case digest_id::kMd5:
+      hash_alg = hash::kMd5;
+      break;
+    case digest_id::kSha1:
+      hash_alg = hash::kSha1;
+      break;
+    case digest_id::kSha256:
+      hash_alg = hash::kSha256;
+      break;
+    case digest_id::kSha384:
+      hash_alg = hash::kSha384;
+      break;
+    case digest_id::kSha512:
+      hash_alg = hash::kSha512;
+      break;
+    case digest_id::kSha224:
+      hash_alg = hash::kSha224;
+      break;
+    default:
+      return Status(Code::kBadAlgorithm, "unknown digest id");
   }
   if (digest.empty() || (hash_alg != 0 && digest.size() != HashSize(hash_alg))) {
-    return Status(Code::kBadArgument, "digest length");
+    return Status(Code::kBadLength, "digest length");
   }
   ByteView prefix = DigestInfoPrefix(hash_alg);
   size_t t_len = prefix.size() + digest.size();

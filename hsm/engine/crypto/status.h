@@ -13,22 +13,24 @@
 
 namespace qlhsm::crypto {
 
-// The refusals of the crypto library. The right column is the client-library code the engine is
-// expected to answer (names as qlapi.h spells them once they exist; 1005 is fixed).
+// The refusals of the crypto library, with the qlapi.h code the engine answers for each.
 enum class Code {
-  kOk = 0,             // 0
-  kBadAlgorithm,       // unknown algorithm, hash, mode or blob identifier   -> "invalid algorithm"
-  kNotSupported,       // a known identifier this HSM does not offer (arc5, a mode an algorithm
-                       // lacks, pre-hashed EdDSA, ...)                       -> "not supported"
-  kBadArgument,        // wrong length, empty input, bad flags or IV          -> "invalid parameter"
-  kBufferTooSmall,     // the output does not fit; Status::needed holds the length -> 1005
-  kBadTag,             // GCM authentication tag (or key-wrap integrity check) does not match
-  kKeyCannotDo,        // the key's kind cannot do this (sign with AES, decrypt with a public key)
-  kDigestTooLarge,     // the digest (with its DigestInfo) does not fit the RSA modulus
-  kBadData,            // malformed input: bad padding on decryption, bad blob, bad DER
-  kBadSignature,       // a signature that does not verify
-  kWholeMessageOnly,   // key wrap (KW, KWP) takes one whole message with final set
-  kInternal,           // OpenSSL failed where it should not; detail says where
+  kOk = 0,            // 0
+  kBadAlgorithm,      // QL_ERR_BAD_ALGORITHM 5006: unknown algorithm, hash, mode, padding, blob
+  kNotSupported,      // QL_ERR_NOT_SUPPORTED 5007: a known identifier not offered (arc5, a mode
+                      //   the algorithm lacks, pre-hashed EdDSA, the legacy form when refused)
+  kBadArgument,       // QL_ERR_BAD_ARGUMENT 1001: an inconsistent argument (no IV for GCM, ...)
+  kBadLength,         // QL_ERR_BAD_LENGTH 5015: a data, digest, IV, key or block length that
+                      //   does not fit
+  kBufferTooSmall,    // QL_ERR_BUFFER_TOO_SMALL 1005; Status::needed() holds the length
+  kBadTag,            // QL_ERR_BAD_TAG 5010: GCM tag, or a key wrap's integrity check
+  kKeyCannotDo,       // QL_ERR_BAD_KEY_USAGE 5014: sign with AES, decrypt with a public key, ...
+  kDigestTooLarge,    // QL_ERR_DIGEST_TOO_LONG 5019: DigestInfo and digest exceed the modulus
+  kBadPadding,        // QL_ERR_BAD_PADDING 5024: decrypted data whose padding is wrong
+  kBadData,           // QL_ERR_BAD_ARGUMENT 1001: a malformed blob, DER or stored key
+  kBadSignature,      // QL_ERR_BAD_SIGNATURE 5017
+  kWholeMessageOnly,  // QL_ERR_PIECES_REFUSED 5018: KW and KWP take one whole message
+  kInternal,          // QL_ERR_INTERNAL 5012: OpenSSL failed where it should not; see detail()
 };
 
 // A short English name of the code, for logs and test messages.
