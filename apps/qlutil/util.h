@@ -213,6 +213,12 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
                            pfn_InitFinCallback FinalizeTest, pfn_InitializeThread InitializeThread,
                            pfn_FinalizeThread FinalizeThread, void *pTestInfo, size_t cbTestInfo);
 
+// Asks the HSM at address/port (user and password, or anonymously without a user) for its six
+// version texts: model, firmware, serial number, hardware, name, library. False when the
+// session or the query fails. The -out row gets its texts through this.
+bool QueryHsmVersionTexts(const char *address, const char *user, const char *password,
+                          unsigned flags, int port, char texts[6][512]);
+
 // ---------------------------------------------------------------------------------------------
 // HSM statistics sampling
 
