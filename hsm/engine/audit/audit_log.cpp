@@ -1,0 +1,159 @@
+#include "engine/audit/audit_log.h"
+
+#include <zlib.h>
+
+#include <chrono>
+#include <ctime>
+
+namespace qlhsm::audit {
+
+std::vector<uint8_t> AuditLog::Compress(std::string_view text) {
+  uLongf len = compressBound(static_cast<uLong>(text.size()));
+  std::vector<uint8_t> out(len);
+  if (compress2(out.data(), &len, reinterpret_cast<const Bytef *>(text.data()),
+                static_cast<uLong>(text.size()), Z_BEST_COMPRESSION) != Z_OK)
+    return {};
+  out.resize(len);
+  return out;
+}
+
+Result<std::string> AuditLog::Inflate(const std::vector<uint8_t> &data, uint64_t raw_len) {
+  std::string out(raw_len, '\0');
+  uLongf len = static_cast<uLongf>(raw_len);
+  if (uncompress(reinterpret_cast<Bytef *>(out.data()), &len, data.data(),
+                 static_cast<uLong>(data.size())) != Z_OK ||
+      len != raw_len)
+    return Status::Error(Code::kInternal, "corrupt log page");
+  return out;
+}
+
+Status AuditLog::Load() {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    Result<store::Statement> st = conn.Prepare(
+        "SELECT page_no, compressed, raw_len, data FROM audit_pages ORDER BY page_no DESC LIMIT 1");
+    if (!st.ok()) return st.status();
+    Result<bool> row = st->Step();
+    if (!row.ok()) return row.status();
+    std::lock_guard<std::mutex> lock(mu_);
+    current_.clear();
+    current_number_ = 1;
+    if (row.value()) {
+      current_number_ = static_cast<uint64_t>(st->Int(0));
+      if (st->Int(1) != 0) {
+        ++current_number_;  // the last page was closed: start a new one
+      } else {
+        std::vector<uint8_t> d = st->Blob(3);
+        current_.assign(d.begin(), d.end());
+      }
+    }
+    Result<store::Statement> sum =
+        conn.Prepare("SELECT COALESCE(SUM(raw_len), 0) FROM audit_pages WHERE page_no < ?1");
+    if (!sum.ok()) return sum.status();
+    sum->Bind(1, static_cast<int64_t>(current_number_));
+    Result<bool> r = sum->Step();
+    if (!r.ok()) return r.status();
+    stored_closed_len_ = static_cast<uint64_t>(sum->Int(0));
+    return Status::Ok();
+  });
+}
+
+void AuditLog::Append(std::string_view user, std::string_view op, std::string_view target,
+                      int code) {
+  std::time_t t = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  std::tm tm{};
+  gmtime_r(&t, &tm);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &tm);
+  std::string line = std::string(stamp) + " " + std::string(user.empty() ? "-" : user) + " " +
+                     std::string(op) + " " + std::string(target.empty() ? "-" : target) + " " +
+                     std::to_string(code);
+  for (char &c : line)
+    if (c == '\n' || c == '\r') c = ' ';
+  line.push_back('\n');
+  std::lock_guard<std::mutex> lock(mu_);
+  current_ += line;
+  dirty_ = true;
+  if (current_.size() >= page_size_) CloseCurrentLocked();
+}
+
+void AuditLog::CloseCurrentLocked() {
+  Page page;
+  page.number = current_number_;
+  page.raw_len = current_.size();
+  std::vector<uint8_t> packed = Compress(current_);
+  if (!packed.empty() && packed.size() < current_.size()) {
+    page.compressed = true;
+    page.data = std::move(packed);
+  } else {
+    page.data.assign(current_.begin(), current_.end());
+  }
+  closed_.push_back(std::move(page));
+  current_.clear();
+  ++current_number_;
+}
+
+Status AuditLog::Flush() {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!dirty_) return Status::Ok();
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> st = conn.Prepare(
+        "INSERT OR REPLACE INTO audit_pages(page_no, compressed, raw_len, data) "
+        "VALUES(?1, ?2, ?3, ?4)");
+    if (!st.ok()) return st.status();
+    uint64_t closed_len = 0;
+    for (const Page &p : closed_) {
+      st->Reset();
+      st->Bind(1, static_cast<int64_t>(p.number)).Bind(2, int64_t{p.compressed ? 1 : 0});
+      st->Bind(3, static_cast<int64_t>(p.raw_len)).BindBlob(4, p.data);
+      QL_RETURN_IF_ERROR(st->Run());
+      closed_len += p.raw_len;
+    }
+    if (!current_.empty()) {
+      st->Reset();
+      st->Bind(1, static_cast<int64_t>(current_number_)).Bind(2, int64_t{0});
+      st->Bind(3, static_cast<int64_t>(current_.size()))
+          .BindBlob(4, std::vector<uint8_t>(current_.begin(), current_.end()));
+      QL_RETURN_IF_ERROR(st->Run());
+    }
+    QL_RETURN_IF_ERROR(tx.Commit());
+    stored_closed_len_ += closed_len;
+    closed_.clear();
+    dirty_ = false;
+    return Status::Ok();
+  });
+}
+
+Result<uint64_t> AuditLog::Size() {
+  std::lock_guard<std::mutex> lock(mu_);
+  uint64_t n = stored_closed_len_ + current_.size();
+  for (const Page &p : closed_) n += p.raw_len;
+  return n;
+}
+
+uint64_t AuditLog::PageCount() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return current_.empty() ? current_number_ - 1 : current_number_;
+}
+
+Result<Page> AuditLog::ReadPage(uint64_t number) {
+  QL_RETURN_IF_ERROR(Flush());
+  return store_.Locked([&](store::Connection &conn) -> Result<Page> {
+    Result<store::Statement> st =
+        conn.Prepare("SELECT compressed, raw_len, data FROM audit_pages WHERE page_no = ?1");
+    if (!st.ok()) return st.status();
+    st->Bind(1, static_cast<int64_t>(number));
+    Result<bool> row = st->Step();
+    if (!row.ok()) return row.status();
+    if (!row.value()) return Status::Error(Code::kObjectNotFound, "no such log page");
+    Page p;
+    p.number = number;
+    p.compressed = st->Int(0) != 0;
+    p.raw_len = static_cast<uint64_t>(st->Int(1));
+    p.data = st->Blob(2);
+    return p;
+  });
+}
+
+}  // namespace qlhsm::audit

@@ -1,0 +1,61 @@
+// The audit log: one line per operation ("2026-11-23 10:00:00 master create-user alice 0"),
+// kept in pages of about `page_size` bytes. The newest page is open and stays plain text; a page is
+// closed when it fills, and a closed page is stored deflate-compressed (zlib format, as
+// compress2 writes it) when that makes it smaller. Lines never hold passwords, PINs or key
+// material: only names, operations and answer codes.
+//
+// Lines of a change are written to the store right after the change commits; lines of read-only
+// requests wait in memory for the next write, so a crash may lose those but never a change's.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/store/store.h"
+
+namespace qlhsm::audit {
+
+struct Page {
+  uint64_t number = 0;
+  bool compressed = false;
+  uint64_t raw_len = 0;  // length of the plain text
+  std::vector<uint8_t> data;
+};
+
+class AuditLog {
+ public:
+  explicit AuditLog(store::Store &store, size_t page_size = 4096)
+      : store_(store), page_size_(page_size) {}
+
+  Status Load();
+  // Adds a line (a time stamp is prepended, a newline appended; newlines inside become blanks).
+  void Append(std::string_view user, std::string_view op, std::string_view target, int code);
+  // Writes closed pages and the open page to the store.
+  Status Flush();
+  // The log's size in bytes of plain text, every page counted.
+  Result<uint64_t> Size();
+  // Number of pages, the open one included.
+  uint64_t PageCount();
+  // Pages are numbered from 1; kObjectNotFound past the end.
+  Result<Page> ReadPage(uint64_t number);
+
+  // deflate helpers, exposed for tests.
+  static std::vector<uint8_t> Compress(std::string_view text);
+  static Result<std::string> Inflate(const std::vector<uint8_t> &data, uint64_t raw_len);
+
+ private:
+  void CloseCurrentLocked();
+  store::Store &store_;
+  size_t page_size_;
+  std::mutex mu_;
+  uint64_t current_number_ = 1;
+  std::string current_;
+  std::vector<Page> closed_;  // closed but not yet stored
+  uint64_t stored_closed_len_ = 0;
+  bool dirty_ = false;
+};
+
+}  // namespace qlhsm::audit

@@ -1,0 +1,177 @@
+// The HSM engine: every service the daemon offers, callable in-process. The daemon owns one
+// Engine and gives each connection a Session; tests and the fuzzer call the engine directly.
+//
+// Every service checks in one fixed order: session, arguments, right, existence, state (see
+// access/rules.h). Each service may be called from many threads at once, each with its own
+// Session; a Session itself is used by one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/access/rules.h"
+#include "engine/audit/audit_log.h"
+#include "engine/objects/object_store.h"
+#include "engine/secure/secure.h"
+#include "engine/sessions/session.h"
+#include "engine/stats/system_stats.h"
+#include "engine/status.h"
+#include "engine/store/store.h"
+#include "engine/users/tokens.h"
+#include "engine/users/user_directory.h"
+
+namespace qlhsm {
+
+inline constexpr const char *kMasterUser = "master";
+inline constexpr const char *kHsmVersion = "4.10.0.0";
+// QGetStatInfo's unit field: the memory figures are in MiB.
+inline constexpr uint32_t kStatUnitMiB = 2;
+
+struct InitOptions {
+  secure::KdfParams kdf;  // cost of password hashes; tests lower it
+};
+
+// Limits and tunables. Each may also be stored in the settings table under the name in the
+// comment; a value given here (non-zero) wins over the stored one.
+struct EngineOptions {
+  size_t max_sessions = 0;     // "max_sessions", default 1024
+  size_t audit_page_size = 0;  // "audit_page_size", default 4096
+  size_t max_objects = 0;      // "max_objects", default 100000
+};
+
+struct StatInfo {
+  uint32_t session_count = 0;
+  uint32_t cpu_percent = 0;
+  uint32_t unit = kStatUnitMiB;
+  uint32_t mem_total = 0;
+  uint32_t mem_used = 0;
+  uint32_t swap_total = 0;
+  uint32_t swap_used = 0;
+};
+
+struct HsmInfo {
+  // model, firmware version, serial number, hardware version, HSM name, engine build
+  std::vector<std::string> versions;
+  uint64_t pending_transaction = 0;  // 0: no cluster, nothing pending
+};
+
+struct FileChunk {
+  secure::Bytes data;
+  uint64_t total_size = 0;
+};
+
+class Engine {
+ public:
+  // Makes a new HSM in `data_dir`: store, master key, and the user "master" with every right and
+  // `master_password`. Fails when the directory already holds a store.
+  static Status Init(const std::string &data_dir, std::string_view master_password,
+                     const InitOptions &options = {});
+  static Result<std::unique_ptr<Engine>> Open(const std::string &data_dir,
+                                              const EngineOptions &options = {});
+  ~Engine();
+
+  std::unique_ptr<sessions::Session> NewSession() {
+    return std::make_unique<sessions::Session>(registry_);
+  }
+  const sessions::SessionRegistry &registry() const { return registry_; }
+
+  // --- log in ---
+  // kAuthFailed, kUserBlocked, kLimitReached.
+  Status Login(sessions::Session &s, std::string_view user, std::string_view password);
+  Status LoginToken(sessions::Session &s, std::string_view user, const secure::Bytes &key);
+  // Anonymous: only requests that need no right.
+  Status LoginAnonymous(sessions::Session &s);
+  // Back to the state of a new connection: no login, no temporary objects.
+  void ResetSession(sessions::Session &s);
+  // Whether the session's user may still use it (exists, not blocked, password unchanged since
+  // login is not tracked here: the library checks again on reuse by logging in).
+  Status CheckSession(sessions::Session &s);
+
+  // --- users ---
+  Status CreateUser(sessions::Session &s, std::string_view name, std::string_view password,
+                    uint32_t mask);
+  Status RemoveUser(sessions::Session &s, std::string_view name);
+  Result<std::vector<std::string>> ListUsers(sessions::Session &s);
+  Status SetUserPassword(sessions::Session &s, std::string_view name, std::string_view password);
+  Status SetUserMask(sessions::Session &s, std::string_view name, uint32_t mask);
+  Status SetUserBlocked(sessions::Session &s, std::string_view name, bool blocked);
+  Result<users::UserInfo> GetUser(sessions::Session &s, std::string_view name);
+
+  // --- access tokens (the caller's own; an operator sees everyone's) ---
+  Result<secure::Bytes> IssueToken(sessions::Session &s, int64_t expires);
+  Status RevokeToken(sessions::Session &s, const secure::Bytes &key);
+  Result<std::vector<users::TokenInfo>> ListTokens(sessions::Session &s);
+  Result<int64_t> TokenCount(sessions::Session &s);
+  Result<int64_t> CollectTokenGarbage(sessions::Session &s);
+
+  // --- objects; names are "object" (the caller's) or "owner/object" ---
+  Status CreateObject(sessions::Session &s, std::string_view name, int type, int algorithm,
+                      uint32_t flags, const secure::Bytes &material);
+  Result<objects::ObjectInfo> OpenObject(sessions::Session &s, std::string_view name);
+  // The plaintext material of an object about to be used (export, sign, ...): right, existence,
+  // then kObjectBlocked for a blocked object.
+  Result<secure::Bytes> UseObject(sessions::Session &s, std::string_view name,
+                                  objects::ObjectInfo *info = nullptr);
+  Result<std::vector<std::string>> ListObjects(sessions::Session &s);
+  Status RemoveObject(sessions::Session &s, std::string_view name);
+  Status RenameObject(sessions::Session &s, std::string_view name, std::string_view new_name);
+  Status SetObjectBlocked(sessions::Session &s, std::string_view name, bool blocked);
+  Status SetObjectMetadata(sessions::Session &s, std::string_view name, std::string_view json);
+  Result<std::string> GetObjectMetadata(sessions::Session &s, std::string_view name);
+  // Creates a file object; with `replace`, an existing object of that name is overwritten, which
+  // needs the update right (ACL_OBJ_UPDATE) besides the create right for a new one.
+  Status WriteFile(sessions::Session &s, std::string_view name, const secure::Bytes &data,
+                   bool replace = false);
+  // The number of objects the caller owns.
+  Result<int64_t> CountOwnObjects(sessions::Session &s);
+  Result<FileChunk> ReadFile(sessions::Session &s, std::string_view name, uint64_t offset,
+                             uint32_t max_len);
+
+  // --- system ---
+  Result<secure::Bytes> GetRandom(sessions::Session &s, uint32_t len);
+  Result<StatInfo> GetStatInfo(sessions::Session &s);
+  Result<uint64_t> GetLogSize(sessions::Session &s);
+  Result<audit::Page> ReadLogPage(sessions::Session &s, uint64_t number);
+  Result<HsmInfo> GetHsmInfo(sessions::Session &s);
+  Status KeepAlive(sessions::Session &s);
+  Result<secure::Bytes> Backup(sessions::Session &s, std::string_view pin);
+  Status PushUpdatePackage(sessions::Session &s, const secure::Bytes &package);
+  // Administrative requests not built yet (set date and time, ...): right first, then
+  // kNotSupported.
+  Status Administer(sessions::Session &s, std::string_view what);
+
+  audit::AuditLog &audit() { return *audit_; }
+  size_t max_random() const { return 1 << 16; }
+
+ private:
+  Engine() = default;
+  // The session step of every check: the caller's current record (mask read now, so a change
+  // applies from the next request).
+  Result<users::UserInfo> Caller(sessions::Session &s);
+  Status Done(sessions::Session &s, std::string_view op, std::string_view target, Status st,
+              bool change);
+  template <typename T>
+  Result<T> Done(sessions::Session &s, std::string_view op, std::string_view target, Result<T> r,
+                 bool change) {
+    Status st = Done(s, op, target, r.ok() ? Status::Ok() : r.status(), change);
+    (void)st;
+    return r;
+  }
+  Result<objects::ObjectRef> Ref(sessions::Session &s, std::string_view name);
+
+  std::string data_dir_;
+  secure::Bytes master_key_;
+  std::unique_ptr<store::Store> store_;
+  std::unique_ptr<users::UserDirectory> users_;
+  std::unique_ptr<users::TokenStore> tokens_;
+  std::unique_ptr<objects::ObjectStore> objects_;
+  std::unique_ptr<audit::AuditLog> audit_;
+  sessions::SessionRegistry registry_;
+  stats::CpuSampler cpu_;
+  size_t max_objects_ = 100000;
+};
+
+}  // namespace qlhsm

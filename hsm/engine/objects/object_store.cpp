@@ -1,0 +1,213 @@
+#include "engine/objects/object_store.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "engine/users/user_directory.h"
+
+namespace qlhsm::objects {
+namespace {
+
+// Bound into every sealed object so material sealed for another purpose cannot be passed off as
+// an object's.
+constexpr std::string_view kAad = "qlhsm.object.v1";
+
+int64_t Now() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+bool ValidObjectName(std::string_view name) {
+  if (name.empty() || name.size() > kMaxObjectName) return false;
+  return std::all_of(name.begin(), name.end(),
+                     [](char c) { return c > ' ' && c < 0x7f && c != '/' && c != '\\'; });
+}
+
+Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller) {
+  size_t slash = text.find('/');
+  ObjectRef ref;
+  if (slash == std::string_view::npos) {
+    ref.owner = std::string(caller);
+    ref.name = std::string(text);
+  } else {
+    ref.owner = std::string(text.substr(0, slash));
+    ref.name = std::string(text.substr(slash + 1));
+  }
+  if (!users::ValidUserName(ref.owner) || !ValidObjectName(ref.name))
+    return Status::Error(Code::kBadName, "bad object name");
+  return ref;
+}
+
+Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material) {
+  Result<secure::Bytes> sealed = secure::Seal(master_key_, material, kAad);
+  if (!sealed.ok()) return sealed.status();
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> st = conn.Prepare(
+        "INSERT INTO objects(owner, name, type, algorithm, flags, material, blocked, metadata, "
+        "created) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+    if (!st.ok()) return st.status();
+    st->Bind(1, info.ref.owner).Bind(2, info.ref.name).Bind(3, int64_t{info.type});
+    st->Bind(4, int64_t{info.algorithm}).Bind(5, int64_t{info.flags}).BindBlob(6, *sealed);
+    st->Bind(7, int64_t{info.blocked ? 1 : 0});
+    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata).Bind(9, Now());
+    Status s = st->Run();
+    if (s.code() == Code::kObjectExists) {
+      // The owner must exist (foreign key) and the name must be free; tell the two apart.
+      Result<store::Statement> q = conn.Prepare("SELECT 1 FROM users WHERE name = ?1");
+      if (!q.ok()) return q.status();
+      q->Bind(1, info.ref.owner);
+      Result<bool> found = q->Step();
+      if (found.ok() && !found.value())
+        return Status::Error(Code::kUserNotFound, "owner does not exist");
+      return Status::Error(Code::kObjectExists, "object name taken");
+    }
+    QL_RETURN_IF_ERROR(s);
+    return tx.Commit();
+  });
+}
+
+Result<ObjectInfo> ObjectStore::Get(const ObjectRef &ref) {
+  return store_.Locked([&](store::Connection &conn) -> Result<ObjectInfo> {
+    Result<store::Statement> st = conn.Prepare(
+        "SELECT type, algorithm, flags, blocked, metadata, created, length(material) FROM objects "
+        "WHERE owner = ?1 AND name = ?2");
+    if (!st.ok()) return st.status();
+    st->Bind(1, ref.owner).Bind(2, ref.name);
+    Result<bool> row = st->Step();
+    if (!row.ok()) return row.status();
+    if (!row.value()) return Status::Error(Code::kObjectNotFound, "no such object");
+    ObjectInfo info;
+    info.ref = ref;
+    info.type = static_cast<int>(st->Int(0));
+    info.algorithm = static_cast<int>(st->Int(1));
+    info.flags = static_cast<uint32_t>(st->Int(2));
+    info.blocked = st->Int(3) != 0;
+    info.metadata = st->Text(4);
+    info.created = st->Int(5);
+    // GCM keeps the length: the stored form is nonce + ciphertext + tag.
+    int64_t sealed = st->Int(6);
+    int64_t overhead = static_cast<int64_t>(secure::kNonceLen + secure::kTagLen);
+    info.size = sealed > overhead ? static_cast<uint32_t>(sealed - overhead) : 0;
+    return info;
+  });
+}
+
+Result<secure::Bytes> ObjectStore::ReadMaterial(const ObjectRef &ref) {
+  Result<secure::Bytes> sealed =
+      store_.Locked([&](store::Connection &conn) -> Result<secure::Bytes> {
+        Result<store::Statement> st =
+            conn.Prepare("SELECT material FROM objects WHERE owner = ?1 AND name = ?2");
+        if (!st.ok()) return st.status();
+        st->Bind(1, ref.owner).Bind(2, ref.name);
+        Result<bool> row = st->Step();
+        if (!row.ok()) return row.status();
+        if (!row.value()) return Status::Error(Code::kObjectNotFound, "no such object");
+        return st->Blob(0);
+      });
+  if (!sealed.ok()) return sealed.status();
+  return secure::Open(master_key_, *sealed, kAad);
+}
+
+Status ObjectStore::WriteMaterial(const ObjectRef &ref, const secure::Bytes &material) {
+  Result<secure::Bytes> sealed = secure::Seal(master_key_, material, kAad);
+  if (!sealed.ok()) return sealed.status();
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> st =
+        conn.Prepare("UPDATE objects SET material = ?3 WHERE owner = ?1 AND name = ?2");
+    if (!st.ok()) return st.status();
+    st->Bind(1, ref.owner).Bind(2, ref.name).BindBlob(3, *sealed);
+    QL_RETURN_IF_ERROR(st->Run());
+    if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
+    return tx.Commit();
+  });
+}
+
+Status ObjectStore::UpdateOne(const ObjectRef &ref, const char *sql, int64_t value) {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> st = conn.Prepare(sql);
+    if (!st.ok()) return st.status();
+    st->Bind(1, ref.owner).Bind(2, ref.name);
+    if (value >= 0) st->Bind(3, value);
+    QL_RETURN_IF_ERROR(st->Run());
+    if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
+    return tx.Commit();
+  });
+}
+
+Status ObjectStore::Remove(const ObjectRef &ref) {
+  return UpdateOne(ref, "DELETE FROM objects WHERE owner = ?1 AND name = ?2", -1);
+}
+
+Status ObjectStore::SetBlocked(const ObjectRef &ref, bool blocked) {
+  return UpdateOne(ref, "UPDATE objects SET blocked = ?3 WHERE owner = ?1 AND name = ?2",
+                   blocked ? 1 : 0);
+}
+
+Status ObjectStore::Rename(const ObjectRef &from, std::string_view to_name) {
+  if (!ValidObjectName(to_name)) return Status::Error(Code::kBadName, "bad object name");
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> st =
+        conn.Prepare("UPDATE objects SET name = ?3 WHERE owner = ?1 AND name = ?2");
+    if (!st.ok()) return st.status();
+    st->Bind(1, from.owner).Bind(2, from.name).Bind(3, to_name);
+    Status s = st->Run();
+    if (s.code() == Code::kObjectExists) return s;
+    QL_RETURN_IF_ERROR(s);
+    if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
+    return tx.Commit();
+  });
+}
+
+Status ObjectStore::SetMetadata(const ObjectRef &ref, std::string_view json) {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> st =
+        conn.Prepare("UPDATE objects SET metadata = ?3 WHERE owner = ?1 AND name = ?2");
+    if (!st.ok()) return st.status();
+    st->Bind(1, ref.owner).Bind(2, ref.name).Bind(3, json);
+    QL_RETURN_IF_ERROR(st->Run());
+    if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
+    return tx.Commit();
+  });
+}
+
+Result<std::vector<std::string>> ObjectStore::List(std::string_view owner) {
+  return store_.Locked([&](store::Connection &conn) -> Result<std::vector<std::string>> {
+    Result<store::Statement> st =
+        conn.Prepare("SELECT name FROM objects WHERE owner = ?1 ORDER BY name");
+    if (!st.ok()) return st.status();
+    st->Bind(1, owner);
+    std::vector<std::string> out;
+    for (;;) {
+      Result<bool> row = st->Step();
+      if (!row.ok()) return row.status();
+      if (!row.value()) break;
+      out.push_back(st->Text(0));
+    }
+    return out;
+  });
+}
+
+Result<int64_t> ObjectStore::Count() {
+  return store_.Locked([&](store::Connection &conn) -> Result<int64_t> {
+    Result<store::Statement> st = conn.Prepare("SELECT COUNT(*) FROM objects");
+    if (!st.ok()) return st.status();
+    Result<bool> row = st->Step();
+    if (!row.ok()) return row.status();
+    return st->Int(0);
+  });
+}
+
+}  // namespace qlhsm::objects

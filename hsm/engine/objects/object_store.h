@@ -1,0 +1,76 @@
+// Objects (keys, files, certificates, ...) owned by users. Their material is sealed with
+// AES-256-GCM under the master key before it reaches the store, and opened only in memory.
+//
+// Thread safe: every method may be called from any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/secure/secure.h"
+#include "engine/store/store.h"
+#include "qlapi.h"
+
+namespace qlhsm::objects {
+
+inline constexpr size_t kMaxObjectName = 64;
+
+enum class ObjectType : int {
+  kFile = QL_OBJ_FILE,
+  kCertificate = QL_OBJ_X509,
+  // A key's type is its algorithm (QL_ALG_*).
+};
+
+struct ObjectRef {
+  std::string owner;
+  std::string name;
+  std::string Full() const { return owner + "/" + name; }
+};
+
+struct ObjectInfo {
+  ObjectRef ref;
+  int type = 0;
+  int algorithm = 0;
+  uint32_t flags = 0;
+  bool blocked = false;
+  std::string metadata;  // JSON text
+  int64_t created = 0;   // seconds since 1970
+  uint32_t size = 0;     // bytes of material
+};
+
+bool ValidObjectName(std::string_view name);
+
+// Splits "owner/object" or plain "object" (owned by `caller`). kBadName for anything else.
+Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller);
+
+class ObjectStore {
+ public:
+  ObjectStore(store::Store &store, secure::Bytes master_key)
+      : store_(store), master_key_(std::move(master_key)) {}
+
+  // kObjectExists when the owner already has an object of that name.
+  Status Create(const ObjectInfo &info, const secure::Bytes &material);
+  // kObjectNotFound when missing.
+  Result<ObjectInfo> Get(const ObjectRef &ref);
+  // The object's plaintext material.
+  Result<secure::Bytes> ReadMaterial(const ObjectRef &ref);
+  // Replaces the material of an existing object.
+  Status WriteMaterial(const ObjectRef &ref, const secure::Bytes &material);
+  Status Remove(const ObjectRef &ref);
+  // kObjectNotFound when `from` is missing, kObjectExists when `to_name` is taken.
+  Status Rename(const ObjectRef &from, std::string_view to_name);
+  Status SetBlocked(const ObjectRef &ref, bool blocked);
+  Status SetMetadata(const ObjectRef &ref, std::string_view json);
+  // Names owned by `owner`, sorted.
+  Result<std::vector<std::string>> List(std::string_view owner);
+  Result<int64_t> Count();
+
+ private:
+  Status UpdateOne(const ObjectRef &ref, const char *sql, int64_t value);
+  store::Store &store_;
+  secure::Bytes master_key_;
+};
+
+}  // namespace qlhsm::objects

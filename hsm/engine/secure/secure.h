@@ -1,0 +1,60 @@
+// The engine's own cryptographic needs for keeping secrets at rest: random bytes, AES-256-GCM
+// sealing under the master key, slow password hashes, HMAC and SHA-256. The crypto services that
+// clients call (keys, signatures, ciphers) live in engine/crypto/.
+//
+// Every OpenSSL result in the engine passes through CryptoOutcome(), the single point where a
+// test-only fault switch can turn a success into a failure.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/status.h"
+
+namespace qlhsm::secure {
+
+using Bytes = std::vector<uint8_t>;
+
+inline constexpr size_t kKeyLen = 32;
+inline constexpr size_t kNonceLen = 12;
+inline constexpr size_t kTagLen = 16;
+inline constexpr size_t kSaltLen = 16;
+
+// Turns one OpenSSL success flag into a Status; `op` names the operation for the fault switch.
+Status CryptoOutcome(bool ok, std::string_view op);
+
+// Test-only: when set, a hook returning true for an operation name makes that operation fail.
+using FaultHook = std::function<bool(std::string_view op)>;
+void SetFaultHook(FaultHook hook);
+
+Result<Bytes> RandomBytes(size_t n);
+
+// nonce || ciphertext || tag, with `aad` bound into the tag.
+Result<Bytes> Seal(const Bytes &key, const Bytes &plaintext, std::string_view aad);
+Result<Bytes> Open(const Bytes &key, const Bytes &sealed, std::string_view aad);
+
+struct KdfParams {
+  uint64_t n = 1 << 14;  // scrypt cost; stored next to each hash so it can change later
+  uint32_t r = 8;
+  uint32_t p = 1;
+};
+
+// scrypt(password, salt) -> kKeyLen bytes.
+Result<Bytes> Scrypt(std::string_view password, const Bytes &salt, const KdfParams &params);
+
+// "scrypt$N$r$p$<salt hex>$<hash hex>", self-describing so the cost can be raised later.
+Result<std::string> HashPassword(std::string_view password, const KdfParams &params);
+// True when `password` matches the stored hash text.
+Result<bool> VerifyPassword(std::string_view password, const std::string &stored);
+
+Bytes HmacSha256(const Bytes &key, std::string_view data);
+Bytes Sha256(const Bytes &data);
+// Constant-time comparison.
+bool Equal(const Bytes &a, const Bytes &b);
+std::string Hex(const Bytes &b);
+bool FromHex(std::string_view hex, Bytes *out);
+
+}  // namespace qlhsm::secure

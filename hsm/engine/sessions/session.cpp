@@ -1,0 +1,61 @@
+#include "engine/sessions/session.h"
+
+#include <openssl/crypto.h>
+
+namespace qlhsm::sessions {
+
+bool SessionRegistry::TryAcquire() {
+  size_t n = open_.load(std::memory_order_relaxed);
+  do {
+    if (n >= max_open_) return false;
+  } while (!open_.compare_exchange_weak(n, n + 1, std::memory_order_relaxed));
+  return true;
+}
+
+Session::Session(SessionRegistry &registry) : registry_(registry), id_(registry.NextId()) {}
+
+Session::~Session() {
+  Reset();
+}
+
+Status Session::Attach(AuthKind kind, std::string user) {
+  if (!counted_) {
+    if (!registry_.TryAcquire())
+      return Status::Error(Code::kLimitReached, "too many open sessions");
+    counted_ = true;
+  }
+  auth_ = kind;
+  user_ = std::move(user);
+  return Status::Ok();
+}
+
+void Session::Reset() {
+  // Temporary key material is wiped, not just freed.
+  for (auto &[handle, obj] : temps_) OPENSSL_cleanse(obj.material.data(), obj.material.size());
+  temps_.clear();
+  if (counted_) registry_.Release();
+  counted_ = false;
+  auth_ = AuthKind::kNone;
+  user_.clear();
+}
+
+uint64_t Session::AddTemp(TempObject obj) {
+  uint64_t h = next_handle_++;
+  temps_.emplace(h, std::move(obj));
+  return h;
+}
+
+TempObject *Session::FindTemp(uint64_t handle) {
+  auto it = temps_.find(handle);
+  return it == temps_.end() ? nullptr : &it->second;
+}
+
+bool Session::RemoveTemp(uint64_t handle) {
+  auto it = temps_.find(handle);
+  if (it == temps_.end()) return false;
+  OPENSSL_cleanse(it->second.material.data(), it->second.material.size());
+  temps_.erase(it);
+  return true;
+}
+
+}  // namespace qlhsm::sessions

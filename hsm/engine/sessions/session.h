@@ -1,0 +1,82 @@
+// One client session: who is logged in, and the temporary keys and hashes that live only as long
+// as the session (they die at close or reset and are never stored).
+//
+// A Session belongs to one connection and is used by one thread at a time; the registry that
+// counts open sessions is thread safe.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+#include "engine/secure/secure.h"
+#include "engine/status.h"
+
+namespace qlhsm::sessions {
+
+enum class AuthKind { kNone, kAnonymous, kPassword, kToken };
+
+// A key or hash made for this session only.
+struct TempObject {
+  int type = 0;
+  int algorithm = 0;
+  uint32_t flags = 0;
+  secure::Bytes material;
+};
+
+class SessionRegistry;
+
+class Session {
+ public:
+  explicit Session(SessionRegistry &registry);
+  ~Session();
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
+
+  uint64_t id() const { return id_; }
+  AuthKind auth() const { return auth_; }
+  bool logged_in() const { return auth_ == AuthKind::kPassword || auth_ == AuthKind::kToken; }
+  const std::string &user() const { return user_; }
+
+  // Marks the session as logged in (counted as open). kLimitReached past the registry's limit.
+  Status Attach(AuthKind kind, std::string user);
+  // Drops the login and every temporary object; the session no longer counts as open.
+  void Reset();
+
+  uint64_t AddTemp(TempObject obj);
+  TempObject *FindTemp(uint64_t handle);
+  bool RemoveTemp(uint64_t handle);
+  size_t TempCount() const { return temps_.size(); }
+
+ private:
+  SessionRegistry &registry_;
+  uint64_t id_;
+  AuthKind auth_ = AuthKind::kNone;
+  bool counted_ = false;
+  std::string user_;
+  uint64_t next_handle_ = 1;
+  std::unordered_map<uint64_t, TempObject> temps_;
+};
+
+class SessionRegistry {
+ public:
+  explicit SessionRegistry(size_t max_open = 1024) : max_open_(max_open) {}
+  // Sessions with an anonymous or user login.
+  size_t OpenCount() const { return open_.load(std::memory_order_relaxed); }
+  size_t max_open() const { return max_open_; }
+  void set_max_open(size_t n) { max_open_ = n; }
+
+ private:
+  friend class Session;
+  bool TryAcquire();
+  void Release() { open_.fetch_sub(1, std::memory_order_relaxed); }
+  uint64_t NextId() { return next_id_.fetch_add(1, std::memory_order_relaxed); }
+
+  std::atomic<size_t> open_{0};
+  std::atomic<uint64_t> next_id_{1};
+  size_t max_open_;
+};
+
+}  // namespace qlhsm::sessions

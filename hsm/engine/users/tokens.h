@@ -1,0 +1,45 @@
+// Access tokens: a 16-byte secret that lets its owner log in without a password. The store keeps
+// only SHA-256 of the secret; the secret itself is handed out once, at issue.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/secure/secure.h"
+#include "engine/store/store.h"
+
+namespace qlhsm::users {
+
+inline constexpr size_t kTokenKeyLen = 16;
+
+struct TokenInfo {
+  std::string owner;
+  secure::Bytes key_id;  // first 8 bytes of SHA-256(secret): names a token without revealing it
+  int64_t issued = 0;    // seconds since 1970
+  int64_t expires = 0;   // seconds since 1970; 0 never
+};
+
+class TokenStore {
+ public:
+  explicit TokenStore(store::Store &store) : store_(store) {}
+
+  // Issues a token for `owner` valid until `expires` (seconds since 1970; 0: no expiry);
+  // returns its secret.
+  Result<secure::Bytes> Issue(std::string_view owner, int64_t expires);
+  // kObjectNotFound when `owner` has no such token.
+  Status Revoke(std::string_view owner, const secure::Bytes &key);
+  // Tokens of `owner`, or of everyone when `owner` is empty.
+  Result<std::vector<TokenInfo>> List(std::string_view owner);
+  Result<int64_t> Count();
+  // Removes expired tokens; returns how many.
+  Result<int64_t> CollectGarbage();
+  // True when `key` is a live token of `owner`.
+  Result<bool> Verify(std::string_view owner, const secure::Bytes &key);
+
+ private:
+  store::Store &store_;
+};
+
+}  // namespace qlhsm::users

@@ -1,0 +1,371 @@
+// The engine's services through its public API: the order of checks, the access rules as the
+// access-control sequences exercise them, sessions, backup and restore.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "engine/backup/backup.h"
+#include "engine/data_dir.h"
+#include "test_util.h"
+
+namespace qlhsm {
+namespace {
+
+using testing::EngineFixture;
+using testing::kMasterPassword;
+using testing::TempDir;
+
+constexpr const char *kUserPwd = "24681357";
+
+// A test user whose mask the master sets before each check, as the access-control test does.
+struct AclFixture : EngineFixture {
+  AclFixture() {
+    EXPECT_TRUE(engine->CreateUser(*master, "tested", kUserPwd, 0).ok());
+    EXPECT_TRUE(engine->CreateObject(*master, "mkey", 2, 1, 0, secure::Bytes(32, 1)).ok());
+  }
+  std::unique_ptr<sessions::Session> As(uint32_t mask) {
+    EXPECT_TRUE(engine->SetUserMask(*master, "tested", mask).ok());
+    return LoginAs("tested", kUserPwd);
+  }
+};
+
+TEST(Engine, InitMakesMasterWithEveryRightAndRefusesASecondInit) {
+  EngineFixture f;
+  ASSERT_TRUE(f.engine);
+  auto me = f.engine->GetUser(*f.master, kMasterUser);
+  ASSERT_TRUE(me.ok());
+  EXPECT_EQ(me->mask, access::kAllRights);
+  EXPECT_EQ(Engine::Init(f.dir.path(), "x").code(), Code::kBadArgument);
+  TempDir other;
+  EXPECT_EQ(Engine::Init(other.path(), "").code(), Code::kBadArgument);
+}
+
+TEST(Engine, LoginFailuresAreNamed) {
+  EngineFixture f;
+  auto s = f.engine->NewSession();
+  EXPECT_EQ(f.engine->Login(*s, kMasterUser, "wrong").code(), Code::kAuthFailed);
+  EXPECT_EQ(f.engine->Login(*s, "nobody", "x").code(), Code::kAuthFailed);
+  ASSERT_TRUE(f.engine->CreateUser(*f.master, "blk", "pw", 0).ok());
+  ASSERT_TRUE(f.engine->SetUserBlocked(*f.master, "blk", true).ok());
+  EXPECT_EQ(f.engine->Login(*s, "blk", "pw").code(), Code::kUserBlocked);
+  EXPECT_FALSE(s->logged_in());
+}
+
+TEST(Engine, SessionIsCheckedFirst) {
+  EngineFixture f;
+  auto none = f.engine->NewSession();
+  EXPECT_EQ(f.engine->GetRandom(*none, 16).status().code(), Code::kNotLoggedIn);
+  // Even bad arguments lose to the missing session.
+  EXPECT_EQ(f.engine->CreateUser(*none, "", "", 0).code(), Code::kNotLoggedIn);
+
+  auto anon = f.engine->NewSession();
+  ASSERT_TRUE(f.engine->LoginAnonymous(*anon).ok());
+  EXPECT_EQ(f.engine->GetRandom(*anon, 16)->size(), 16u);
+  EXPECT_TRUE(f.engine->KeepAlive(*anon).ok());
+  EXPECT_TRUE(f.engine->GetHsmInfo(*anon).ok());
+  EXPECT_EQ(f.engine->ListUsers(*anon).status().code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->OpenObject(*anon, "master/mkey").status().code(), Code::kAccessDenied);
+}
+
+TEST(Engine, ArgumentsThenRightThenExistence) {
+  AclFixture f;
+  auto none = f.As(0);
+  // arguments before the right
+  EXPECT_EQ(f.engine->RemoveUser(*none, "bad name").code(), Code::kBadName);
+  EXPECT_EQ(f.engine->RemoveUser(*none, "a_name_of_17_char").code(), Code::kUserNameTooLong);
+  EXPECT_EQ(f.engine->CreateUser(*none, "a_name_of_17_char", "pw", 0).code(),
+            Code::kUserNameTooLong);
+  EXPECT_EQ(f.engine->OpenObject(*none, "a/b/c").status().code(), Code::kBadName);
+  // the right before existence: nothing is learnt about what exists
+  EXPECT_EQ(f.engine->RemoveUser(*none, "ghost").code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->OpenObject(*none, "master/ghost").status().code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->RemoveObject(*none, "master/ghost").code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->GetUser(*none, "ghost").status().code(), Code::kAccessDenied);
+  // with the right, existence
+  EXPECT_EQ(f.engine->RemoveUser(*f.master, "ghost").code(), Code::kUserNotFound);
+  EXPECT_EQ(f.engine->OpenObject(*f.master, "master/ghost").status().code(), Code::kObjectNotFound);
+  EXPECT_EQ(f.engine->CreateUser(*f.master, "tested", "pw", 0).code(), Code::kUserExists);
+  EXPECT_EQ(f.engine->GetUser(*f.master, "ghost").status().code(), Code::kUserNotFound);
+}
+
+// The user sequence: create and remove a user, read the log size, list users.
+TEST(Engine, UserRightsSequence) {
+  struct Row {
+    uint32_t mask;
+    Code create_delete, list, remote_log;
+  } rows[] = {
+      {0x00, Code::kAccessDenied, Code::kAccessDenied, Code::kAccessDenied},
+      {0x10, Code::kOk, Code::kAccessDenied, Code::kAccessDenied},
+      {0x40, Code::kAccessDenied, Code::kOk, Code::kAccessDenied},
+      {0x50, Code::kOk, Code::kOk, Code::kAccessDenied},
+      {0x20, Code::kAccessDenied, Code::kAccessDenied, Code::kOk},
+      {0x30, Code::kOk, Code::kAccessDenied, Code::kOk},
+      {0x60, Code::kAccessDenied, Code::kOk, Code::kOk},
+      {0x70, Code::kOk, Code::kOk, Code::kOk},
+  };
+  AclFixture f;
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.mask);
+    auto s = f.As(r.mask);
+    Status created = f.engine->CreateUser(*s, "newone", kUserPwd, 0);
+    EXPECT_EQ(created.code(), r.create_delete);
+    if (created.ok()) {
+      EXPECT_TRUE(f.engine->RemoveUser(*s, "newone").ok());
+    }
+    EXPECT_EQ(f.engine->ListUsers(*s).status().code(), r.list);
+    EXPECT_EQ(f.engine->GetLogSize(*s).status().code(), r.remote_log);
+    EXPECT_EQ(f.engine->GetStatInfo(*s).status().code(), r.remote_log);
+  }
+}
+
+// The system sequence: back up, administer users (operator), push an update package.
+TEST(Engine, SystemRightsSequence) {
+  struct Row {
+    uint32_t mask;
+    Code oper, update, backup;
+  } rows[] = {
+      {0x000, Code::kAccessDenied, Code::kAccessDenied, Code::kAccessDenied},
+      {0x080, Code::kOk, Code::kUpdateRefused, Code::kOk},
+      {0x200, Code::kAccessDenied, Code::kUpdateRefused, Code::kAccessDenied},
+      {0x280, Code::kOk, Code::kUpdateRefused, Code::kOk},
+      {0x100, Code::kAccessDenied, Code::kAccessDenied, Code::kOk},
+      {0x180, Code::kOk, Code::kUpdateRefused, Code::kOk},
+      {0x300, Code::kAccessDenied, Code::kUpdateRefused, Code::kOk},
+      {0x380, Code::kOk, Code::kUpdateRefused, Code::kOk},
+  };
+  AclFixture f;
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.mask);
+    auto s = f.As(r.mask);
+    EXPECT_EQ(f.engine->Backup(*s, "802468135792468013579246").status().code(), r.backup);
+    Status created = f.engine->CreateUser(*s, "opuser", kUserPwd, 0);
+    Status set = f.engine->SetUserMask(*s, "opuser", 1);
+    EXPECT_EQ(set.code(), created.ok() ? r.oper : Code::kAccessDenied);
+    if (created.ok()) {
+      EXPECT_TRUE(f.engine->RemoveUser(*s, "opuser").ok());
+    }
+    EXPECT_EQ(created.code(), r.oper);
+    EXPECT_EQ(f.engine->PushUpdatePackage(*s, secure::Bytes(100, 0)).code(), r.update);
+  }
+}
+
+// The object rights, masks 0x0 to 0xF against the master's object.
+TEST(Engine, ObjectRightsForEveryMask) {
+  AclFixture f;
+  for (uint32_t mask = 0; mask <= 0xF; ++mask) {
+    SCOPED_TRACE(mask);
+    auto s = f.As(mask);
+    bool del = mask & 1, use = mask & 7, create = mask & 4, update = mask & 8, open = mask & 0xF;
+    EXPECT_EQ(f.engine->CreateObject(*s, "own", 2, 1, 0, secure::Bytes(8, 2)).code(),
+              create ? Code::kOk : Code::kAccessDenied);
+    EXPECT_EQ(f.engine->UseObject(*s, "master/mkey").status().code(),
+              use ? Code::kOk : Code::kAccessDenied);
+    EXPECT_EQ(f.engine->OpenObject(*s, "master/mkey").status().code(),
+              open ? Code::kOk : Code::kAccessDenied);
+    EXPECT_EQ(f.engine->SetObjectBlocked(*s, "master/missing", true).code(),
+              update ? Code::kObjectNotFound : Code::kAccessDenied);
+    EXPECT_EQ(f.engine->RemoveObject(*s, create ? "own" : "master/missing").code(),
+              del ? (create ? Code::kOk : Code::kObjectNotFound) : Code::kAccessDenied);
+    if (create && !del) {
+      ASSERT_TRUE(f.engine->RemoveObject(*f.master, "tested/own").ok());
+    }
+  }
+}
+
+TEST(Engine, BlockedObjectsAndOwnerNames) {
+  AclFixture f;
+  auto s = f.As(access::kObjRead | access::kObjUpdate);
+  ASSERT_TRUE(f.engine->SetObjectBlocked(*s, "master/mkey", true).ok());
+  EXPECT_EQ(f.engine->UseObject(*s, "master/mkey").status().code(), Code::kObjectBlocked);
+  EXPECT_EQ(f.engine->UseObject(*f.master, "mkey").status().code(), Code::kObjectBlocked);
+  // Opening still works, so that the key can be unblocked through its handle.
+  EXPECT_TRUE(f.engine->OpenObject(*s, "master/mkey")->blocked);
+  ASSERT_TRUE(f.engine->SetObjectBlocked(*s, "master/mkey", false).ok());
+  EXPECT_EQ(f.engine->UseObject(*s, "master/mkey").value(), secure::Bytes(32, 1));
+  // A plain name is the caller's own.
+  EXPECT_EQ(f.engine->UseObject(*s, "mkey").status().code(), Code::kObjectNotFound);
+}
+
+TEST(Engine, FilesInChunksAndMetadata) {
+  EngineFixture f;
+  secure::Bytes data(1000);
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+  ASSERT_TRUE(f.engine->WriteFile(*f.master, "file1", data).ok());
+  EXPECT_EQ(f.engine->WriteFile(*f.master, "file1", data).code(), Code::kObjectExists);
+  secure::Bytes back;
+  for (uint64_t off = 0;;) {
+    auto chunk = f.engine->ReadFile(*f.master, "file1", off, 300);
+    ASSERT_TRUE(chunk.ok());
+    EXPECT_EQ(chunk->total_size, 1000u);
+    if (chunk->data.empty()) break;
+    back.insert(back.end(), chunk->data.begin(), chunk->data.end());
+    off += chunk->data.size();
+  }
+  EXPECT_EQ(back, data);
+  EXPECT_EQ(f.engine->ReadFile(*f.master, "nofile", 0, 10).status().code(), Code::kObjectNotFound);
+  EXPECT_EQ(f.engine->ReadFile(*f.master, "file1", 0, 0).status().code(), Code::kBadArgument);
+
+  ASSERT_TRUE(f.engine->SetObjectMetadata(*f.master, "file1", R"({"a":1})").ok());
+  EXPECT_EQ(f.engine->GetObjectMetadata(*f.master, "file1").value(), R"({"a":1})");
+  // Replacing needs the update right and keeps one object.
+  ASSERT_TRUE(f.engine->CreateUser(*f.master, "writer", "pw", access::kObjCreate).ok());
+  auto writer = f.LoginAs("writer", "pw");
+  EXPECT_EQ(f.engine->WriteFile(*writer, "master/file1", {1}, true).code(), Code::kAccessDenied);
+  ASSERT_TRUE(f.engine->WriteFile(*f.master, "file1", {1, 2, 3}, true).ok());
+  EXPECT_EQ(f.engine->ReadFile(*f.master, "file1", 0, 10)->data, (secure::Bytes{1, 2, 3}));
+  EXPECT_EQ(f.engine->OpenObject(*f.master, "file1")->size, 3u);
+  EXPECT_EQ(f.engine->CountOwnObjects(*f.master).value(), 1);
+  ASSERT_TRUE(f.engine->RenameObject(*f.master, "file1", "file2").ok());
+  EXPECT_EQ(f.engine->ListObjects(*f.master).value(), (std::vector<std::string>{"file2"}));
+}
+
+TEST(Engine, MaskChangeAppliesFromTheNextRequest) {
+  AclFixture f;
+  auto s = f.As(0);
+  EXPECT_EQ(f.engine->ListUsers(*s).status().code(), Code::kAccessDenied);
+  ASSERT_TRUE(f.engine->SetUserMask(*f.master, "tested", access::kUsrList).ok());
+  EXPECT_TRUE(f.engine->ListUsers(*s).ok());
+  ASSERT_TRUE(f.engine->SetUserBlocked(*f.master, "tested", true).ok());
+  EXPECT_EQ(f.engine->ListUsers(*s).status().code(), Code::kUserBlocked);
+  ASSERT_TRUE(f.engine->SetUserBlocked(*f.master, "tested", false).ok());
+  ASSERT_TRUE(f.engine->RemoveUser(*f.master, "tested").ok());
+  EXPECT_EQ(f.engine->ListUsers(*s).status().code(), Code::kNotLoggedIn);
+}
+
+TEST(Engine, OwnPasswordNeedsNoRightOthersNeedOperator) {
+  AclFixture f;
+  auto s = f.As(access::kUsrCreate);
+  EXPECT_TRUE(f.engine->SetUserPassword(*s, "tested", "newpass").ok());
+  EXPECT_EQ(f.engine->SetUserPassword(*s, kMasterUser, "hijack").code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->SetUserMask(*s, "tested", access::kAllRights).code(), Code::kAccessDenied);
+  // A creator without the operator right grants only what it holds.
+  EXPECT_EQ(f.engine->CreateUser(*s, "sub", "pw", access::kSysOperator).code(),
+            Code::kAccessDenied);
+  EXPECT_TRUE(f.engine->CreateUser(*s, "sub", "pw", access::kUsrCreate).ok());
+  auto again = f.engine->NewSession();
+  EXPECT_EQ(f.engine->Login(*again, "tested", kUserPwd).code(), Code::kAuthFailed);
+  EXPECT_TRUE(f.engine->Login(*again, "tested", "newpass").ok());
+}
+
+TEST(Engine, SessionsAreCountedAndLimited) {
+  EngineOptions opts;
+  opts.max_sessions = 3;
+  EngineFixture f(opts);  // the master session is one
+  EXPECT_EQ(f.engine->registry().OpenCount(), 1u);
+  auto a = f.LoginAs(kMasterUser, kMasterPassword);
+  auto b = f.LoginAs(kMasterUser, kMasterPassword);
+  EXPECT_EQ(f.engine->GetStatInfo(*f.master)->session_count, 3u);
+  auto c = f.engine->NewSession();
+  EXPECT_EQ(f.engine->Login(*c, kMasterUser, kMasterPassword).code(), Code::kLimitReached);
+  // Logging in again on an open session does not take a second place.
+  EXPECT_TRUE(f.engine->Login(*a, kMasterUser, kMasterPassword).ok());
+  f.engine->ResetSession(*b);
+  EXPECT_EQ(f.engine->registry().OpenCount(), 2u);
+  EXPECT_TRUE(f.engine->Login(*c, kMasterUser, kMasterPassword).ok());
+  c.reset();
+  EXPECT_EQ(f.engine->registry().OpenCount(), 2u);
+}
+
+TEST(Engine, TemporaryObjectsDieWithTheSession) {
+  EngineFixture f;
+  uint64_t h = f.master->AddTemp({2, 1, 0, secure::Bytes(16, 9)});
+  ASSERT_NE(f.master->FindTemp(h), nullptr);
+  f.engine->ResetSession(*f.master);
+  EXPECT_EQ(f.master->FindTemp(h), nullptr);
+  EXPECT_EQ(f.master->TempCount(), 0u);
+}
+
+TEST(Engine, StatInfoReportsMiB) {
+  EngineFixture f;
+  auto info = f.engine->GetStatInfo(*f.master);
+  ASSERT_TRUE(info.ok());
+  EXPECT_EQ(info->unit, kStatUnitMiB);
+  EXPECT_EQ(info->mem_total, stats::ReadMemory()->total_mib);
+  EXPECT_LE(info->cpu_percent, 100u);
+}
+
+TEST(Engine, HsmInfoHasSixVersionTextsWithoutPercent) {
+  EngineFixture f;
+  auto info = f.engine->GetHsmInfo(*f.master);
+  ASSERT_TRUE(info.ok());
+  ASSERT_EQ(info->versions.size(), 6u);
+  EXPECT_EQ(info->versions[1], "4.10.0.0");
+  EXPECT_EQ(info->versions[2].rfind("QL-", 0), 0u);
+  for (const auto &v : info->versions) EXPECT_EQ(v.find('%'), std::string::npos) << v;
+  EXPECT_EQ(info->pending_transaction, 0u);
+}
+
+TEST(Engine, AuditLogRecordsChangesWithoutSecrets) {
+  EngineFixture f;
+  ASSERT_TRUE(f.engine->CreateUser(*f.master, "logged", "TopSecretPw", 0).ok());
+  auto size = f.engine->GetLogSize(*f.master);
+  ASSERT_TRUE(size.ok());
+  EXPECT_GT(*size, 0u);
+  auto page = f.engine->ReadLogPage(*f.master, 1);
+  ASSERT_TRUE(page.ok());
+  std::string text(page->data.begin(), page->data.end());
+  EXPECT_NE(text.find("master create-user logged 0"), std::string::npos) << text;
+  EXPECT_EQ(text.find("TopSecretPw"), std::string::npos);
+}
+
+TEST(Engine, BackupRestoresIntoAFreshDataDir) {
+  EngineFixture f;
+  ASSERT_TRUE(f.engine->CreateUser(*f.master, "kept", "pw", 0x2).ok());
+  ASSERT_TRUE(f.engine->CreateObject(*f.master, "kept/k", 2, 1, 0, secure::Bytes(24, 5)).ok());
+  auto blob = f.engine->Backup(*f.master, "802468135792468013579246");
+  ASSERT_TRUE(blob.ok()) << blob.status().ToString();
+  EXPECT_EQ(f.engine->Backup(*f.master, "1234567").status().code(), Code::kBadArgument);
+
+  TempDir fresh;
+  EXPECT_EQ(backup::RestoreBackup(*blob, "wrong pin", fresh.path()).code(), Code::kBadPin);
+  secure::Bytes damaged = *blob;
+  damaged[damaged.size() / 2] ^= 1;
+  EXPECT_EQ(backup::RestoreBackup(damaged, "802468135792468013579246", fresh.path()).code(),
+            Code::kBadPin);
+  ASSERT_TRUE(backup::RestoreBackup(*blob, "802468135792468013579246", fresh.path()).ok());
+  EXPECT_EQ(backup::RestoreBackup(*blob, "802468135792468013579246", fresh.path()).code(),
+            Code::kBadArgument);
+
+  auto restored = Engine::Open(fresh.path());
+  ASSERT_TRUE(restored.ok()) << restored.status().ToString();
+  auto s = (*restored)->NewSession();
+  ASSERT_TRUE((*restored)->Login(*s, "kept", "pw").ok());
+  EXPECT_EQ((*restored)->UseObject(*s, "k").value(), secure::Bytes(24, 5));
+}
+
+TEST(Engine, MasterKeyFileMustBePrivate) {
+  EngineFixture f;
+  f.engine.reset();
+  std::filesystem::permissions(DataPath(f.dir.path(), kMasterKeyFile),
+                               std::filesystem::perms::group_read,
+                               std::filesystem::perm_options::add);
+  EXPECT_EQ(Engine::Open(f.dir.path()).status().code(), Code::kBadArgument);
+}
+
+TEST(Engine, TokensLogInAndCanBeRevoked) {
+  EngineFixture f;
+  auto key = f.engine->IssueToken(*f.master, 0);
+  ASSERT_TRUE(key.ok());
+  auto s = f.engine->NewSession();
+  ASSERT_TRUE(f.engine->LoginToken(*s, kMasterUser, *key).ok());
+  EXPECT_TRUE(f.engine->ListUsers(*s).ok());
+  EXPECT_EQ(f.engine->TokenCount(*f.master).value(), 1);
+  EXPECT_EQ(f.engine->ListTokens(*f.master)->size(), 1u);
+  ASSERT_TRUE(f.engine->RevokeToken(*f.master, *key).ok());
+  EXPECT_EQ(f.engine->LoginToken(*s, kMasterUser, *key).code(), Code::kAuthFailed);
+  EXPECT_EQ(f.engine->LoginToken(*s, "ghost", *key).code(), Code::kAuthFailed);
+  auto anon = f.engine->NewSession();
+  ASSERT_TRUE(f.engine->LoginAnonymous(*anon).ok());
+  EXPECT_EQ(f.engine->IssueToken(*anon, 0).status().code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->TokenCount(*anon).status().code(), Code::kAccessDenied);
+}
+
+TEST(Engine, AdministrativeRequestsNotBuiltSaySoAfterTheRight) {
+  AclFixture f;
+  auto s = f.As(0);
+  EXPECT_EQ(f.engine->Administer(*s, "set-date-time").code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->Administer(*f.master, "set-date-time").code(), Code::kNotSupported);
+}
+
+}  // namespace
+}  // namespace qlhsm

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "engine/data_dir.h"
+#include "engine/objects/object_store.h"
+#include "engine/users/user_directory.h"
+#include "test_util.h"
+
+namespace qlhsm::objects {
+namespace {
+
+using qlhsm::testing::FastKdf;
+using qlhsm::testing::TempDir;
+
+TEST(ObjectNames, Parse) {
+  struct Case {
+    const char *text;
+    bool ok;
+    const char *owner;
+    const char *name;
+  } cases[] = {
+      {"key1", true, "me", "key1"}, {"bob/key1", true, "bob", "key1"},
+      {"bob/", false, "", ""},      {"/key", false, "", ""},
+      {"a/b/c", false, "", ""},     {"", false, "", ""},
+      {"has space", false, "", ""}, {"12345678901234567/k", false, "", ""},
+  };
+  for (const Case &c : cases) {
+    auto r = ParseObjectName(c.text, "me");
+    EXPECT_EQ(r.ok(), c.ok) << c.text;
+    if (r.ok() && c.ok) {
+      EXPECT_EQ(r->owner, c.owner);
+      EXPECT_EQ(r->name, c.name);
+    } else {
+      EXPECT_EQ(r.status().code(), Code::kBadName);
+    }
+  }
+}
+
+class ObjectsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto s = store::Store::Open(dir.path(), true);
+    ASSERT_TRUE(s.ok());
+    store = std::move(s.value());
+    users::UserDirectory users(*store, FastKdf());
+    ASSERT_TRUE(users.Create("alice", "pw", 0).ok());
+    objects = std::make_unique<ObjectStore>(*store, secure::Bytes(32, 7));
+  }
+  ObjectInfo Info(const char *owner, const char *name) {
+    ObjectInfo i;
+    i.ref = {owner, name};
+    i.type = static_cast<int>(ObjectType::kFile);
+    return i;
+  }
+  TempDir dir;
+  std::unique_ptr<store::Store> store;
+  std::unique_ptr<ObjectStore> objects;
+};
+
+TEST_F(ObjectsTest, LifeCycle) {
+  secure::Bytes data = {'h', 'e', 'l', 'l', 'o'};
+  ASSERT_TRUE(objects->Create(Info("alice", "f1"), data).ok());
+  EXPECT_EQ(objects->Create(Info("alice", "f1"), data).code(), Code::kObjectExists);
+  EXPECT_EQ(objects->Create(Info("nobody", "f1"), data).code(), Code::kUserNotFound);
+  EXPECT_EQ(objects->ReadMaterial({"alice", "f1"}).value(), data);
+  EXPECT_EQ(objects->Get({"alice", "nope"}).status().code(), Code::kObjectNotFound);
+
+  ASSERT_TRUE(objects->Create(Info("alice", "f2"), {}).ok());
+  EXPECT_TRUE(objects->ReadMaterial({"alice", "f2"})->empty());
+  EXPECT_EQ(objects->Rename({"alice", "f2"}, "f1").code(), Code::kObjectExists);
+  EXPECT_EQ(objects->Rename({"alice", "zz"}, "f3").code(), Code::kObjectNotFound);
+  ASSERT_TRUE(objects->Rename({"alice", "f2"}, "f3").ok());
+  EXPECT_EQ(objects->List("alice").value(), (std::vector<std::string>{"f1", "f3"}));
+
+  ASSERT_TRUE(objects->SetBlocked({"alice", "f1"}, true).ok());
+  EXPECT_TRUE(objects->Get({"alice", "f1"})->blocked);
+  ASSERT_TRUE(objects->SetMetadata({"alice", "f1"}, R"({"label":"x"})").ok());
+  EXPECT_EQ(objects->Get({"alice", "f1"})->metadata, R"({"label":"x"})");
+  EXPECT_EQ(objects->SetBlocked({"alice", "zz"}, true).code(), Code::kObjectNotFound);
+
+  ASSERT_TRUE(objects->Remove({"alice", "f1"}).ok());
+  EXPECT_EQ(objects->Remove({"alice", "f1"}).code(), Code::kObjectNotFound);
+  EXPECT_EQ(objects->Count().value(), 1);
+}
+
+TEST_F(ObjectsTest, MaterialIsSealedAtRestAndBoundToTheMasterKey) {
+  secure::Bytes secret(64, 'S');
+  ASSERT_TRUE(objects->Create(Info("alice", "k"), secret).ok());
+  store.reset();  // close, so every page is in the files
+  std::string all;
+  for (const char *f : {"store.db", "store.db-wal"}) {
+    auto bytes = ReadFileBytes((std::filesystem::path(dir.path()) / f).string());
+    if (bytes.ok()) all.append(bytes->begin(), bytes->end());
+  }
+  ASSERT_FALSE(all.empty());
+  EXPECT_EQ(all.find(std::string(16, 'S')), std::string::npos);
+
+  auto s = store::Store::Open(dir.path(), false);
+  ASSERT_TRUE(s.ok());
+  ObjectStore wrong_key(**s, secure::Bytes(32, 8));
+  EXPECT_FALSE(wrong_key.ReadMaterial({"alice", "k"}).ok());
+  ObjectStore right_key(**s, secure::Bytes(32, 7));
+  EXPECT_EQ(right_key.ReadMaterial({"alice", "k"}).value(), secret);
+}
+
+}  // namespace
+}  // namespace qlhsm::objects
