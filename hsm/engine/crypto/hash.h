@@ -32,7 +32,7 @@ class HashState {
 
   Status Update(ByteView data);
   Result<Bytes> Value() const;
-  // kBadArgument when the length is not the algorithm's (any length for idfunc).
+  // kBadLength when the length is not the algorithm's (any length for idfunc).
   Status SetValue(ByteView value);
 
   AlgId algorithm() const { return alg_; }

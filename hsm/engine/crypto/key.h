@@ -29,7 +29,7 @@ class Key {
   static Result<KeyPtr> Generate(AlgId alg, uint32_t flags = 0);
 
   // A symmetric or HMAC key from its raw bytes. Lengths: DES 8, 3DES 16 or 24 as named, DESX 24,
-  // AES 16/24/32 as named, RC4 1..256, HMAC 1..1024 (kBadArgument otherwise).
+  // AES 16/24/32 as named, RC4 1..256, HMAC 1..1024 (kBadLength otherwise).
   static Result<KeyPtr> FromSecret(AlgId alg, ByteView secret);
 
   // An asymmetric private key from a PKCS#8 PrivateKeyInfo (DER). `alg` 0 takes the algorithm from

@@ -30,7 +30,7 @@ inline constexpr uint32_t kSignNoLegacy = 2;
 // kKeyCannotDo for keys that cannot sign.
 Result<size_t> SignatureSize(const Key &key);
 
-// Signs `digest`, a value of `hash_alg` (its length must be the algorithm's: kBadArgument).
+// Signs `digest`, a value of `hash_alg` (its length must be the algorithm's: kBadLength).
 // Refusals: kKeyCannotDo (secret, X25519/X448 or public-only key), kBadAlgorithm (unknown hash),
 // kDigestTooLarge (RSA: DigestInfo and digest do not fit the modulus, e.g. RSA-512 with SHA-512),
 // kNotSupported (legacy form refused, pre-hashed EdDSA).
@@ -42,13 +42,13 @@ Status Verify(const Key &key, AlgId hash_alg, ByteView digest, ByteView signatur
               uint32_t flags = 0);
 
 // Raw RSA private operation on one block of exactly the modulus' length (already padded by the
-// caller, as batch signing sends them). kBadArgument for a wrong length, kBadData for a block
+// caller, as batch signing sends them). kBadLength for a wrong length, kBadData for a block
 // not below the modulus.
 Result<Bytes> RsaRawSign(const Key &key, ByteView block);
 
 // The PKCS#1 v1.5 type-1 block (00 01 FF.. 00 T) of `key_len` bytes over `digest`, T being the
 // DigestInfo of `digest_id` (digest_id:: values) followed by the digest, or the bare digest for
-// digest_id 0. kBadArgument for a digest of the wrong length for its id, kBadAlgorithm for an
+// digest_id 0. kBadLength for a digest of the wrong length for its id, kBadAlgorithm for an
 // unknown id, kDigestTooLarge when T does not fit (key_len < len(T) + 11).
 Result<Bytes> DoRSAPadding(ByteView digest, size_t key_len, int digest_id);
 
