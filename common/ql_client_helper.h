@@ -7,9 +7,16 @@
 
 // Destroy functions for QLUniquePtr: each releases the handle through its address (which the
 // library clears) and returns the library's code.
-int CloseSession(HSESSIONCTX *phSession);  // QCloseSession(phSession, 0)
-int DestroyKeyHandle(HKEYCTX *phKey);      // QDestroyKey(phKey, 0): the object stays in the HSM
-int DestroyHashHandle(HHASHCTX *phHash);   // QDestroyHash(phHash)
+inline int CloseSession(HSESSIONCTX *phSession) {
+  return QCloseSession(phSession, 0);
+}
+// The object stays in the HSM.
+inline int DestroyKeyHandle(HKEYCTX *phKey) {
+  return QDestroyKey(phKey, 0);
+}
+inline int DestroyHashHandle(HHASHCTX *phHash) {
+  return QDestroyHash(phHash);
+}
 
 // Owns one library handle and destroys it with Destroy when it goes out of scope. Movable, not
 // copyable. Typical use: QLUniquePtr<HSESSIONCTX, &CloseSession> session;
