@@ -79,13 +79,13 @@ extern "C" {
 /* ===========================================================================================
  * Handles
  */
-typedef void *HSESSIONCTX;  /* one authenticated connection */
-typedef void *HKEYCTX;      /* a key or object opened in a session */
-typedef void *HHASHCTX;     /* a running hash, HMAC or CMAC */
-typedef void *HOBJMETACTX;  /* an object-metadata record being built or read */
-typedef void *HSPBMSGCTX;   /* an SPB message being encoded or decoded */
-typedef void *HLOGCTX;      /* a read of the HSM's audit log */
-typedef void *HP11INFOCTX;  /* the HSM's PKCS#11 information */
+typedef void *HSESSIONCTX; /* one authenticated connection */
+typedef void *HKEYCTX;     /* a key or object opened in a session */
+typedef void *HHASHCTX;    /* a running hash, HMAC or CMAC */
+typedef void *HOBJMETACTX; /* an object-metadata record being built or read */
+typedef void *HSPBMSGCTX;  /* an SPB message being encoded or decoded */
+typedef void *HLOGCTX;     /* a read of the HSM's audit log */
+typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 
 /* ===========================================================================================
  * Return codes
@@ -93,52 +93,52 @@ typedef void *HP11INFOCTX;  /* the HSM's PKCS#11 information */
 #define QL_OK 0
 
 /* Library-side codes (1000..1099): the request never reached the HSM, or its answer was bad. */
-#define QL_ERR_BAD_ARGUMENT 1001        /* a null or inconsistent argument */
-#define QL_ERR_NO_MEMORY 1002           /* an allocation failed */
-#define QL_ERR_BAD_HANDLE 1003          /* a handle of the wrong kind, or already released */
-#define QL_ERR_BAD_FLAGS 1004           /* unknown bits in a flags argument */
-#define QL_ERR_BUFFER_TOO_SMALL 1005    /* the needed length is in the length argument */
-#define QL_ERR_BAD_AUTH_KIND 1006       /* an authentication kind or record length unknown */
-#define QL_ERR_CONNECTION_FAILED 1007   /* the HSM could not be reached (resolve, connect) */
-#define QL_ERR_TLS_FAILED 1008          /* the TLS 1.3 handshake failed */
-#define QL_ERR_PROTOCOL 1009            /* a malformed, oversized or unexpected frame */
-#define QL_ERR_SESSION_CLOSED 1010      /* the connection was lost or closed */
-#define QL_ERR_BAD_BASE64 1011          /* text that is not base64 */
+#define QL_ERR_BAD_ARGUMENT 1001         /* a null or inconsistent argument */
+#define QL_ERR_NO_MEMORY 1002            /* an allocation failed */
+#define QL_ERR_BAD_HANDLE 1003           /* a handle of the wrong kind, or already released */
+#define QL_ERR_BAD_FLAGS 1004            /* unknown bits in a flags argument */
+#define QL_ERR_BUFFER_TOO_SMALL 1005     /* the needed length is in the length argument */
+#define QL_ERR_BAD_AUTH_KIND 1006        /* an authentication kind or record length unknown */
+#define QL_ERR_CONNECTION_FAILED 1007    /* the HSM could not be reached (resolve, connect) */
+#define QL_ERR_TLS_FAILED 1008           /* the TLS 1.3 handshake failed */
+#define QL_ERR_PROTOCOL 1009             /* a malformed, oversized or unexpected frame */
+#define QL_ERR_SESSION_CLOSED 1010       /* the connection was lost or closed */
+#define QL_ERR_BAD_BASE64 1011           /* text that is not base64 */
 #define QL_ERR_CREDENTIAL_NOT_FOUND 1012 /* no entry for that target in the credential store */
-#define QL_ERR_CREDENTIAL_STORE 1013    /* the credential store is unreadable or not private */
-#define QL_ERR_LIB_INTERNAL 1014        /* an unexpected failure inside the library */
-#define QL_ERR_CANCELLED 1015           /* a callback asked to stop */
-#define QL_ERR_FILE_IO 1016             /* a local file could not be read or written */
-#define QL_ERR_VERSION_MISMATCH 1017    /* the HSM speaks another protocol version */
+#define QL_ERR_CREDENTIAL_STORE 1013     /* the credential store is unreadable or not private */
+#define QL_ERR_LIB_INTERNAL 1014         /* an unexpected failure inside the library */
+#define QL_ERR_CANCELLED 1015            /* a callback asked to stop */
+#define QL_ERR_FILE_IO 1016              /* a local file could not be read or written */
+#define QL_ERR_VERSION_MISMATCH 1017     /* the HSM speaks another protocol version */
 
 /* HSM-side codes (5000..5099): the HSM refused or failed the request. */
-#define QL_ERR_AUTH_FAILED 5001          /* wrong user, password or access token */
-#define QL_ERR_ACCESS_DENIED 5002        /* the user's access mask lacks the right */
-#define QL_ERR_USER_BLOCKED 5003         /* the user is blocked */
-#define QL_ERR_OBJ_NOT_FOUND 5004        /* no such object */
-#define QL_ERR_OBJ_BLOCKED 5005          /* the object is blocked (key parameter 12) */
-#define QL_ERR_BAD_ALGORITHM 5006        /* an unknown algorithm, mode or padding */
-#define QL_ERR_NOT_SUPPORTED 5007        /* the service or combination is not built */
-#define QL_ERR_LIMIT_REACHED 5008        /* sessions, objects or frame size past a limit */
-#define QL_ERR_BUSY_RETRY 5009           /* the HSM is busy: retry the same request later */
-#define QL_ERR_BAD_TAG 5010              /* an authentication tag (GCM) does not verify */
-#define QL_ERR_USER_NAME_TOO_LONG 5011   /* a user name longer than 16 characters */
-#define QL_ERR_INTERNAL 5012             /* an unexpected failure inside the HSM */
-#define QL_ERR_USER_EXISTS 5013          /* a user of that name exists */
-#define QL_ERR_BAD_KEY_USAGE 5014        /* the key cannot do that (no crypt, wrong type) */
-#define QL_ERR_BAD_LENGTH 5015           /* a data, key or block length that does not fit */
-#define QL_ERR_NOT_EXPORTABLE 5016       /* the key was made without the exportable flag */
-#define QL_ERR_BAD_SIGNATURE 5017        /* a signature that does not verify */
-#define QL_ERR_PIECES_REFUSED 5018       /* the mode needs the whole message in one call */
-#define QL_ERR_DIGEST_TOO_LONG 5019      /* the digest does not fit the key (RSA-512/SHA-512) */
-#define QL_ERR_USER_NOT_FOUND 5020       /* no such user */
-#define QL_ERR_BAD_NAME 5021             /* an empty, too long or malformed name */
-#define QL_ERR_OBJ_EXISTS 5022           /* an object of that name exists */
-#define QL_ERR_BAD_STATE 5023            /* the request does not fit the handle's state */
-#define QL_ERR_BAD_PADDING 5024          /* decrypted data whose padding is wrong */
-#define QL_ERR_BAD_PIN 5025              /* a backup PIN that does not open the backup */
-#define QL_ERR_NOT_LOGGED_IN 5026        /* a request before login */
-#define QL_ERR_UPACK_REFUSED 5034        /* an update package whose signature fails */
+#define QL_ERR_AUTH_FAILED 5001        /* wrong user, password or access token */
+#define QL_ERR_ACCESS_DENIED 5002      /* the user's access mask lacks the right */
+#define QL_ERR_USER_BLOCKED 5003       /* the user is blocked */
+#define QL_ERR_OBJ_NOT_FOUND 5004      /* no such object */
+#define QL_ERR_OBJ_BLOCKED 5005        /* the object is blocked (key parameter 12) */
+#define QL_ERR_BAD_ALGORITHM 5006      /* an unknown algorithm, mode or padding */
+#define QL_ERR_NOT_SUPPORTED 5007      /* the service or combination is not built */
+#define QL_ERR_LIMIT_REACHED 5008      /* sessions, objects or frame size past a limit */
+#define QL_ERR_BUSY_RETRY 5009         /* the HSM is busy: retry the same request later */
+#define QL_ERR_BAD_TAG 5010            /* an authentication tag (GCM) does not verify */
+#define QL_ERR_USER_NAME_TOO_LONG 5011 /* a user name longer than 16 characters */
+#define QL_ERR_INTERNAL 5012           /* an unexpected failure inside the HSM */
+#define QL_ERR_USER_EXISTS 5013        /* a user of that name exists */
+#define QL_ERR_BAD_KEY_USAGE 5014      /* the key cannot do that (no crypt, wrong type) */
+#define QL_ERR_BAD_LENGTH 5015         /* a data, key or block length that does not fit */
+#define QL_ERR_NOT_EXPORTABLE 5016     /* the key was made without the exportable flag */
+#define QL_ERR_BAD_SIGNATURE 5017      /* a signature that does not verify */
+#define QL_ERR_PIECES_REFUSED 5018     /* the mode needs the whole message in one call */
+#define QL_ERR_DIGEST_TOO_LONG 5019    /* the digest does not fit the key (RSA-512/SHA-512) */
+#define QL_ERR_USER_NOT_FOUND 5020     /* no such user */
+#define QL_ERR_BAD_NAME 5021           /* an empty, too long or malformed name */
+#define QL_ERR_OBJ_EXISTS 5022         /* an object of that name exists */
+#define QL_ERR_BAD_STATE 5023          /* the request does not fit the handle's state */
+#define QL_ERR_BAD_PADDING 5024        /* decrypted data whose padding is wrong */
+#define QL_ERR_BAD_PIN 5025            /* a backup PIN that does not open the backup */
+#define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
+#define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -148,8 +148,8 @@ typedef void *HP11INFOCTX;  /* the HSM's PKCS#11 information */
  * Limits
  */
 #define QL_DEFAULT_PORT 4433
-#define QL_MAX_ADDR 128       /* the address field of the authentication records */
-#define QL_MAX_USER_NAME 16   /* characters, without the terminating NUL */
+#define QL_MAX_ADDR 128     /* the address field of the authentication records */
+#define QL_MAX_USER_NAME 16 /* characters, without the terminating NUL */
 #define QL_MAX_PASSWORD 16
 #define QL_MAX_OBJ_NAME 64 /* an object's own name; "owner/object" may reach 16 + 1 + 64 */
 #define QL_ATOKEN_KEY_LEN 16
@@ -158,20 +158,20 @@ typedef void *HP11INFOCTX;  /* the HSM's PKCS#11 information */
 /* ===========================================================================================
  * Authentication kinds (QOpenSession's second argument) and records
  */
-#define QL_AUTH_ANONYMOUS 1       /* AUTH_PWD_EX, address and port only; user fields ignored */
-#define QL_AUTH_USER_PWD 16       /* AUTH_PWD_EX */
-#define QL_AUTH_ATOKEN 32         /* AUTH_ATOKEN */
+#define QL_AUTH_ANONYMOUS 1        /* AUTH_PWD_EX, address and port only; user fields ignored */
+#define QL_AUTH_USER_PWD 16        /* AUTH_PWD_EX */
+#define QL_AUTH_ATOKEN 32          /* AUTH_ATOKEN */
 #define QL_AUTH_WIN_CREDENTIAL 128 /* AUTH_WIN_CREDENTIAL: user and password from the store */
 
 /* The records are little-endian wire records with fixed offsets (asserted below). */
 #pragma pack(push, 4)
 
 typedef struct AUTH_PWD_EX_ {
-  char szAddr[128];     /* HSM address (IP or name), NUL-terminated when shorter */
-  int32_t nPort;        /* TCP port; 0 or negative: 4433 */
-  char szUserId[16];    /* user name, NUL-terminated when shorter */
-  char szPassword[16];  /* password, NUL-terminated when shorter */
-  uint32_t dwAuthType;  /* strong-authentication type; must be 0 */
+  char szAddr[128];    /* HSM address (IP or name), NUL-terminated when shorter */
+  int32_t nPort;       /* TCP port; 0 or negative: 4433 */
+  char szUserId[16];   /* user name, NUL-terminated when shorter */
+  char szPassword[16]; /* password, NUL-terminated when shorter */
+  uint32_t dwAuthType; /* strong-authentication type; must be 0 */
   union {
     unsigned char *pbStrongAuth; /* must be null */
     uint64_t qwStrongAuthPad;    /* keeps the field 8 bytes wide on 32-bit builds */
@@ -180,8 +180,8 @@ typedef struct AUTH_PWD_EX_ {
 } AUTH_PWD_EX;
 
 typedef struct QL_A_TOKEN_ {
-  char pcUserName[16];      /* the user the token belongs to, NUL-terminated when shorter */
-  unsigned char pbKey[16];  /* the token's secret key */
+  char pcUserName[16];     /* the user the token belongs to, NUL-terminated when shorter */
+  unsigned char pbKey[16]; /* the token's secret key */
 } QL_A_TOKEN;
 
 typedef struct AUTH_ATOKEN_ {
@@ -191,7 +191,7 @@ typedef struct AUTH_ATOKEN_ {
 } AUTH_ATOKEN;
 
 typedef struct AUTH_WIN_CREDENTIAL_ {
-  char szAddr[128];  /* the credential target; it is also the HSM address */
+  char szAddr[128]; /* the credential target; it is also the HSM address */
   int32_t nPort;
 } AUTH_WIN_CREDENTIAL;
 
@@ -202,9 +202,9 @@ typedef struct AUTH_WIN_CREDENTIAL_ {
  * without a NUL is too long: QL_ERR_USER_NAME_TOO_LONG (name) or QL_ERR_BAD_LENGTH. */
 #pragma pack(push, 2)
 typedef struct QL_USER_INFO_ {
-  char szUserId[17];    /* at 0: the user name, at most 16 characters */
-  char szPassword[17];  /* at 17: the password, at most 16 characters */
-  uint32_t dwAcl;       /* at 34: the access mask (ACL_*) */
+  char szUserId[17];   /* at 0: the user name, at most 16 characters */
+  char szPassword[17]; /* at 17: the password, at most 16 characters */
+  uint32_t dwAcl;      /* at 34: the access mask (ACL_*) */
 } QL_USER_INFO;
 #pragma pack(pop)
 
@@ -282,15 +282,15 @@ QL_STATIC_ASSERT(offsetof(QL_USER_INFO, dwAcl) == 34, "QL_USER_INFO.dwAcl");
 #define QKP_BLOCKED 12  /* uint32: 1 blocked, 0 usable */
 #define QKP_STATS 13    /* QL_OBJ_STATS; read only */
 
-#define QHP_ALGID 1     /* uint32: the hash's algorithm */
-#define QHP_HASHVAL 2   /* bytes: the value (read), or a value computed elsewhere (write) */
-#define QHP_HASHSIZE 4  /* uint32: the value's length */
+#define QHP_ALGID 1    /* uint32: the hash's algorithm */
+#define QHP_HASHVAL 2  /* bytes: the value (read), or a value computed elsewhere (write) */
+#define QHP_HASHSIZE 4 /* uint32: the value's length */
 
 typedef struct QL_OBJ_STATS_ {
-  uint64_t qwCreated;   /* seconds since 1970 */
+  uint64_t qwCreated; /* seconds since 1970 */
   uint64_t qwModified;
-  uint32_t dwSize;      /* stored bytes */
-  uint32_t dwUseCount;  /* operations since creation */
+  uint32_t dwSize;     /* stored bytes */
+  uint32_t dwUseCount; /* operations since creation */
 } QL_OBJ_STATS;
 
 /* ===========================================================================================
@@ -439,10 +439,10 @@ typedef struct QL_OBJ_STATS_ {
 /* Paddings (QKP_PADDING). */
 #define QL_PAD_NONE 0
 #define QL_PAD_PKCS5 1
-#define QL_PAD_ZERO 2           /* cannot be undone: decryption keeps the padded length */
-#define QL_PAD_RSA_NONE 3       /* raw RSA */
+#define QL_PAD_ZERO 2     /* cannot be undone: decryption keeps the padded length */
+#define QL_PAD_RSA_NONE 3 /* raw RSA */
 #define QL_PAD_FORCE_ACTUAL_RSA 4
-#define QL_PAD_RSA_OAEP 5       /* RSA OAEP with SHA-1 */
+#define QL_PAD_RSA_OAEP 5 /* RSA OAEP with SHA-1 */
 
 /* Blob types (QExportKey / QImportKey). Formats:
  *   PRIVATEKEY_BLOB, PRIVATEKEY_BLOB_STRICT: PKCS#8 PrivateKeyInfo (DER); with a key-encryption
@@ -578,12 +578,12 @@ QLAPI_EXPORT int QOpenSession(HSESSIONCTX *phSession, uint32_t dwAuthType, void 
 QLAPI_EXPORT int QCloseSession(HSESSIONCTX *phSession, uint32_t dwFlags);
 
 /* Session parameters. */
-#define QL_SP_USER_NAME 1           /* text: the logged-in user ("" when anonymous) */
-#define QL_SP_ACL 2                 /* uint32: the user's access mask */
-#define QL_SP_SESSION_ID 3          /* uint64: the HSM's session number */
-#define QL_SP_TLS 4                 /* uint32: 1 when the connection is TLS */
-#define QL_SP_TLS_PEER_SHA256 5     /* 32 bytes: SHA-256 of the HSM's certificate (DER) */
-#define QL_SP_OPERATING_MODE 1024   /* uint32: QL_OP_MODE_* */
+#define QL_SP_USER_NAME 1         /* text: the logged-in user ("" when anonymous) */
+#define QL_SP_ACL 2               /* uint32: the user's access mask */
+#define QL_SP_SESSION_ID 3        /* uint64: the HSM's session number */
+#define QL_SP_TLS 4               /* uint32: 1 when the connection is TLS */
+#define QL_SP_TLS_PEER_SHA256 5   /* 32 bytes: SHA-256 of the HSM's certificate (DER) */
+#define QL_SP_OPERATING_MODE 1024 /* uint32: QL_OP_MODE_* */
 #define QL_OP_MODE_NORMAL 1
 #define QL_OP_MODE_MAINTENANCE 2
 QLAPI_EXPORT int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *pvData,
@@ -592,11 +592,11 @@ QLAPI_EXPORT int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *
 /* Administrative operations. pvIn/dwInLen and pvOut/pdwOutLen as each operation needs (null
  * when none). QL_ADM_KEEPALIVE and QL_ADM_PROBE need no right; the others ACL_SYS_OPERATOR.
  * A QL_ERR_BUSY_RETRY answer may be retried as it is. */
-#define QL_ADM_SET_DATE_TIME 1   /* in: uint64 seconds since 1970 */
-#define QL_ADM_SET_TLS_BUNDLE 2  /* in: PEM private key followed by its certificate */
-#define QL_ADM_LOG_CACHE 3       /* in: uint32 0 off, 1 on */
-#define QL_ADM_KEEPALIVE 4       /* none */
-#define QL_ADM_PROBE 5           /* in: optional byte QL_RNM_*; out: uint32 state (1 up) */
+#define QL_ADM_SET_DATE_TIME 1  /* in: uint64 seconds since 1970 */
+#define QL_ADM_SET_TLS_BUNDLE 2 /* in: PEM private key followed by its certificate */
+#define QL_ADM_LOG_CACHE 3      /* in: uint32 0 off, 1 on */
+#define QL_ADM_KEEPALIVE 4      /* none */
+#define QL_ADM_PROBE 5          /* in: optional byte QL_RNM_*; out: uint32 state (1 up) */
 #define QL_ADM_REPL_UPDATE 6
 #define QL_ADM_REPL_NODE_MESSAGE 7
 #define QL_ADM_EFTD_AUTHORIZE 8
@@ -632,9 +632,8 @@ QLAPI_EXPORT int QGetHsmInfo(HSESSIONCTX hSession, QL_HSM_INFO *pInfo);
  * and used, in that unit. Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR (else 5002). Any output
  * pointer may be null. */
 QLAPI_EXPORT int QGetStatInfo(HSESSIONCTX hSession, uint32_t *pdwSessionCount,
-                              uint32_t *pdwCpuUsage, uint32_t *pdwMemUnit,
-                              uint32_t *pdwMemTotal, uint32_t *pdwMemUsed,
-                              uint32_t *pdwSwapTotal, uint32_t *pdwSwapUsed);
+                              uint32_t *pdwCpuUsage, uint32_t *pdwMemUnit, uint32_t *pdwMemTotal,
+                              uint32_t *pdwMemUsed, uint32_t *pdwSwapTotal, uint32_t *pdwSwapUsed);
 
 /* The size in bytes of the HSM's audit log. Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QGetStatLogSize(HSESSIONCTX hSession, uint64_t *pqwLogSize);
@@ -650,9 +649,8 @@ QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnC
                                     void *pvParam);
 
 /* IP filter: dwOperation 1 list (callback per rule), 2 add szRule, 3 remove szRule. */
-QLAPI_EXPORT int QIPFilterOperation(HSESSIONCTX hSession, uint32_t dwOperation,
-                                    const char *szRule, PQL_LIST_CALLBACK pfnCallback,
-                                    void *pvParam);
+QLAPI_EXPORT int QIPFilterOperation(HSESSIONCTX hSession, uint32_t dwOperation, const char *szRule,
+                                    PQL_LIST_CALLBACK pfnCallback, void *pvParam);
 
 /* The HSM's PKCS#11 information, read attribute by attribute. */
 QLAPI_EXPORT int QGetHSMP11Info(HSESSIONCTX hSession, HP11INFOCTX *phInfo, uint32_t dwFlags);
@@ -715,21 +713,20 @@ QLAPI_EXPORT int QGetRandom(HSESSIONCTX hSession, unsigned char *pbData, uint32_
 QLAPI_EXPORT int QCreateUser(HSESSIONCTX hSession, const QL_USER_INFO *pUser);
 /* Removes a user and the objects it owns. */
 QLAPI_EXPORT int QRemoveUser(HSESSIONCTX hSession, const char *szUserName);
-QLAPI_EXPORT int QListUsers(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
-                            void *pvParam);
+QLAPI_EXPORT int QListUsers(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback, void *pvParam);
 /* The access mask of a user (one's own needs no right; another's ACL_USR_LIST or
  * ACL_SYS_OPERATOR). */
 QLAPI_EXPORT int QGetUserAcl(HSESSIONCTX hSession, const char *szUserName, uint32_t *pdwAcl);
 
 /* User parameters of QSetUserParam / QGetUserParam. */
-#define QL_UP_PASSWORD 1        /* set: the caller's own new password, as text */
-#define QL_UP_ACL 2             /* QL_USER_INFO: set: szUserId, dwAcl; get: szUserId in, dwAcl out */
-#define QL_UP_BLOCK 3           /* set: QL_USER_INFO, szUserId */
-#define QL_UP_UNBLOCK 4         /* set: QL_USER_INFO, szUserId */
-#define QL_UP_USER_PASSWORD 5   /* set: QL_USER_INFO, szUserId and szPassword */
-#define QL_UP_OBJ_COUNT 6       /* get: uint32, the caller's number of objects */
-#define QL_UP_BLOCKED 7         /* get: QL_USER_INFO in (szUserId), uint32 at dwAcl: 1 blocked */
-#define QL_UP_X509_ASSIGN 8     /* set: the caller's certificate for strong authentication */
+#define QL_UP_PASSWORD 1      /* set: the caller's own new password, as text */
+#define QL_UP_ACL 2           /* QL_USER_INFO: set: szUserId, dwAcl; get: szUserId in, dwAcl out */
+#define QL_UP_BLOCK 3         /* set: QL_USER_INFO, szUserId */
+#define QL_UP_UNBLOCK 4       /* set: QL_USER_INFO, szUserId */
+#define QL_UP_USER_PASSWORD 5 /* set: QL_USER_INFO, szUserId and szPassword */
+#define QL_UP_OBJ_COUNT 6     /* get: uint32, the caller's number of objects */
+#define QL_UP_BLOCKED 7       /* get: QL_USER_INFO in (szUserId), uint32 at dwAcl: 1 blocked */
+#define QL_UP_X509_ASSIGN 8   /* set: the caller's certificate for strong authentication */
 #define QL_UP_X509_UNASSIGN 9
 QLAPI_EXPORT int QSetUserParam(HSESSIONCTX hSession, uint32_t dwParam, const void *pvData,
                                uint32_t dwDataLen);
@@ -756,30 +753,27 @@ QLAPI_EXPORT int QManageAToken(HSESSIONCTX hSession, uint32_t dwOperation, QL_A_
                                void *pvParam);
 #define QL_ATOKEN_CACHE_COUNT 1 /* *pqwValue out: tokens held by the HSM */
 #define QL_ATOKEN_CACHE_GC 2    /* *pqwValue out: expired tokens removed */
-QLAPI_EXPORT int QManageATokenCache(HSESSIONCTX hSession, uint32_t dwOperation,
-                                    uint64_t *pqwValue);
+QLAPI_EXPORT int QManageATokenCache(HSESSIONCTX hSession, uint32_t dwOperation, uint64_t *pqwValue);
 
 /* OATH: dwType 2 event (HOTP), 3 time (TOTP). */
 QLAPI_EXPORT int QAssignToken(HSESSIONCTX hSession, const char *szUserName, uint32_t dwType,
-                              const unsigned char *pbSeed, uint32_t dwSeedLen,
-                              uint32_t dwTimeStep, uint64_t qwT0, uint32_t dwFlags);
+                              const unsigned char *pbSeed, uint32_t dwSeedLen, uint32_t dwTimeStep,
+                              uint64_t qwT0, uint32_t dwFlags);
 QLAPI_EXPORT int QUnassignToken(HSESSIONCTX hSession, const char *szUserName);
 QLAPI_EXPORT int QOATHResync(HSESSIONCTX hSession, const char *szUserName, const char *szOtp1,
                              const char *szOtp2);
 QLAPI_EXPORT int QOATHCheckHOTP(HSESSIONCTX hSession, const char *szMasterKey,
-                                const unsigned char *pbBlob, uint32_t dwBlobLen,
-                                const char *szOtp, unsigned char *pbNewBlob,
-                                uint32_t *pdwNewBlobLen, uint32_t dwFlags);
+                                const unsigned char *pbBlob, uint32_t dwBlobLen, const char *szOtp,
+                                unsigned char *pbNewBlob, uint32_t *pdwNewBlobLen,
+                                uint32_t dwFlags);
 QLAPI_EXPORT int QOATHGetBlobInfo(HSESSIONCTX hSession, const char *szMasterKey,
                                   const unsigned char *pbBlob, uint32_t dwBlobLen,
-                                  uint32_t dwInfoType, unsigned char *pbOut,
-                                  uint32_t *pdwOutLen);
+                                  uint32_t dwInfoType, unsigned char *pbOut, uint32_t *pdwOutLen);
 /* One-time password computed locally from a seed: event counter or time (seconds since 1970),
  * dwDigits 6 to 8; szOtp holds dwDigits + 1 bytes. */
 QLAPI_EXPORT int QGenerateHOTPOffline(const unsigned char *pbSeed, uint32_t dwSeedLen,
-                                      uint32_t dwType, uint64_t qwMovingFactor,
-                                      uint32_t dwTimeStep, uint64_t qwT0, uint32_t dwDigits,
-                                      char *szOtp);
+                                      uint32_t dwType, uint64_t qwMovingFactor, uint32_t dwTimeStep,
+                                      uint64_t qwT0, uint32_t dwDigits, char *szOtp);
 
 /* ===========================================================================================
  * Objects and files
@@ -792,8 +786,8 @@ QLAPI_EXPORT int QRenameObj(HSESSIONCTX hSession, const char *szObjName, const c
 typedef struct QL_OBJ_INFO_ {
   char szName[QL_MAX_OBJ_NAME + 1];
   char szOwner[QL_MAX_USER_NAME + 1];
-  uint32_t dwType;   /* QL_OBJ_* or, for a key, its QL_ALG_* */
-  uint32_t dwFlags;  /* QL_KEY_* */
+  uint32_t dwType;  /* QL_OBJ_* or, for a key, its QL_ALG_* */
+  uint32_t dwFlags; /* QL_KEY_* */
   uint32_t dwBlocked;
   QL_OBJ_STATS stStats;
 } QL_OBJ_INFO;
@@ -801,8 +795,7 @@ QLAPI_EXPORT int QGetObjInfo(HSESSIONCTX hSession, const char *szObjName, QL_OBJ
 
 /* Reads a file object: the callback gets each chunk in order (at most 64 KiB each), then a
  * final call with null and 0. Non-zero stops the read (QL_ERR_CANCELLED). */
-typedef int (*PQL_READ_CALLBACK)(void *pvParam, const unsigned char *pbChunk,
-                                 uint32_t dwChunkLen);
+typedef int (*PQL_READ_CALLBACK)(void *pvParam, const unsigned char *pbChunk, uint32_t dwChunkLen);
 QLAPI_EXPORT int QReadFile(HSESSIONCTX hSession, const char *szObjName,
                            PQL_READ_CALLBACK pfnCallback, void *pvParam);
 /* Writes the local file szLocalPath into the file object szObjName. dwFlags 1 replaces an
@@ -897,8 +890,8 @@ QLAPI_EXPORT int QByokExport(HSESSIONCTX hSession, const char *szKeyName, const 
  */
 /* A hash of dwAlgId. MD5, SHA-1, SHA-2 and SHA-3 run in the library; HMAC and CMAC need hKey
  * (a key in the HSM) and run there; QL_ALG_IDFUNC collects the message for EdDSA. */
-QLAPI_EXPORT int QCreateHash(HSESSIONCTX hSession, uint32_t dwAlgId, HKEYCTX hKey,
-                             uint32_t dwFlags, HHASHCTX *phHash);
+QLAPI_EXPORT int QCreateHash(HSESSIONCTX hSession, uint32_t dwAlgId, HKEYCTX hKey, uint32_t dwFlags,
+                             HHASHCTX *phHash);
 /* Adds data. After QSetHashParam(QHP_HASHVAL), QHashData starts a new message: the value set is
  * dropped and the data hashed from the start. */
 QLAPI_EXPORT int QHashData(HHASHCTX hHash, const unsigned char *pbData, uint32_t dwDataLen,
@@ -940,8 +933,8 @@ QLAPI_EXPORT int QBatchSign(HKEYCTX hKey, unsigned char *pbBatch, uint32_t dwCou
  * Runs locally (hSession may be null). Answers NON-ZERO ON SUCCESS, with *pdwHashLen set to
  * dwKeyLen, and 0 on failure (the digest does not fit, a bad type or argument). */
 QLAPI_EXPORT int QDoRSAPadding(HSESSIONCTX hSession, uint32_t dwType, unsigned char *pbOut,
-                               const unsigned char *pbHash, uint32_t *pdwHashLen,
-                               uint32_t dwKeyLen, uint32_t dwDigestId);
+                               const unsigned char *pbHash, uint32_t *pdwHashLen, uint32_t dwKeyLen,
+                               uint32_t dwDigestId);
 
 /* ===========================================================================================
  * Ciphers
@@ -965,10 +958,10 @@ QLAPI_EXPORT int QDecrypt(HKEYCTX hKey, HHASHCTX hHash, int bFinal, uint32_t dwF
 typedef struct QL_CERT_INFO_ {
   char szSubject[512];
   char szIssuer[512];
-  char szSerial[128];    /* hexadecimal */
-  uint64_t qwNotBefore;  /* seconds since 1970 */
+  char szSerial[128];   /* hexadecimal */
+  uint64_t qwNotBefore; /* seconds since 1970 */
   uint64_t qwNotAfter;
-  uint32_t dwKeyAlgId;   /* QL_ALG_* of the public key */
+  uint32_t dwKeyAlgId; /* QL_ALG_* of the public key */
 } QL_CERT_INFO;
 QLAPI_EXPORT int QCert2CertInfo(const unsigned char *pbCert, uint32_t dwCertLen,
                                 QL_CERT_INFO *pInfo);
@@ -977,10 +970,9 @@ QLAPI_EXPORT int QCertEncodingConvert(const unsigned char *pbIn, uint32_t dwInLe
                                       uint32_t dwOutForm, unsigned char **ppbOut,
                                       uint32_t *pdwOutLen);
 QLAPI_EXPORT int QGeneratePKCS10CSR(HSESSIONCTX hSession, const char *szKeyName,
-                                    const char *szSubjectDn, uint32_t dwVersion,
-                                    uint32_t dwOutForm, uint32_t dwHashAlgId,
-                                    unsigned char **ppbCsr, uint32_t *pdwCsrLen,
-                                    uint32_t dwFlags);
+                                    const char *szSubjectDn, uint32_t dwVersion, uint32_t dwOutForm,
+                                    uint32_t dwHashAlgId, unsigned char **ppbCsr,
+                                    uint32_t *pdwCsrLen, uint32_t dwFlags);
 QLAPI_EXPORT int QImportPKCS12(HSESSIONCTX hSession, const char *szPkcs12File,
                                const char *szPassword, const char *szKeyName,
                                const char *szCertName, uint32_t dwFlags);
@@ -988,10 +980,9 @@ QLAPI_EXPORT int QImportPKCS12Buffer(HSESSIONCTX hSession, const unsigned char *
                                      uint32_t dwPkcs12Len, const char *szPassword,
                                      const char *szKeyName, const char *szCertName,
                                      uint32_t dwFlags);
-QLAPI_EXPORT int QExportPKCS12(HSESSIONCTX hSession, const char *szPassword,
-                               const char *szKeyName, const char *szCertName,
-                               unsigned char **ppbPkcs12, uint32_t *pdwPkcs12Len,
-                               uint32_t dwFlags);
+QLAPI_EXPORT int QExportPKCS12(HSESSIONCTX hSession, const char *szPassword, const char *szKeyName,
+                               const char *szCertName, unsigned char **ppbPkcs12,
+                               uint32_t *pdwPkcs12Len, uint32_t dwFlags);
 QLAPI_EXPORT int QAssociatePKCS11Key(HSESSIONCTX hSession, const char *szKeyName,
                                      const char *szCertName, uint32_t dwFlags);
 /* PKCS#7 / CMS signature of pbData; dwAttributes the QL_P7_* bits. */
@@ -1000,9 +991,9 @@ QLAPI_EXPORT int QPKCS7Sign(HSESSIONCTX hSession, const char *szKeyName, const c
                             const unsigned char *pbData, uint32_t dwDataLen,
                             unsigned char **ppbSigned, uint32_t *pdwSignedLen, uint32_t dwFlags);
 QLAPI_EXPORT int QSignXml(HSESSIONCTX hSession, uint32_t dwHashAlgId, const char *szKeyName,
-                          const char *szCertName, const char *szFilter,
-                          const unsigned char *pbXml, uint32_t dwXmlLen,
-                          unsigned char **ppbSigned, uint32_t *pdwSignedLen, uint32_t dwFlags);
+                          const char *szCertName, const char *szFilter, const unsigned char *pbXml,
+                          uint32_t dwXmlLen, unsigned char **ppbSigned, uint32_t *pdwSignedLen,
+                          uint32_t dwFlags);
 QLAPI_EXPORT int QVerifySignedXmlEx(HSESSIONCTX hSession, const char *szChainName,
                                     const char *szCrlName, const char *szFilter,
                                     const unsigned char *pbXml, uint32_t dwXmlLen,
@@ -1016,46 +1007,41 @@ QLAPI_EXPORT int QGenerateCVV(HKEYCTX hKey, const char *szPan, const char *szExp
                               const char *szServiceCode, char *szCvv, uint32_t dwFlags);
 QLAPI_EXPORT int QVerifyCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
                             const char *szServiceCode, const char *szCvv, uint32_t dwFlags);
-QLAPI_EXPORT int QGeneratePIN(HKEYCTX hPinKey, const char *szPan, uint32_t dwPinLen,
-                              char *szPin, uint32_t *pdwPinLen, uint32_t dwFlags);
-QLAPI_EXPORT int QVerifyPINBlock(HKEYCTX hPtk, HKEYCTX hPgk, uint32_t dwFormat,
-                                 const char *szPan, const unsigned char *pbPinBlock,
-                                 uint32_t dwPinBlockLen, uint32_t dwFlags);
+QLAPI_EXPORT int QGeneratePIN(HKEYCTX hPinKey, const char *szPan, uint32_t dwPinLen, char *szPin,
+                              uint32_t *pdwPinLen, uint32_t dwFlags);
+QLAPI_EXPORT int QVerifyPINBlock(HKEYCTX hPtk, HKEYCTX hPgk, uint32_t dwFormat, const char *szPan,
+                                 const unsigned char *pbPinBlock, uint32_t dwPinBlockLen,
+                                 uint32_t dwFlags);
 QLAPI_EXPORT int QPINBlockTranslate(HSESSIONCTX hSession, const char *szSrcPek,
                                     const char *szDstPek, uint32_t dwFormat, const char *szPan,
                                     const unsigned char *pbIn, uint32_t dwInLen,
-                                    unsigned char *pbOut, uint32_t *pdwOutLen,
-                                    uint32_t dwFlags);
+                                    unsigned char *pbOut, uint32_t *pdwOutLen, uint32_t dwFlags);
 QLAPI_EXPORT int QGenerateBDKName(HSESSIONCTX hSession, const unsigned char *pbKsi,
                                   uint32_t dwKsiLen, char *szBdkName, uint32_t *pdwNameLen);
 QLAPI_EXPORT int QGenerateDUKPT(HSESSIONCTX hSession, const char *szBdkName,
                                 const unsigned char *pbKsn, uint32_t dwKsnLen,
                                 const char *szKeyName, uint32_t dwFlags);
-QLAPI_EXPORT int QEFTExportTR31(HSESSIONCTX hSession, const char *szKbpkName,
-                                const char *szKeyName, uint32_t dwUsage, uint32_t dwMode,
-                                uint32_t dwExportability, char *szKeyBlock,
-                                uint32_t *pdwKeyBlockLen, uint32_t dwFlags);
-QLAPI_EXPORT int QEFTImportTR31(HSESSIONCTX hSession, const char *szKbpkName,
-                                const char *szKeyName, const char *szKeyBlock,
-                                uint32_t dwKeyBlockLen, uint32_t dwFlags);
+QLAPI_EXPORT int QEFTExportTR31(HSESSIONCTX hSession, const char *szKbpkName, const char *szKeyName,
+                                uint32_t dwUsage, uint32_t dwMode, uint32_t dwExportability,
+                                char *szKeyBlock, uint32_t *pdwKeyBlockLen, uint32_t dwFlags);
+QLAPI_EXPORT int QEFTImportTR31(HSESSIONCTX hSession, const char *szKbpkName, const char *szKeyName,
+                                const char *szKeyBlock, uint32_t dwKeyBlockLen, uint32_t dwFlags);
 
 /* ===========================================================================================
  * SPB messages
  */
-QLAPI_EXPORT int QSPBEncodeInit(HSESSIONCTX hSession, const char *szSrcIspb,
-                                const char *szDstIspb, uint32_t dwMessageLen,
-                                unsigned char bC3, unsigned char bC4, HSPBMSGCTX *phMsg,
-                                uint32_t dwFlags);
+QLAPI_EXPORT int QSPBEncodeInit(HSESSIONCTX hSession, const char *szSrcIspb, const char *szDstIspb,
+                                uint32_t dwMessageLen, unsigned char bC3, unsigned char bC4,
+                                HSPBMSGCTX *phMsg, uint32_t dwFlags);
 QLAPI_EXPORT int QSPBEncodeCont(HSPBMSGCTX hMsg, const unsigned char *pbIn, uint32_t dwInLen,
                                 unsigned char *pbOut, uint32_t *pdwOutLen);
 /* Writes the 588-byte security header; releases and clears *phMsg. */
 #define QL_SPB_HEADER_LEN 588
 QLAPI_EXPORT int QSPBEncodeEnd(HSPBMSGCTX *phMsg, unsigned char *pbOut, uint32_t *pdwOutLen);
-QLAPI_EXPORT int QSPBDecodeInit(HSESSIONCTX hSession, const char *szSrcIspb,
-                                const char *szDstIspb, const unsigned char *pbHeader,
-                                uint32_t dwHeaderLen, uint32_t dwMessageLen,
-                                unsigned char bAcceptExpired, unsigned char bAutoUpdateCert,
-                                HSPBMSGCTX *phMsg, uint32_t dwFlags);
+QLAPI_EXPORT int QSPBDecodeInit(HSESSIONCTX hSession, const char *szSrcIspb, const char *szDstIspb,
+                                const unsigned char *pbHeader, uint32_t dwHeaderLen,
+                                uint32_t dwMessageLen, unsigned char bAcceptExpired,
+                                unsigned char bAutoUpdateCert, HSPBMSGCTX *phMsg, uint32_t dwFlags);
 QLAPI_EXPORT int QSPBDecodeCont(HSPBMSGCTX hMsg, const unsigned char *pbIn, uint32_t dwInLen,
                                 unsigned char *pbOut, uint32_t *pdwOutLen);
 QLAPI_EXPORT int QSPBDecodeEnd(HSPBMSGCTX *phMsg);
@@ -1080,19 +1066,17 @@ QLAPI_EXPORT int QPIXSign(HSESSIONCTX hSession, const char *szKeyName, const cha
                           uint32_t *pdwOutLen, uint32_t dwFlags);
 QLAPI_EXPORT int QPIXVerify(HSESSIONCTX hSession, const char *szChainName, const char *szCrlName,
                             const unsigned char *pbXml, uint32_t dwXmlLen, uint32_t dwFlags);
-QLAPI_EXPORT int QPIXDictSign(HSESSIONCTX hSession, const char *szKeyName,
-                              const char *szCertName, const unsigned char *pbXml,
-                              uint32_t dwXmlLen, unsigned char **ppbOut, uint32_t *pdwOutLen,
-                              uint32_t dwFlags);
+QLAPI_EXPORT int QPIXDictSign(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
+                              const unsigned char *pbXml, uint32_t dwXmlLen, unsigned char **ppbOut,
+                              uint32_t *pdwOutLen, uint32_t dwFlags);
 QLAPI_EXPORT int QPIXDictVerify(HSESSIONCTX hSession, const char *szChainName,
                                 const char *szCrlName, const unsigned char *pbXml,
                                 uint32_t dwXmlLen, uint32_t dwFlags);
 QLAPI_EXPORT int QPIXJWSSign(HSESSIONCTX hSession, const char *szKeyName, const char *szHeader,
-                             const unsigned char *pbPayload, uint32_t dwPayloadLen,
-                             char **ppszJws, uint32_t *pdwJwsLen, uint32_t dwFlags);
-QLAPI_EXPORT int QPIXJWSCheck(HSESSIONCTX hSession, const char *szChainName,
-                              const char *szCrlName, const char *szJws, uint32_t dwJwsLen,
-                              uint32_t dwFlags);
+                             const unsigned char *pbPayload, uint32_t dwPayloadLen, char **ppszJws,
+                             uint32_t *pdwJwsLen, uint32_t dwFlags);
+QLAPI_EXPORT int QPIXJWSCheck(HSESSIONCTX hSession, const char *szChainName, const char *szCrlName,
+                              const char *szJws, uint32_t dwJwsLen, uint32_t dwFlags);
 /* One HTTPS request to the PIX service through the HSM, signed with its key and certificate.
  * The answer body in a buffer from QAlloc and the HTTP status in *pdwHttpStatus. */
 QLAPI_EXPORT int QPIXPost(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
@@ -1102,17 +1086,17 @@ QLAPI_EXPORT int QPIXPost(HSESSIONCTX hSession, const char *szKeyName, const cha
                           uint32_t *pdwHttpStatus, uint32_t dwFlags);
 QLAPI_EXPORT int QPIXGet(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
                          const char *szChainName, const char *szUrl, const char *szHeaders,
-                         uint32_t dwTimeoutMs, unsigned char **ppbAnswer,
-                         uint32_t *pdwAnswerLen, uint32_t *pdwHttpStatus, uint32_t dwFlags);
+                         uint32_t dwTimeoutMs, unsigned char **ppbAnswer, uint32_t *pdwAnswerLen,
+                         uint32_t *pdwHttpStatus, uint32_t dwFlags);
 QLAPI_EXPORT int QPIXPut(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
                          const char *szChainName, const char *szUrl, const char *szHeaders,
                          const unsigned char *pbBody, uint32_t dwBodyLen, uint32_t dwTimeoutMs,
-                         unsigned char **ppbAnswer, uint32_t *pdwAnswerLen,
-                         uint32_t *pdwHttpStatus, uint32_t dwFlags);
+                         unsigned char **ppbAnswer, uint32_t *pdwAnswerLen, uint32_t *pdwHttpStatus,
+                         uint32_t dwFlags);
 QLAPI_EXPORT int QPIXDelete(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
                             const char *szChainName, const char *szUrl, const char *szHeaders,
-                            uint32_t dwTimeoutMs, unsigned char **ppbAnswer,
-                            uint32_t *pdwAnswerLen, uint32_t *pdwHttpStatus, uint32_t dwFlags);
+                            uint32_t dwTimeoutMs, unsigned char **ppbAnswer, uint32_t *pdwAnswerLen,
+                            uint32_t *pdwHttpStatus, uint32_t dwFlags);
 
 /* ===========================================================================================
  * Tokenisation vault
@@ -1149,9 +1133,8 @@ QLAPI_EXPORT int QBchainCreateXPrv(HSESSIONCTX hSession, const char *szKeyName, 
                                    const unsigned char *pbData, uint32_t dwDataLen,
                                    uint32_t dwAttributes);
 QLAPI_EXPORT int QBchainCreateBip32Ckd(HSESSIONCTX hSession, const char *szParentName,
-                                       const char *szDstName, uint32_t dwVersion,
-                                       uint32_t dwIndex, uint32_t dwAttributes,
-                                       QL_BCHAIN_KEY_INFO *pInfo);
+                                       const char *szDstName, uint32_t dwVersion, uint32_t dwIndex,
+                                       uint32_t dwAttributes, QL_BCHAIN_KEY_INFO *pInfo);
 QLAPI_EXPORT int QBchainGetAddress(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
                                    uint32_t dwVersion, const char *szHrp, char *szAddress,
                                    uint32_t *pdwAddressLen);
@@ -1193,8 +1176,8 @@ QLAPI_EXPORT int QMofNSplit(HSESSIONCTX hSession, uint32_t dwM, uint32_t dwN,
                             const unsigned char *pbSecret, uint32_t dwSecretLen,
                             unsigned char **ppbParts, uint32_t *pdwPartLen);
 QLAPI_EXPORT int QMofNRecover(HSESSIONCTX hSession, const unsigned char *pbParts,
-                              uint32_t dwPartCount, uint32_t dwPartLen,
-                              unsigned char **ppbSecret, uint32_t *pdwSecretLen);
+                              uint32_t dwPartCount, uint32_t dwPartLen, unsigned char **ppbSecret,
+                              uint32_t *pdwSecretLen);
 QLAPI_EXPORT int QSKeepNewSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
                                  uint32_t dwAuthType);
 QLAPI_EXPORT int QSKeepRemoveSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,

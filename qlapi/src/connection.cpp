@@ -1,0 +1,263 @@
+#include "connection.h"
+
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+#include "frame.h"
+
+namespace qlapi {
+namespace {
+
+constexpr int kConnectTimeoutMs = 10000;
+// Key generation of large RSA keys can take minutes; a dead peer is found by TCP itself.
+constexpr int kIoTimeoutSeconds = 900;
+constexpr std::size_t kReadChunk = 16384;
+
+SSL_CTX *g_ctx = nullptr;
+BIO_METHOD *g_bio_method = nullptr;
+std::once_flag g_tls_once;
+int g_tls_status = QL_OK;
+
+// A socket BIO that never raises SIGPIPE: OpenSSL's own writes with write(2), which kills a
+// process that has not ignored the signal when the HSM closes first. A library must not change
+// the process's signal handling, so it sends with MSG_NOSIGNAL instead.
+int BioWrite(BIO *bio, const char *data, int size) {
+  const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio)));
+  for (;;) {
+    const ssize_t n = ::send(fd, data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    if (n >= 0) return static_cast<int>(n);
+    if (errno != EINTR) return -1;
+  }
+}
+
+int BioRead(BIO *bio, char *data, int size) {
+  const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio)));
+  for (;;) {
+    const ssize_t n = ::recv(fd, data, static_cast<std::size_t>(size), 0);
+    if (n >= 0) return static_cast<int>(n);
+    if (errno != EINTR) return -1;
+  }
+}
+
+long BioCtrl(BIO *, int cmd, long, void *) {
+  return cmd == BIO_CTRL_FLUSH ? 1 : 0;
+}
+
+int BioCreate(BIO *bio) {
+  BIO_set_init(bio, 1);
+  return 1;
+}
+
+void CreateTlsContext() {
+  g_bio_method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "qlapi socket");
+  SSL_CTX *ctx = SSL_CTX_new(TLS_client_method());
+  if (g_bio_method == nullptr || ctx == nullptr) {
+    SSL_CTX_free(ctx);
+    g_tls_status = QL_ERR_TLS_FAILED;
+    return;
+  }
+  BIO_meth_set_write(g_bio_method, BioWrite);
+  BIO_meth_set_read(g_bio_method, BioRead);
+  BIO_meth_set_ctrl(g_bio_method, BioCtrl);
+  BIO_meth_set_create(g_bio_method, BioCreate);
+  SSL_CTX_set_min_proto_version(ctx, TLS1_3_VERSION);
+  SSL_CTX_set_max_proto_version(ctx, TLS1_3_VERSION);
+  // The HSM's certificate is self-signed and vouched for by nobody: the handshake proves the
+  // peer holds its key, and the caller may pin its fingerprint (QL_SP_TLS_PEER_SHA256).
+  SSL_CTX_set_verify(ctx, SSL_VERIFY_NONE, nullptr);
+  SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
+  g_ctx = ctx;
+}
+
+void SetTimeouts(int fd) {
+  timeval tv{};
+  tv.tv_sec = kIoTimeoutSeconds;
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  int one = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
+// Connects one address with a time limit; the socket is blocking again afterwards.
+int ConnectOne(const addrinfo *ai) {
+  const int fd = ::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
+  if (fd < 0) return -1;
+  const int fl = fcntl(fd, F_GETFL, 0);
+  fcntl(fd, F_SETFL, fl | O_NONBLOCK);
+  int rc = ::connect(fd, ai->ai_addr, ai->ai_addrlen);
+  if (rc != 0 && errno == EINPROGRESS) {
+    pollfd p{fd, POLLOUT, 0};
+    do {
+      rc = ::poll(&p, 1, kConnectTimeoutMs);
+    } while (rc < 0 && errno == EINTR);
+    int err = 0;
+    socklen_t len = sizeof err;
+    if (rc == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err == 0)
+      rc = 0;
+    else
+      rc = -1;
+  }
+  if (rc != 0) {
+    ::close(fd);
+    return -1;
+  }
+  fcntl(fd, F_SETFL, fl);
+  SetTimeouts(fd);
+  return fd;
+}
+
+}  // namespace
+
+Status InitTls() {
+  std::call_once(g_tls_once, CreateTlsContext);
+  return Status(g_tls_status);
+}
+
+Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, int port, bool tls) {
+  if (tls) {
+    Status st = InitTls();
+    if (!st.ok()) return st;
+  }
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo *list = nullptr;
+  const std::string service = std::to_string(port);
+  if (getaddrinfo(host.c_str(), service.c_str(), &hints, &list) != 0 || list == nullptr) {
+    return Status(QL_ERR_CONNECTION_FAILED);
+  }
+  int fd = -1;
+  for (const addrinfo *ai = list; ai != nullptr && fd < 0; ai = ai->ai_next) fd = ConnectOne(ai);
+  freeaddrinfo(list);
+  if (fd < 0) return Status(QL_ERR_CONNECTION_FAILED);
+
+  std::unique_ptr<Connection> conn(new Connection(fd));
+  if (!tls) return conn;
+
+  conn->ssl_.reset(SSL_new(g_ctx));
+  BIO *bio = conn->ssl_ ? BIO_new(g_bio_method) : nullptr;
+  if (bio == nullptr) return Status(QL_ERR_TLS_FAILED);
+  BIO_set_data(bio, reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
+  SSL_set_bio(conn->ssl_.get(), bio, bio);
+  if (SSL_connect(conn->ssl_.get()) != 1) {
+    ERR_clear_error();
+    return Status(QL_ERR_TLS_FAILED);
+  }
+  if (X509 *cert = SSL_get0_peer_certificate(conn->ssl_.get())) {
+    unsigned char md[EVP_MAX_MD_SIZE];
+    unsigned int len = 0;
+    if (X509_digest(cert, EVP_sha256(), md, &len) == 1) {
+      conn->peer_sha256_.assign(reinterpret_cast<char *>(md), len);
+    }
+  }
+  return conn;
+}
+
+Connection::~Connection() {
+  if (ssl_ && !broken_) {
+    // A close_notify lets the HSM tell a clean close from a lost connection; no wait for its.
+    SSL_set_quiet_shutdown(ssl_.get(), 0);
+    SSL_shutdown(ssl_.get());
+  }
+  ssl_.reset();
+  if (fd_ >= 0) ::close(fd_);
+  ERR_clear_error();
+}
+
+Status Connection::Write(const std::string &bytes) {
+  if (broken_) return Status(QL_ERR_SESSION_CLOSED);
+  std::size_t done = 0;
+  while (done < bytes.size()) {
+    const std::size_t left = bytes.size() - done;
+    if (ssl_) {
+      std::size_t n = 0;
+      if (SSL_write_ex(ssl_.get(), bytes.data() + done, left, &n) != 1) {
+        ERR_clear_error();
+        broken_ = true;
+        return Status(QL_ERR_SESSION_CLOSED);
+      }
+      done += n;
+    } else {
+      const ssize_t n = ::send(fd_, bytes.data() + done, left, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        broken_ = true;
+        return Status(QL_ERR_SESSION_CLOSED);
+      }
+      done += static_cast<std::size_t>(n);
+    }
+  }
+  return Status::Ok();
+}
+
+Status Connection::Fill() {
+  if (in_pos_ == in_.size()) {
+    in_.clear();
+    in_pos_ = 0;
+  }
+  const std::size_t at = in_.size();
+  in_.resize(at + kReadChunk);
+  std::size_t got = 0;
+  if (ssl_) {
+    if (SSL_read_ex(ssl_.get(), in_.data() + at, kReadChunk, &got) != 1) got = 0;
+    ERR_clear_error();
+  } else {
+    ssize_t n;
+    do {
+      n = ::recv(fd_, in_.data() + at, kReadChunk, 0);
+    } while (n < 0 && errno == EINTR);
+    got = n > 0 ? static_cast<std::size_t>(n) : 0;
+  }
+  in_.resize(at + got);
+  if (got == 0) {
+    broken_ = true;
+    return Status(QL_ERR_SESSION_CLOSED);
+  }
+  return Status::Ok();
+}
+
+Status Connection::ReadExact(void *out, std::size_t size) {
+  auto *p = static_cast<char *>(out);
+  while (size > 0) {
+    if (in_pos_ == in_.size()) {
+      Status st = Fill();
+      if (!st.ok()) return st;
+    }
+    const std::size_t take = std::min(size, in_.size() - in_pos_);
+    std::memcpy(p, in_.data() + in_pos_, take);
+    in_pos_ += take;
+    p += take;
+    size -= take;
+  }
+  return Status::Ok();
+}
+
+Status Connection::ReadFrame(uint32_t max_frame, std::string *body) {
+  if (broken_) return Status(QL_ERR_SESSION_CLOSED);
+  unsigned char header[qlproto::kFrameHeaderSize];
+  Status st = ReadExact(header, sizeof header);
+  if (!st.ok()) return st;
+  uint32_t length = 0;
+  if (qlproto::DecodeFrameHeader(header, max_frame, &length) != qlproto::FrameStatus::kOk) {
+    broken_ = true;
+    return Status(QL_ERR_PROTOCOL);
+  }
+  body->resize(length);
+  return ReadExact(body->data(), length);
+}
+
+}  // namespace qlapi

@@ -1,0 +1,56 @@
+#pragma once
+// One TCP connection to an HSM, plain or TLS 1.3, carrying frames (proto/frame.h). Blocking I/O;
+// a connection is used by one thread at a time (the session's lock sees to that).
+
+#include <openssl/ssl.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "status.h"
+
+namespace qlapi {
+
+struct SslDeleter {
+  void operator()(SSL *ssl) const { SSL_free(ssl); }
+};
+
+class Connection {
+ public:
+  // Resolves host, connects (10 s at most) and, for tls, completes the TLS 1.3 handshake.
+  // QL_ERR_CONNECTION_FAILED or QL_ERR_TLS_FAILED otherwise.
+  static Result<std::unique_ptr<Connection>> Open(const std::string &host, int port, bool tls);
+  ~Connection();
+  Connection(const Connection &) = delete;
+  Connection &operator=(const Connection &) = delete;
+
+  // Writes all of bytes (one frame or several). QL_ERR_SESSION_CLOSED when the peer is gone.
+  Status Write(const std::string &bytes);
+  // Reads one whole frame body, refusing a length past max_frame before allocating it.
+  Status ReadFrame(uint32_t max_frame, std::string *body);
+
+  bool tls() const { return ssl_ != nullptr; }
+  // SHA-256 of the HSM's certificate (DER); empty on a plain connection.
+  const std::string &peer_sha256() const { return peer_sha256_; }
+  // Set once a read or write failed: the connection must not carry another request.
+  bool broken() const { return broken_; }
+
+ private:
+  explicit Connection(int fd) : fd_(fd) {}
+  Status ReadExact(void *out, std::size_t size);
+  Status Fill();
+
+  int fd_ = -1;
+  std::unique_ptr<SSL, SslDeleter> ssl_;
+  std::string peer_sha256_;
+  bool broken_ = false;
+  // Bytes read from the socket and not yet consumed, so a response costs one read call.
+  std::string in_;
+  std::size_t in_pos_ = 0;
+};
+
+// Creates the TLS context (once); QInitialize calls it so the first session pays nothing.
+Status InitTls();
+
+}  // namespace qlapi

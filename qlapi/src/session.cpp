@@ -1,0 +1,229 @@
+#include "session.h"
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstring>
+#include <unordered_set>
+#include <vector>
+
+#include "frame.h"
+#include "version.h"
+
+namespace qlapi {
+namespace {
+
+// Sends one request on a link and reads its response; any transport failure closes the link.
+Result<pb::Response> Exchange(Link &link, pb::Request &request) {
+  request.set_id(link.next_id++);
+  std::string frame;
+  if (qlproto::EncodeFrame(request, link.max_frame, &frame) != qlproto::FrameStatus::kOk) {
+    // Too large to send: the HSM would refuse it; the connection stays usable.
+    return Status(QL_ERR_LIMIT_REACHED);
+  }
+  Status st = link.conn->Write(frame);
+  if (!st.ok()) return st;
+  std::string body;
+  st = link.conn->ReadFrame(link.max_frame, &body);
+  if (!st.ok()) return st;
+  pb::Response response;
+  if (qlproto::DecodeFrameBody(body, &response) != qlproto::FrameStatus::kOk ||
+      response.id() != request.id()) {
+    link.conn.reset();
+    return Status(QL_ERR_PROTOCOL);
+  }
+  return response;
+}
+
+void FillLogin(const Credentials &creds, pb::Login *login) {
+  login->set_kind(creds.kind);
+  if (creds.kind == QL_AUTH_USER_PWD) {
+    login->set_user(creds.user);
+    login->set_password(creds.secret);
+  } else if (creds.kind == QL_AUTH_ATOKEN) {
+    login->set_user(creds.user);
+    login->set_token_key(creds.secret);
+  }
+}
+
+Status ReadLogin(const pb::Response &response, uint64_t *session_id, uint32_t *acl) {
+  if (response.code() != QL_OK) return Status(response.code());
+  if (!response.has_login()) return Status(QL_ERR_PROTOCOL);
+  *session_id = response.login().session_id();
+  *acl = response.login().acl();
+  return Status::Ok();
+}
+
+constexpr std::size_t kShards = 32;
+
+struct RegistryShard {
+  std::mutex mu;
+  std::unordered_set<HandleBase *> handles;
+};
+
+std::array<RegistryShard, kShards> &Registry() {
+  static auto *shards = new std::array<RegistryShard, kShards>();  // lives until exit
+  return *shards;
+}
+
+RegistryShard &ShardOf(const void *p) {
+  return Registry()[(reinterpret_cast<uintptr_t>(p) >> 4) % kShards];
+}
+
+}  // namespace
+
+std::string Credentials::CacheKey() const {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  EVP_Digest(secret.data(), secret.size(), md, &len, EVP_sha256(), nullptr);
+  std::string key;
+  key.reserve(host.size() + user.size() + 48);
+  key.append(host).push_back('\0');
+  key.append(std::to_string(port)).push_back(tls ? 'T' : 'P');
+  key.append(std::to_string(kind)).push_back('\0');
+  key.append(user).push_back('\0');
+  key.append(reinterpret_cast<char *>(md), len);
+  return key;
+}
+
+Result<std::unique_ptr<Link>> Connect(const Credentials &creds) {
+  auto opened = Connection::Open(creds.host, creds.port, creds.tls);
+  if (!opened.ok()) return opened.status();
+  auto link = std::make_unique<Link>();
+  link->conn = std::move(opened.value());
+  link->max_frame = qlproto::kDefaultMaxFrame;
+
+  pb::Request hello;
+  hello.set_id(link->next_id++);
+  hello.mutable_hello()->set_protocol_version(qlproto::kProtocolVersion);
+  hello.mutable_hello()->set_client_version(kLibraryVersion);
+  std::string frame;
+  qlproto::EncodeFrame(hello, link->max_frame, &frame);
+  Status st = link->conn->Write(frame);
+  if (!st.ok()) return Status(QL_ERR_CONNECTION_FAILED);
+  std::string body;
+  st = link->conn->ReadFrame(link->max_frame, &body);
+  if (!st.ok())
+    return Status(st.code() == QL_ERR_SESSION_CLOSED ? QL_ERR_CONNECTION_FAILED : st.code());
+  pb::Response reply;
+  if (qlproto::DecodeFrameBody(body, &reply) != qlproto::FrameStatus::kOk ||
+      reply.id() != hello.id()) {
+    return Status(QL_ERR_PROTOCOL);
+  }
+  if (reply.code() != QL_OK) return Status(reply.code());
+  if (!reply.has_hello() || qlproto::ProtocolMajor(reply.hello().protocol_version()) !=
+                                qlproto::ProtocolMajor(qlproto::kProtocolVersion)) {
+    return Status(QL_ERR_VERSION_MISMATCH);
+  }
+  const uint32_t announced = reply.hello().max_frame();
+  if (announced >= 1024 && announced <= qlproto::kAbsoluteMaxFrame) link->max_frame = announced;
+  link->server_version = reply.hello().server_version();
+  return link;
+}
+
+Status Login(Link &link, const Credentials &creds, uint64_t *session_id, uint32_t *acl) {
+  pb::Request request;
+  FillLogin(creds, request.mutable_login());
+  auto response = Exchange(link, request);
+  if (!response.ok()) return response.status();
+  return ReadLogin(response.value(), session_id, acl);
+}
+
+Result<pb::Response> SessionCore::Call(pb::Request &request) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!link_ || !link_->conn || link_->conn->broken()) return Status(QL_ERR_SESSION_CLOSED);
+  auto response = Exchange(*link_, request);
+  if (!response.ok() && (!link_->conn || link_->conn->broken())) link_.reset();
+  return response;
+}
+
+Status SessionCore::CallSimple(pb::Request &request) {
+  auto response = Call(request);
+  if (!response.ok()) return response.status();
+  return Status(response.value().code());
+}
+
+Status SessionCore::Close(bool keep, std::unique_ptr<Link> *link) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!link_) return Status(QL_ERR_SESSION_CLOSED);
+  if (keep && cacheable_ && link_->conn && !link_->conn->broken()) {
+    pb::Request request;
+    request.mutable_logout();
+    auto response = Exchange(*link_, request);
+    if (response.ok() && response.value().code() == QL_OK && link_->conn &&
+        !link_->conn->broken()) {
+      *link = std::move(link_);
+      return Status::Ok();
+    }
+  }
+  // Closing the connection ends the HSM's session as well.
+  link_.reset();
+  return Status::Ok();
+}
+
+void SessionCore::Abandon() {
+  std::lock_guard<std::mutex> lock(mu_);
+  link_.reset();
+}
+
+std::string SessionCore::peer_sha256() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return link_ && link_->conn ? link_->conn->peer_sha256() : std::string();
+}
+
+std::string SessionCore::server_version() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return link_ ? link_->server_version : std::string();
+}
+
+void RegisterHandle(HandleBase *h) {
+  RegistryShard &shard = ShardOf(h);
+  std::lock_guard<std::mutex> lock(shard.mu);
+  shard.handles.insert(h);
+}
+
+bool UnregisterHandle(HandleBase *h) {
+  RegistryShard &shard = ShardOf(h);
+  std::lock_guard<std::mutex> lock(shard.mu);
+  return shard.handles.erase(h) == 1;
+}
+
+void ReleaseAllHandles() {
+  std::vector<HandleBase *> all;
+  for (RegistryShard &shard : Registry()) {
+    std::lock_guard<std::mutex> lock(shard.mu);
+    all.insert(all.end(), shard.handles.begin(), shard.handles.end());
+    shard.handles.clear();
+  }
+  for (HandleBase *h : all) {
+    if (h->magic == kSessionMagic) {
+      auto *s = static_cast<SessionHandle *>(h);
+      if (s->core) s->core->Abandon();
+    }
+  }
+  for (HandleBase *h : all) delete h;
+}
+
+std::shared_ptr<SessionCore> CoreOf(HSESSIONCTX h) {
+  SessionHandle *s = AsHandle<SessionHandle>(h, kSessionMagic);
+  return s ? s->core : nullptr;
+}
+
+Status CopyOut(const std::string &data, void *out, uint32_t *out_len) {
+  if (out_len == nullptr) return Status(QL_ERR_BAD_ARGUMENT);
+  const uint32_t needed = static_cast<uint32_t>(data.size());
+  if (out == nullptr || *out_len < needed) {
+    *out_len = needed;
+    return Status(QL_ERR_BUFFER_TOO_SMALL);
+  }
+  if (needed) std::memcpy(out, data.data(), needed);
+  *out_len = needed;
+  return Status::Ok();
+}
+
+Status TooSmall(const pb::Response &response, uint32_t *out_len) {
+  if (out_len) *out_len = static_cast<uint32_t>(response.needed_length());
+  return Status(QL_ERR_BUFFER_TOO_SMALL);
+}
+
+}  // namespace qlapi

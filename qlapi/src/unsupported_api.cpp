@@ -1,0 +1,364 @@
+// The API families whose HSM services are not built yet: payment, SPB, PIX, tokenisation,
+// blockchain, secret sharing, metadata and maps, PKI, OATH tokens, the audit-log reader and the
+// network tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
+// once that the service is missing; handle-releasing calls clear the handle they are given.
+#include "api_common.h"
+
+#define QL_NOT_SUPPORTED return QL_ERR_NOT_SUPPORTED
+
+extern "C" {
+
+int QGetNetInfo(HSESSIONCTX, char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QListLoadedModules(HSESSIONCTX, PQL_LIST_CALLBACK, void *) {
+  QL_NOT_SUPPORTED;
+}
+int QIPFilterOperation(HSESSIONCTX, uint32_t, const char *, PQL_LIST_CALLBACK, void *) {
+  QL_NOT_SUPPORTED;
+}
+int QGetHSMP11Info(HSESSIONCTX, HP11INFOCTX *phInfo, uint32_t) {
+  if (phInfo) *phInfo = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QGetHSMP11InfoAttr(HP11INFOCTX, uint32_t, void *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QDestroyHSMP11Info(HP11INFOCTX *phInfo) {
+  if (phInfo) *phInfo = nullptr;
+  return QL_OK;
+}
+int QGetHSMP11TypeInfoList(HSESSIONCTX, PQL_LIST_CALLBACK, void *) {
+  QL_NOT_SUPPORTED;
+}
+int QHSMTool(HSESSIONCTX, uint32_t, const char *, char **, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QFindHSM(uint32_t, uint32_t, PQL_LIST_CALLBACK, void *) {
+  QL_NOT_SUPPORTED;
+}
+int QDSBindHSM(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QGetHSMLogInit(HSESSIONCTX, uint32_t, HLOGCTX *phLog) {
+  if (phLog) *phLog = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QGetHSMLogCont(HLOGCTX, unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QGetHSMLogEnd(HLOGCTX *phLog) {
+  if (phLog) *phLog = nullptr;
+  return QL_OK;
+}
+int QGetLogEvents(HSESSIONCTX, PQL_LOG_EVENT_CALLBACK, void *) {
+  QL_NOT_SUPPORTED;
+}
+int QLogLineFormat(const char *, uint32_t, char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QTruncateLog(HSESSIONCTX, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QAssignToken(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t, uint32_t,
+                 uint64_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QUnassignToken(HSESSIONCTX, const char *) {
+  QL_NOT_SUPPORTED;
+}
+int QOATHResync(HSESSIONCTX, const char *, const char *, const char *) {
+  QL_NOT_SUPPORTED;
+}
+int QOATHCheckHOTP(HSESSIONCTX, const char *, const unsigned char *, uint32_t, const char *,
+                   unsigned char *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QOATHGetBlobInfo(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
+                     unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+
+int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigned char *, uint32_t,
+                unsigned char **, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+
+int QCert2CertInfo(const unsigned char *, uint32_t, QL_CERT_INFO *) {
+  QL_NOT_SUPPORTED;
+}
+int QCertEncodingConvert(const unsigned char *, uint32_t, uint32_t, unsigned char **, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QGeneratePKCS10CSR(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t,
+                       unsigned char **, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QImportPKCS12(HSESSIONCTX, const char *, const char *, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QImportPKCS12Buffer(HSESSIONCTX, const unsigned char *, uint32_t, const char *, const char *,
+                        const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QExportPKCS12(HSESSIONCTX, const char *, const char *, const char *, unsigned char **,
+                  uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QAssociatePKCS11Key(HSESSIONCTX, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPKCS7Sign(HSESSIONCTX, const char *, const char *, const char *, uint32_t,
+               const unsigned char *, uint32_t, unsigned char **, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSignXml(HSESSIONCTX, uint32_t, const char *, const char *, const char *, const unsigned char *,
+             uint32_t, unsigned char **, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, const unsigned char *,
+                       uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QGenerateCVV(HKEYCTX, const char *, const char *, const char *, char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QVerifyCVV(HKEYCTX, const char *, const char *, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QGeneratePIN(HKEYCTX, const char *, uint32_t, char *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QVerifyPINBlock(HKEYCTX, HKEYCTX, uint32_t, const char *, const unsigned char *, uint32_t,
+                    uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPINBlockTranslate(HSESSIONCTX, const char *, const char *, uint32_t, const char *,
+                       const unsigned char *, uint32_t, unsigned char *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QGenerateBDKName(HSESSIONCTX, const unsigned char *, uint32_t, char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QGenerateDUKPT(HSESSIONCTX, const char *, const unsigned char *, uint32_t, const char *,
+                   uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QEFTExportTR31(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t, char *,
+                   uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QEFTImportTR31(HSESSIONCTX, const char *, const char *, const char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QSPBEncodeInit(HSESSIONCTX, const char *, const char *, uint32_t, unsigned char, unsigned char,
+                   HSPBMSGCTX *phMsg, uint32_t) {
+  if (phMsg) *phMsg = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QSPBEncodeCont(HSPBMSGCTX, const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QSPBEncodeEnd(HSPBMSGCTX *phMsg, unsigned char *, uint32_t *) {
+  if (phMsg) *phMsg = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QSPBDecodeInit(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
+                   uint32_t, unsigned char, unsigned char, HSPBMSGCTX *phMsg, uint32_t) {
+  if (phMsg) *phMsg = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QSPBDecodeCont(HSPBMSGCTX, const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QSPBDecodeEnd(HSPBMSGCTX *phMsg) {
+  if (phMsg) *phMsg = nullptr;
+  return QL_OK;
+}
+int QSPBGenerateKey(HSESSIONCTX, const char *, char *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSPBGenerateCSR(HSESSIONCTX, const char *, const char *, const char *, unsigned char **,
+                    uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSPBImportCertificate(HSESSIONCTX, const unsigned char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSPBImportPKCS12(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSPBActivateCertificate(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QPIXSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
+             unsigned char **, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXVerify(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXDictSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
+                 unsigned char **, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXDictVerify(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
+                   uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXJWSSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, char **,
+                uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXJWSCheck(HSESSIONCTX, const char *, const char *, const char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXPost(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
+             const unsigned char *, uint32_t, uint32_t, unsigned char **, uint32_t *, uint32_t *,
+             uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXGet(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
+            uint32_t, unsigned char **, uint32_t *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXPut(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
+            const unsigned char *, uint32_t, uint32_t, unsigned char **, uint32_t *, uint32_t *,
+            uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QPIXDelete(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
+               uint32_t, unsigned char **, uint32_t *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QSVaultGenToken(HSESSIONCTX, const char *, const QL_SVAULT_TOKEN_INFO *, const char *, char *,
+                    uint32_t *, unsigned char *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSVaultGetData(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t, char *,
+                   uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QBchainCreateXPrv(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t,
+                      uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainCreateBip32Ckd(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t,
+                          QL_BCHAIN_KEY_INFO *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainGetAddress(HSESSIONCTX, const char *, uint32_t, uint32_t, const char *, char *,
+                      uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainVerify(HSESSIONCTX, uint32_t, uint32_t, const unsigned char *, uint32_t,
+                  const unsigned char *, uint32_t, uint32_t, const unsigned char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainRecoverPbkFromSignature(HSESSIONCTX, uint32_t, uint32_t, const unsigned char *, uint32_t,
+                                   const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainSignHash(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *, uint32_t,
+                    unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainHashData(HSESSIONCTX, uint32_t, const unsigned char *, uint32_t, unsigned char *,
+                    uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainGetKeyInfo(HSESSIONCTX, const char *, QL_BCHAIN_KEY_INFO *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainGetPubKey(HSESSIONCTX, const char *, uint32_t, unsigned char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainPkExport(HSESSIONCTX, const char *, uint32_t, uint32_t, int, unsigned char **,
+                    uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QBchainPkImport(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *,
+                    uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+
+int QMofNSplit(HSESSIONCTX, uint32_t, uint32_t, const unsigned char *, uint32_t, unsigned char **,
+               uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QMofNRecover(HSESSIONCTX, const unsigned char *, uint32_t, uint32_t, unsigned char **,
+                 uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepNewSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepRemoveSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepSplitSecret(HSESSIONCTX, const char *, uint32_t, uint32_t, uint32_t, uint32_t,
+                      unsigned char **, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepProbeSecret(HSESSIONCTX, const char *, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepMatchSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepRecoverSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
+                        uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+int QSKeepCalcShareCks(const unsigned char *, uint32_t, uint32_t *) {
+  QL_NOT_SUPPORTED;
+}
+
+int QCreateObjMetadata(HOBJMETACTX *phMeta, uint32_t) {
+  if (phMeta) *phMeta = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QSetObjMetadata(HOBJMETACTX, uint32_t, const void *, uint32_t, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QGetObjMetadata(HOBJMETACTX, uint32_t, void *, uint32_t *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QDestroyObjMetadata(HOBJMETACTX *phMeta, uint32_t) {
+  if (phMeta) *phMeta = nullptr;
+  return QL_OK;
+}
+int QManageObjMetadata(HSESSIONCTX, uint32_t, const char *, HOBJMETACTX, HOBJMETACTX, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QGetObjMetadataTypeInfoList(HSESSIONCTX, PQL_LIST_CALLBACK, void *) {
+  QL_NOT_SUPPORTED;
+}
+int QGetJsonObjMetadata(HSESSIONCTX, const char *, uint32_t, char **ppszJson, uint32_t *) {
+  if (ppszJson) *ppszJson = nullptr;
+  QL_NOT_SUPPORTED;
+}
+int QSetJsonObjMetadata(HSESSIONCTX, const char *, const char *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QGenerateMapObj(HSESSIONCTX, const char *, const QL_PKCS11_MAP *, uint32_t) {
+  QL_NOT_SUPPORTED;
+}
+int QRemoveMapObj(HSESSIONCTX, const char *) {
+  QL_NOT_SUPPORTED;
+}
+int QGetPkcs11Map(HSESSIONCTX, const char *, QL_PKCS11_MAP *) {
+  QL_NOT_SUPPORTED;
+}
+
+}  // extern "C"
