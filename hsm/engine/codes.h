@@ -11,6 +11,7 @@ enum class Code : int {
   kOk = QL_OK,
   kBadArgument = QL_ERR_BAD_ARGUMENT,
   kBufferTooSmall = QL_ERR_BUFFER_TOO_SMALL,
+  kBadAuthKind = QL_ERR_BAD_AUTH_KIND,
   kProtocol = QL_ERR_PROTOCOL,
   kVersionMismatch = QL_ERR_VERSION_MISMATCH,
   kAuthFailed = QL_ERR_AUTH_FAILED,

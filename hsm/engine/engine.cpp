@@ -262,12 +262,15 @@ Result<secure::Bytes> Engine::IssueToken(Session &s, int64_t expires) {
   return Done(s, "issue-token", s.user(), tokens_->Issue(s.user(), expires), true);
 }
 
-Status Engine::RevokeToken(Session &s, const secure::Bytes &key) {
+Status Engine::RevokeToken(Session &s, std::string_view owner, const secure::Bytes &key) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();
   if (key.size() != users::kTokenKeyLen) return Status::Error(Code::kBadArgument, "bad token");
-  if (!s.logged_in()) return Done(s, "revoke-token", "-", Denied(), false);
-  return Done(s, "revoke-token", s.user(), tokens_->Revoke(s.user(), key), true);
+  if (owner.empty()) owner = s.user();
+  bool own = s.logged_in() && owner == s.user();
+  if (!own && !access::Allowed(Request::kAdminister, me->mask))
+    return Done(s, "revoke-token", owner, Denied(), false);
+  return Done(s, "revoke-token", owner, tokens_->Revoke(owner, key), true);
 }
 
 Result<std::vector<users::TokenInfo>> Engine::ListTokens(Session &s) {

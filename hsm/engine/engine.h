@@ -102,7 +102,9 @@ class Engine {
 
   // --- access tokens (the caller's own; an operator sees everyone's) ---
   Result<secure::Bytes> IssueToken(sessions::Session &s, int64_t expires);
-  Status RevokeToken(sessions::Session &s, const secure::Bytes &key);
+  // One's own token needs no right; another user's (owner not empty and not the caller) needs
+  // the operator right.
+  Status RevokeToken(sessions::Session &s, std::string_view owner, const secure::Bytes &key);
   Result<std::vector<users::TokenInfo>> ListTokens(sessions::Session &s);
   Result<int64_t> TokenCount(sessions::Session &s);
   Result<int64_t> CollectTokenGarbage(sessions::Session &s);

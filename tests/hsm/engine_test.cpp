@@ -351,7 +351,7 @@ TEST(Engine, TokensLogInAndCanBeRevoked) {
   EXPECT_TRUE(f.engine->ListUsers(*s).ok());
   EXPECT_EQ(f.engine->TokenCount(*f.master).value(), 1);
   EXPECT_EQ(f.engine->ListTokens(*f.master)->size(), 1u);
-  ASSERT_TRUE(f.engine->RevokeToken(*f.master, *key).ok());
+  ASSERT_TRUE(f.engine->RevokeToken(*f.master, "", *key).ok());
   EXPECT_EQ(f.engine->LoginToken(*s, kMasterUser, *key).code(), Code::kAuthFailed);
   EXPECT_EQ(f.engine->LoginToken(*s, "ghost", *key).code(), Code::kAuthFailed);
   auto anon = f.engine->NewSession();

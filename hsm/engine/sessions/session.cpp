@@ -33,6 +33,7 @@ void Session::Reset() {
   // Temporary key material is wiped, not just freed.
   for (auto &[handle, obj] : temps_) OPENSSL_cleanse(obj.material.data(), obj.material.size());
   temps_.clear();
+  opened_.clear();
   if (counted_) registry_.Release();
   counted_ = false;
   auth_ = AuthKind::kNone;
@@ -48,6 +49,21 @@ uint64_t Session::AddTemp(TempObject obj) {
 TempObject *Session::FindTemp(uint64_t handle) {
   auto it = temps_.find(handle);
   return it == temps_.end() ? nullptr : &it->second;
+}
+
+uint64_t Session::AddOpened(std::string full_name) {
+  uint64_t h = next_handle_++;
+  opened_.emplace(h, std::move(full_name));
+  return h;
+}
+
+const std::string *Session::FindOpened(uint64_t handle) const {
+  auto it = opened_.find(handle);
+  return it == opened_.end() ? nullptr : &it->second;
+}
+
+bool Session::RemoveOpened(uint64_t handle) {
+  return opened_.erase(handle) != 0;
 }
 
 bool Session::RemoveTemp(uint64_t handle) {

@@ -50,6 +50,12 @@ class Session {
   bool RemoveTemp(uint64_t handle);
   size_t TempCount() const { return temps_.size(); }
 
+  // Stored objects opened in this session ("owner/object"), by handle. The handles share one
+  // numbering with the temporary objects.
+  uint64_t AddOpened(std::string full_name);
+  const std::string *FindOpened(uint64_t handle) const;
+  bool RemoveOpened(uint64_t handle);
+
  private:
   SessionRegistry &registry_;
   uint64_t id_;
@@ -58,6 +64,7 @@ class Session {
   std::string user_;
   uint64_t next_handle_ = 1;
   std::unordered_map<uint64_t, TempObject> temps_;
+  std::unordered_map<uint64_t, std::string> opened_;
 };
 
 class SessionRegistry {

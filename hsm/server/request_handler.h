@@ -1,0 +1,61 @@
+// Turns one decoded request into one response by calling the engine. It knows nothing of sockets,
+// so the daemon's connections, the tests and the fuzzer drive it the same way.
+//
+// Order on every request: the first one must be Hello; before a login only Hello and Login are
+// served (others answer QL_ERR_NOT_LOGGED_IN); then the engine checks session, arguments, right,
+// existence and state.
+//
+// Thread safe: one handler serves every connection; each connection passes its own state.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/engine.h"
+#include "qlhsm.pb.h"
+
+namespace qlhsm::server {
+
+// What one connection carries between requests.
+struct ConnectionState {
+  bool hello_done = false;
+  bool tls = false;
+  // Set by the handler when the connection must close after this response is sent.
+  bool close_after = false;
+  std::unique_ptr<sessions::Session> session;
+};
+
+struct HandlerConfig {
+  uint32_t max_frame = 0;             // announced in the Hello reply
+  std::vector<uint8_t> tls_cert_der;  // served by GetTlsCert
+};
+
+class RequestHandler {
+ public:
+  RequestHandler(Engine &engine, HandlerConfig config);
+
+  void Handle(const qlhsm::v1::Request &request, ConnectionState &state,
+              qlhsm::v1::Response *response);
+
+  // Parses a frame body and handles it. A body that does not parse answers QL_ERR_PROTOCOL and
+  // sets close_after.
+  void HandleFrame(std::string_view body, ConnectionState &state, qlhsm::v1::Response *response);
+
+  // The answer sent before closing a connection whose frame header was refused (too large or
+  // empty): QL_ERR_PROTOCOL, or QL_ERR_LIMIT_REACHED past the daemon's connection limit.
+  static void Refusal(Code code, std::string_view detail, qlhsm::v1::Response *response);
+
+  uint32_t max_frame() const { return config_.max_frame; }
+  Engine &engine() { return engine_; }
+
+ private:
+  void Dispatch(const qlhsm::v1::Request &request, ConnectionState &state,
+                qlhsm::v1::Response *response);
+  Engine &engine_;
+  HandlerConfig config_;
+};
+
+}  // namespace qlhsm::server

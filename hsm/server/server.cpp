@@ -1,0 +1,97 @@
+#include "server/server.h"
+
+#include <csignal>
+#include <iostream>
+#include <thread>
+#include <vector>
+
+#include "frame.h"
+#include "server/tls_identity.h"
+
+namespace qlhsm::server {
+
+Server::Server(const ServerOptions &options, std::unique_ptr<Engine> engine)
+    : options_(options), engine_(std::move(engine)), signals_(io_), acceptor_(io_) {}
+
+Server::~Server() {
+  Stop();
+}
+
+Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
+  EngineOptions eo;
+  eo.max_sessions = options.max_sessions;
+  Result<std::unique_ptr<Engine>> engine = Engine::Open(options.data_dir, eo);
+  if (!engine.ok()) return engine.status();
+  std::unique_ptr<Server> srv(new Server(options, std::move(engine.value())));
+
+  QL_RETURN_IF_ERROR(ConfigureTlsContext(options.data_dir, srv->tls_));
+  HandlerConfig hc;
+  hc.max_frame = options.max_frame ? options.max_frame : qlproto::kDefaultMaxFrame;
+  if (hc.max_frame > qlproto::kAbsoluteMaxFrame || hc.max_frame < 1024)
+    return Status::Error(Code::kBadArgument, "the frame limit must be 1 KiB to 352 MiB");
+  Result<std::vector<uint8_t>> der = LoadCertificateDer(options.data_dir);
+  if (!der.ok()) return der.status();
+  hc.tls_cert_der = std::move(der.value());
+  srv->handler_ = std::make_unique<RequestHandler>(*srv->engine_, std::move(hc));
+
+  asio::error_code ec;
+  asio::ip::address addr = asio::ip::make_address(options.host, ec);
+  if (ec) return Status::Error(Code::kBadArgument, "bad listen address " + options.host);
+  asio::ip::tcp::endpoint ep(addr, options.port);
+  srv->acceptor_.open(ep.protocol(), ec);
+  if (!ec) srv->acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
+  if (!ec) srv->acceptor_.bind(ep, ec);
+  if (!ec) srv->acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+  if (ec)
+    return Status::Error(Code::kBadArgument, "cannot listen on " + options.host + ":" +
+                                                 std::to_string(options.port) + ": " +
+                                                 ec.message());
+
+  srv->signals_.add(SIGINT);
+  srv->signals_.add(SIGTERM);
+  Server *raw = srv.get();
+  srv->signals_.async_wait([raw](const asio::error_code &sec, int signo) {
+    if (sec) return;
+    std::cerr << "qlhsmd: signal " << signo << ", stopping\n";
+    raw->Stop();
+  });
+  srv->Accept();
+  return srv;
+}
+
+void Server::Accept() {
+  // Each connection's socket gets its own strand, so its handlers never run at once.
+  acceptor_.async_accept(
+      asio::make_strand(io_), [this](const asio::error_code &ec, asio::ip::tcp::socket socket) {
+        if (!acceptor_.is_open()) return;
+        if (!ec) {
+          asio::error_code nodelay_ec;
+          socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
+          bool over = manager_.Count() >= options_.max_connections;
+          auto c = std::make_shared<Connection>(std::move(socket), tls_, manager_, *handler_, over);
+          manager_.Add(c);
+          c->Start();
+        }
+        Accept();
+      });
+}
+
+void Server::Run() {
+  unsigned n = options_.threads;
+  if (n == 0) n = std::max(8u, 4 * std::max(1u, std::thread::hardware_concurrency()));
+  std::vector<std::thread> threads;
+  for (unsigned i = 1; i < n; ++i) threads.emplace_back([this] { io_.run(); });
+  io_.run();
+  for (auto &t : threads) t.join();
+}
+
+void Server::Stop() {
+  asio::post(io_, [this] {
+    asio::error_code ec;
+    acceptor_.close(ec);
+    signals_.cancel(ec);
+    manager_.StopAll();
+  });
+}
+
+}  // namespace qlhsm::server

@@ -1,0 +1,56 @@
+// The daemon's listener: accepts connections on one port (TLS and plain alike), hands each to a
+// Connection, and stops cleanly on SIGINT or SIGTERM.
+#pragma once
+
+#include <asio.hpp>
+#include <asio/ssl.hpp>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "server/connection_manager.h"
+#include "server/request_handler.h"
+
+namespace qlhsm::server {
+
+// Settings of `qlhsmd serve`. To add one: a field here, an option in qlhsmd.cpp.
+struct ServerOptions {
+  std::string data_dir;
+  std::string host = "127.0.0.1";
+  uint16_t port = QL_DEFAULT_PORT;
+  uint32_t max_frame = 0;         // 0: the protocol's default (16 MiB)
+  size_t max_connections = 4096;  // past it a connection gets QL_ERR_LIMIT_REACHED and closes
+  size_t max_sessions = 0;        // 0: the store's setting or the engine's default (1024)
+  unsigned threads = 0;           // 0: 4 per core, at least 8 (engine calls may block)
+};
+
+class Server {
+ public:
+  // Opens the engine and TLS identity of options.data_dir and binds the port (0: any free one).
+  static Result<std::unique_ptr<Server>> Create(const ServerOptions &options);
+  ~Server();
+
+  // The address actually bound (the port chosen when 0 was asked for).
+  asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+  // Serves until Stop() or SIGINT/SIGTERM; returns when every thread has ended.
+  void Run();
+  // Stops accepting, closes every connection and lets Run() return. Any thread.
+  void Stop();
+
+  Engine &engine() { return *engine_; }
+
+ private:
+  Server(const ServerOptions &options, std::unique_ptr<Engine> engine);
+  void Accept();
+
+  ServerOptions options_;
+  std::unique_ptr<Engine> engine_;
+  asio::io_context io_;
+  asio::ssl::context tls_{asio::ssl::context::tls_server};
+  asio::signal_set signals_;
+  asio::ip::tcp::acceptor acceptor_;
+  ConnectionManager manager_;
+  std::unique_ptr<RequestHandler> handler_;
+};
+
+}  // namespace qlhsm::server

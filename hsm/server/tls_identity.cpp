@@ -1,0 +1,101 @@
+#include "server/tls_identity.h"
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <asio/ssl.hpp>
+#include <memory>
+
+#include "engine/data_dir.h"
+
+namespace qlhsm::server {
+namespace {
+
+struct PkeyDeleter {
+  void operator()(EVP_PKEY *p) const { EVP_PKEY_free(p); }
+};
+struct X509Deleter {
+  void operator()(X509 *x) const { X509_free(x); }
+};
+struct BioDeleter {
+  void operator()(BIO *b) const { BIO_free(b); }
+};
+
+Result<std::string> ToPem(bool key, EVP_PKEY *pkey, X509 *cert) {
+  std::unique_ptr<BIO, BioDeleter> bio(BIO_new(BIO_s_mem()));
+  bool ok = bio && (key ? PEM_write_bio_PrivateKey(bio.get(), pkey, nullptr, nullptr, 0, nullptr,
+                                                   nullptr) == 1
+                        : PEM_write_bio_X509(bio.get(), cert) == 1);
+  if (!ok) return Status::Error(Code::kInternal, "cannot encode the TLS identity");
+  char *data = nullptr;
+  long len = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<size_t>(len));
+}
+
+}  // namespace
+
+Status CreateTlsIdentity(const std::string &data_dir, const std::string &common_name) {
+  std::unique_ptr<EVP_PKEY, PkeyDeleter> pkey(EVP_RSA_gen(2048));
+  if (!pkey) return Status::Error(Code::kInternal, "cannot generate the TLS key");
+  std::unique_ptr<X509, X509Deleter> cert(X509_new());
+  if (!cert) return Status::Error(Code::kInternal, "cannot make the TLS certificate");
+  Result<secure::Bytes> serial = secure::RandomBytes(8);
+  if (!serial.ok()) return serial.status();
+  uint64_t sn = 0;
+  for (uint8_t b : *serial) sn = sn << 8 | b;
+  bool ok = X509_set_version(cert.get(), 2) == 1 &&
+            ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert.get()), sn >> 1) == 1 &&
+            X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) != nullptr &&
+            X509_gmtime_adj(X509_getm_notAfter(cert.get()), 10L * 365 * 24 * 3600) != nullptr &&
+            X509_set_pubkey(cert.get(), pkey.get()) == 1;
+  X509_NAME *name = X509_get_subject_name(cert.get());
+  ok = ok && X509_NAME_add_entry_by_txt(
+                 name, "CN", MBSTRING_ASC,
+                 reinterpret_cast<const unsigned char *>(common_name.c_str()), -1, -1, 0) == 1;
+  ok = ok && X509_set_issuer_name(cert.get(), name) == 1 &&
+       X509_sign(cert.get(), pkey.get(), EVP_sha256()) > 0;
+  if (!ok) return Status::Error(Code::kInternal, "cannot sign the TLS certificate");
+
+  Result<std::string> key_pem = ToPem(true, pkey.get(), nullptr);
+  Result<std::string> cert_pem = ToPem(false, nullptr, cert.get());
+  if (!key_pem.ok()) return key_pem.status();
+  if (!cert_pem.ok()) return cert_pem.status();
+  QL_RETURN_IF_ERROR(WritePrivateFile(DataPath(data_dir, kTlsKeyFile),
+                                      secure::Bytes(key_pem->begin(), key_pem->end())));
+  return WriteFileBytes(DataPath(data_dir, kTlsCertFile),
+                        secure::Bytes(cert_pem->begin(), cert_pem->end()));
+}
+
+Status ConfigureTlsContext(const std::string &data_dir, asio::ssl::context &ctx) {
+  asio::error_code ec;
+  SSL_CTX_set_min_proto_version(ctx.native_handle(), TLS1_3_VERSION);
+  ctx.set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
+                      asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
+                      asio::ssl::context::no_tlsv1_1 | asio::ssl::context::no_tlsv1_2,
+                  ec);
+  if (ec) return Status::Error(Code::kInternal, "TLS options: " + ec.message());
+  ctx.use_certificate_chain_file(DataPath(data_dir, kTlsCertFile), ec);
+  if (ec) return Status::Error(Code::kBadArgument, "TLS certificate: " + ec.message());
+  ctx.use_private_key_file(DataPath(data_dir, kTlsKeyFile), asio::ssl::context::pem, ec);
+  if (ec) return Status::Error(Code::kBadArgument, "TLS key: " + ec.message());
+  return Status::Ok();
+}
+
+Result<std::vector<uint8_t>> LoadCertificateDer(const std::string &data_dir) {
+  Result<secure::Bytes> pem = ReadFileBytes(DataPath(data_dir, kTlsCertFile));
+  if (!pem.ok()) return pem.status();
+  std::unique_ptr<BIO, BioDeleter> bio(BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size())));
+  std::unique_ptr<X509, X509Deleter> cert(
+      bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  if (!cert) return Status::Error(Code::kBadArgument, "unreadable TLS certificate");
+  int len = i2d_X509(cert.get(), nullptr);
+  if (len <= 0) return Status::Error(Code::kInternal, "cannot encode the TLS certificate");
+  std::vector<uint8_t> der(static_cast<size_t>(len));
+  unsigned char *p = der.data();
+  i2d_X509(cert.get(), &p);
+  return der;
+}
+
+}  // namespace qlhsm::server

@@ -1,0 +1,27 @@
+// The daemon's TLS identity: an RSA-2048 key and a self-signed certificate made by `qlhsmd init`
+// (tls.key, mode 0600, and tls.crt, PEM, in the data directory), and the TLS 1.3 server context
+// built from them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "engine/status.h"
+
+namespace asio::ssl {
+class context;
+}
+
+namespace qlhsm::server {
+
+// Writes tls.key and tls.crt into `data_dir` (fails when they exist). `common_name` goes into the
+// certificate's subject.
+Status CreateTlsIdentity(const std::string &data_dir, const std::string &common_name);
+
+// Loads tls.key and tls.crt into `ctx`, allowing TLS 1.3 only.
+Status ConfigureTlsContext(const std::string &data_dir, asio::ssl::context &ctx);
+
+// The certificate as DER, for clients that pin it.
+Result<std::vector<uint8_t>> LoadCertificateDer(const std::string &data_dir);
+
+}  // namespace qlhsm::server
