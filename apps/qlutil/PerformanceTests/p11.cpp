@@ -162,6 +162,20 @@ bool IsExported(const DL_PKCS11_FUNCTIONS &f, const char *name) {
   return false;
 }
 
+// CKR_FUNCTION_NOT_SUPPORTED, with its message, for the first of the names that the module
+// does not export; CKR_OK when it exports them all.
+CK_RV CheckExported(const char *tag, const DL_PKCS11_FUNCTIONS &f,
+                    std::initializer_list<const char *> names) {
+  for (const char *name : names) {
+    if (!IsExported(f, name)) {
+      ScreenOutput("[%s] Fail in %s: not exported by the module. rc = %lu\r\n", tag, name,
+                   CKR_FUNCTION_NOT_SUPPORTED);
+      return CKR_FUNCTION_NOT_SUPPORTED;
+    }
+  }
+  return CKR_OK;
+}
+
 // TestInit: load the module, check that it exports what the test calls (a missing name would
 // otherwise show as a call through a null pointer in the middle of the run), initialise it.
 CK_RV LoadP11Module(const char *tag, P11_TEST_MODULE *m,
@@ -175,19 +189,11 @@ CK_RV LoadP11Module(const char *tag, P11_TEST_MODULE *m,
   m->hModule = module;
   m->stFunctions = functions;
   const DL_PKCS11_FUNCTIONS &f = m->stFunctions;
-  CK_RV rv = CKR_OK;
   // Every test initialises, opens, logs in, destroys, closes and finalises.
-  for (const auto &list :
-       {std::initializer_list<const char *>{"C_Initialize", "C_Finalize", "C_OpenSession",
-                                            "C_Login", "C_CloseSession", "C_DestroyObject"},
-        needs}) {
-    for (const char *name : list) {
-      if (rv == CKR_OK && !IsExported(f, name)) {
-        rv = CKR_FUNCTION_NOT_SUPPORTED;
-        ScreenOutput("[%s] Fail in %s: not exported by the module. rc = %lu\r\n", tag, name, rv);
-      }
-    }
-  }
+  CK_RV rv = CheckExported(tag, f,
+                           {"C_Initialize", "C_Finalize", "C_OpenSession", "C_Login",
+                            "C_CloseSession", "C_DestroyObject"});
+  if (rv == CKR_OK) rv = CheckExported(tag, f, needs);
   if (rv == CKR_OK) {
     // A departure from calling C_Initialize without arguments: without them a module may
     // assume one thread only (SoftHSM2 then turns its own locking off) while our threads share
