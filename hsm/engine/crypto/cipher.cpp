@@ -192,7 +192,6 @@ CipherState::CipherState(KeyPtr key) : key_(std::move(key)) {
 }
 
 void CipherState::Reset() {
-  ctx_.reset();
   in_progress_ = false;
   buffered_ = 0;
   held_.clear();
@@ -208,6 +207,7 @@ Status CipherState::SetMode(uint32_t m) {
     return Status(Code::kNotSupported, "mode not offered for this algorithm");
   }
   Reset();
+  ctx_.reset();  // another cipher
   mode_ = m;
   return {};
 }
@@ -307,6 +307,7 @@ Result<Bytes> CipherState::Run(bool encrypt, ByteView in, bool final, size_t cap
   } else {
     out = RunBlock(encrypt, in, final);
   }
+  if (!out.ok()) ctx_.reset();  // whatever the failure left behind is not reused
   if (!out.ok() || final) Reset();
   return out;
 }
@@ -336,9 +337,23 @@ Status CipherState::Begin(bool encrypt) {
       iv = iv_;
     }
   }
-  auto ctx = InitCipher(CipherName(info, mode_), key_->secret(), iv, encrypt, gcm_iv_len);
-  if (!ctx.ok()) return ctx.status();
-  ctx_ = std::move(*ctx);
+  // The key schedule is kept from message to message: a new message only sets its IV, unless the
+  // direction or the IV length changed. RC4 always starts again from its key, since its only
+  // state is the key stream.
+  bool reuse = ctx_ && ctx_encrypt_ == encrypt && ctx_iv_len_ == iv.size() && info.id != alg::kArc4;
+  if (reuse) {
+    if (EVP_CipherInit_ex2(ctx_.get(), nullptr, nullptr, iv.empty() ? nullptr : iv.data(),
+                           encrypt ? 1 : 0, nullptr) != 1) {
+      ctx_.reset();
+      return ossl::Fail("cipher restart");
+    }
+  } else {
+    auto ctx = InitCipher(CipherName(info, mode_), key_->secret(), iv, encrypt, gcm_iv_len);
+    if (!ctx.ok()) return ctx.status();
+    ctx_ = std::move(*ctx);
+    ctx_encrypt_ = encrypt;
+    ctx_iv_len_ = iv.size();
+  }
   if (mode_ == mode::kGcm && !aad_.empty()) {
     int len = 0;
     if (EVP_CipherUpdate(ctx_.get(), nullptr, &len, aad_.data(), static_cast<int>(aad_.size())) !=

@@ -109,7 +109,9 @@ class CipherState {
   bool iv_from_caller_ = false;  // GCM: the caller's IV has not served a message yet
   Bytes aad_;
   size_t tag_len_ = 16;
-  ossl::CipherCtxPtr ctx_;
+  ossl::CipherCtxPtr ctx_;  // keyed for ctx_encrypt_ and an IV of ctx_iv_len_ bytes
+  bool ctx_encrypt_ = false;
+  size_t ctx_iv_len_ = 0;
   bool in_progress_ = false;
   bool encrypting_ = false;
   size_t buffered_ = 0;  // bytes the cipher holds between pieces (block modes)
