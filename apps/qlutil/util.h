@@ -71,9 +71,9 @@ typedef struct _THREAD_INFO {
   char *pszStatsFile;                   // --stats_file; null when not asked for
   bool printStatsOnScreen;              // --stats_print
 
-  // The active login record's view (by dwAuthParam). For kind 128 the user and password are
-  // read from the credential store at every call. Kinds without a record give empty texts and
-  // port 4433.
+  // The active login record's view (by dwAuthParam; a loaded token counts as kind 32 while
+  // dwAuthParam is 0). For kind 128 the user and password are read from the credential store at
+  // every call. Kinds without a record give empty texts and port 4433.
   std::string GetAddress() const;
   std::string GetUserId() const;
   std::string GetPassword() const;

@@ -180,8 +180,18 @@ void SetupAtokenConnection(THREAD_INFO *thread_info, const char *addr, int port,
 // ---------------------------------------------------------------------------------------------
 // The descriptor's view of its login
 
+namespace {
+// A token loaded by -at/-atf never becomes dwAuthParam; the descriptor still shows the token's
+// address and port, so that a token set-up passes CheckConnectionFlags (Connect then finds no
+// record for the kind and answers 100001).
+uint32_t ViewKind(const THREAD_INFO &ti) {
+  if (ti.dwAuthParam == kAuthNone && ti.useAccessToken) return kAuthAccessToken;
+  return ti.dwAuthParam;
+}
+}  // namespace
+
 std::string THREAD_INFO::GetAddress() const {
-  switch (dwAuthParam) {
+  switch (ViewKind(*this)) {
     case kAuthAnonymous:
     case kAuthUserPwd:
       return FieldText(stAuthPwdEx.szAddr, sizeof stAuthPwdEx.szAddr);
@@ -195,7 +205,7 @@ std::string THREAD_INFO::GetAddress() const {
 }
 
 std::string THREAD_INFO::GetUserId() const {
-  switch (dwAuthParam) {
+  switch (ViewKind(*this)) {
     case kAuthUserPwd:
       return FieldText(stAuthPwdEx.szUserId, sizeof stAuthPwdEx.szUserId);
     case kAuthWinCredential: {
@@ -210,7 +220,7 @@ std::string THREAD_INFO::GetUserId() const {
 }
 
 std::string THREAD_INFO::GetPassword() const {
-  switch (dwAuthParam) {
+  switch (ViewKind(*this)) {
     case kAuthUserPwd:
       return FieldText(stAuthPwdEx.szPassword, sizeof stAuthPwdEx.szPassword);
     case kAuthWinCredential: {
@@ -225,7 +235,7 @@ std::string THREAD_INFO::GetPassword() const {
 }
 
 int THREAD_INFO::GetPort() const {
-  switch (dwAuthParam) {
+  switch (ViewKind(*this)) {
     case kAuthAnonymous:
     case kAuthUserPwd:
       return stAuthPwdEx.nPort;
