@@ -1,0 +1,75 @@
+// Shared pieces of the performance tests: temporary names, the digest identifier map and the
+// help page frame.
+
+#include "perf_common.h"
+
+#include <cstdio>
+#include <random>
+
+namespace {
+
+constexpr size_t kTempNameBytes = 16;
+
+void WriteHexName(const unsigned char *bytes, char *pszName) {
+  static const char kHex[] = "0123456789ABCDEF";
+  for (size_t i = 0; i < kTempNameBytes; ++i) {
+    pszName[2 * i] = kHex[bytes[i] >> 4];
+    pszName[2 * i + 1] = kHex[bytes[i] & 0x0F];
+  }
+  pszName[2 * kTempNameBytes] = '\0';
+}
+
+}  // namespace
+
+bool GetTempKeyName(char *pszName, HSESSIONCTX hSession, int *pRc) {
+  unsigned char random[kTempNameBytes];
+  const int rc = QGetRandom(hSession, random, sizeof(random));
+  if (pRc != nullptr) *pRc = rc;
+  if (rc != 0) {
+    pszName[0] = '\0';
+    return false;
+  }
+  WriteHexName(random, pszName);
+  return true;
+}
+
+void GetTempKeyNameOffline(char *pszName) {
+  // One generator per thread, seeded from the system: names made in the timed loop cost no
+  // system call and never collide between threads.
+  thread_local std::mt19937_64 generator{std::random_device{}()};
+  unsigned char random[kTempNameBytes];
+  for (size_t i = 0; i < kTempNameBytes; i += 8) {
+    uint64_t value = generator();
+    for (size_t j = 0; j < 8; ++j) random[i + j] = static_cast<unsigned char>(value >> (8 * j));
+  }
+  WriteHexName(random, pszName);
+}
+
+int GetHashOIDFromAlgId(int nHashAlgId) {
+  switch (nHashAlgId) {
+    case QL_ALG_MD5:
+      return QL_DIGEST_ID_MD5;
+    case QL_ALG_SHA1:
+      return QL_DIGEST_ID_SHA1;
+    case QL_ALG_SHA256:
+    case QL_ALG_SHA384:
+    case QL_ALG_SHA512:
+    case QL_ALG_SHA224:
+      return nHashAlgId;
+    default:
+      return QL_DIGEST_ID_NONE;
+  }
+}
+
+void PerfHelpDescription(std::initializer_list<const char *> lines) {
+  ScreenOutput("\r\nDESCRIPTION\r\n");
+  for (const char *line : lines) ScreenOutput("     %s\r\n", line);
+  ScreenOutput("\r\nOPTIONS\r\n");
+  ShowHelpGlobalPerfParameters();
+}
+
+int PerfHelpExamples(std::initializer_list<const char *> lines) {
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  for (const char *line : lines) ScreenOutput("     %s\r\n", line);
+  return kResultUsage;
+}
