@@ -1,0 +1,342 @@
+// The daemon over its socket: framing and bad input, the order of Hello and Login, limits, TLS,
+// clean stops, and acknowledged changes surviving kill -9.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "frame.h"
+#include "hsm_fixture.h"
+#include "qlapi.h"
+#include "raw_client.h"
+
+namespace {
+
+using qlhsm::v1::Request;
+using qlhsm::v1::Response;
+using qltest::HsmOptions;
+using qltest::HsmProcess;
+using qltest::RawClient;
+
+std::unique_ptr<RawClient> LoggedIn(const HsmProcess &hsm, bool tls = false,
+                                    const std::string &user = "master", std::string pwd = "") {
+  auto c = std::make_unique<RawClient>(hsm.address(), hsm.port(), tls);
+  EXPECT_EQ(c->Hello(), 0);
+  EXPECT_EQ(c->Login(user, pwd.empty() ? hsm.master_password() : pwd), 0);
+  return c;
+}
+
+Request CreateUserReq(const std::string &name, const std::string &pwd, uint32_t acl) {
+  Request r;
+  r.mutable_create_user()->set_name(name);
+  r.mutable_create_user()->set_password(pwd);
+  r.mutable_create_user()->set_acl(acl);
+  return r;
+}
+
+Request RandomReq(uint32_t n) {
+  Request r;
+  r.mutable_get_random()->set_length(n);
+  return r;
+}
+
+// The daemon still answers a fresh client: what every bad-input test ends with.
+void ExpectStillServing(const HsmProcess &hsm) {
+  auto c = LoggedIn(hsm);
+  auto r = c->Call(RandomReq(16));
+  ASSERT_TRUE(r.has_value());
+  EXPECT_EQ(r->code(), 0);
+  EXPECT_EQ(r->blob().data().size(), 16u);
+}
+
+class Daemon : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { hsm_ = new HsmProcess(); }
+  static void TearDownTestSuite() {
+    delete hsm_;
+    hsm_ = nullptr;
+  }
+  static HsmProcess *hsm_;
+};
+HsmProcess *Daemon::hsm_ = nullptr;
+
+TEST_F(Daemon, HelloAnnouncesVersionAndFrameLimit) {
+  RawClient c(hsm_->address(), hsm_->port());
+  Request r;
+  r.mutable_hello()->set_protocol_version(qlproto::kProtocolVersion);
+  auto resp = c.Call(r);
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), 0);
+  EXPECT_EQ(resp->id(), 1u);
+  EXPECT_EQ(resp->hello().protocol_version(), qlproto::kProtocolVersion);
+  EXPECT_EQ(resp->hello().max_frame(), qlproto::kDefaultMaxFrame);
+  EXPECT_EQ(resp->hello().server_version().find('%'), std::string::npos);
+}
+
+TEST_F(Daemon, OtherMajorVersionIsRefusedAndClosed) {
+  RawClient c(hsm_->address(), hsm_->port());
+  Request r;
+  r.mutable_hello()->set_protocol_version(qlproto::kProtocolVersion + 0x10000);
+  auto resp = c.Call(r);
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), QL_ERR_VERSION_MISMATCH);
+  EXPECT_TRUE(c.PeerClosed());
+}
+
+TEST_F(Daemon, RequestBeforeHelloIsAProtocolErrorAndCloses) {
+  RawClient c(hsm_->address(), hsm_->port());
+  auto resp = c.Call(RandomReq(8));
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), QL_ERR_PROTOCOL);
+  EXPECT_TRUE(c.PeerClosed());
+  ExpectStillServing(*hsm_);
+}
+
+TEST_F(Daemon, RequestsBeforeLoginAreRefusedButTheConnectionStays) {
+  RawClient c(hsm_->address(), hsm_->port());
+  ASSERT_EQ(c.Hello(), 0);
+  Request list;
+  list.mutable_list_users();
+  for (const Request &r : {RandomReq(8), list, CreateUserReq("x", "y", 0)}) {
+    auto resp = c.Call(r);
+    ASSERT_TRUE(resp.has_value());
+    EXPECT_EQ(resp->code(), QL_ERR_NOT_LOGGED_IN);
+  }
+  EXPECT_EQ(c.Login("master", hsm_->master_password()), 0);
+  auto resp = c.Call(RandomReq(8));
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), 0);
+}
+
+TEST_F(Daemon, WrongPasswordsAndUnknownUsersAndLoginKinds) {
+  RawClient c(hsm_->address(), hsm_->port());
+  ASSERT_EQ(c.Hello(), 0);
+  EXPECT_EQ(c.Login("master", "wrong"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(c.Login("nobody", "x"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(c.Login("a_name_far_too_long_for_a_user", "x"), QL_ERR_AUTH_FAILED);
+  Request r;
+  r.mutable_login()->set_kind(7);
+  auto resp = c.Call(r);
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), QL_ERR_BAD_AUTH_KIND);
+  // Still the same connection, and a good login works on it.
+  EXPECT_EQ(c.Login("master", hsm_->master_password()), 0);
+}
+
+TEST_F(Daemon, BlockedUserIsRefusedAlsoOnReuseAfterLogout) {
+  auto admin = LoggedIn(*hsm_);
+  auto resp = admin->Call(CreateUserReq("blocky", "pw123456", 0x40));
+  ASSERT_TRUE(resp && resp->code() == 0);
+  auto user = LoggedIn(*hsm_, false, "blocky", "pw123456");
+  Request logout;
+  logout.mutable_logout();
+  ASSERT_EQ(user->Call(logout)->code(), 0);  // back in the library's cache, say
+
+  Request block;
+  block.mutable_set_user_param()->set_param(QL_UP_BLOCK);
+  block.mutable_set_user_param()->set_user("blocky");
+  ASSERT_EQ(admin->Call(block)->code(), 0);
+  EXPECT_EQ(user->Login("blocky", "pw123456"), QL_ERR_USER_BLOCKED);
+
+  Request unblock = block;
+  unblock.mutable_set_user_param()->set_param(QL_UP_UNBLOCK);
+  ASSERT_EQ(admin->Call(unblock)->code(), 0);
+  EXPECT_EQ(user->Login("blocky", "pw123456"), 0);
+  // A password changed while the connection sat idle is checked on reuse too.
+  ASSERT_EQ(user->Call(logout)->code(), 0);
+  Request pwd;
+  pwd.mutable_set_user_param()->set_param(QL_UP_USER_PASSWORD);
+  pwd.mutable_set_user_param()->set_user("blocky");
+  pwd.mutable_set_user_param()->set_password("newpw789");
+  ASSERT_EQ(admin->Call(pwd)->code(), 0);
+  EXPECT_EQ(user->Login("blocky", "pw123456"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(user->Login("blocky", "newpw789"), 0);
+}
+
+TEST_F(Daemon, GarbageClosesTheConnectionAndServingGoesOn) {
+  for (const std::string &garbage :
+       {std::string("\x00\x00\x00\x05hello", 9), std::string("\x00\x00\x00\x00", 4),
+        std::string("GET / HTTP/1.1\r\n\r\n"), std::string(64, '\xff')}) {
+    RawClient c(hsm_->address(), hsm_->port());
+    ASSERT_TRUE(c.SendRaw(garbage));
+    EXPECT_TRUE(c.PeerClosed());
+  }
+  ExpectStillServing(*hsm_);
+}
+
+TEST_F(Daemon, OversizedFrameIsRefusedBeforeItsBodyArrives) {
+  RawClient c(hsm_->address(), hsm_->port());
+  ASSERT_EQ(c.Hello(), 0);
+  // Announce one byte more than the limit and send no body: the answer cannot wait for it.
+  uint32_t n = qlproto::kDefaultMaxFrame + 1;
+  std::string header = {static_cast<char>(n >> 24), static_cast<char>(n >> 16),
+                        static_cast<char>(n >> 8), static_cast<char>(n)};
+  ASSERT_TRUE(c.SendRaw(header));
+  auto resp = c.Receive();
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), QL_ERR_PROTOCOL);
+  EXPECT_TRUE(c.PeerClosed());
+  ExpectStillServing(*hsm_);
+}
+
+TEST_F(Daemon, TruncatedFrameThenHangUpLeavesTheDaemonServing) {
+  {
+    RawClient c(hsm_->address(), hsm_->port());
+    ASSERT_EQ(c.Hello(), 0);
+    ASSERT_TRUE(c.SendRaw(std::string("\x00\x00\x01\x00", 4) + std::string(10, 'x')));
+  }  // closed mid-frame
+  ExpectStillServing(*hsm_);
+}
+
+TEST_F(Daemon, UnknownRequestIsNotSupportedAndTheConnectionStays) {
+  auto c = LoggedIn(*hsm_);
+  Request empty;  // no body: a request this server does not know
+  empty.set_id(77);
+  auto resp = c->Call(empty);
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->id(), 77u);
+  EXPECT_EQ(resp->code(), QL_ERR_NOT_SUPPORTED);
+  // A field number from a future version is skipped by the parser: the body is still unknown.
+  std::string future = std::string("\x08\x05", 2) + std::string("\xfa\x3e\x00", 3);
+  std::string frame = {0, 0, 0, static_cast<char>(future.size())};
+  ASSERT_TRUE(c->SendRaw(frame + future));
+  resp = c->Receive();
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), QL_ERR_NOT_SUPPORTED);
+  EXPECT_EQ(c->Call(RandomReq(4))->code(), 0);
+}
+
+TEST_F(Daemon, TlsServesTheSameProtocol) {
+  auto c = LoggedIn(*hsm_, true);
+  auto resp = c->Call(RandomReq(32));
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), 0);
+  EXPECT_EQ(resp->blob().data().size(), 32u);
+  Request p;
+  p.mutable_get_session_param()->set_param(QL_SP_TLS);
+  EXPECT_EQ(c->Call(p)->number().value(), 1u);
+  auto plain = LoggedIn(*hsm_, false);
+  EXPECT_EQ(plain->Call(p)->number().value(), 0u);
+}
+
+TEST_F(Daemon, StatInfoCountsSessionsAndReportsMiB) {
+  auto admin = LoggedIn(*hsm_);
+  Request stat;
+  stat.mutable_get_stat_info();
+  auto before = admin->Call(stat);
+  ASSERT_TRUE(before && before->code() == 0);
+  auto other = LoggedIn(*hsm_);
+  auto during = admin->Call(stat);
+  EXPECT_EQ(during->stat_info().session_count(), before->stat_info().session_count() + 1);
+  Request logout;
+  logout.mutable_logout();
+  ASSERT_EQ(other->Call(logout)->code(), 0);
+  auto after = admin->Call(stat);
+  EXPECT_EQ(after->stat_info().session_count(), before->stat_info().session_count());
+
+  std::ifstream in("/proc/meminfo");
+  std::string key, unit;
+  uint64_t kib = 0;
+  in >> key >> kib >> unit;
+  EXPECT_EQ(after->stat_info().mem_unit(), static_cast<uint32_t>(QL_MEM_UNIT_MIB));
+  EXPECT_EQ(after->stat_info().mem_total(), kib / 1024);
+  EXPECT_LE(after->stat_info().cpu_usage(), 100u);
+}
+
+TEST_F(Daemon, AccessDeniedBeforeExistenceOverTheWire) {
+  auto admin = LoggedIn(*hsm_);
+  ASSERT_EQ(admin->Call(CreateUserReq("norights", "pw123456", 0))->code(), 0);
+  auto c = LoggedIn(*hsm_, false, "norights", "pw123456");
+  Request rm;
+  rm.mutable_remove_user()->set_name("ghost");
+  EXPECT_EQ(c->Call(rm)->code(), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(admin->Call(rm)->code(), QL_ERR_USER_NOT_FOUND);
+  Request open;
+  open.mutable_open_key()->set_name("master/ghost");
+  EXPECT_EQ(c->Call(open)->code(), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(admin->Call(open)->code(), QL_ERR_OBJ_NOT_FOUND);
+  Request upack;
+  upack.mutable_upack_push()->set_package("package");
+  EXPECT_EQ(c->Call(upack)->code(), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(admin->Call(upack)->code(), QL_ERR_UPACK_REFUSED);
+}
+
+TEST(DaemonLimits, SessionAndFrameLimitsAnswerClearCodes) {
+  HsmOptions opts;
+  opts.serve_args = {"--max-sessions", "2", "--max-frame", "4096"};
+  HsmProcess hsm(opts);
+  auto a = LoggedIn(hsm);
+  auto b = LoggedIn(hsm);
+  RawClient c(hsm.address(), hsm.port());
+  ASSERT_EQ(c.Hello(), 0);
+  EXPECT_EQ(c.Login("master", hsm.master_password()), QL_ERR_LIMIT_REACHED);
+  Request logout;
+  logout.mutable_logout();
+  ASSERT_EQ(b->Call(logout)->code(), 0);
+  EXPECT_EQ(c.Login("master", hsm.master_password()), 0);
+
+  // An answer larger than a frame is refused with the limit code, and the connection stays.
+  EXPECT_EQ(a->Call(RandomReq(8192))->code(), QL_ERR_LIMIT_REACHED);
+  EXPECT_EQ(a->Call(RandomReq(16))->code(), 0);
+  // A request larger than a frame closes the connection.
+  Request big;
+  big.mutable_write_file()->set_name("big");
+  big.mutable_write_file()->set_data(std::string(5000, 'b'));
+  ASSERT_TRUE(a->Send(big));
+  auto resp = a->Receive();
+  ASSERT_TRUE(resp.has_value());
+  EXPECT_EQ(resp->code(), QL_ERR_PROTOCOL);
+  EXPECT_TRUE(a->PeerClosed());
+}
+
+TEST(DaemonLifecycle, SigtermStopsCleanly) {
+  HsmProcess hsm;
+  auto c = LoggedIn(hsm);  // an open connection must not hold the stop up
+  int status = hsm.Stop();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(DaemonLifecycle, AcknowledgedUsersSurviveKill9) {
+  HsmProcess hsm;
+  std::mutex mu;
+  std::set<std::string> acknowledged;
+  std::atomic<bool> stop{false};
+  std::atomic<int> count{0};
+  auto writer = [&](int t) {
+    auto c = LoggedIn(hsm);
+    for (int i = 0; !stop; ++i) {
+      std::string name = "k" + std::to_string(t) + "_" + std::to_string(i);
+      auto resp = c->Call(CreateUserReq(name, "pw123456", 0));
+      if (!resp) return;  // the daemon died under us
+      if (resp->code() == 0) {
+        std::lock_guard<std::mutex> lock(mu);
+        acknowledged.insert(name);
+        ++count;
+      }
+    }
+  };
+  std::thread t1(writer, 1), t2(writer, 2);
+  while (count < 60) std::this_thread::yield();
+  hsm.Kill();  // requests are in flight on both connections
+  stop = true;
+  t1.join();
+  t2.join();
+
+  hsm.Restart();
+  auto c = LoggedIn(hsm);
+  Request list;
+  list.mutable_list_users();
+  auto resp = c->Call(list);
+  ASSERT_TRUE(resp && resp->code() == 0);
+  std::set<std::string> present(resp->names().names().begin(), resp->names().names().end());
+  std::lock_guard<std::mutex> lock(mu);
+  ASSERT_GE(acknowledged.size(), 60u);
+  for (const std::string &name : acknowledged) EXPECT_TRUE(present.count(name)) << name;
+}
+
+}  // namespace
