@@ -1,6 +1,7 @@
 #pragma once
 // Scoped ownership of client-library handles.
 
+#include <cstring>
 #include <utility>
 
 #include "qlapi.h"
@@ -16,6 +17,16 @@ inline int DestroyKeyHandle(HKEYCTX *phKey) {
 }
 inline int DestroyHashHandle(HHASHCTX *phHash) {
   return QDestroyHash(phHash);
+}
+
+// Copies text into a fixed record field the way the library's records expect it: at most
+// field_len bytes, the rest zero (no terminator when the text fills the field). Null copies
+// nothing.
+inline void CopyFixedField(char *field, size_t field_len, const char *text) {
+  if (text == nullptr) return;
+  const size_t n = strnlen(text, field_len);
+  memcpy(field, text, n);
+  memset(field + n, 0, field_len - n);
 }
 
 // Owns one library handle and destroys it with Destroy when it goes out of scope. Movable, not

@@ -11,10 +11,6 @@ constexpr int kDefaultPort = 4433;
 
 bool g_initialized = false;
 
-void CopyField(char *field, size_t field_len, const char *text) {
-  if (text != nullptr) strncpy(field, text, field_len);
-}
-
 // Runs a library call that fills a caller buffer, first asking for the size (null buffer), then
 // filling the vector, which ends at the length written.
 template <typename Call>
@@ -149,9 +145,9 @@ void QueltaClient::SetupConnectionParams(const char *hsm_address, const char *us
   auth_pwd_ = AUTH_PWD_EX{};
   conn_type_ = is_anonymous ? QL_AUTH_ANONYMOUS : QL_AUTH_USER_PWD;
   is_atoken_ = false;
-  CopyField(auth_pwd_.szAddr, sizeof auth_pwd_.szAddr, hsm_address);
-  CopyField(auth_pwd_.szUserId, sizeof auth_pwd_.szUserId, user_name);
-  CopyField(auth_pwd_.szPassword, sizeof auth_pwd_.szPassword, user_pwd);
+  CopyFixedField(auth_pwd_.szAddr, sizeof auth_pwd_.szAddr, hsm_address);
+  CopyFixedField(auth_pwd_.szUserId, sizeof auth_pwd_.szUserId, user_name);
+  CopyFixedField(auth_pwd_.szPassword, sizeof auth_pwd_.szPassword, user_pwd);
   auth_pwd_.nPort = kDefaultPort;
   auth_pwd_.dwAuthType = 0;
   session_flags_ = CalculateSessionFlags(load_balance_bypass, cache_bypass, encrypted);
@@ -477,8 +473,8 @@ int QueltaClient::ListObjects(std::vector<std::string> *obj_list) {
 namespace {
 QL_USER_INFO UserRecord(const char *user, const char *pwd, uint32_t acl) {
   QL_USER_INFO record{};
-  CopyField(record.szUserId, sizeof record.szUserId, user);
-  CopyField(record.szPassword, sizeof record.szPassword, pwd);
+  CopyFixedField(record.szUserId, sizeof record.szUserId, user);
+  CopyFixedField(record.szPassword, sizeof record.szPassword, pwd);
   record.dwAcl = acl;
   return record;
 }
@@ -511,7 +507,7 @@ int QueltaClient::ListUsers(std::vector<std::string> *users_list) {
 int QueltaClient::GetUserAcl(const char *user, uint32_t *acl) {
   // The 38-byte user record: the name in its first 17 bytes, the mask read back at offset 34.
   unsigned char record[sizeof(QL_USER_INFO)] = {};
-  strncpy(reinterpret_cast<char *>(record), user, 17);
+  CopyFixedField(reinterpret_cast<char *>(record), 17, user);
   uint32_t len = sizeof record;
   const int rc = QGetUserParam(session_, QL_UP_ACL, record, &len);
   if (rc == 0) memcpy(acl, record + offsetof(QL_USER_INFO, dwAcl), sizeof *acl);

@@ -12,9 +12,6 @@ namespace {
 
 // Copies text into a fixed field the way the records expect it: at most
 // field_len bytes, the rest zero (no terminator when the text fills the field).
-void CopyField(char *field, size_t field_len, const char *text) {
-  if (text != nullptr) strncpy(field, text, field_len);
-}
 
 // A field that may lack its terminator, as a string.
 std::string FieldText(const char *field, size_t field_len) {
@@ -84,8 +81,8 @@ void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_c
 }
 
 void LoadAnonymousConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  CopyField(ti->stAuthPwdEx.szAddr, sizeof ti->stAuthPwdEx.szAddr,
-            GetParameterStr(param, param_count, "-a"));
+  CopyFixedField(ti->stAuthPwdEx.szAddr, sizeof ti->stAuthPwdEx.szAddr,
+                 GetParameterStr(param, param_count, "-a"));
   ti->stAuthPwdEx.nPort = PortOrDefault(GetParameterInt(param, param_count, "--port"));
   ti->dwAuthParam = kAuthAnonymous;
   ti->stAuthPwdEx.pbStrongAuth = nullptr;
@@ -120,9 +117,9 @@ void SetAuthPwdEx(AUTH_PWD_EX *record, const char *address, const char *user, co
                   int port, uint32_t auth_type) {
   record->nPort = port;
   record->dwAuthType = auth_type;
-  CopyField(record->szAddr, sizeof record->szAddr, address);
-  CopyField(record->szUserId, sizeof record->szUserId, user);
-  CopyField(record->szPassword, sizeof record->szPassword, password);
+  CopyFixedField(record->szAddr, sizeof record->szAddr, address);
+  CopyFixedField(record->szUserId, sizeof record->szUserId, user);
+  CopyFixedField(record->szPassword, sizeof record->szPassword, password);
 }
 
 void SetupUserPwdConnection(THREAD_INFO *ti, const char *address, const char *user,
@@ -139,7 +136,7 @@ bool IsWinCredentialsConnection(const char *target) {
 
 void SetupWinCredentialsConnection(THREAD_INFO *ti, const char *target, int port) {
   ti->stWinCredential.nPort = port;
-  CopyField(ti->stWinCredential.szAddr, sizeof ti->stWinCredential.szAddr, target);
+  CopyFixedField(ti->stWinCredential.szAddr, sizeof ti->stWinCredential.szAddr, target);
   ti->dwAuthParam = kAuthWinCredential;
 }
 
@@ -165,7 +162,7 @@ void SetupAtokenConnection(THREAD_INFO *thread_info, const char *addr, int port,
     token.nPort = port;
     if (addr != nullptr) {
       memset(token.szAddr, 0, sizeof token.szAddr);
-      CopyField(token.szAddr, sizeof token.szAddr, addr);
+      CopyFixedField(token.szAddr, sizeof token.szAddr, addr);
     }
     uint32_t len = sizeof token.stAToken;
     // A token that does not decode leaves what it could; the HSM refuses it at

@@ -18,7 +18,7 @@ bool QueryHsmVersionTexts(const char *address, const char *user, const char *pas
   const char *fields[6] = {info.szModel,           info.szFirmwareVersion, info.szSerialNumber,
                            info.szHardwareVersion, info.szHsmName,         info.szLibraryVersion};
   for (int i = 0; i < 6; ++i) {
-    strncpy(texts[i], fields[i], 511);
+    CopyFixedField(texts[i], 511, fields[i]);
     texts[i][511] = '\0';
   }
   return true;
