@@ -1,0 +1,72 @@
+// -p nop: each operation opens an authenticated session and closes it, so the test measures
+// session establishment (with the library's session cache unless -sc 0 bypasses it).
+#include <cstring>
+
+#include "Output.h"
+#include "PerformanceTests.h"
+#include "util.h"
+
+namespace {
+
+typedef struct tag_PERF_NOP_INFO {
+  THREAD_INFO ti;
+  uint32_t dwConnectionFlags;
+  AUTH_PWD_EX stAuth;
+} PERF_NOP_INFO;
+
+unsigned int PerfNopThread(void *pvInfo) {
+  auto *info = static_cast<PERF_NOP_INFO *>(pvInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
+    HSESSIONCTX hSession = nullptr;
+    rc = ConnectEx(&hSession, &info->ti);
+    if (rc != 0) {
+      ScreenOutput("[PerfNopThread] Fail in ConnectEx. rc = %d\r\n", rc);
+      break;
+    }
+    QCloseSession(&hSession, 0);
+    if (IsErrorEventSignaled(info->ti.phErrorEvent)) break;
+  }
+  if (rc != 0) {
+    info->ti.Error = rc;
+    SignalErrorEvent(info->ti.phErrorEvent);
+  }
+  return 1;
+}
+
+// Nothing to prepare per thread: the session is the operation.
+int PerfNopThreadInit(void *) {
+  return 0;
+}
+int PerfNopThreadFin(void *) {
+  return 0;
+}
+
+void ShowPerfNopHelp() {
+  ScreenOutput("\r\nDESCRIPTION\r\n");
+  ScreenOutput("     Session opening performance test: each operation opens an authenticated\r\n");
+  ScreenOutput(
+      "     session and closes it. This test returns the number of sessions per second.\r\n");
+  ScreenOutput("\r\nOPTIONS\r\n");
+  ShowHelpGlobalPerfParameters();
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     qlutil -a 10.10.10.10 -u master -w 24681357 -p nop -t 5 -i 10\r\n");
+}
+
+}  // namespace
+
+int PerfNop(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_NOP_INFO info;
+  memset(&info, 0, sizeof info);
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.dwConnectionFlags = GetConnectionFlags(&info.ti);
+  info.stAuth = info.ti.stAuthPwdEx;
+  if (!IsValidTestCountersConfig(&info.ti) || !CheckConnectionFlags(&info.ti, false)) {
+    ShowPerfNopHelp();
+    return kResultUsage;
+  }
+  return ExecutePerfTestThreads(PerfNopThread, nullptr, nullptr, PerfNopThreadInit,
+                                PerfNopThreadFin, &info, sizeof info);
+}
