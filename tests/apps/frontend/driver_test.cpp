@@ -1,9 +1,12 @@
 // The driver run with tables of fake handlers: exit codes, help, result and output files, and
 // the exception guard.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+
+#ifndef _WIN32
+#include <fcntl.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <csignal>
@@ -212,6 +215,7 @@ TEST_F(DriverTest, CppExceptionIsCaught) {
   EXPECT_FALSE(ResultFileExists());
 }
 
+#ifndef _WIN32
 // A fault ends the process through the signal guard: the exception line, exit code 0 (the
 // handler never returned), no result file. The child runs in a directory of its own and writes
 // its stdout to a file there, which the parent reads. (The death-test child re-runs the test
@@ -255,5 +259,6 @@ TEST_F(DriverTest, GuardRestoresPreviousSignalHandlers) {
   sigaction(SIGSEGV, nullptr, &after);
   EXPECT_EQ(before.sa_handler, after.sa_handler);
 }
+#endif  // _WIN32
 
 }  // namespace

@@ -1,5 +1,7 @@
 // The built qlutil binary, run in a scratch directory: output bytes and exit codes.
 
+#ifndef _WIN32  // runs the binary through a POSIX shell
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -101,3 +103,5 @@ TEST_F(QlutilBinaryTest, KnownCommandWithoutOptionsDoesNotPrintGlobalHelp) {
 }
 
 }  // namespace
+
+#endif  // _WIN32

@@ -3,7 +3,12 @@
 // vectors, and the help screen as the command list defines it.
 
 #include <gtest/gtest.h>
+#ifdef _WIN32
+#include <process.h>
+#define getpid _getpid
+#else
 #include <unistd.h>
+#endif
 
 #include <cstdio>
 #include <filesystem>
