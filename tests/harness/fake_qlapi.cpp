@@ -1,0 +1,107 @@
+#include "fake_qlapi.h"
+
+#include <openssl/evp.h>
+
+#include <cstring>
+
+namespace {
+// A distinct non-null address per open session is all the harness looks at.
+unsigned char g_sessions[1024];
+std::atomic<unsigned> g_next_session{0};
+}  // namespace
+
+FakeLibrary &FakeLibrary::Get() {
+  static FakeLibrary library;
+  return library;
+}
+
+void FakeLibrary::Reset() {
+  std::lock_guard<std::mutex> lock(mutex);
+  open_result = 0;
+  opens.clear();
+  close_flags.clear();
+  stat_result = 0;
+  stat_calls = 0;
+  info_result = 0;
+}
+
+std::vector<FakeOpenCall> FakeLibrary::Opens() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return opens;
+}
+
+std::vector<uint32_t> FakeLibrary::Closes() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return close_flags;
+}
+
+extern "C" {
+
+int QOpenSession(HSESSIONCTX *phSession, uint32_t dwAuthType, void *pvAuthData,
+                 uint32_t dwAuthDataLen, uint32_t dwFlags) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  const auto *bytes = static_cast<const unsigned char *>(pvAuthData);
+  lib.opens.push_back(
+      {dwAuthType, std::vector<unsigned char>(bytes, bytes + dwAuthDataLen), dwFlags});
+  if (lib.open_result != 0) return lib.open_result;
+  *phSession = &g_sessions[g_next_session++ % sizeof g_sessions];
+  return 0;
+}
+
+int QCloseSession(HSESSIONCTX *phSession, uint32_t dwFlags) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  if (phSession == nullptr || *phSession == nullptr) return 0;
+  lib.close_flags.push_back(dwFlags);
+  *phSession = nullptr;
+  return 0;
+}
+
+int QGetStatInfo(HSESSIONCTX, uint32_t *pdwSessionCount, uint32_t *pdwCpuUsage,
+                 uint32_t *pdwMemUnit, uint32_t *pdwMemTotal, uint32_t *pdwMemUsed,
+                 uint32_t *pdwSwapTotal, uint32_t *pdwSwapUsed) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  int result;
+  {
+    std::lock_guard<std::mutex> lock(lib.mutex);
+    result = lib.stat_result;
+  }
+  const uint32_t n = static_cast<uint32_t>(lib.stat_calls++);
+  if (result != 0) return result;
+  *pdwSessionCount = n;
+  *pdwCpuUsage = 10 + n;
+  *pdwMemUnit = QL_MEM_UNIT_MIB;
+  *pdwMemTotal = 1000;
+  *pdwMemUsed = 100 + n;
+  *pdwSwapTotal = 0;
+  *pdwSwapUsed = 0;
+  return 0;
+}
+
+int QGetHsmInfo(HSESSIONCTX, QL_HSM_INFO *pInfo) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  if (lib.info_result != 0) return lib.info_result;
+  *pInfo = QL_HSM_INFO{};
+  strcpy(pInfo->szModel, "model");
+  strcpy(pInfo->szFirmwareVersion, "fw");
+  strcpy(pInfo->szSerialNumber, "serial");
+  strcpy(pInfo->szHardwareVersion, "hw");
+  strcpy(pInfo->szHsmName, "name");
+  strcpy(pInfo->szLibraryVersion, "lib");
+  return 0;
+}
+
+int QBase642ByteArray(const char *szText, uint32_t dwTextLen, void *pbOut, uint32_t *pdwOutLen) {
+  std::vector<unsigned char> decoded(dwTextLen / 4 * 3 + 3);
+  const int len = EVP_DecodeBlock(decoded.data(), reinterpret_cast<const unsigned char *>(szText),
+                                  static_cast<int>(dwTextLen));
+  if (len < 0) return QL_ERR_BAD_LENGTH;
+  const uint32_t n = static_cast<uint32_t>(len) < *pdwOutLen ? len : *pdwOutLen;
+  memcpy(pbOut, decoded.data(), n);
+  *pdwOutLen = n;
+  return 0;
+}
+
+}  // extern "C"
