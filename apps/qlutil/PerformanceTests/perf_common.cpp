@@ -45,6 +45,25 @@ void GetTempKeyNameOffline(char *pszName) {
   WriteHexName(random, pszName);
 }
 
+int GenTempKey(const char *tag, HSESSIONCTX hSession, int alg, char *name) {
+  int rc = 0;
+  if (!GetTempKeyName(name, hSession, &rc)) {
+    ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
+    return rc;
+  }
+  rc = QGenerateKey(hSession, name, static_cast<uint32_t>(alg), 0, nullptr);
+  if (rc != 0) {
+    ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
+    name[0] = '\0';
+  }
+  return rc;
+}
+
+void RemoveTempKey(HSESSIONCTX hSession, char *name) {
+  if (hSession != nullptr && name[0] != '\0') QRemoveObj(hSession, name);
+  name[0] = '\0';
+}
+
 int GetHashOIDFromAlgId(int nHashAlgId) {
   switch (nHashAlgId) {
     case QL_ALG_MD5:

@@ -30,6 +30,12 @@ bool GetTempKeyName(char *pszName, HSESSIONCTX hSession, int *pRc = nullptr);
 // the timed loop.
 void GetTempKeyNameOffline(char *pszName);
 
+// Init's whole-test keys: generates a stored key of alg under a temporary name (name holds
+// kTempKeyNameSize bytes) and prints "[tag] Fail in ..." on failure; the name is left empty
+// when nothing was made. RemoveTempKey removes it (when named) and empties the name.
+int GenTempKey(const char *tag, HSESSIONCTX hSession, int alg, char *name);
+void RemoveTempKey(HSESSIONCTX hSession, char *name);
+
 // The digest identifier QDoRSAPadding takes for a library hash identifier: 1 gives 2, 2 gives 3,
 // 4 to 7 give themselves; 3 and every other value give 0 (the bare digest).
 int GetHashOIDFromAlgId(int nHashAlgId);

@@ -1,0 +1,168 @@
+// The blockchain performance test: bchain-sign-hash. An extended private key is made under a
+// temporary name (one per thread, or one for the whole test with --key-per-test) and removed
+// afterwards; the loop signs one digest made beforehand. It runs against the library's
+// blockchain calls, which answer "not supported" until the HSM serves them.
+
+#include <cstring>
+
+#include "PerformanceTests.h"
+#include "perf_common.h"
+
+namespace {
+
+const char *const kBchainExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
+constexpr uint32_t kBchainKeyType = 1;   // secp256k1 BIP32 extended key
+constexpr uint32_t kBchainHashMode = 1;  // the digest is SHA-256
+constexpr uint32_t kSeedLen = 32;
+constexpr uint32_t kDigestLen = 32;
+constexpr uint32_t kSignatureLen = 128;
+
+}  // namespace
+
+typedef struct _PERF_BCHAIN_SIGN_HASH_INFO {
+  THREAD_INFO ti;
+  bool bKeyPerTest;  // --key-per-test
+  bool bExportable;  // --exp
+  bool bTemporary;   // --tmp: the thread's key lives in its session (not with --key-per-test)
+  HSESSIONCTX hSrcSession;
+  char szTestKey[kTempKeyNameSize];  // --key-per-test
+  HSESSIONCTX hSession;
+  char szThreadKey[kTempKeyNameSize];
+  unsigned char pbDigest[kDigestLen];
+  unsigned char pbSignature[kSignatureLen];
+} PERF_BCHAIN_SIGN_HASH_INFO;
+
+namespace {
+
+uint32_t KeyAttributes(const PERF_BCHAIN_SIGN_HASH_INFO *info, bool temporary) {
+  return (info->bExportable ? QL_KEY_EXPORTABLE : 0u) | (temporary ? QL_KEY_TEMPORARY : 0u);
+}
+
+// BchainCreateXPrv: a master key from a random seed, under a temporary name (left empty when
+// nothing was made).
+int BchainCreateXPrv(const char *tag, HSESSIONCTX session, uint32_t attributes, char *name) {
+  unsigned char seed[kSeedLen];
+  int rc = QGetRandom(session, seed, sizeof(seed));
+  if (rc != 0) {
+    ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+    return rc;
+  }
+  if (!GetTempKeyName(name, session, &rc)) {
+    ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
+    return rc;
+  }
+  rc = QBchainCreateXPrv(session, name, kBchainKeyType, seed, sizeof(seed), attributes);
+  if (rc != 0) {
+    ScreenOutput("[%s] Fail in QBchainCreateXPrv. rc = %d\r\n", tag, rc);
+    name[0] = '\0';
+  }
+  return rc;
+}
+
+const char *SigningKey(const PERF_BCHAIN_SIGN_HASH_INFO *info) {
+  return info->bKeyPerTest ? info->szTestKey : info->szThreadKey;
+}
+
+}  // namespace
+
+int PerfBchainSignHashFin(void *pTestInfo) {
+  auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pTestInfo);
+  RemoveTempKey(info->hSrcSession, info->szTestKey);
+  CloseRecordSession(&info->hSrcSession);
+  return 0;
+}
+
+int PerfBchainSignHashInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pTestInfo);
+  if (!info->bKeyPerTest) return 0;
+  const char *tag = "PerfBchainSignHashInit";
+  int rc = ConnectEx(&info->hSrcSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0)
+    rc = BchainCreateXPrv(tag, info->hSrcSession, KeyAttributes(info, false), info->szTestKey);
+  if (rc != 0) PerfBchainSignHashFin(info);
+  return rc;
+}
+
+int PerfBchainSignHashThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pThreadInfo);
+  // A session key ends with the session.
+  if (!info->bTemporary) RemoveTempKey(info->hSession, info->szThreadKey);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+int PerfBchainSignHashThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pThreadInfo);
+  const char *tag = "PerfBchainSignHashThreadInit";
+  info->hSession = nullptr;
+  info->szThreadKey[0] = '\0';
+  int rc = ConnectEx(&info->hSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0 && !info->bKeyPerTest) {
+    rc = BchainCreateXPrv(tag, info->hSession, KeyAttributes(info, info->bTemporary),
+                          info->szThreadKey);
+  }
+  unsigned char data[kSeedLen];
+  if (rc == 0) {
+    rc = QGetRandom(info->hSession, data, sizeof(data));
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    uint32_t digest_len = kDigestLen;
+    rc = QBchainHashData(info->hSession, kBchainHashMode, data, sizeof(data), info->pbDigest,
+                         &digest_len);
+    if (rc != 0) ScreenOutput("[%s] Fail in QBchainHashData. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) PerfBchainSignHashThreadFin(info);
+  return rc;
+}
+
+unsigned int PerfBchainSignHashThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pThreadInfo);
+  const char *key = SigningKey(info);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    uint32_t signature_len = kSignatureLen;
+    rc = QBchainSignHash(info->hSession, key, kBchainKeyType, kBchainHashMode, info->pbDigest,
+                         kDigestLen, info->pbSignature, &signature_len);
+    if (rc != 0) {
+      ScreenOutput(
+          "[PerfBchainSignHashThread] Fail in QBchainSignHash rc = %d. Iteration = %lu\r\n", rc,
+          counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfBchainSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_BCHAIN_SIGN_HASH_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.bKeyPerTest = IsParameterDefined(pTestParam, nParameters, "--key-per-test") != 0;
+  info.bExportable = IsParameterDefined(pTestParam, nParameters, "--exp") != 0;
+  // A key shared by the threads is stored: a session key would be seen by Init's session only.
+  info.bTemporary = !info.bKeyPerTest && IsParameterDefined(pTestParam, nParameters, "--tmp") != 0;
+
+  if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfBchainSignHashThread, PerfBchainSignHashInit,
+                                  PerfBchainSignHashFin, PerfBchainSignHashThreadInit,
+                                  PerfBchainSignHashThreadFin, &info, sizeof(info));
+  }
+  PerfHelpDescription({"Blockchain hash signature performance test.",
+                       "This test returns the number of digests signed per second with an",
+                       "extended private key (secp256k1)."});
+  ScreenOutput("     --key-per-test [OPTIONAL] One key for the whole test instead of one per\r\n");
+  ScreenOutput("                    thread.\r\n");
+  ScreenOutput("     --exp          [OPTIONAL] Exportable keys.\r\n");
+  ScreenOutput("     --tmp          [OPTIONAL] Session keys (one per thread only).\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p bchain-sign-hash -t 5 -i 10\r\n", kBchainExampleHead);
+  ScreenOutput("     %s -p bchain-sign-hash -t 5 -i 10 --key-per-test\r\n", kBchainExampleHead);
+  return kResultUsage;
+}

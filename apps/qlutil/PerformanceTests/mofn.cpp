@@ -1,0 +1,224 @@
+// The secret-sharing performance tests: mofn-split and mofn-recover. Their thread bodies
+// publish a failure through ThreadErrorSignaling. They run against the library's M-of-N calls,
+// which answer "not supported" until the HSM serves them.
+
+#include <cstring>
+#include <vector>
+
+#include "PerformanceTests.h"
+#include "perf_common.h"
+
+namespace {
+
+const char *const kMofNExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
+constexpr uint32_t kDefaultSecretLen = 32;
+
+// A secret or a set of parts from a switch: hexadecimal text (the default) or a file
+// (--secretform / --partsform file). Empty when absent or unreadable.
+std::vector<unsigned char> ReadBytes(TEST_PARAMETER *pTestParam, int nParameters,
+                                     const char *value_option, const char *form_option) {
+  if (GetParameterDataInform(pTestParam, nParameters, form_option, kHexData) == kFile) {
+    DBLOB blob{};
+    std::vector<unsigned char> bytes;
+    if (GetParameterFileContent(pTestParam, nParameters, value_option, &blob) != nullptr &&
+        blob.pvData != nullptr) {
+      bytes.assign(blob.pvData, blob.pvData + blob.dwDataLen);
+    }
+    ResetDblob(&blob);
+    return bytes;
+  }
+  return GetParameterHex(pTestParam, nParameters, value_option);
+}
+
+void ShowHelpMofNOptions() {
+  ScreenOutput("     -m      Parts needed to recover the secret (M).\r\n");
+  ScreenOutput("     -n      Parts made (N).\r\n");
+  ScreenOutput("     --secret     [OPTIONAL] The secret. 32 random bytes by default.\r\n");
+  ScreenOutput("     --secretform [OPTIONAL] Form of --secret:\r\n");
+  ShowHelpDataInformParameters();
+}
+
+}  // namespace
+
+typedef struct _PERF_MOFN_INFO {
+  THREAD_INFO ti;
+  uint32_t dwM;                   // -m
+  uint32_t dwN;                   // -n
+  const unsigned char *pbSecret;  // the entry's buffer, shared read-only; random when empty
+  uint32_t dwSecretLen;
+  const unsigned char *pbParts;  // mofn-recover with --parts: the entry's buffer
+  uint32_t dwPartsLen;
+  HSESSIONCTX hSrcSession;
+  unsigned char *pbSplit;  // mofn-recover: the parts Init made (QAlloc)
+  uint32_t dwPartLen;
+  HSESSIONCTX hSession;
+  unsigned char pbRandomSecret[kDefaultSecretLen];
+} PERF_MOFN_INFO;
+
+int PerfMofNInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pTestInfo);
+  if (info->pbSecret != nullptr) return 0;
+  const char *tag = "PerfMofNInit";
+  SessionOwner session;
+  int rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0 && info->pbSecret == nullptr) {
+    rc = QGetRandom(session.Get(), info->pbRandomSecret, kDefaultSecretLen);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+    info->pbSecret = info->pbRandomSecret;
+    info->dwSecretLen = kDefaultSecretLen;
+  }
+  return rc;
+}
+
+// mofn-recover: the secret is split once, unless --parts gave the parts.
+int PerfMofNRecoverInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pTestInfo);
+  int rc = PerfMofNInit(info);
+  if (rc != 0 || info->pbParts != nullptr) return rc;
+  SessionOwner session;
+  rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[PerfMofNRecoverInit] Fail in ConnectEx. rc = %d\r\n", rc);
+  if (rc == 0) {
+    rc = QMofNSplit(session.Get(), info->dwM, info->dwN, info->pbSecret, info->dwSecretLen,
+                    &info->pbSplit, &info->dwPartLen);
+    if (rc != 0) ScreenOutput("[PerfMofNRecoverInit] Fail in QMofNSplit. rc = %d\r\n", rc);
+  }
+  if (rc == 0) {
+    info->pbParts = info->pbSplit;
+    info->dwPartsLen = info->dwPartLen * info->dwN;
+  }
+  return rc;
+}
+
+int PerfMofNRecoverFin(void *pTestInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pTestInfo);
+  if (info->pbSplit != nullptr) QFree(info->pbSplit);
+  info->pbSplit = nullptr;
+  return 0;
+}
+
+int PerfMofNThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
+  info->hSession = nullptr;
+  const int rc = ConnectEx(&info->hSession, &info->ti);
+  if (rc != 0) ScreenOutput("[PerfMofNThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
+  return rc;
+}
+
+int PerfMofNThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+unsigned int PerfMofNSplitThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
+  int rc = 0;
+  ThreadErrorSignaling error_signaling(rc, info->ti);
+  unsigned long counter = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    unsigned char *parts = nullptr;
+    uint32_t part_len = 0;
+    rc = QMofNSplit(info->hSession, info->dwM, info->dwN, info->pbSecret, info->dwSecretLen, &parts,
+                    &part_len);
+    QFree(parts);
+    if (rc != 0) {
+      ScreenOutput("[PerfMofNSplitThread] Fail in QMofNSplit rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  return 1;
+}
+
+unsigned int PerfMofNRecoverThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
+  int rc = 0;
+  ThreadErrorSignaling error_signaling(rc, info->ti);
+  // Any M of the parts recover the secret: the first M are sent.
+  const uint32_t part_len = info->dwPartLen != 0 ? info->dwPartLen : info->dwPartsLen / info->dwN;
+  unsigned long counter = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    unsigned char *secret = nullptr;
+    uint32_t secret_len = 0;
+    rc = QMofNRecover(info->hSession, info->pbParts, info->dwM, part_len, &secret, &secret_len);
+    QFree(secret);
+    if (rc != 0) {
+      ScreenOutput("[PerfMofNRecoverThread] Fail in QMofNRecover rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  return 1;
+}
+
+namespace {
+
+int RunMofNTest(TEST_PARAMETER *pTestParam, int nParameters, bool recover) {
+  PERF_MOFN_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  const int m = GetParameterInt(pTestParam, nParameters, "-m");
+  const int n = GetParameterInt(pTestParam, nParameters, "-n");
+  info.dwM = m > 0 ? static_cast<uint32_t>(m) : 0;
+  info.dwN = n > 0 ? static_cast<uint32_t>(n) : 0;
+  bool options_ok = m > 0 && n >= m;
+
+  const std::vector<unsigned char> secret =
+      ReadBytes(pTestParam, nParameters, "--secret", "--secretform");
+  if (IsParameterDefined(pTestParam, nParameters, "--secret")) {
+    options_ok = options_ok && !secret.empty();
+    info.pbSecret = secret.data();
+    info.dwSecretLen = static_cast<uint32_t>(secret.size());
+  }
+  std::vector<unsigned char> parts;
+  if (recover && IsParameterDefined(pTestParam, nParameters, "--parts")) {
+    parts = ReadBytes(pTestParam, nParameters, "--parts", "--partsform");
+    options_ok = options_ok && !parts.empty() && info.dwN > 0 && parts.size() % info.dwN == 0;
+    info.pbParts = parts.data();
+    info.dwPartsLen = static_cast<uint32_t>(parts.size());
+  }
+
+  if (IsValidTestCountersConfig(&info.ti) && options_ok && CheckConnectionFlags(&info.ti, false)) {
+    if (recover) {
+      return ExecutePerfTestThreads(PerfMofNRecoverThread, PerfMofNRecoverInit, PerfMofNRecoverFin,
+                                    PerfMofNThreadInit, PerfMofNThreadFin, &info, sizeof(info));
+    }
+    return ExecutePerfTestThreads(PerfMofNSplitThread, PerfMofNInit, nullptr, PerfMofNThreadInit,
+                                  PerfMofNThreadFin, &info, sizeof(info));
+  }
+  if (recover) {
+    PerfHelpDescription({"M of N recover performance test.",
+                         "This test returns the number of secrets recovered from M parts per",
+                         "second."});
+  } else {
+    PerfHelpDescription({"M of N split performance test.",
+                         "This test returns the number of secrets split into N parts per second."});
+  }
+  ShowHelpMofNOptions();
+  if (recover) {
+    ScreenOutput(
+        "     --parts      [OPTIONAL] The N parts, one after the other. Made from the\r\n");
+    ScreenOutput("                  secret before the test by default.\r\n");
+    ScreenOutput("     --partsform  [OPTIONAL] Form of --parts:\r\n");
+    ShowHelpDataInformParameters();
+  }
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p %s -t 5 -i 10 -m 2 -n 3\r\n", kMofNExampleHead,
+               recover ? "mofn-recover" : "mofn-split");
+  return kResultUsage;
+}
+
+}  // namespace
+
+int PerfMofNSplit(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunMofNTest(pTestParam, nParameters, false);
+}
+
+int PerfMofNRecover(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunMofNTest(pTestParam, nParameters, true);
+}

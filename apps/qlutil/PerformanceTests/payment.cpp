@@ -1,0 +1,1115 @@
+// The payment performance tests: SPB messages (spb-encode, spb-decode), CVV, PIN, DUKPT and
+// TR-31 key blocks.
+//
+// They are written against the library's payment calls; until the HSM serves a service, its
+// calls answer the library's "not supported" code, which the test reports like any failure.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "PerformanceTests.h"
+#include "perf_common.h"
+
+namespace {
+
+const char *const kPayExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
+
+// SPB message flags.
+constexpr uint32_t kSpbFlagGen01 = 1u << 1;  // --gen01
+constexpr uint32_t kSpbFlagV3 = 1u << 2;     // --v3: version 3 message (else version 2)
+constexpr uint32_t kSpbFlagPad = 1u << 3;    // --pad (spb-decode)
+constexpr const char *kDefaultIspb = "11111111";
+constexpr uint32_t kSpbPieceLen = 32768;
+constexpr size_t kSpbKeyNameSize = QL_MAX_OBJ_NAME + 1;
+
+// The card of the CVV and PIN tests.
+constexpr const char *kTestPan = "4123456789012345";
+constexpr const char *kTestExpiry = "8701";
+constexpr const char *kTestServiceCode = "101";
+constexpr uint32_t kTestPinLen = 4;
+constexpr uint32_t kPinBlockLen = 8;
+constexpr uint32_t kIsoFormat0 = 0;
+constexpr uint32_t kPaymentKeyAlg = QL_ALG_3DES_112;
+constexpr uint32_t kKsnLen = 10;
+constexpr uint32_t kKsiLen = 5;
+
+// The SPB default objects of the test ISPB: its key, made by the HSM's SPB service. The
+// certificates of the default ISPB come with that service.
+int InstallSPBDefaultObjects(HSESSIONCTX hSession, char *pszKeyName) {
+  uint32_t len = kSpbKeyNameSize;
+  const int rc = QSPBGenerateKey(hSession, kDefaultIspb, pszKeyName, &len, 0);
+  if (rc != 0) pszKeyName[0] = '\0';
+  return rc;
+}
+
+int UninstallSPBDefaultObjects(HSESSIONCTX hSession, char *pszKeyName) {
+  int rc = 0;
+  if (pszKeyName[0] != '\0') rc = QRemoveObj(hSession, pszKeyName);
+  pszKeyName[0] = '\0';
+  return rc;
+}
+
+int InstallSPBCerts(const THREAD_INFO *ti, char *pszKeyName) {
+  SessionOwner session;
+  int rc = ConnectEx(session.Put(), ti);
+  if (rc != 0) {
+    ScreenOutput("[InstallSPBCerts] Fail in ConnectEx. rc = %d\r\n", rc);
+    return rc;
+  }
+  rc = InstallSPBDefaultObjects(session.Get(), pszKeyName);
+  if (rc != 0) ScreenOutput("[InstallSPBCerts] Fail in InstallSPBDefaultObjects. rc = %d\r\n", rc);
+  return rc;
+}
+
+int UninstallSPBCerts(const THREAD_INFO *ti, char *pszKeyName) {
+  if (pszKeyName[0] == '\0') return 0;
+  SessionOwner session;
+  const int rc = ConnectEx(session.Put(), ti);
+  if (rc != 0) {
+    ScreenOutput("[UninstallSPBCerts] Fail in ConnectEx. rc = %d\r\n", rc);
+    return rc;
+  }
+  return UninstallSPBDefaultObjects(session.Get(), pszKeyName);
+}
+
+// --c3 in hexadecimal and --c4 in decimal, 0 when absent.
+unsigned char GetSpbByte(TEST_PARAMETER *pTestParam, int nParameters, const char *name, int base) {
+  const char *value = GetParameterStr(pTestParam, nParameters, name);
+  if (value == nullptr || value[0] == '\0') return 0;
+  return static_cast<unsigned char>(std::strtoul(value, nullptr, base) & 0xFF);
+}
+
+void ShowHelpSpbOptions() {
+  ScreenOutput("     --si    [OPTIONAL] Source ISPB. 11111111 (default).\r\n");
+  ScreenOutput("     --di    [OPTIONAL] Destination ISPB. 11111111 (default).\r\n");
+  ScreenOutput(
+      "             Without --si or --di the default SPB objects are installed before\r\n");
+  ScreenOutput("             the test and removed after it.\r\n");
+  ScreenOutput("     -m      Message size in bytes.\r\n");
+  ScreenOutput("     --c3    [OPTIONAL] C3 (error code) byte, in hexadecimal. 00 (default).\r\n");
+  ScreenOutput("     --c4    [OPTIONAL] C4 (special treatment) byte, in decimal. 0 (default).\r\n");
+  ScreenOutput("     --v3    [OPTIONAL] SPB version 3 message (version 2 by default).\r\n");
+}
+
+// One ISO 9564 format 0 PIN block of a 4-digit PIN and the test PAN.
+void BuildIsoFormat0Block(const char *pin, unsigned char *block) {
+  unsigned char pin_field[kPinBlockLen], pan_field[kPinBlockLen] = {};
+  std::memset(pin_field, 0xFF, sizeof(pin_field));
+  pin_field[0] = static_cast<unsigned char>(kTestPinLen);
+  for (uint32_t i = 0; i < kTestPinLen; ++i) {
+    const unsigned char digit = static_cast<unsigned char>(pin[i] - '0');
+    unsigned char &byte = pin_field[1 + i / 2];
+    byte = (i % 2 == 0) ? static_cast<unsigned char>((digit << 4) | 0x0F)
+                        : static_cast<unsigned char>((byte & 0xF0) | digit);
+  }
+  // The 12 right-most PAN digits without the check digit.
+  const char *pan12 = kTestPan + std::strlen(kTestPan) - 13;
+  for (int i = 0; i < 12; ++i) {
+    const unsigned char digit = static_cast<unsigned char>(pan12[i] - '0');
+    unsigned char &byte = pan_field[2 + i / 2];
+    byte = (i % 2 == 0) ? static_cast<unsigned char>(digit << 4)
+                        : static_cast<unsigned char>(byte | digit);
+  }
+  for (uint32_t i = 0; i < kPinBlockLen; ++i) block[i] = pin_field[i] ^ pan_field[i];
+}
+
+// Encrypts one 8-byte block in place with ECB and no padding.
+int EncryptBlock(HKEYCTX hKey, unsigned char *block) {
+  const uint32_t mode = QL_MODE_ECB, padding = QL_PAD_NONE;
+  int rc = QSetKeyParam(hKey, QKP_MODE, &mode, sizeof(mode), 0);
+  if (rc == 0) rc = QSetKeyParam(hKey, QKP_PADDING, &padding, sizeof(padding), 0);
+  uint32_t len = kPinBlockLen;
+  if (rc == 0) rc = QEncrypt(hKey, nullptr, 1, 0, block, &len, kPinBlockLen);
+  return rc;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// spb-encode
+
+typedef struct tag_PERF_SPB_ENCODE_INFO {
+  THREAD_INFO ti;
+  int HashAlgId;
+  const char *pszSrcISPB;  // --si
+  const char *pszDstISPB;  // --di
+  int cbMessageSize;       // -m
+  HSESSIONCTX hSession;
+  unsigned char *pbInBuffer;   // the random message
+  unsigned char *pbOutBuffer;  // kSpbPieceLen bytes
+  uint32_t dwOutBufferSize;
+  unsigned char bC3;  // --c3
+  unsigned char bC4;  // --c4
+  uint32_t dwFlags;   // --v3, --gen01
+  bool bImportDefaultCerts;
+  char szSpbKeyName[kSpbKeyNameSize];  // the default objects TestInit installed
+} PERF_SPB_ENCODE_INFO;
+
+int PerfSPBEncodeTestInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pTestInfo);
+  if (!info->bImportDefaultCerts) return 0;
+  return InstallSPBCerts(&info->ti, info->szSpbKeyName);
+}
+
+int PerfSPBEncodeTestFin(void *pTestInfo) {
+  auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pTestInfo);
+  if (!info->bImportDefaultCerts) return 0;
+  UninstallSPBCerts(&info->ti, info->szSpbKeyName);
+  return 0;
+}
+
+int PerfSPBEncodeThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pThreadInfo);
+  const char *tag = "PerfSPBEncodeThreadInit";
+  info->hSession = nullptr;
+  info->pbInBuffer = nullptr;
+  info->pbOutBuffer = nullptr;
+  HeapBuffer in(static_cast<size_t>(info->cbMessageSize)), out(kSpbPieceLen);
+  if (!in || !out) {
+    ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, -1);
+    return -1;
+  }
+  SessionOwner session;
+  int rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) {
+    rc = QGetRandom(session.Get(), in.Get(), static_cast<uint32_t>(info->cbMessageSize));
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) return rc;
+  info->dwOutBufferSize = kSpbPieceLen;
+  info->pbInBuffer = in.Release();
+  info->pbOutBuffer = out.Release();
+  info->hSession = session.Detach();
+  return 0;
+}
+
+unsigned int PerfSPBEncodeThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pThreadInfo);
+  const uint32_t size = static_cast<uint32_t>(info->cbMessageSize);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    HSPBMSGCTX msg = nullptr;
+    rc = QSPBEncodeInit(info->hSession, info->pszSrcISPB, info->pszDstISPB, size, info->bC3,
+                        info->bC4, &msg, info->dwFlags);
+    if (rc != 0) {
+      ScreenOutput("[PerfSPBEncodeThread] Fail in QSPBEncodeInit rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+    for (uint32_t done = 0; done < size && rc == 0;) {
+      const uint32_t piece = std::min(size - done, kSpbPieceLen);
+      uint32_t out_len = info->dwOutBufferSize;
+      rc = QSPBEncodeCont(msg, info->pbInBuffer + done, piece, info->pbOutBuffer, &out_len);
+      done += piece;
+    }
+    if (rc != 0) {
+      ScreenOutput("[PerfSPBEncodeThread] Fail in QSPBEncodeCont rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      uint32_t header_len = QL_SPB_HEADER_LEN;
+      QSPBEncodeEnd(&msg, info->pbOutBuffer, &header_len);  // releases the message
+      break;
+    }
+    uint32_t out_len = QL_SPB_HEADER_LEN;
+    rc = QSPBEncodeEnd(&msg, info->pbOutBuffer, &out_len);
+    if (rc != 0) {
+      ScreenOutput("[PerfSPBEncodeThread] Fail in QSPBEncodeEnd rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfSPBEncodeThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pThreadInfo);
+  CloseRecordSession(&info->hSession);
+  FreeRecordBuffer(&info->pbInBuffer);
+  FreeRecordBuffer(&info->pbOutBuffer);
+  return 0;
+}
+
+int PerfSPBEncode(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_SPB_ENCODE_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.pszSrcISPB = GetParameterStr(pTestParam, nParameters, "--si");
+  info.pszDstISPB = GetParameterStr(pTestParam, nParameters, "--di");
+  if (info.pszSrcISPB == nullptr || info.pszDstISPB == nullptr) info.bImportDefaultCerts = true;
+  if (info.pszSrcISPB == nullptr) info.pszSrcISPB = kDefaultIspb;
+  if (info.pszDstISPB == nullptr) info.pszDstISPB = kDefaultIspb;
+  info.cbMessageSize = GetParameterInt(pTestParam, nParameters, "-m");
+  info.bC3 = GetSpbByte(pTestParam, nParameters, "--c3", 16);
+  info.bC4 = GetSpbByte(pTestParam, nParameters, "--c4", 10);
+  if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.dwFlags |= kSpbFlagV3;
+  if (IsParameterDefined(pTestParam, nParameters, "--gen01")) info.dwFlags |= kSpbFlagGen01;
+
+  if (IsValidTestCountersConfig(&info.ti) && info.cbMessageSize > 0 &&
+      CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfSPBEncodeThread, PerfSPBEncodeTestInit, PerfSPBEncodeTestFin,
+                                  PerfSPBEncodeThreadInit, PerfSPBEncodeThreadFin, &info,
+                                  sizeof(info));
+  }
+
+  PerfHelpDescription({"SPB message encoding performance test.",
+                       "This test returns the number of SPB messages encoded per second."});
+  ShowHelpSpbOptions();
+  ScreenOutput("     --gen01 [OPTIONAL] Encode as a GEN0001 message.\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p spb-encode -t 5 -i 10 -m 1024\r\n", kPayExampleHead);
+  ScreenOutput("     %s -p spb-encode -t 5 -i 10 -m 1024 --si 11111111 --di 22222222 --v3\r\n",
+               kPayExampleHead);
+  return kResultUsage;
+}
+
+// ---------------------------------------------------------------------------------------------
+// spb-decode
+
+typedef struct tag_PERF_SPB_DECODE_INFO {
+  THREAD_INFO ti;
+  const char *pszSrcISPB;         // --si
+  const char *pszDstISPB;         // --di
+  int cbMessageSize;              // -m
+  unsigned char bAcceptExpired;   // --aexp
+  unsigned char bAutoUpdateCert;  // --autocer
+  unsigned char bC3;              // --c3
+  unsigned char bC4;              // --c4
+  uint32_t dwFlags;               // --v3, --pad
+  bool bImportDefaultCerts;
+  char szSpbKeyName[kSpbKeyNameSize];
+  HSESSIONCTX hSession;
+  unsigned char *pbEncoded;  // the 588-byte header, then the encoded body
+  uint32_t dwEncodedLen;
+  unsigned char *pbOutBuffer;  // kSpbPieceLen bytes
+} PERF_SPB_DECODE_INFO;
+
+int PerfSPBDecodeTestInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pTestInfo);
+  if (!info->bImportDefaultCerts) return 0;
+  return InstallSPBCerts(&info->ti, info->szSpbKeyName);
+}
+
+int PerfSPBDecodeTestFin(void *pTestInfo) {
+  auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pTestInfo);
+  if (!info->bImportDefaultCerts) return 0;
+  UninstallSPBCerts(&info->ti, info->szSpbKeyName);
+  return 0;
+}
+
+int PerfSPBDecodeThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pThreadInfo);
+  const char *tag = "PerfSPBDecodeThreadInit";
+  info->hSession = nullptr;
+  info->pbEncoded = nullptr;
+  info->pbOutBuffer = nullptr;
+  info->dwEncodedLen = 0;
+  const uint32_t size = static_cast<uint32_t>(info->cbMessageSize);
+  // The encoded body is at most the message plus a block of padding per piece.
+  const uint32_t encoded_cap = QL_SPB_HEADER_LEN + size + (size / kSpbPieceLen + 1) * 16;
+  HeapBuffer in(size), encoded(encoded_cap), out(kSpbPieceLen);
+  if (!in || !encoded || !out) {
+    ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, -1);
+    return -1;
+  }
+  SessionOwner session;
+  int rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) {
+    rc = QGetRandom(session.Get(), in.Get(), size);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  }
+  HSPBMSGCTX msg = nullptr;
+  if (rc == 0) {
+    rc = QSPBEncodeInit(session.Get(), info->pszDstISPB, info->pszSrcISPB, size, info->bC3,
+                        info->bC4, &msg, info->dwFlags & kSpbFlagV3);
+    if (rc != 0) ScreenOutput("[%s] Fail in QSPBEncodeInit. rc = %d\r\n", tag, rc);
+  }
+  uint32_t written = QL_SPB_HEADER_LEN;
+  for (uint32_t done = 0; rc == 0 && done < size;) {
+    const uint32_t piece = std::min(size - done, kSpbPieceLen);
+    uint32_t out_len = encoded_cap - written;
+    rc = QSPBEncodeCont(msg, in.Get() + done, piece, encoded.Get() + written, &out_len);
+    if (rc != 0) ScreenOutput("[%s] Fail in QSPBEncodeCont. rc = %d\r\n", tag, rc);
+    done += piece;
+    written += out_len;
+  }
+  if (msg != nullptr) {
+    uint32_t header_len = QL_SPB_HEADER_LEN;
+    const int end_rc = QSPBEncodeEnd(&msg, encoded.Get(), &header_len);
+    if (rc == 0 && end_rc != 0) {
+      rc = end_rc;
+      ScreenOutput("[%s] Fail in QSPBEncodeEnd. rc = %d\r\n", tag, rc);
+    }
+  }
+  if (rc != 0) return rc;
+  info->dwEncodedLen = written;
+  info->pbEncoded = encoded.Release();
+  info->pbOutBuffer = out.Release();
+  info->hSession = session.Detach();
+  return 0;
+}
+
+unsigned int PerfSPBDecodeThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pThreadInfo);
+  const uint32_t body_len = info->dwEncodedLen - QL_SPB_HEADER_LEN;
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    HSPBMSGCTX msg = nullptr;
+    rc = QSPBDecodeInit(info->hSession, info->pszSrcISPB, info->pszDstISPB, info->pbEncoded,
+                        QL_SPB_HEADER_LEN, body_len, info->bAcceptExpired, info->bAutoUpdateCert,
+                        &msg, info->dwFlags);
+    if (rc != 0) {
+      ScreenOutput("[PerfSPBDecodeThread] Fail in QSPBDecodeInit rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+    for (uint32_t done = 0; done < body_len && rc == 0;) {
+      const uint32_t piece = std::min(body_len - done, kSpbPieceLen);
+      uint32_t out_len = kSpbPieceLen;
+      rc = QSPBDecodeCont(msg, info->pbEncoded + QL_SPB_HEADER_LEN + done, piece, info->pbOutBuffer,
+                          &out_len);
+      done += piece;
+    }
+    const int end_rc = QSPBDecodeEnd(&msg);
+    if (rc != 0) {
+      ScreenOutput("[PerfSPBDecodeThread] Fail in QSPBDecodeCont rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+    rc = end_rc;
+    if (rc != 0) {
+      ScreenOutput("[PerfSPBDecodeThread] Fail in QSPBDecodeEnd rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfSPBDecodeThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pThreadInfo);
+  CloseRecordSession(&info->hSession);
+  FreeRecordBuffer(&info->pbEncoded);
+  FreeRecordBuffer(&info->pbOutBuffer);
+  return 0;
+}
+
+int PerfSPBDecode(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_SPB_DECODE_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.pszSrcISPB = GetParameterStr(pTestParam, nParameters, "--si");
+  info.pszDstISPB = GetParameterStr(pTestParam, nParameters, "--di");
+  if (info.pszSrcISPB == nullptr || info.pszDstISPB == nullptr) info.bImportDefaultCerts = true;
+  if (info.pszSrcISPB == nullptr) info.pszSrcISPB = kDefaultIspb;
+  if (info.pszDstISPB == nullptr) info.pszDstISPB = kDefaultIspb;
+  info.cbMessageSize = GetParameterInt(pTestParam, nParameters, "-m");
+  info.bC3 = GetSpbByte(pTestParam, nParameters, "--c3", 16);
+  info.bC4 = GetSpbByte(pTestParam, nParameters, "--c4", 10);
+  info.bAcceptExpired = IsParameterDefined(pTestParam, nParameters, "--aexp") ? 1 : 0;
+  info.bAutoUpdateCert = IsParameterDefined(pTestParam, nParameters, "--autocer") ? 1 : 0;
+  if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.dwFlags |= kSpbFlagV3;
+  if (IsParameterDefined(pTestParam, nParameters, "--pad")) info.dwFlags |= kSpbFlagPad;
+
+  if (IsValidTestCountersConfig(&info.ti) && info.cbMessageSize > 0 &&
+      CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfSPBDecodeThread, PerfSPBDecodeTestInit, PerfSPBDecodeTestFin,
+                                  PerfSPBDecodeThreadInit, PerfSPBDecodeThreadFin, &info,
+                                  sizeof(info));
+  }
+
+  PerfHelpDescription({"SPB message decoding performance test.",
+                       "This test returns the number of SPB messages decoded per second; each",
+                       "thread encodes one message before the test."});
+  ShowHelpSpbOptions();
+  ScreenOutput("     --aexp  [OPTIONAL] Accept an expired sender certificate.\r\n");
+  ScreenOutput("     --autocer [OPTIONAL] Update the sender certificate from the message.\r\n");
+  ScreenOutput("     --pad   [OPTIONAL] The message carries padding.\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p spb-decode -t 5 -i 10 -m 1024\r\n", kPayExampleHead);
+  return kResultUsage;
+}
+
+// ---------------------------------------------------------------------------------------------
+// generate-cvv, verify-cvv, generate-pin: one payment key per thread, an unnamed session key.
+
+typedef struct _PERF_CARD_KEY_INFO {
+  THREAD_INFO ti;
+  int Operation;  // 0 generate CVV, 1 verify CVV, 2 generate PIN
+  HSESSIONCTX hSession;
+  HKEYCTX hKey;
+  uint32_t dwKeyLen;  // read from the key
+  char szCvv[4];      // verify-cvv: the CVV made in ThreadInit
+} PERF_CARD_KEY_INFO;
+
+namespace {
+
+constexpr int kOpGenerateCvv = 0;
+constexpr int kOpVerifyCvv = 1;
+constexpr int kOpGeneratePin = 2;
+
+const char *CardKeyTag(int op) {
+  return op == kOpGenerateCvv ? "PerfGenerateCVVThreadInit"
+         : op == kOpVerifyCvv ? "PerfVerifyCVVThreadInit"
+                              : "PerfGeneratePINThreadInit";
+}
+
+}  // namespace
+
+int PerfCardKeyThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_CARD_KEY_INFO *>(pThreadInfo);
+  const char *tag = CardKeyTag(info->Operation);
+  info->hSession = nullptr;
+  info->hKey = nullptr;
+  SessionOwner session;
+  KeyOwner key;
+  int rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) {
+    rc = QGenerateKey(session.Get(), nullptr, kPaymentKeyAlg, QL_KEY_EXPORTABLE | QL_KEY_TEMPORARY,
+                      key.Put());
+    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    uint32_t size = sizeof(info->dwKeyLen);
+    rc = QGetKeyParam(key.Get(), QKP_KEYLEN, &info->dwKeyLen, &size, 0);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetKeyParam(QKP_KEYLEN). rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0 && info->Operation == kOpVerifyCvv) {
+    rc = QGenerateCVV(key.Get(), kTestPan, kTestExpiry, kTestServiceCode, info->szCvv, 0);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateCVV. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) return rc;
+  info->hKey = key.Detach();
+  info->hSession = session.Detach();
+  return 0;
+}
+
+unsigned int PerfCardKeyThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_CARD_KEY_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  char cvv[4];
+  char pin[16];
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    if (info->Operation == kOpGenerateCvv) {
+      rc = QGenerateCVV(info->hKey, kTestPan, kTestExpiry, kTestServiceCode, cvv, 0);
+      if (rc != 0) {
+        ScreenOutput("[PerfGenerateCVVThread] Fail in QGenerateCVV rc = %d. Iteration = %lu\r\n",
+                     rc, counter);
+      }
+    } else if (info->Operation == kOpVerifyCvv) {
+      rc = QVerifyCVV(info->hKey, kTestPan, kTestExpiry, kTestServiceCode, info->szCvv, 0);
+      if (rc != 0) {
+        ScreenOutput("[PerfVerifyCVVThread] Fail in QVerifyCVV rc = %d. Iteration = %lu\r\n", rc,
+                     counter);
+      }
+    } else {
+      uint32_t pin_len = sizeof(pin);
+      rc = QGeneratePIN(info->hKey, kTestPan, kTestPinLen, pin, &pin_len, 0);
+      if (rc != 0) {
+        ScreenOutput("[PerfGeneratePINThread] Fail in QGeneratePIN rc = %d. Iteration = %lu\r\n",
+                     rc, counter);
+      }
+    }
+    if (rc != 0) break;
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfCardKeyThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_CARD_KEY_INFO *>(pThreadInfo);
+  DestroyRecordKey(&info->hKey, 0);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+namespace {
+
+int RunCardKeyTest(TEST_PARAMETER *pTestParam, int nParameters, int operation,
+                   std::initializer_list<const char *> description, const char *command) {
+  PERF_CARD_KEY_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.Operation = operation;
+  if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfCardKeyThread, nullptr, nullptr, PerfCardKeyThreadInit,
+                                  PerfCardKeyThreadFin, &info, sizeof(info));
+  }
+  PerfHelpDescription(description);
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kPayExampleHead, command);
+  return kResultUsage;
+}
+
+}  // namespace
+
+int PerfGenerateCVV(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunCardKeyTest(pTestParam, nParameters, kOpGenerateCvv,
+                        {"CVV generation performance test.",
+                         "This test returns the number of CVVs generated per second."},
+                        "generate-cvv");
+}
+
+int PerfVerifyCVV(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunCardKeyTest(pTestParam, nParameters, kOpVerifyCvv,
+                        {"CVV verification performance test.",
+                         "This test returns the number of CVVs verified per second."},
+                        "verify-cvv");
+}
+
+int PerfGeneratePIN(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunCardKeyTest(pTestParam, nParameters, kOpGeneratePin,
+                        {"PIN generation performance test.",
+                         "This test returns the number of PINs generated per second."},
+                        "generate-pin");
+}
+
+// ---------------------------------------------------------------------------------------------
+// verify-pin-block
+
+typedef struct _PERF_VERIFY_PIN_BLOCK_INFO {
+  THREAD_INFO ti;
+  const char *pszPtkName;  // -ptk: an existing PIN translation key; made per thread when absent
+  HSESSIONCTX hSession;
+  HKEYCTX hPtk;
+  HKEYCTX hPgk;
+  unsigned char pbPinBlock[kPinBlockLen];
+} PERF_VERIFY_PIN_BLOCK_INFO;
+
+int PerfVerifyPINBlockThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_VERIFY_PIN_BLOCK_INFO *>(pThreadInfo);
+  const char *tag = "PerfVerifyPINBlockThreadInit";
+  info->hSession = nullptr;
+  info->hPtk = nullptr;
+  info->hPgk = nullptr;
+  SessionOwner session;
+  KeyOwner ptk, pgk;
+  int rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) {
+    rc = QGenerateKey(session.Get(), nullptr, kPaymentKeyAlg, QL_KEY_TEMPORARY, pgk.Put());
+    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    if (info->pszPtkName != nullptr) {
+      rc = QGetUserKey(session.Get(), info->pszPtkName, 0, ptk.Put());
+      if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
+    } else {
+      rc = QGenerateKey(session.Get(), nullptr, kPaymentKeyAlg, QL_KEY_TEMPORARY, ptk.Put());
+      if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
+    }
+  }
+  char pin[16] = {};
+  if (rc == 0) {
+    uint32_t pin_len = sizeof(pin);
+    rc = QGeneratePIN(pgk.Get(), kTestPan, kTestPinLen, pin, &pin_len, 0);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGeneratePIN. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    BuildIsoFormat0Block(pin, info->pbPinBlock);
+    rc = EncryptBlock(ptk.Get(), info->pbPinBlock);
+    if (rc != 0) ScreenOutput("[%s] Fail in QEncrypt. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) return rc;
+  info->hPtk = ptk.Detach();
+  info->hPgk = pgk.Detach();
+  info->hSession = session.Detach();
+  return 0;
+}
+
+unsigned int PerfVerifyPINBlockThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_VERIFY_PIN_BLOCK_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    rc = QVerifyPINBlock(info->hPtk, info->hPgk, kIsoFormat0, kTestPan, info->pbPinBlock,
+                         kPinBlockLen, 0);
+    if (rc != 0) {
+      ScreenOutput(
+          "[PerfVerifyPINBlockThread] Fail in QVerifyPINBlock rc = %d. Iteration = %lu\r\n", rc,
+          counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfVerifyPINBlockThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_VERIFY_PIN_BLOCK_INFO *>(pThreadInfo);
+  DestroyRecordKey(&info->hPtk, 0);
+  DestroyRecordKey(&info->hPgk, 0);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+int PerfVerifyPINBlock(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_VERIFY_PIN_BLOCK_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.pszPtkName = GetParameterStr(pTestParam, nParameters, "-ptk");
+  if (info.pszPtkName != nullptr && info.pszPtkName[0] == '\0') info.pszPtkName = nullptr;
+
+  if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfVerifyPINBlockThread, nullptr, nullptr,
+                                  PerfVerifyPINBlockThreadInit, PerfVerifyPINBlockThreadFin, &info,
+                                  sizeof(info));
+  }
+  PerfHelpDescription({"PIN block verification performance test.",
+                       "This test returns the number of PIN blocks (ISO format 0) verified per",
+                       "second."});
+  ScreenOutput(
+      "     -ptk    [OPTIONAL] Name of the PIN translation key. A session key of each\r\n");
+  ScreenOutput("             thread by default.\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p verify-pin-block -t 5 -i 10\r\n", kPayExampleHead);
+  return kResultUsage;
+}
+
+// ---------------------------------------------------------------------------------------------
+// pin-block-translate
+
+typedef struct _PERF_PIN_BLOCK_TRANSLATE_INFO {
+  THREAD_INFO ti;
+  const char *pszSrcPek;  // -srcpek; made per thread when absent
+  const char *pszDstPek;  // -dstpek; made per thread when absent
+  HSESSIONCTX hSession;
+  char szSrcPek[kTempKeyNameSize];  // the thread's own keys, removed in ThreadFin
+  char szDstPek[kTempKeyNameSize];
+  unsigned char pbPinBlock[kPinBlockLen];  // encrypted under the source key
+} PERF_PIN_BLOCK_TRANSLATE_INFO;
+
+int PerfPINBlockTranslateThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIN_BLOCK_TRANSLATE_INFO *>(pThreadInfo);
+  RemoveTempKey(info->hSession, info->szSrcPek);
+  RemoveTempKey(info->hSession, info->szDstPek);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+int PerfPINBlockTranslateThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIN_BLOCK_TRANSLATE_INFO *>(pThreadInfo);
+  const char *tag = "PerfPINBlockTranslateThreadInit";
+  info->hSession = nullptr;
+  info->szSrcPek[0] = info->szDstPek[0] = '\0';
+  int rc = ConnectEx(&info->hSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0 && info->pszSrcPek == nullptr) {
+    rc = GenTempKey(tag, info->hSession, kPaymentKeyAlg, info->szSrcPek);
+  }
+  if (rc == 0 && info->pszDstPek == nullptr) {
+    rc = GenTempKey(tag, info->hSession, kPaymentKeyAlg, info->szDstPek);
+  }
+  KeyOwner src;
+  if (rc == 0) {
+    rc = QGetUserKey(info->hSession, info->pszSrcPek ? info->pszSrcPek : info->szSrcPek, 0,
+                     src.Put());
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    BuildIsoFormat0Block("1234", info->pbPinBlock);
+    rc = EncryptBlock(src.Get(), info->pbPinBlock);
+    if (rc != 0) ScreenOutput("[%s] Fail in QEncrypt. rc = %d\r\n", tag, rc);
+  }
+  src.CleanUp();
+  if (rc != 0) PerfPINBlockTranslateThreadFin(info);
+  return rc;
+}
+
+unsigned int PerfPINBlockTranslateThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIN_BLOCK_TRANSLATE_INFO *>(pThreadInfo);
+  const char *src = info->pszSrcPek ? info->pszSrcPek : info->szSrcPek;
+  const char *dst = info->pszDstPek ? info->pszDstPek : info->szDstPek;
+  unsigned char out[kPinBlockLen];
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    uint32_t out_len = sizeof(out);
+    rc = QPINBlockTranslate(info->hSession, src, dst, kIsoFormat0, kTestPan, info->pbPinBlock,
+                            kPinBlockLen, out, &out_len, 0);
+    if (rc != 0) {
+      ScreenOutput(
+          "[PerfPINBlockTranslateThread] Fail in QPINBlockTranslate rc = %d. Iteration = %lu\r\n",
+          rc, counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfPINBlockTranslate(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_PIN_BLOCK_TRANSLATE_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.pszSrcPek = GetParameterStr(pTestParam, nParameters, "-srcpek");
+  info.pszDstPek = GetParameterStr(pTestParam, nParameters, "-dstpek");
+  if (info.pszSrcPek != nullptr && info.pszSrcPek[0] == '\0') info.pszSrcPek = nullptr;
+  if (info.pszDstPek != nullptr && info.pszDstPek[0] == '\0') info.pszDstPek = nullptr;
+
+  if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfPINBlockTranslateThread, nullptr, nullptr,
+                                  PerfPINBlockTranslateThreadInit, PerfPINBlockTranslateThreadFin,
+                                  &info, sizeof(info));
+  }
+  PerfHelpDescription({"PIN block translation performance test.",
+                       "This test returns the number of PIN blocks translated per second from",
+                       "one PIN encryption key to another."});
+  ScreenOutput("     -srcpek [OPTIONAL] Name of the source PIN encryption key.\r\n");
+  ScreenOutput("     -dstpek [OPTIONAL] Name of the destination PIN encryption key.\r\n");
+  ScreenOutput(
+      "             Each thread makes the keys not given and removes them at the end.\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p pin-block-translate -t 5 -i 10\r\n", kPayExampleHead);
+  return kResultUsage;
+}
+
+// ---------------------------------------------------------------------------------------------
+// generate-dukpt
+
+typedef struct _PERF_GENERATE_DUKPT_INFO {
+  THREAD_INFO ti;
+  HSESSIONCTX hSession;
+  char szBdkName[QL_MAX_OBJ_NAME + 1];  // the thread's base derivation key
+  unsigned char pbKsn[kKsnLen];
+} PERF_GENERATE_DUKPT_INFO;
+
+int PerfGenerateDUKPTThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_GENERATE_DUKPT_INFO *>(pThreadInfo);
+  RemoveTempKey(info->hSession, info->szBdkName);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+int PerfGenerateDUKPTThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_GENERATE_DUKPT_INFO *>(pThreadInfo);
+  const char *tag = "PerfGenerateDUKPTThreadInit";
+  info->hSession = nullptr;
+  info->szBdkName[0] = '\0';
+  int rc = ConnectEx(&info->hSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) {
+    rc = QGetRandom(info->hSession, info->pbKsn, kKsnLen);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  }
+  char bdk_name[QL_MAX_OBJ_NAME + 1] = {};
+  if (rc == 0) {
+    uint32_t len = sizeof(bdk_name);
+    rc = QGenerateBDKName(info->hSession, info->pbKsn, kKsiLen, bdk_name, &len);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateBDKName. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    rc = QGenerateKey(info->hSession, bdk_name, kPaymentKeyAlg, 0, nullptr);
+    if (rc != 0) {
+      ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
+    } else {
+      std::memcpy(info->szBdkName, bdk_name, sizeof(bdk_name));
+    }
+  }
+  if (rc != 0) PerfGenerateDUKPTThreadFin(info);
+  return rc;
+}
+
+unsigned int PerfGenerateDUKPTThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_GENERATE_DUKPT_INFO *>(pThreadInfo);
+  char name[kTempKeyNameSize];
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    GetTempKeyNameOffline(name);
+    rc = QGenerateDUKPT(info->hSession, info->szBdkName, info->pbKsn, kKsnLen, name, 0);
+    if (rc != 0) {
+      ScreenOutput("[PerfGenerateDUKPTThread] Fail in QGenerateDUKPT rc = %d. Iteration = %lu\r\n",
+                   rc, counter);
+      break;
+    }
+    rc = QRemoveObj(info->hSession, name);
+    if (rc != 0) {
+      ScreenOutput("[PerfGenerateDUKPTThread] Fail in QRemoveObj rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+int PerfGenerateDUKPT(TEST_PARAMETER *pTestParam, int nParameters) {
+  PERF_GENERATE_DUKPT_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfGenerateDUKPTThread, nullptr, nullptr,
+                                  PerfGenerateDUKPTThreadInit, PerfGenerateDUKPTThreadFin, &info,
+                                  sizeof(info));
+  }
+  PerfHelpDescription({"DUKPT generation performance test.",
+                       "This test returns the number of DUKPT keys derived (and removed) per",
+                       "second from a base derivation key of each thread."});
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p generate-dukpt -t 5 -i 10\r\n", kPayExampleHead);
+  return kResultUsage;
+}
+
+// ---------------------------------------------------------------------------------------------
+// export-tr31, import-tr31
+
+typedef struct _PERF_EXPORT_TR31 {
+  THREAD_INFO ti;
+  int KbpkAlgId;      // --kbpk-alg
+  int KeyAlgId;       // --key-alg
+  int Usage;          // --tr31-usage
+  int Mode;           // --tr31-mode
+  int Exportability;  // --tr31-exp
+  HSESSIONCTX hSrcSession;
+  char szKbpkName[kTempKeyNameSize];
+  char szKeyName[kTempKeyNameSize];
+  char szImportPrefix[16];  // import-tr31: the names of the imported keys begin with it
+  HSESSIONCTX hSession;
+  char *pszKeyBlock;  // heap, dwKeyBlockSize bytes
+  uint32_t dwKeyBlockSize;
+  uint32_t dwKeyBlockLen;  // import-tr31: the block exported in ThreadInit
+} PERF_EXPORT_TR31;
+
+namespace {
+
+int ReadTr31Options(PERF_EXPORT_TR31 *info, TEST_PARAMETER *pTestParam, int nParameters) {
+  info->KbpkAlgId = QL_ALG_AES256;
+  if (IsParameterDefined(pTestParam, nParameters, "--kbpk-alg")) {
+    info->KbpkAlgId = GetParameterAlg(pTestParam, nParameters, "--kbpk-alg");
+  }
+  info->KeyAlgId = QL_ALG_AES192;
+  if (IsParameterDefined(pTestParam, nParameters, "--key-alg")) {
+    info->KeyAlgId = GetParameterAlg(pTestParam, nParameters, "--key-alg");
+  }
+  info->Usage = 0;
+  if (IsParameterDefined(pTestParam, nParameters, "--tr31-usage")) {
+    info->Usage = GetParameterTR31Usage(pTestParam, nParameters, "--tr31-usage");
+  }
+  info->Mode = 0;
+  if (IsParameterDefined(pTestParam, nParameters, "--tr31-mode")) {
+    info->Mode = GetParameterTR31Mode(pTestParam, nParameters, "--tr31-mode");
+  }
+  info->Exportability = 0;  // auto
+  if (IsParameterDefined(pTestParam, nParameters, "--tr31-exp")) {
+    info->Exportability = GetParameterTR31Exp(pTestParam, nParameters, "--tr31-exp");
+  }
+  return info->KbpkAlgId != -1 && info->KeyAlgId != -1 && info->Usage != -1 && info->Mode != -1 &&
+         info->Exportability != -1;
+}
+
+// Removes the keys import-tr31 made: every object whose name begins with the run's prefix.
+struct ImportedNames {
+  const char *prefix;
+  std::vector<std::string> names;
+};
+
+int CollectImportedName(void *pvParam, const char *szName, int bLast) {
+  auto *found = static_cast<ImportedNames *>(pvParam);
+  if (!bLast && szName != nullptr &&
+      std::strncmp(szName, found->prefix, std::strlen(found->prefix)) == 0) {
+    found->names.emplace_back(szName);
+  }
+  return 0;
+}
+
+void RemoveImportedKeys(HSESSIONCTX session, const char *prefix) {
+  if (session == nullptr || prefix[0] == '\0') return;
+  ImportedNames found{prefix, {}};
+  if (QListObjs(session, CollectImportedName, &found) != 0) return;
+  for (const std::string &name : found.names) QRemoveObj(session, name.c_str());
+}
+
+void ShowHelpTr31Options(bool with_usage) {
+  ScreenOutput(
+      "     --kbpk-alg  [OPTIONAL] Key block protection key algorithm. aes256 (default):\r\n");
+  ShowHelpExportTR31KbpkAlg();
+  ScreenOutput("     --key-alg   [OPTIONAL] Algorithm of the key carried. aes192 (default).\r\n");
+  if (with_usage) {
+    ScreenOutput("     --tr31-usage [OPTIONAL] Key usage. auto (default):\r\n");
+    ShowHelpExportTR31Usage();
+  }
+  ScreenOutput("     --tr31-mode [OPTIONAL] Mode of use. auto (default):\r\n");
+  ShowHelpExportTR31Mode();
+  ScreenOutput("     --tr31-exp  [OPTIONAL] Exportability. auto (default):\r\n");
+  ShowHelpExportTR31Exp();
+}
+
+}  // namespace
+
+int PerfExportTR31Fin(void *pTestInfo) {
+  auto *info = static_cast<PERF_EXPORT_TR31 *>(pTestInfo);
+  RemoveImportedKeys(info->hSrcSession, info->szImportPrefix);
+  RemoveTempKey(info->hSrcSession, info->szKeyName);
+  RemoveTempKey(info->hSrcSession, info->szKbpkName);
+  CloseRecordSession(&info->hSrcSession);
+  return 0;
+}
+
+int PerfExportTR31Init(void *pTestInfo) {
+  auto *info = static_cast<PERF_EXPORT_TR31 *>(pTestInfo);
+  const char *tag = "PerfExportTR31Init";
+  int rc = ConnectEx(&info->hSrcSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) rc = GenTempKey(tag, info->hSrcSession, info->KbpkAlgId, info->szKbpkName);
+  if (rc == 0) rc = GenTempKey(tag, info->hSrcSession, info->KeyAlgId, info->szKeyName);
+  if (rc == 0) {
+    // The imported keys' names: "T31" and the first eight digits of the key's name.
+    std::snprintf(info->szImportPrefix, sizeof(info->szImportPrefix), "T31%.8s_", info->szKeyName);
+  }
+  if (rc != 0) PerfExportTR31Fin(info);
+  return rc;
+}
+
+int PerfExportTR31ThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
+  const char *tag = "PerfExportTR31ThreadInit";
+  info->hSession = nullptr;
+  info->pszKeyBlock = nullptr;
+  info->dwKeyBlockSize = info->dwKeyBlockLen = 0;
+  SessionOwner session;
+  int rc = ConnectEx(session.Put(), &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  uint32_t len = 0;
+  if (rc == 0) {
+    rc = QEFTExportTR31(session.Get(), info->szKbpkName, info->szKeyName,
+                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
+                        static_cast<uint32_t>(info->Exportability), nullptr, &len, 0);
+    if (rc == QL_ERR_BUFFER_TOO_SMALL) {
+      rc = 0;
+    } else {
+      if (rc == 0) rc = QL_ERR_PROTOCOL;  // a size query must name the size it needs
+      ScreenOutput("[%s] Fail in QEFTExportTR31. rc = %d\r\n", tag, rc);
+    }
+  }
+  HeapBuffer block;
+  if (rc == 0) {
+    block = HeapBuffer(len + 1);
+    rc = block ? 0 : -1;
+    if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
+  }
+  if (rc == 0) {
+    // import-tr31 imports this block; export-tr31 overwrites it on every pass.
+    uint32_t block_len = len + 1;
+    rc = QEFTExportTR31(session.Get(), info->szKbpkName, info->szKeyName,
+                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
+                        static_cast<uint32_t>(info->Exportability),
+                        reinterpret_cast<char *>(block.Get()), &block_len, 0);
+    if (rc != 0) ScreenOutput("[%s] Fail in QEFTExportTR31. rc = %d\r\n", tag, rc);
+    info->dwKeyBlockLen = block_len;
+  }
+  if (rc != 0) return rc;
+  info->dwKeyBlockSize = len + 1;
+  info->pszKeyBlock = reinterpret_cast<char *>(block.Release());
+  info->hSession = session.Detach();
+  return 0;
+}
+
+int PerfExportTR31ThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
+  CloseRecordSession(&info->hSession);
+  FreeRecordBuffer(&info->pszKeyBlock);
+  return 0;
+}
+
+unsigned int PerfExportTR31Thread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    uint32_t len = info->dwKeyBlockSize;
+    rc = QEFTExportTR31(info->hSession, info->szKbpkName, info->szKeyName,
+                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
+                        static_cast<uint32_t>(info->Exportability), info->pszKeyBlock, &len, 0);
+    if (rc != 0) {
+      ScreenOutput("[PerfExportTR31Thread] Fail in QEFTExportTR31 rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+unsigned int PerfImportTR31Thread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
+  int rc = 0;
+  ThreadErrorSignaling error_signaling(rc, info->ti);
+  char name[sizeof(info->szImportPrefix) + kTempKeyNameSize];
+  const size_t prefix_len = std::strlen(info->szImportPrefix);
+  std::memcpy(name, info->szImportPrefix, prefix_len);
+  unsigned long counter = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    // Fin removes the imported keys by their prefix.
+    GetTempKeyNameOffline(name + prefix_len);
+    rc = QEFTImportTR31(info->hSession, info->szKbpkName, name, info->pszKeyBlock,
+                        info->dwKeyBlockLen, 0);
+    if (rc != 0) {
+      ScreenOutput("[PerfImportTR31Thread] Fail in QEFTImportTR31 rc = %d. Iteration = %lu\r\n", rc,
+                   counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  return 1;
+}
+
+namespace {
+
+int RunTr31Test(TEST_PARAMETER *pTestParam, int nParameters, bool import) {
+  PERF_EXPORT_TR31 info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  const bool options_ok = ReadTr31Options(&info, pTestParam, nParameters);
+  if (IsValidTestCountersConfig(&info.ti) && options_ok && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(import ? PerfImportTR31Thread : PerfExportTR31Thread,
+                                  PerfExportTR31Init, PerfExportTR31Fin, PerfExportTR31ThreadInit,
+                                  PerfExportTR31ThreadFin, &info, sizeof(info));
+  }
+  if (import) {
+    PerfHelpDescription({"TR-31 key import performance test.",
+                         "This test returns the number of TR-31 key blocks imported per second.",
+                         "The imported keys are removed at the end of the test."});
+  } else {
+    PerfHelpDescription({"TR-31 key export performance test.",
+                         "This test returns the number of TR-31 key blocks exported per second."});
+  }
+  ShowHelpTr31Options(!import);
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p %s -t 5 -i 10 --kbpk-alg aes256 --key-alg aes192\r\n", kPayExampleHead,
+               import ? "import-tr31" : "export-tr31");
+  return kResultUsage;
+}
+
+}  // namespace
+
+int PerfExportTR31(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunTr31Test(pTestParam, nParameters, false);
+}
+
+int PerfImportTR31(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunTr31Test(pTestParam, nParameters, true);
+}

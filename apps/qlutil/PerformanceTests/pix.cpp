@@ -1,0 +1,463 @@
+// The PIX performance tests: pix-sign, pix-dict-sign, pix-verify, pix-dict-verify,
+// pix-jws-sign, pix-jws-check, pix-request.
+//
+// Members that differ only in the call share their callbacks: pix-sign and pix-dict-sign run
+// PerfSignPIXDictThread, pix-verify and pix-dict-verify PerfVerifyPIXDictThread, pix-jws-sign
+// and pix-jws-check PerfSignCheckPIXJWSThread; the record says which call to make. The PIX
+// default objects (the signing key of the test) are installed in Init and removed in Fin when
+// the user names no key. They run against the library's PIX calls, which answer "not
+// supported" until the HSM serves PIX.
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "PerformanceTests.h"
+#include "perf_common.h"
+
+namespace {
+
+const char *const kPixExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
+
+// The document signed when -x names none.
+constexpr const char kDefaultPixXml[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
+    "<envelope xmlns=\"https://www.bcb.gov.br/pi/pacs.008/1.0\">"
+    "<AppHdr><Fr><FIId><FinInstnId><Othr><Id>11111111</Id></Othr></FinInstnId></FIId></Fr>"
+    "<To><FIId><FinInstnId><Othr><Id>22222222</Id></Othr></FinInstnId></FIId></To>"
+    "<BizMsgIdr>M1111111100000000000000000000001</BizMsgIdr><MsgDefIdr>pacs.008.spi.1.0</MsgDefIdr>"
+    "<CreDt>2020-01-01T00:00:00.000Z</CreDt><Sgntr/></AppHdr>"
+    "<Document><FIToFICstmrCdtTrf><GrpHdr><MsgId>M1111111100000000000000000000001</MsgId>"
+    "<NbOfTxs>1</NbOfTxs></GrpHdr></FIToFICstmrCdtTrf></Document></envelope>";
+constexpr const char kDefaultJwsHeader[] = "{\"alg\":\"RS256\",\"typ\":\"JWT\"}";
+constexpr const char kDefaultJwsPayload[] = "{\"sub\":\"qlutil\",\"test\":\"pix-jws\"}";
+constexpr uint32_t kPixFlagRemoveNamespace = 1;  // --rns
+constexpr uint32_t kDefaultRequestTimeoutMs = 30000;
+constexpr int kPixKeyAlg = QL_ALG_RSA2048;
+
+enum PixKind { kPixSign, kPixVerify, kPixJwsSign, kPixJwsCheck, kPixRequest };
+enum PixMethod { kPixPost, kPixGet, kPixPut, kPixDelete };
+
+}  // namespace
+
+typedef struct _PERF_PIX_INFO {
+  THREAD_INFO ti;
+  int Kind;    // PixKind
+  bool bDict;  // the DICT calls (QPIXDictSign, QPIXDictVerify)
+  uint32_t dwFlags;
+  const char *pszKeyName;   // -kn; the default objects' key when absent
+  const char *pszCertName;  // -c
+  const char *pszChain;     // --chain
+  const char *pszCrl;       // --crl
+  const char *pszHeader;    // --header
+  const char *pszUrl;       // --url
+  const char *pszDumpDir;   // --dump
+  int Method;               // -r (pix-request)
+  uint32_t dwTimeoutMs;     // --tmout
+  DBLOB stInput;            // -x or --rdata or --payload: the document, request body or payload
+  HSESSIONCTX hSrcSession;  // Init and Fin
+  char szDefaultKey[kTempKeyNameSize];  // the PIX default objects
+  unsigned char *pbSigned;              // verify and check: signed once in Init (QAlloc)
+  uint32_t dwSignedLen;
+  HSESSIONCTX hSession;
+} PERF_PIX_INFO;
+
+namespace {
+
+const char *PixKey(const PERF_PIX_INFO *info) {
+  return info->pszKeyName != nullptr ? info->pszKeyName : info->szDefaultKey;
+}
+
+// The PIX default objects: a stored signing key under a temporary name. (The certificate of the
+// default objects comes with the HSM's PIX service.)
+int PIXDefaultObjects(const char *tag, PERF_PIX_INFO *info, bool install) {
+  if (install) return GenTempKey(tag, info->hSrcSession, kPixKeyAlg, info->szDefaultKey);
+  RemoveTempKey(info->hSrcSession, info->szDefaultKey);
+  return 0;
+}
+
+int SignOnce(PERF_PIX_INFO *info, HSESSIONCTX session, unsigned char **out, uint32_t *out_len) {
+  const unsigned char *in = info->stInput.pvData;
+  const uint32_t in_len = info->stInput.dwDataLen;
+  switch (info->Kind) {
+    case kPixJwsSign:
+    case kPixJwsCheck:
+      return QPIXJWSSign(session, PixKey(info), info->pszHeader, in, in_len,
+                         reinterpret_cast<char **>(out), out_len, info->dwFlags);
+    default:
+      return info->bDict ? QPIXDictSign(session, PixKey(info), info->pszCertName, in, in_len, out,
+                                        out_len, info->dwFlags)
+                         : QPIXSign(session, PixKey(info), info->pszCertName, in, in_len, out,
+                                    out_len, info->dwFlags);
+  }
+}
+
+const char *SignCallName(const PERF_PIX_INFO *info) {
+  if (info->Kind == kPixJwsSign || info->Kind == kPixJwsCheck) return "QPIXJWSSign";
+  return info->bDict ? "QPIXDictSign" : "QPIXSign";
+}
+
+// Writes the request's pieces into the --dump folder, so that the same request can be replayed
+// by other tools.
+bool DumpRequestFiles(const PERF_PIX_INFO *info) {
+  const std::string dir = info->pszDumpDir;
+  const std::string body(reinterpret_cast<const char *>(info->stInput.pvData),
+                         info->stInput.dwDataLen);
+  return WriteTextToFile((dir + "/pix_request_url").c_str(), info->pszUrl) == 0 &&
+         WriteTextToFile((dir + "/pix_request_header").c_str(),
+                         info->pszHeader ? info->pszHeader : "") == 0 &&
+         WriteTextToFile((dir + "/pix_request_body").c_str(), body.c_str()) == 0;
+}
+
+}  // namespace
+
+int PerfPIXFin(void *pTestInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pTestInfo);
+  if (info->pbSigned != nullptr) QFree(info->pbSigned);
+  info->pbSigned = nullptr;
+  PIXDefaultObjects("PerfPIXFin", info, false);
+  CloseRecordSession(&info->hSrcSession);
+  return 0;
+}
+
+int PerfPIXInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pTestInfo);
+  const char *tag = "PerfPIXInit";
+  int rc = ConnectEx(&info->hSrcSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0 && info->pszKeyName == nullptr) rc = PIXDefaultObjects(tag, info, true);
+  if (rc == 0 && (info->Kind == kPixVerify || info->Kind == kPixJwsCheck)) {
+    rc = SignOnce(info, info->hSrcSession, &info->pbSigned, &info->dwSignedLen);
+    if (rc != 0) ScreenOutput("[%s] Fail in %s. rc = %d\r\n", tag, SignCallName(info), rc);
+  }
+  if (rc == 0 && info->Kind == kPixRequest && info->pszDumpDir != nullptr &&
+      !DumpRequestFiles(info)) {
+    rc = QL_ERR_FILE_IO;
+    ScreenOutput("[%s] Fail in DumpRequestFiles. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) PerfPIXFin(info);
+  return rc;
+}
+
+int PerfPIXThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
+  info->hSession = nullptr;
+  const int rc = ConnectEx(&info->hSession, &info->ti);
+  if (rc != 0) ScreenOutput("[PerfPIXThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
+  return rc;
+}
+
+int PerfPIXThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+unsigned int PerfSignPIXDictThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    unsigned char *out = nullptr;
+    uint32_t out_len = 0;
+    rc = SignOnce(info, info->hSession, &out, &out_len);
+    QFree(out);
+    if (rc != 0) {
+      ScreenOutput("[PerfSignPIXDictThread] Fail in %s rc = %d. Iteration = %lu\r\n",
+                   SignCallName(info), rc, counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+unsigned int PerfVerifyPIXDictThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    rc = info->bDict ? QPIXDictVerify(info->hSession, info->pszChain, info->pszCrl, info->pbSigned,
+                                      info->dwSignedLen, info->dwFlags)
+                     : QPIXVerify(info->hSession, info->pszChain, info->pszCrl, info->pbSigned,
+                                  info->dwSignedLen, info->dwFlags);
+    if (rc != 0) {
+      ScreenOutput("[PerfVerifyPIXDictThread] Fail in %s rc = %d. Iteration = %lu\r\n",
+                   info->bDict ? "QPIXDictVerify" : "QPIXVerify", rc, counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+unsigned int PerfSignCheckPIXJWSThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    if (info->Kind == kPixJwsCheck) {
+      rc = QPIXJWSCheck(info->hSession, info->pszChain, info->pszCrl,
+                        reinterpret_cast<const char *>(info->pbSigned), info->dwSignedLen,
+                        info->dwFlags);
+    } else {
+      unsigned char *jws = nullptr;
+      uint32_t jws_len = 0;
+      rc = SignOnce(info, info->hSession, &jws, &jws_len);
+      QFree(jws);
+    }
+    if (rc != 0) {
+      ScreenOutput("[PerfSignCheckPIXJWSThread] Fail in %s rc = %d. Iteration = %lu\r\n",
+                   info->Kind == kPixJwsCheck ? "QPIXJWSCheck" : "QPIXJWSSign", rc, counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+namespace {
+
+// One PIX request of the method -r names; the answer is released at once.
+int PIXRequestRouter(PERF_PIX_INFO *info, uint32_t *http_status) {
+  unsigned char *answer = nullptr;
+  uint32_t answer_len = 0;
+  const unsigned char *body = info->stInput.pvData;
+  const uint32_t body_len = info->stInput.dwDataLen;
+  const char *key = PixKey(info);
+  int rc;
+  switch (info->Method) {
+    case kPixGet:
+      rc = QPIXGet(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
+                   info->pszHeader, info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
+      break;
+    case kPixPut:
+      rc = QPIXPut(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
+                   info->pszHeader, body, body_len, info->dwTimeoutMs, &answer, &answer_len,
+                   http_status, 0);
+      break;
+    case kPixDelete:
+      rc = QPIXDelete(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
+                      info->pszHeader, info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
+      break;
+    default:
+      rc = QPIXPost(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
+                    info->pszHeader, body, body_len, info->dwTimeoutMs, &answer, &answer_len,
+                    http_status, 0);
+      break;
+  }
+  QFree(answer);
+  return rc;
+}
+
+}  // namespace
+
+unsigned int PerfRequestPIXThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    uint32_t http_status = 0;
+    rc = PIXRequestRouter(info, &http_status);
+    if (rc != 0) {
+      ScreenOutput("[PerfRequestPIXThread] Fail in PIXRequestRouter rc = %d. Iteration = %lu\r\n",
+                   rc, counter);
+      break;
+    }
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+namespace {
+
+// Owns the record's input blob for the whole run.
+struct PixRecord {
+  PERF_PIX_INFO info;
+  PixRecord() { std::memset(&info, 0, sizeof(info)); }
+  ~PixRecord() { ResetDblob(&info.stInput); }
+  PixRecord(const PixRecord &) = delete;
+  PixRecord &operator=(const PixRecord &) = delete;
+};
+
+const char *OptionalText(TEST_PARAMETER *pTestParam, int nParameters, const char *name) {
+  const char *value = GetParameterStr(pTestParam, nParameters, name);
+  return value != nullptr && value[0] != '\0' ? value : nullptr;
+}
+
+// The input from a file option (false when it is given and cannot be read), else the text.
+bool LoadPixInput(PERF_PIX_INFO *info, TEST_PARAMETER *pTestParam, int nParameters,
+                  const char *file_option, const char *fallback) {
+  if (GetParameterFileContent(pTestParam, nParameters, file_option, &info->stInput) != nullptr) {
+    return info->stInput.pvData != nullptr;
+  }
+  const uint32_t len = static_cast<uint32_t>(std::strlen(fallback));
+  info->stInput.pvData = static_cast<unsigned char *>(QAlloc(len + 1));
+  if (info->stInput.pvData == nullptr) return false;
+  std::memcpy(info->stInput.pvData, fallback, len + 1);
+  info->stInput.dwDataLen = len;
+  return true;
+}
+
+void LoadPixCommon(PERF_PIX_INFO *info, TEST_PARAMETER *pTestParam, int nParameters, int kind) {
+  LoadGenericParameters(&info->ti, pTestParam, nParameters);
+  info->ti.Metric = 1;
+  info->Kind = kind;
+  info->pszKeyName = OptionalText(pTestParam, nParameters, "-kn");
+  info->pszCertName = OptionalText(pTestParam, nParameters, "-c");
+  info->pszChain = OptionalText(pTestParam, nParameters, "--chain");
+  info->pszCrl = OptionalText(pTestParam, nParameters, "--crl");
+  if (IsParameterDefined(pTestParam, nParameters, "--rns")) {
+    info->dwFlags |= kPixFlagRemoveNamespace;
+  }
+}
+
+int RunPixXmlTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, bool dict,
+                  const char *command, std::initializer_list<const char *> description) {
+  PixRecord record;
+  PERF_PIX_INFO &info = record.info;
+  LoadPixCommon(&info, pTestParam, nParameters, kind);
+  info.bDict = dict;
+  const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, "-x", kDefaultPixXml);
+  if (IsValidTestCountersConfig(&info.ti) && input_ok && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(
+        kind == kPixSign ? PerfSignPIXDictThread : PerfVerifyPIXDictThread, PerfPIXInit, PerfPIXFin,
+        PerfPIXThreadInit, PerfPIXThreadFin, &info, sizeof(info));
+  }
+  PerfHelpDescription(description);
+  if (kind == kPixVerify) {
+    ScreenOutput(
+        "     --chain [OPTIONAL] Name of the certificate chain that verifies the signer.\r\n");
+  }
+  ScreenOutput("     -x      [OPTIONAL] XML file to sign. A sample message by default.\r\n");
+  ScreenOutput("     --rns   [OPTIONAL] Remove the namespace before signing.\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kPixExampleHead, command);
+  ScreenOutput("     %s -p %s -t 5 -i 10 -x pacs008.xml\r\n", kPixExampleHead, command);
+  return kResultUsage;
+}
+
+int RunPixJwsTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, const char *command,
+                  std::initializer_list<const char *> description) {
+  PixRecord record;
+  PERF_PIX_INFO &info = record.info;
+  LoadPixCommon(&info, pTestParam, nParameters, kind);
+  info.pszHeader = OptionalText(pTestParam, nParameters, "--header");
+  if (info.pszHeader == nullptr) info.pszHeader = kDefaultJwsHeader;
+  const char *payload = OptionalText(pTestParam, nParameters, "--payload");
+  const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, "--payload-file",
+                                     payload != nullptr ? payload : kDefaultJwsPayload);
+  uint32_t flags = 0;
+  const bool flags_ok = !IsParameterDefined(pTestParam, nParameters, "--flags") ||
+                        GetParameterDword(pTestParam, nParameters, "--flags", &flags);
+  info.dwFlags |= flags;
+  if (IsValidTestCountersConfig(&info.ti) && input_ok && flags_ok &&
+      CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfSignCheckPIXJWSThread, PerfPIXInit, PerfPIXFin,
+                                  PerfPIXThreadInit, PerfPIXThreadFin, &info, sizeof(info));
+  }
+  PerfHelpDescription(description);
+  ScreenOutput("     -kn     [OPTIONAL] Name of the signing key. A test key by default.\r\n");
+  if (kind == kPixJwsCheck) {
+    ScreenOutput(
+        "     --chain [OPTIONAL] Name of the certificate chain that verifies the signer.\r\n");
+    ScreenOutput("     --crl   [OPTIONAL] Name of the CRL checked.\r\n");
+  }
+  ScreenOutput("     --header  [OPTIONAL] JWS protected header (JSON).\r\n");
+  ScreenOutput("     --payload [OPTIONAL] JWS payload (JSON).\r\n");
+  ScreenOutput("     --flags   [OPTIONAL] JWS flags, a number. 0 (default).\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kPixExampleHead, command);
+  return kResultUsage;
+}
+
+}  // namespace
+
+int PerfSignPIX(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunPixXmlTest(pTestParam, nParameters, kPixSign, false, "pix-sign",
+                       {"PIX signature performance test.",
+                        "This test returns the number of PIX messages signed per second."});
+}
+
+int PerfSignPIXDict(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunPixXmlTest(pTestParam, nParameters, kPixSign, true, "pix-dict-sign",
+                       {"PIX DICT signature performance test.",
+                        "This test returns the number of DICT messages signed per second."});
+}
+
+int PerfVerifyPIX(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunPixXmlTest(pTestParam, nParameters, kPixVerify, false, "pix-verify",
+                       {"PIX signature verification performance test.",
+                        "This test returns the number of PIX signatures verified per second."});
+}
+
+int PerfVerifyPIXDict(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunPixXmlTest(pTestParam, nParameters, kPixVerify, true, "pix-dict-verify",
+                       {"PIX DICT signature verification performance test.",
+                        "This test returns the number of DICT signatures verified per second."});
+}
+
+int PerfSignPIXJWS(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunPixJwsTest(pTestParam, nParameters, kPixJwsSign, "pix-jws-sign",
+                       {"PIX JWS signature performance test.",
+                        "This test returns the number of JWS signed per second."});
+}
+
+int PerfCheckPIXJWS(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunPixJwsTest(pTestParam, nParameters, kPixJwsCheck, "pix-jws-check",
+                       {"PIX JWS check performance test.",
+                        "This test returns the number of JWS checked per second."});
+}
+
+int PerfRequestPIX(TEST_PARAMETER *pTestParam, int nParameters) {
+  PixRecord record;
+  PERF_PIX_INFO &info = record.info;
+  LoadPixCommon(&info, pTestParam, nParameters, kPixRequest);
+  info.pszHeader = OptionalText(pTestParam, nParameters, "--header");
+  info.pszUrl = OptionalText(pTestParam, nParameters, "--url");
+  info.pszDumpDir = OptionalText(pTestParam, nParameters, "--dump");
+  const char *method = OptionalText(pTestParam, nParameters, "-r");
+  bool method_ok = true;
+  info.Method = kPixPost;
+  if (method != nullptr && std::strcmp(method, "post") != 0) {
+    info.Method = std::strcmp(method, "get") == 0      ? kPixGet
+                  : std::strcmp(method, "put") == 0    ? kPixPut
+                  : std::strcmp(method, "delete") == 0 ? kPixDelete
+                                                       : -1;
+    method_ok = info.Method != -1;
+  }
+  // -r is the method here, so each thread keeps its session as every performance test does.
+  info.ti.ReuseSession = 1;
+  info.dwTimeoutMs = kDefaultRequestTimeoutMs;
+  if (IsParameterDefined(pTestParam, nParameters, "--tmout")) {
+    const int timeout = GetParameterInt(pTestParam, nParameters, "--tmout");
+    method_ok = method_ok && timeout > 0;
+    info.dwTimeoutMs = timeout > 0 ? static_cast<uint32_t>(timeout) : 0;
+  }
+  const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, "--rdata", "");
+  if (IsValidTestCountersConfig(&info.ti) && info.pszUrl != nullptr && method_ok && input_ok &&
+      CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfRequestPIXThread, PerfPIXInit, PerfPIXFin, PerfPIXThreadInit,
+                                  PerfPIXThreadFin, &info, sizeof(info));
+  }
+  PerfHelpDescription({"PIX request performance test.",
+                       "This test returns the number of PIX requests made through the HSM per",
+                       "second."});
+  ScreenOutput("     --url   Address of the PIX service.\r\n");
+  ScreenOutput("     -r      [OPTIONAL] Method: post (default), get, put, delete.\r\n");
+  ScreenOutput("     --rdata [OPTIONAL] File with the request body.\r\n");
+  ScreenOutput("     --header [OPTIONAL] Extra HTTP headers.\r\n");
+  ScreenOutput("     -kn     [OPTIONAL] Name of the client key. A test key by default.\r\n");
+  ScreenOutput("     -c      [OPTIONAL] Name of the client certificate.\r\n");
+  ScreenOutput("     --chain [OPTIONAL] Name of the chain that verifies the service.\r\n");
+  ScreenOutput("     --tmout [OPTIONAL] Timeout in ms. 30000 (default).\r\n");
+  ScreenOutput("     --dump  [OPTIONAL] Folder where the request's files are written.\r\n");
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p pix-request -t 2 -i 10 --url https://pix.example/api/v1/dict -r get\r\n",
+               kPixExampleHead);
+  return kResultUsage;
+}

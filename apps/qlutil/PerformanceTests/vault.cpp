@@ -1,0 +1,149 @@
+// The tokenisation vault performance tests: svault-gen-token and svault-get-data. Init makes
+// the test key (and, for svault-get-data, one token blob); Fin deletes the key. They run against
+// the library's vault calls, which answer "not supported" until the HSM serves them.
+
+#include <cstring>
+
+#include "PerformanceTests.h"
+#include "perf_common.h"
+
+namespace {
+
+const char *const kVaultExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
+constexpr const char kTestSecret[] = "4111111111111111";
+constexpr uint32_t kTokenLen = 256;
+constexpr uint32_t kBlobLen = 1024;
+constexpr int kVaultKeyAlg = QL_ALG_AES256;
+constexpr uint32_t kGetSecret = 1;
+// A card number kept as a token of the same length, digits only.
+constexpr QL_SVAULT_TOKEN_INFO kTokenInfo = {1, 3, 0, 10};
+
+}  // namespace
+
+typedef struct _PERF_SVAULT_INFO {
+  THREAD_INFO ti;
+  bool bGetData;  // svault-get-data
+  HSESSIONCTX hSrcSession;
+  char szKeyName[kTempKeyNameSize];  // the test key
+  unsigned char pbBlob[kBlobLen];    // svault-get-data: the token blob made in Init
+  uint32_t dwBlobLen;
+  HSESSIONCTX hSession;
+  char szToken[kTokenLen];
+  unsigned char pbThreadBlob[kBlobLen];
+} PERF_SVAULT_INFO;
+
+namespace {
+
+int GenerateTestKey(const char *tag, PERF_SVAULT_INFO *info) {
+  return GenTempKey(tag, info->hSrcSession, kVaultKeyAlg, info->szKeyName);
+}
+
+void DeleteTestObject(PERF_SVAULT_INFO *info) {
+  RemoveTempKey(info->hSrcSession, info->szKeyName);
+}
+
+}  // namespace
+
+int PerfSVaultFin(void *pTestInfo) {
+  auto *info = static_cast<PERF_SVAULT_INFO *>(pTestInfo);
+  DeleteTestObject(info);
+  CloseRecordSession(&info->hSrcSession);
+  return 0;
+}
+
+int PerfSVaultInit(void *pTestInfo) {
+  auto *info = static_cast<PERF_SVAULT_INFO *>(pTestInfo);
+  const char *tag = info->bGetData ? "PerfSVaultGetDataInit" : "PerfSVaultTokenInit";
+  int rc = ConnectEx(&info->hSrcSession, &info->ti);
+  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  if (rc == 0) rc = GenerateTestKey(tag, info);
+  if (rc == 0 && info->bGetData) {
+    uint32_t token_len = kTokenLen;
+    info->dwBlobLen = kBlobLen;
+    rc = QSVaultGenToken(info->hSrcSession, info->szKeyName, &kTokenInfo, kTestSecret,
+                         info->szToken, &token_len, info->pbBlob, &info->dwBlobLen, 0);
+    if (rc != 0) ScreenOutput("[%s] Fail in QSVaultGenToken. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) PerfSVaultFin(info);
+  return rc;
+}
+
+int PerfSVaultThreadInit(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SVAULT_INFO *>(pThreadInfo);
+  info->hSession = nullptr;
+  const int rc = ConnectEx(&info->hSession, &info->ti);
+  if (rc != 0) ScreenOutput("[PerfSVaultThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
+  return rc;
+}
+
+int PerfSVaultThreadFin(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SVAULT_INFO *>(pThreadInfo);
+  CloseRecordSession(&info->hSession);
+  return 0;
+}
+
+unsigned int PerfSVaultThread(void *pThreadInfo) {
+  auto *info = static_cast<PERF_SVAULT_INFO *>(pThreadInfo);
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+    uint32_t token_len = kTokenLen;
+    if (info->bGetData) {
+      rc = QSVaultGetData(info->hSession, info->szKeyName, kGetSecret, info->pbBlob,
+                          info->dwBlobLen, info->szToken, &token_len, 0);
+      if (rc != 0) {
+        ScreenOutput(
+            "[PerfSVaultGetDataThread] Fail in QSVaultGetData rc = %d. Iteration = %lu\r\n", rc,
+            counter);
+      }
+    } else {
+      uint32_t blob_len = kBlobLen;
+      rc = QSVaultGenToken(info->hSession, info->szKeyName, &kTokenInfo, kTestSecret, info->szToken,
+                           &token_len, info->pbThreadBlob, &blob_len, 0);
+      if (rc != 0) {
+        ScreenOutput("[PerfSVaultTokenThread] Fail in QSVaultGenToken rc = %d. Iteration = %lu\r\n",
+                     rc, counter);
+      }
+    }
+    if (rc != 0) break;
+  } while (!PerfRunFailed(&info->ti));
+  PublishPerfThreadError(&info->ti, rc);
+  return 1;
+}
+
+namespace {
+
+int RunVaultTest(TEST_PARAMETER *pTestParam, int nParameters, bool get_data) {
+  PERF_SVAULT_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.bGetData = get_data;
+  if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(PerfSVaultThread, PerfSVaultInit, PerfSVaultFin,
+                                  PerfSVaultThreadInit, PerfSVaultThreadFin, &info, sizeof(info));
+  }
+  if (get_data) {
+    PerfHelpDescription({"SVault data retrieval performance test.",
+                         "This test returns the number of secrets read back from a token blob per",
+                         "second."});
+  } else {
+    PerfHelpDescription({"SVault token generation performance test.",
+                         "This test returns the number of tokens generated per second."});
+  }
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kVaultExampleHead,
+               get_data ? "svault-get-data" : "svault-gen-token");
+  return kResultUsage;
+}
+
+}  // namespace
+
+int PerfSVaultToken(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunVaultTest(pTestParam, nParameters, false);
+}
+
+int PerfSVaultGetData(TEST_PARAMETER *pTestParam, int nParameters) {
+  return RunVaultTest(pTestParam, nParameters, true);
+}
