@@ -17,15 +17,17 @@ inline Status Ask(HSESSIONCTX hSession, pb::Request &request, pb::Response *resp
   if (!core) return Status(QL_ERR_BAD_HANDLE);
   auto answer = core->Call(request);
   if (!answer.ok()) return answer.status();
+  const int code = answer.value().code();  // read before the answer is moved out
   if (response) *response = std::move(answer.value());
-  return Status(answer.value().code());
+  return Status(code);
 }
 
 inline Status AskCore(SessionCore &core, pb::Request &request, pb::Response *response = nullptr) {
   auto answer = core.Call(request);
   if (!answer.ok()) return answer.status();
+  const int code = answer.value().code();  // read before the answer is moved out
   if (response) *response = std::move(answer.value());
-  return Status(answer.value().code());
+  return Status(code);
 }
 
 // A C string argument that must be present and non-empty.

@@ -167,6 +167,9 @@ extern "C" int QGetKeyParam(HKEYCTX hKey, uint32_t dwParam, void *pvData, uint32
     request.mutable_get_key_param()->set_param(dwParam);
     pb::Response response;
     QL_RETURN_CODE_IF_ERROR(AskCore(*key->core, request, &response));
+    if (response.has_number()) {
+      return NumberOut(response.number().value(), 4, pvData, pdwDataLen).code();
+    }
     if (!response.has_param()) return QL_ERR_PROTOCOL;
     const pb::ParamValue &v = response.param();
     if (v.has_data()) return CopyOut(v.data(), pvData, pdwDataLen).code();

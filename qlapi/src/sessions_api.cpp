@@ -101,6 +101,9 @@ extern "C" int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *pv
         request.mutable_get_session_param()->set_param(dwParam);
         pb::Response response;
         QL_RETURN_CODE_IF_ERROR(AskCore(*core, request, &response));
+        if (response.has_number()) {
+          return NumberOut(response.number().value(), 4, pvData, pdwDataLen).code();
+        }
         if (!response.has_param()) return QL_ERR_PROTOCOL;
         const pb::ParamValue &v = response.param();
         if (v.has_data()) return CopyOut(v.data(), pvData, pdwDataLen).code();
