@@ -1,0 +1,278 @@
+// HSM jobs: "info", "backup", "probe", "set-date-time".
+
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "job.h"
+#include "jobs/job_frame.h"
+#include "section_table.h"
+
+typedef struct _JOB_ADMIN_INFO {
+  THREAD_INFO ti;
+  const char *pszFile;  // backup: -file
+  const char *pszPin;   // backup: -pin
+  int32_t bHasProbeOp;  // probe: -op given
+  uint8_t bProbeOp;     // probe: QL_RNM_*
+  uint64_t qwTime;      // set-date-time: seconds since 1970
+} JOB_ADMIN_INFO;
+
+namespace {
+
+int OpenSession(THREAD_INFO *ti, JobSessionOwner *session, bool anonymous) {
+  const int rc = anonymous ? ConnectAnonymous(session->Put(), ti) : ConnectEx(session->Put(), ti);
+  if (rc != 0) PrintJobError("ConnectEx", rc);
+  return rc;
+}
+
+// ---------------------------------------------------------------------------------------------
+// info
+
+void ShowJobInfoHelp() {
+  JobHelpHeader(false, {"Show the HSM's information, the session's and the HSM's figures."});
+  JobHelpExamples("info", {""});
+}
+
+// The value of a figure the user may not be allowed to read: the number, or the refusal's text.
+std::string FigureOrReason(int rc, const std::string &value) {
+  if (rc == 0) return value;
+  return std::string(QGetReturnCodeString(rc, QL_RC_STR_DESCRIPTION)) + " (" + std::to_string(rc) +
+         ")";
+}
+
+int CountName(void *param, const char *name, int last) {
+  if (!last && name != nullptr) ++*static_cast<unsigned long *>(param);
+  return 0;
+}
+
+int InfoWork(JOB_ADMIN_INFO *job) {
+  JobSessionOwner session;
+  int rc = OpenSession(&job->ti, &session, false);
+  if (rc != 0) return rc;
+  QL_HSM_INFO info{};
+  rc = QGetHsmInfo(session.Get(), &info);
+  if (rc != 0) {
+    PrintJobError("QGetHsmInfo", rc);
+    return rc;
+  }
+  SectionTable hsm("HSM", 16);
+  hsm.AddRow("Model", "%s", info.szModel);
+  hsm.AddRow("Firmware", "%s", info.szFirmwareVersion);
+  hsm.AddRow("Serial number", "%s", info.szSerialNumber);
+  hsm.AddRow("Hardware", "%s", info.szHardwareVersion);
+  hsm.AddRow("Name", "%s", info.szHsmName);
+  hsm.AddRow("Library", "%s", info.szLibraryVersion);
+  hsm.Print();
+  ScreenOutput("\r\n");
+
+  char user[QL_MAX_USER_NAME + 1] = {};
+  uint32_t len = sizeof user - 1;
+  const int user_rc = QGetSessionParam(session.Get(), QL_SP_USER_NAME, user, &len, 0);
+  uint32_t acl = 0;
+  len = sizeof acl;
+  const int acl_rc = QGetSessionParam(session.Get(), QL_SP_ACL, &acl, &len, 0);
+  uint32_t tls = 0;
+  len = sizeof tls;
+  const int tls_rc = QGetSessionParam(session.Get(), QL_SP_TLS, &tls, &len, 0);
+  char acl_text[16];
+  snprintf(acl_text, sizeof acl_text, "0x%08X", acl);
+  SectionTable me("Session", 16);
+  me.AddRow("User", "%s", FigureOrReason(user_rc, user).c_str());
+  me.AddRow("Access mask", "%s", FigureOrReason(acl_rc, acl_text).c_str());
+  me.AddRow("TLS", "%s", FigureOrReason(tls_rc, tls ? "yes" : "no").c_str());
+  me.Print();
+  ScreenOutput("\r\n");
+
+  uint64_t log_size = 0;
+  const int log_rc = QGetStatLogSize(session.Get(), &log_size);
+  unsigned long users = 0;
+  const int users_rc = QListUsers(session.Get(), &CountName, &users);
+  uint32_t sessions = 0, cpu = 0, unit = 0, mem_total = 0, mem_used = 0;
+  const int stat_rc =
+      QGetStatInfo(session.Get(), &sessions, &cpu, &unit, &mem_total, &mem_used, nullptr, nullptr);
+  SectionTable figures("Figures", 16);
+  figures.AddRow("Log size", "%s",
+                 FigureOrReason(log_rc, std::to_string(log_size) + " bytes").c_str());
+  figures.AddRow("Users", "%s", FigureOrReason(users_rc, std::to_string(users)).c_str());
+  figures.AddRow("Open sessions", "%s", FigureOrReason(stat_rc, std::to_string(sessions)).c_str());
+  figures.AddRow("CPU", "%s", FigureOrReason(stat_rc, std::to_string(cpu) + " %").c_str());
+  figures.AddRow(
+      "Memory", "%s",
+      FigureOrReason(stat_rc, std::to_string(mem_used) + " / " + std::to_string(mem_total) + " MiB")
+          .c_str());
+  figures.Print();
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// backup
+
+void ShowJobBackupHelp() {
+  JobHelpHeader(false, {"Write an encrypted backup of the HSM to a local file. qlhsmd restore",
+                        "reads it back with the same PIN."});
+  ScreenOutput("     -file   Backup file\r\n");
+  ScreenOutput("     -pin    PIN that encrypts the backup (at least 8 characters)\r\n");
+  JobHelpExamples("backup", {"-file hsm.bkp -pin 1234567890"});
+}
+
+int BackupWork(JOB_ADMIN_INFO *job) {
+  JobSessionOwner session;
+  int rc = OpenSession(&job->ti, &session, false);
+  if (rc != 0) return rc;
+  rc = QBackupData(session.Get(), job->pszFile, job->pszPin, 0);
+  if (rc != 0) {
+    PrintJobError("QBackupData", rc);
+    return rc;
+  }
+  ScreenOutput("Backup written to %s.\r\n", job->pszFile);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// probe
+
+void ShowJobProbeHelp() {
+  JobHelpHeader(true, {"Ask the HSM for its state (no login needed)."});
+  ScreenOutput("     -op     [OPTIONAL] Request option\r\n");
+  ShowHelpReplicationMessages();
+  JobHelpExamples("probe", {"", "-op rnm_probe"});
+}
+
+int ProbeWork(JOB_ADMIN_INFO *job) {
+  JobSessionOwner session;
+  int rc = OpenSession(&job->ti, &session, true);
+  if (rc != 0) return rc;
+  uint32_t state = 0;
+  uint32_t len = sizeof state;
+  rc = QAdmOperation(session.Get(), QL_ADM_PROBE, job->bHasProbeOp ? &job->bProbeOp : nullptr,
+                     job->bHasProbeOp ? 1 : 0, &state, &len, 0);
+  if (rc != 0) {
+    PrintJobError("QAdmOperation", rc);
+    return rc;
+  }
+  ScreenOutput("HSM state: %u (%s)\r\n", state, state == 1 ? "up" : "not up");
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// set-date-time
+
+void ShowJobSetDateTimeHelp() {
+  JobHelpHeader(false, {"Set the HSM's date and time (UTC). The HSM keeps it as an offset to",
+                        "its machine's clock, which it never changes."});
+  ScreenOutput("     -dt     \"now\" (this machine's clock), \"YYYY-MM-DD hh:mm:ss\" or\r\n");
+  ScreenOutput("             seconds since 1970-01-01 00:00:00\r\n");
+  JobHelpExamples("set-date-time", {"-dt now", "-dt \"2026-01-31 12:00:00\""});
+}
+
+// The -dt value as seconds since 1970 (UTC). False when malformed.
+bool ParseDateTime(const char *text, uint64_t *seconds) {
+  if (text == nullptr || *text == '\0') return false;
+  if (strcmp(text, "now") == 0) {
+    *seconds = static_cast<uint64_t>(time(nullptr));
+    return true;
+  }
+  if (IsDigitString(text)) {
+    char *end = nullptr;
+    *seconds = strtoull(text, &end, 10);
+    return *end == '\0';
+  }
+  int y, mo, d, h, mi, s;
+  char tail;
+  if (sscanf(text, "%4d-%2d-%2d %2d:%2d:%2d%c", &y, &mo, &d, &h, &mi, &s, &tail) != 6) return false;
+  if (y < 1970 || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 60 || h < 0 ||
+      mi < 0 || s < 0) {
+    return false;
+  }
+  // Days from the civil date (proleptic Gregorian), without the local time zone of mktime.
+  const int yy = y - (mo <= 2);
+  const int era = yy / 400;
+  const unsigned yoe = static_cast<unsigned>(yy - era * 400);
+  const unsigned doy = (153 * (mo + (mo > 2 ? -3 : 9)) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  const long long days = static_cast<long long>(era) * 146097 + doe - 719468;
+  *seconds = static_cast<uint64_t>(days * 86400 + h * 3600 + mi * 60 + s);
+  return true;
+}
+
+int SetDateTimeWork(JOB_ADMIN_INFO *job) {
+  JobSessionOwner session;
+  int rc = OpenSession(&job->ti, &session, false);
+  if (rc != 0) return rc;
+  rc = QAdmOperation(session.Get(), QL_ADM_SET_DATE_TIME, &job->qwTime, sizeof job->qwTime, nullptr,
+                     nullptr, 0);
+  if (rc != 0) {
+    PrintJobError("QAdmOperation", rc);
+    return rc;
+  }
+  ScreenOutput("HSM date and time set.\r\n");
+  return 0;
+}
+
+}  // namespace
+
+unsigned int JobInfoThread(void *p) {
+  auto *job = static_cast<JOB_ADMIN_INFO *>(p);
+  PublishJobError(&job->ti, InfoWork(job));
+  return 1;
+}
+
+unsigned int JobBackupThread(void *p) {
+  auto *job = static_cast<JOB_ADMIN_INFO *>(p);
+  PublishJobError(&job->ti, BackupWork(job));
+  return 1;
+}
+
+unsigned int JobProbeThread(void *p) {
+  auto *job = static_cast<JOB_ADMIN_INFO *>(p);
+  PublishJobError(&job->ti, ProbeWork(job));
+  return 1;
+}
+
+unsigned int JobSetDateTimeThread(void *p) {
+  auto *job = static_cast<JOB_ADMIN_INFO *>(p);
+  PublishJobError(&job->ti, SetDateTimeWork(job));
+  return 1;
+}
+
+int JobInfo(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_ADMIN_INFO job{};
+  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.ti.Metric = 1;
+  return StartJob(&JobInfoThread, &job.ti, sizeof job, false, true, &ShowJobInfoHelp);
+}
+
+int JobBackup(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_ADMIN_INFO job{};
+  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.ti.Metric = 1;
+  job.pszFile = GetParameterStr(pTestParam, nParameters, "-file");
+  job.pszPin = GetParameterStr(pTestParam, nParameters, "-pin");
+  const bool ok = IsGivenText(job.pszFile) && IsGivenText(job.pszPin);
+  return StartJob(&JobBackupThread, &job.ti, sizeof job, false, ok, &ShowJobBackupHelp);
+}
+
+int JobProbe(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_ADMIN_INFO job{};
+  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, true);
+  job.ti.Metric = 1;
+  bool ok = true;
+  if (IsParameterDefined(pTestParam, nParameters, "-op")) {
+    const int op = GetParameterAlg(pTestParam, nParameters, "-op");
+    const char *word = GetParameterStr(pTestParam, nParameters, "-op");
+    // The general table gives these words 1 to 4, as it does to many others: the word decides.
+    ok = word != nullptr && strncmp(word, "rnm_", 4) == 0 && op >= QL_RNM_PROBE &&
+         op <= QL_RNM_SLP_BYPASS_DEL;
+    job.bHasProbeOp = 1;
+    job.bProbeOp = static_cast<uint8_t>(op);
+  }
+  return StartJob(&JobProbeThread, &job.ti, sizeof job, true, ok, &ShowJobProbeHelp);
+}
+
+int JobSetDateTime(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_ADMIN_INFO job{};
+  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.ti.Metric = 1;
+  const bool ok = ParseDateTime(GetParameterStr(pTestParam, nParameters, "-dt"), &job.qwTime);
+  return StartJob(&JobSetDateTimeThread, &job.ti, sizeof job, false, ok, &ShowJobSetDateTimeHelp);
+}

@@ -1,0 +1,116 @@
+// File-object jobs: "read-file", "write-file".
+
+#include <cstring>
+
+#include "job.h"
+#include "jobs/job_frame.h"
+
+typedef struct _JOB_FILE_INFO {
+  THREAD_INFO ti;
+  const char *pszObjName;  // -kn
+  const char *pszOutFile;  // read: --out; null: hex on the console
+  const Bytes *pData;      // write: -in, read by the front function, which outlives the run
+  uint32_t dwFlags;        // write: -replace gives QL_WRITE_FILE_REPLACE
+} JOB_FILE_INFO;
+
+namespace {
+
+void ShowJobReadFileHelp() {
+  JobHelpHeader(false, {"Read a file object from the HSM."});
+  ScreenOutput("     -kn     Object name\r\n");
+  ScreenOutput("     --out   [OPTIONAL] Output file. If not defined, the content is printed\r\n");
+  ScreenOutput("             in hex.\r\n");
+  JobHelpExamples("read-file", {"-kn myfile --out myfile.bin"});
+}
+
+void ShowJobWriteFileHelp() {
+  JobHelpHeader(false, {"Write data into a file object of the HSM."});
+  ScreenOutput("     -kn      Object name\r\n");
+  ScreenOutput("     -in      The data\r\n");
+  ScreenOutput("     -inform  [OPTIONAL] Format of -in. Default \"file\".\r\n");
+  ShowHelpDataInformParameters();
+  ScreenOutput("     -replace [OPTIONAL] Replace an existing object of that name.\r\n");
+  JobHelpExamples("write-file", {"-kn myfile -in data.bin", "-kn myfile -inform hex -in 0A0B0C"});
+}
+
+int AppendChunk(void *param, const unsigned char *chunk, uint32_t len) {
+  if (chunk != nullptr)
+    static_cast<Bytes *>(param)->insert(static_cast<Bytes *>(param)->end(), chunk, chunk + len);
+  return 0;
+}
+
+int ReadFileWork(JOB_FILE_INFO *job) {
+  JobSessionOwner session;
+  int rc = ConnectEx(session.Put(), &job->ti);
+  if (rc != 0) {
+    PrintJobError("ConnectEx", rc);
+    return rc;
+  }
+  Bytes data;
+  rc = QReadFile(session.Get(), job->pszObjName, &AppendChunk, &data);
+  if (rc != 0) {
+    PrintJobError("QReadFile", rc);
+    return rc;
+  }
+  return WriteJobOutput(job->pszOutFile, data.data(), data.size()) ? 0 : QL_ERR_FILE_IO;
+}
+
+int WriteFileWork(JOB_FILE_INFO *job) {
+  JobSessionOwner session;
+  int rc = ConnectEx(session.Put(), &job->ti);
+  if (rc != 0) {
+    PrintJobError("ConnectEx", rc);
+    return rc;
+  }
+  rc = QWriteFileBuffer(session.Get(), job->pszObjName, job->pData->data(),
+                        static_cast<uint32_t>(job->pData->size()), job->dwFlags);
+  if (rc != 0) {
+    PrintJobError("QWriteFileBuffer", rc);
+    return rc;
+  }
+  ScreenOutput("File %s written (%lu bytes).\r\n", job->pszObjName,
+               static_cast<unsigned long>(job->pData->size()));
+  return 0;
+}
+
+}  // namespace
+
+unsigned int JobReadFileThread(void *p) {
+  auto *job = static_cast<JOB_FILE_INFO *>(p);
+  PublishJobError(&job->ti, ReadFileWork(job));
+  return 1;
+}
+
+unsigned int JobWriteFileThread(void *p) {
+  auto *job = static_cast<JOB_FILE_INFO *>(p);
+  PublishJobError(&job->ti, WriteFileWork(job));
+  return 1;
+}
+
+int JobReadFile(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_FILE_INFO job{};
+  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.ti.Metric = 1;
+  job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
+  job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
+  const bool ok =
+      IsGivenText(job.pszObjName) &&
+      (!IsParameterDefined(pTestParam, nParameters, "--out") || IsGivenText(job.pszOutFile));
+  return StartJob(&JobReadFileThread, &job.ti, sizeof job, false, ok, &ShowJobReadFileHelp);
+}
+
+int JobWriteFile(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_FILE_INFO job{};
+  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.ti.Metric = 1;
+  job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
+  job.dwFlags = IsParameterDefined(pTestParam, nParameters, "-replace") ? QL_WRITE_FILE_REPLACE : 0;
+  const char *word = GetParameterStr(pTestParam, nParameters, "-inform");
+  const DataInform inform = GetParameterDataInform(pTestParam, nParameters, "-inform", kFile);
+  Bytes data;
+  const bool ok = IsGivenText(job.pszObjName) &&
+                  (word == nullptr || strcmp(word, "file") == 0 || strcmp(word, "hex") == 0) &&
+                  ReadJobData(pTestParam, nParameters, "-in", inform, &data);
+  job.pData = &data;
+  return StartJob(&JobWriteFileThread, &job.ti, sizeof job, false, ok, &ShowJobWriteFileHelp);
+}

@@ -1,0 +1,104 @@
+#pragma once
+// The frame every job (-j) is built on.
+//
+// A job is a front function (JobRemove) and a thread routine (JobRemoveThread). The front
+// function zero-fills the job's record (THREAD_INFO `ti` first), loads the common options
+// (LoadGenericParameters then ForceSingleJobRun, or LoadGenericJobParameters then Metric 1),
+// reads its own options and calls StartJob, which either runs the routine once through
+// ExecuteTestThreads or prints the job's help page and answers -1 without reaching the HSM.
+//
+// The routine opens its session (ConnectEx, ConnectAnonymous, or a QueltaClient for facade
+// jobs), makes its library calls, prints one "Error in <call>. Err = <code>\r\n" line on a
+// failure, and leaves the code in the record (PublishJobError, or ThreadErrorSignaling in
+// facade jobs). Handles are held by owners declared in acquisition order, so they are released
+// newest first whichever way the routine ends. The routine always returns 1.
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "Output.h"
+#include "ql_client_helper.h"
+#include "qlapi.h"
+#include "qlutil.h"
+#include "util.h"
+
+using JobSessionOwner = QLUniquePtr<HSESSIONCTX, &CloseSession>;
+using JobKeyOwner = QLUniquePtr<HKEYCTX, &DestroyKeyHandle>;
+using JobHashOwner = QLUniquePtr<HHASHCTX, &DestroyHashHandle>;
+using Bytes = std::vector<unsigned char>;
+
+// A buffer the library handed out (QAlloc), freed with QFree.
+class JobLibBuffer {
+ public:
+  JobLibBuffer() = default;
+  ~JobLibBuffer() { QFree(data_); }
+  JobLibBuffer(const JobLibBuffer &) = delete;
+  JobLibBuffer &operator=(const JobLibBuffer &) = delete;
+  unsigned char **Put() { return &data_; }
+  char **PutText() { return reinterpret_cast<char **>(&data_); }
+  unsigned char *Get() const { return data_; }
+
+ private:
+  unsigned char *data_ = nullptr;
+};
+
+// The key flags of the key-making jobs, OR-ed: "-exp 1" 1 (exportable), "-tmp 1" 4 (temporary),
+// "-rsaexp3 1" 2048, "-nocrypt 1" 2, "-bchain" present 16384.
+uint32_t LoadGenericKeyFlagsParameters(TEST_PARAMETER *pTestParam, int nParameters);
+
+// The common-option style of "remove": after LoadGenericParameters, one thread, one iteration,
+// operations per second, TLS and no load balancing whatever -tls and -lb said.
+void ForceSingleJobRun(THREAD_INFO *ti);
+
+// Runs routine on the record once the connection (CheckConnectionFlags) and the job's own
+// options are good: the result is 100002 while the runner starts, then the runner's answer.
+// Otherwise show_help() and -1; nothing reaches the HSM.
+int StartJob(pfn_TestThread routine, THREAD_INFO *ti, size_t record_size, bool is_anonymous,
+             bool options_ok, void (*show_help)());
+
+// Stores a non-zero code in the record and sets the run's error event.
+void PublishJobError(THREAD_INFO *ti, int rc);
+
+// "Error in <call>. Err = <rc>\r\n".
+void PrintJobError(const char *call, int rc);
+
+// Help page pieces, in page order. Description: "\r\nDESCRIPTION\r\n", each line after five
+// blanks, "\r\nOPTIONS\r\n" and the connection options (ShowHelpGlobalJobParameters).
+void JobHelpHeader(bool is_anonymous, std::initializer_list<const char *> description);
+// "\r\nEXAMPLE\r\n" and one line per option text:
+// "     qlutil -a 10.10.10.10 -u master -w 24681357 -j <job> <options>\r\n".
+void JobHelpExamples(const char *job, std::initializer_list<const char *> options);
+
+// Reads the data of an input switch: with inform kFile the value names a file read whole, with
+// kHexData it is a hex string. False (data empty) when the switch is absent, the file cannot be
+// read or is empty, or the hex text is not valid.
+bool ReadJobData(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName,
+                 DataInform inform, Bytes *data);
+// Reads a whole local file. False when it cannot be opened.
+bool ReadLocalFile(const char *path, Bytes *data);
+// Writes bytes to a local file (created or truncated). False, with "Error opening file
+// <path>\r\n" printed, when it cannot be written.
+bool WriteLocalFile(const char *path, const unsigned char *data, size_t len);
+// Upper-case hex digits.
+std::string ToHex(const unsigned char *data, size_t len);
+// The output of a job that yields bytes: into the file when path is given, otherwise as hex on
+// the console followed by "\r\n". False when the file could not be written.
+bool WriteJobOutput(const char *path, const unsigned char *data, size_t len);
+
+// True for a non-null, non-empty text.
+inline bool IsGivenText(const char *text) {
+  return text != nullptr && *text != '\0';
+}
+// True when the switch is absent or holds a non-empty value.
+bool IsOptionalTextGood(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName);
+// The -inform style word of pszName (file, the default, or hex). False for another word.
+bool LoadDataInform(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName,
+                    DataInform *inform);
+
+// A 32-bit number of a switch written in decimal or as 0x-prefixed hex. False when absent or
+// malformed.
+bool GetJobNumber(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName,
+                  uint32_t *value);
