@@ -200,6 +200,18 @@ TEST_F(P11PerfTest, ModuleLackingNamesIsRefusedBeforeItIsInitialised) {
             "Failed to initialize test: 84\n");
 }
 
+// The module is initialised for threads that share it, with the system's own locking; it has
+// no token, so the run goes as far as the first C_OpenSession.
+TEST_F(P11PerfTest, ModuleIsInitialisedForOsLocking) {
+  const RunResult r = Qlutil("-p p11-gen-key -t 1 -i 1 -k p11aes256", kUserPin, P11_LOCKING_MODULE);
+  EXPECT_EQ(r.exit_code, 224);  // CKR_TOKEN_NOT_PRESENT
+  EXPECT_EQ(r.out.rfind("[PerfP11GenKeyThreadInit] Fail in C_OpenSession. rc = 224\r\n"
+                        "Failed to initialize test thread: 224\n",
+                        0),
+            0u)
+      << r.out;
+}
+
 TEST_F(P11PerfTest, FailingInitializeIsReportedWithItsCode) {
   // SoftHSM2 refuses to initialise without a readable configuration.
   const RunResult r = Qlutil("-p p11-sign-hash -t 1 -i 1 -h ckm_sha256 -k p11rsa1024", kUserPin,
