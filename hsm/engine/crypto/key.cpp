@@ -285,4 +285,19 @@ Result<KeyPtr> Key::Parse(ByteView stored) {
   return key;
 }
 
+Result<SecretBytes> RandomBytes(size_t n) {
+  constexpr size_t kMaxRandom = 1 << 20;
+  if (n > kMaxRandom) return Status(Code::kBadLength, "at most 1 MiB of random bytes at once");
+  SecretBytes out(n);
+  if (Status s = ossl::RandomBytes(out); !s.ok()) return s;
+  return out;
+}
+
+Result<SecretBytes> GenerateKeyMaterial(AlgId alg, uint32_t flags) {
+  auto key = Key::Generate(alg, flags);
+  if (!key.ok()) return key.status();
+  if ((*key)->is_secret()) return SecretBytes((*key)->secret().begin(), (*key)->secret().end());
+  return (*key)->Pkcs8Der();
+}
+
 }  // namespace qlhsm::crypto

@@ -80,6 +80,14 @@ class Key {
   bool has_private_ = true;
 };
 
+// Random bytes from the HSM's generator. kBadLength for more than 1 MiB at once.
+Result<SecretBytes> RandomBytes(size_t n);
+
+// Key material of `alg` that is handed out rather than kept: the raw secret of a symmetric or HMAC
+// key (DES keys with odd parity), the PKCS#8 PrivateKeyInfo DER of an asymmetric one. Refusals as
+// Key::Generate's.
+Result<SecretBytes> GenerateKeyMaterial(AlgId alg, uint32_t flags = 0);
+
 // The algorithm of an OpenSSL key by its type and size or curve; null when not in the table.
 const AlgInfo *AlgorithmOf(EVP_PKEY *pkey);
 

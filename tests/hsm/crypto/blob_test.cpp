@@ -224,6 +224,23 @@ TEST(KeyLength, AsTheKeyLengthParameterReports) {
   }
 }
 
+TEST(KeyMaterial, SecretWithParityOrPkcs8) {
+  auto des = GenerateKeyMaterial(alg::k3Des168);
+  ASSERT_TRUE(des.ok());
+  ASSERT_EQ(des->size(), 24u);
+  for (uint8_t b : *des) EXPECT_EQ(__builtin_popcount(b) % 2, 1) << "odd parity";
+  auto ec = GenerateKeyMaterial(alg::kSecp224r1);
+  ASSERT_TRUE(ec.ok());
+  auto key = Key::FromPkcs8(alg::kSecp224r1, Bytes(ec->begin(), ec->end()), true);
+  EXPECT_TRUE(key.ok());
+  auto r1 = RandomBytes(32);
+  auto r2 = RandomBytes(32);
+  ASSERT_TRUE(r1.ok() && r2.ok());
+  EXPECT_NE(ToHex(*r1), ToHex(*r2));
+  EXPECT_EQ(RandomBytes((1 << 20) + 1).code(), Code::kBadLength);
+  EXPECT_EQ(GenerateKeyMaterial(alg::kArc5).code(), Code::kNotSupported);
+}
+
 // RFC 7748 section 6.1: X25519 between Alice and Bob.
 TEST(Derive, X25519Rfc7748) {
   auto priv = [](const char *hex) {
