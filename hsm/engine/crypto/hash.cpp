@@ -126,6 +126,10 @@ Status HashState::SetValue(ByteView value) {
   if (alg_ != hash::kIdFunc && value.size() != HashSize(alg_)) {
     return Status(Code::kBadLength, "hash value length");
   }
+  // The running state starts again, so data fed after this is hashed from scratch.
+  if (md_ && EVP_DigestInit_ex2(md_.get(), nullptr, nullptr) != 1) return ossl::Fail("restart");
+  if (mac_ && EVP_MAC_init(mac_.get(), nullptr, 0, nullptr) != 1) return ossl::Fail("restart");
+  data_.clear();
   set_value_ = Bytes(value.begin(), value.end());
   return {};
 }

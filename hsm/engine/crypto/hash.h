@@ -16,9 +16,10 @@ namespace qlhsm::crypto {
 // Reading the value never consumes the state: Value() may be called, the value signed, and more
 // data added afterwards, any number of times.
 //
-// SetValue() installs a value computed elsewhere; Value() then answers it until the next Update(),
-// which drops the installed value and goes on hashing the data fed since Create() or the last
-// SetValue(). So "set, then hash data" measures real hashing and ends with the hash of the data.
+// SetValue() installs a value computed elsewhere and restarts the running state; Value() answers
+// the installed value until the next Update(), which drops it: from then on the value is the hash
+// of the data fed after SetValue(). So "set, then hash data" does real hashing and ends with the
+// hash of that data.
 //
 // Not thread-safe: one HashState per user at a time (the engine's hash handle).
 class HashState {

@@ -58,6 +58,27 @@ TEST(DigestKat, Abc) {
   }
 }
 
+// A value set from elsewhere is answered as it is; data hashed after it starts a fresh hash.
+TEST(HashState, SetValueThenData) {
+  KeyPtr mac_key = SecretKey(alg::kHmacKey, "4a656665");
+  for (auto [alg, key] : {std::pair<AlgId, KeyPtr>{hash::kSha256, nullptr},
+                          std::pair<AlgId, KeyPtr>{hash::kHmacSha256, mac_key},
+                          std::pair<AlgId, KeyPtr>{hash::kIdFunc, nullptr}}) {
+    auto h = HashState::Create(alg, key);
+    ASSERT_TRUE(h.ok());
+    ASSERT_TRUE(h->Update(Text("ignored")).ok());
+    Bytes set(alg == hash::kIdFunc ? 5 : 32, 0xee);
+    ASSERT_TRUE(h->SetValue(set).ok());
+    EXPECT_EQ(*h->Value(), set);
+    EXPECT_EQ(*h->Value(), set);  // reading twice changes nothing
+    ASSERT_TRUE(h->Update(Text("abc")).ok());
+    Bytes expected = key                    ? *Mac(alg, key, Text("abc"))
+                     : alg == hash::kIdFunc ? Text("abc")
+                                            : *Digest(alg, Text("abc"));
+    EXPECT_EQ(ToHex(*h->Value()), ToHex(expected)) << alg;
+  }
+}
+
 // HMAC: RFC 4231 test case 2 (SHA-2) and RFC 2202 test case 2 (MD5, SHA-1): key "Jefe".
 TEST(HmacKat, Jefe) {
   const DigestCase cases[] = {
