@@ -20,6 +20,7 @@
 namespace {
 
 const std::string kUserPin = "24681357";
+const std::string kLongPin = "2468135724681357abcd";
 const std::string kModule = P11_SOFTHSM_MODULE;
 
 struct RunResult {
@@ -67,10 +68,12 @@ class P11PerfTest : public ::testing::Test {
     const RunResult init =
         RunCommand(std::string(P11_SOFTHSM_UTIL) +
                    " --init-token --free --label t --so-pin 1234 --pin " + kUserPin);
-    std::smatch match;
-    if (std::regex_search(init.out, match, std::regex(R"(reassigned to slot (\d+))"))) {
-      slot_ = match[1];
-    }
+    slot_ = SlotOf(init.out);
+    // A second token whose PIN is longer than the 16 characters of the login record.
+    long_pin_slot_ =
+        SlotOf(RunCommand(std::string(P11_SOFTHSM_UTIL) +
+                          " --init-token --free --label long --so-pin 1234 --pin " + kLongPin)
+                   .out);
   }
 
   static void TearDownTestSuite() {
@@ -90,12 +93,21 @@ class P11PerfTest : public ::testing::Test {
                       module + " -slot " + slot_ + " " + args);
   }
 
+  static std::string SlotOf(const std::string &init_output) {
+    std::smatch match;
+    if (!std::regex_search(init_output, match, std::regex(R"(reassigned to slot (\d+))")))
+      return {};
+    return match[1];
+  }
+
   static std::filesystem::path folder_;
   static std::string slot_;
+  static std::string long_pin_slot_;
 };
 
 std::filesystem::path P11PerfTest::folder_;
 std::string P11PerfTest::slot_;
+std::string P11PerfTest::long_pin_slot_;
 
 struct SuccessCase {
   const char *args;
@@ -159,6 +171,15 @@ TEST_F(P11PerfTest, WrongPinFailsInEachThreadInitWithTheModulesCode) {
               0u)
         << r.out;
   }
+}
+
+TEST_F(P11PerfTest, PinLongerThanTheLoginRecordIsPassedWhole) {
+  ASSERT_FALSE(long_pin_slot_.empty());
+  const RunResult r =
+      RunCommand(std::string(QLUTIL_BIN) + " -a 127.0.0.1 -u master -w " + kLongPin + " -p11 " +
+                 kModule + " -slot " + long_pin_slot_ + " -p p11-gen-key -t 2 -i 5 -k p11aes256");
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_TRUE(std::regex_match(r.out, kOpsFooter)) << r.out;
 }
 
 TEST_F(P11PerfTest, SlotWithoutTokenFailsToOpenTheSession) {

@@ -147,6 +147,7 @@ SymmetricAlg SymmetricAlgFor(int key_alg) {
 struct P11_TEST_MODULE {
   const char *pszModulePath;        // -p11 (points into the parameter array)
   CK_SLOT_ID SlotId;                // -slot
+  const char *pszPin;               // -w as typed; null when the password comes from elsewhere
   void *hModule;                    // loaded in TestInit, unloaded in TestFin
   bool bInitialized;                // C_Initialize succeeded
   DL_PKCS11_FUNCTIONS stFunctions;  // read-only once the threads run
@@ -237,7 +238,8 @@ CK_RV OpenUserSession(const char *tag, P11_TEST_MODULE *m, const THREAD_INFO &ti
     ScreenOutput("[%s] Fail in C_OpenSession. rc = %lu\r\n", tag, rv);
     return rv;
   }
-  std::string pin = ti.GetPassword();
+  // -w as typed: the login record keeps 16 characters, a PIN may be longer.
+  std::string pin = m->pszPin != nullptr ? m->pszPin : ti.GetPassword();
   rv = f.C_Login(m->hSession, CKU_USER, reinterpret_cast<CK_UTF8CHAR *>(pin.data()), pin.size());
   if (rv == CKR_USER_ALREADY_LOGGED_IN) rv = CKR_OK;
   if (rv != CKR_OK) {
@@ -361,6 +363,7 @@ void PublishThreadError(THREAD_INFO *ti, CK_RV rv) {
 // Reads -p11 and -slot into the module part; false when either is missing or bad.
 bool LoadP11ModuleParams(P11_TEST_MODULE *m, TEST_PARAMETER *pTestParam, int nParameters) {
   m->pszModulePath = GetParameterStr(pTestParam, nParameters, "-p11");
+  m->pszPin = GetParameterStr(pTestParam, nParameters, "-w");
   uint32_t slot = 0;
   const bool has_slot = GetParameterDword(pTestParam, nParameters, "-slot", &slot);
   m->SlotId = slot;
