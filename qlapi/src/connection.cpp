@@ -1,16 +1,9 @@
 #include "connection.h"
 
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,8 +12,70 @@
 
 #include "frame.h"
 
+#ifdef _WIN32
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#endif
+
 namespace qlapi {
 namespace {
+
+// The few socket calls that differ between Winsock and POSIX.
+#ifdef _WIN32
+constexpr int kNoSignal = 0;  // Winsock raises no SIGPIPE
+using IoSize = int;
+int CloseSocket(int fd) {
+  return closesocket(static_cast<SOCKET>(fd));
+}
+int PollOne(pollfd *p, int timeout_ms) {
+  return WSAPoll(p, 1, timeout_ms);
+}
+bool Interrupted() {
+  return false;
+}
+bool InProgress() {
+  return WSAGetLastError() == WSAEWOULDBLOCK;
+}
+void SetNonBlocking(int fd, bool on) {
+  u_long mode = on ? 1 : 0;
+  ioctlsocket(static_cast<SOCKET>(fd), FIONBIO, &mode);
+}
+void StartSockets() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    WSADATA data;
+    WSAStartup(MAKEWORD(2, 2), &data);
+  });
+}
+#else
+constexpr int kNoSignal = MSG_NOSIGNAL;
+using IoSize = ssize_t;
+int CloseSocket(int fd) {
+  return ::close(fd);
+}
+int PollOne(pollfd *p, int timeout_ms) {
+  return ::poll(p, 1, timeout_ms);
+}
+bool Interrupted() {
+  return errno == EINTR;
+}
+bool InProgress() {
+  return errno == EINPROGRESS;
+}
+void SetNonBlocking(int fd, bool on) {
+  const int fl = fcntl(fd, F_GETFL, 0);
+  fcntl(fd, F_SETFL, on ? (fl | O_NONBLOCK) : (fl & ~O_NONBLOCK));
+}
+void StartSockets() {}
+#endif
 
 constexpr int kConnectTimeoutMs = 10000;
 // Key generation of large RSA keys can take minutes; a dead peer is found by TCP itself.
@@ -38,18 +93,18 @@ int g_tls_status = QL_OK;
 int BioWrite(BIO *bio, const char *data, int size) {
   const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio)));
   for (;;) {
-    const ssize_t n = ::send(fd, data, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    const IoSize n = ::send(fd, data, size, kNoSignal);
     if (n >= 0) return static_cast<int>(n);
-    if (errno != EINTR) return -1;
+    if (!Interrupted()) return -1;
   }
 }
 
 int BioRead(BIO *bio, char *data, int size) {
   const int fd = static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio)));
   for (;;) {
-    const ssize_t n = ::recv(fd, data, static_cast<std::size_t>(size), 0);
+    const IoSize n = ::recv(fd, data, size, 0);
     if (n >= 0) return static_cast<int>(n);
-    if (errno != EINTR) return -1;
+    if (!Interrupted()) return -1;
   }
 }
 
@@ -84,38 +139,49 @@ void CreateTlsContext() {
 }
 
 void SetTimeouts(int fd) {
+#ifdef _WIN32
+  DWORD ms = kIoTimeoutSeconds * 1000;
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char *>(&ms), sizeof ms);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char *>(&ms), sizeof ms);
+#else
   timeval tv{};
   tv.tv_sec = kIoTimeoutSeconds;
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
   setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+#endif
   int one = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char *>(&one), sizeof one);
 }
 
 // Connects one address with a time limit; the socket is blocking again afterwards.
 int ConnectOne(const addrinfo *ai) {
+#ifdef _WIN32
+  const int fd = static_cast<int>(::socket(ai->ai_family, ai->ai_socktype, ai->ai_protocol));
+#else
   const int fd = ::socket(ai->ai_family, ai->ai_socktype | SOCK_CLOEXEC, ai->ai_protocol);
+#endif
   if (fd < 0) return -1;
-  const int fl = fcntl(fd, F_GETFL, 0);
-  fcntl(fd, F_SETFL, fl | O_NONBLOCK);
-  int rc = ::connect(fd, ai->ai_addr, ai->ai_addrlen);
-  if (rc != 0 && errno == EINPROGRESS) {
-    pollfd p{fd, POLLOUT, 0};
+  SetNonBlocking(fd, true);
+  int rc = ::connect(fd, ai->ai_addr, static_cast<int>(ai->ai_addrlen));
+  if (rc != 0 && InProgress()) {
+    pollfd p{};
+    p.fd = fd;
+    p.events = POLLOUT;
     do {
-      rc = ::poll(&p, 1, kConnectTimeoutMs);
-    } while (rc < 0 && errno == EINTR);
+      rc = PollOne(&p, kConnectTimeoutMs);
+    } while (rc < 0 && Interrupted());
     int err = 0;
     socklen_t len = sizeof err;
-    if (rc == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) == 0 && err == 0)
-      rc = 0;
-    else
-      rc = -1;
+    const bool connected =
+        rc == 1 &&
+        getsockopt(fd, SOL_SOCKET, SO_ERROR, reinterpret_cast<char *>(&err), &len) == 0 && err == 0;
+    rc = connected ? 0 : -1;
   }
   if (rc != 0) {
-    ::close(fd);
+    CloseSocket(fd);
     return -1;
   }
-  fcntl(fd, F_SETFL, fl);
+  SetNonBlocking(fd, false);
   SetTimeouts(fd);
   return fd;
 }
@@ -132,6 +198,7 @@ Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, in
     Status st = InitTls();
     if (!st.ok()) return st;
   }
+  StartSockets();
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
@@ -174,7 +241,7 @@ Connection::~Connection() {
     SSL_shutdown(ssl_.get());
   }
   ssl_.reset();
-  if (fd_ >= 0) ::close(fd_);
+  if (fd_ >= 0) CloseSocket(fd_);
   ERR_clear_error();
 }
 
@@ -192,8 +259,8 @@ Status Connection::Write(const std::string &bytes) {
       }
       done += n;
     } else {
-      const ssize_t n = ::send(fd_, bytes.data() + done, left, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
+      const IoSize n = ::send(fd_, bytes.data() + done, static_cast<int>(left), kNoSignal);
+      if (n < 0 && Interrupted()) continue;
       if (n <= 0) {
         broken_ = true;
         return Status(QL_ERR_SESSION_CLOSED);
@@ -216,10 +283,10 @@ Status Connection::Fill() {
     if (SSL_read_ex(ssl_.get(), in_.data() + at, kReadChunk, &got) != 1) got = 0;
     ERR_clear_error();
   } else {
-    ssize_t n;
+    IoSize n;
     do {
-      n = ::recv(fd_, in_.data() + at, kReadChunk, 0);
-    } while (n < 0 && errno == EINTR);
+      n = ::recv(fd_, in_.data() + at, static_cast<int>(kReadChunk), 0);
+    } while (n < 0 && Interrupted());
     got = n > 0 ? static_cast<std::size_t>(n) : 0;
   }
   in_.resize(at + got);

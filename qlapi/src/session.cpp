@@ -86,25 +86,36 @@ std::string Credentials::CacheKey() const {
   return key;
 }
 
-Result<std::unique_ptr<Link>> Connect(const Credentials &creds) {
+Result<std::unique_ptr<Link>> Connect(const Credentials &creds, uint64_t *session_id,
+                                      uint32_t *acl) {
   auto opened = Connection::Open(creds.host, creds.port, creds.tls);
   if (!opened.ok()) return opened.status();
   auto link = std::make_unique<Link>();
   link->conn = std::move(opened.value());
   link->max_frame = qlproto::kDefaultMaxFrame;
 
+  // Hello and Login leave together: the HSM answers them in order, so a new session costs one
+  // round trip after the handshake.
   pb::Request hello;
   hello.set_id(link->next_id++);
   hello.mutable_hello()->set_protocol_version(qlproto::kProtocolVersion);
   hello.mutable_hello()->set_client_version(kLibraryVersion);
-  std::string frame;
-  qlproto::EncodeFrame(hello, link->max_frame, &frame);
-  Status st = link->conn->Write(frame);
+  pb::Request login;
+  login.set_id(link->next_id++);
+  FillLogin(creds, login.mutable_login());
+  std::string frames;
+  if (qlproto::EncodeFrame(hello, link->max_frame, &frames) != qlproto::FrameStatus::kOk ||
+      qlproto::EncodeFrame(login, link->max_frame, &frames) != qlproto::FrameStatus::kOk) {
+    return Status(QL_ERR_BAD_ARGUMENT);
+  }
+  Status st = link->conn->Write(frames);
   if (!st.ok()) return Status(QL_ERR_CONNECTION_FAILED);
+
   std::string body;
   st = link->conn->ReadFrame(link->max_frame, &body);
-  if (!st.ok())
+  if (!st.ok()) {
     return Status(st.code() == QL_ERR_SESSION_CLOSED ? QL_ERR_CONNECTION_FAILED : st.code());
+  }
   pb::Response reply;
   if (qlproto::DecodeFrameBody(body, &reply) != qlproto::FrameStatus::kOk ||
       reply.id() != hello.id()) {
@@ -118,6 +129,16 @@ Result<std::unique_ptr<Link>> Connect(const Credentials &creds) {
   const uint32_t announced = reply.hello().max_frame();
   if (announced >= 1024 && announced <= qlproto::kAbsoluteMaxFrame) link->max_frame = announced;
   link->server_version = reply.hello().server_version();
+
+  st = link->conn->ReadFrame(link->max_frame, &body);
+  if (!st.ok()) return st;
+  pb::Response answer;
+  if (qlproto::DecodeFrameBody(body, &answer) != qlproto::FrameStatus::kOk ||
+      answer.id() != login.id()) {
+    return Status(QL_ERR_PROTOCOL);
+  }
+  st = ReadLogin(answer, session_id, acl);
+  if (!st.ok()) return st;
   return link;
 }
 

@@ -72,8 +72,9 @@ class SessionCore {
   bool cacheable_;
 };
 
-// Opens a new connection and says Hello, then logs in (both sent before either answer is read).
-Result<std::unique_ptr<Link>> Connect(const Credentials &creds);
+// Opens a new connection, says Hello and logs in (both sent before either answer is read).
+Result<std::unique_ptr<Link>> Connect(const Credentials &creds, uint64_t *session_id,
+                                      uint32_t *acl);
 // Logs in on a connection from the cache or a new one; fills core fields from the answer.
 Status Login(Link &link, const Credentials &creds, uint64_t *session_id, uint32_t *acl);
 

@@ -24,11 +24,7 @@ Result<std::unique_ptr<Link>> Acquire(const Credentials &creds, const std::strin
       return st;
     }
   }
-  auto link = Connect(creds);
-  if (!link.ok()) return link.status();
-  Status st = Login(*link.value(), creds, session_id, acl);
-  if (!st.ok()) return st;
-  return std::move(link.value());
+  return Connect(creds, session_id, acl);
 }
 
 }  // namespace
