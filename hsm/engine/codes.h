@@ -32,6 +32,14 @@ enum class Code : int {
   kBadPin = QL_ERR_BAD_PIN,
   kNotLoggedIn = QL_ERR_NOT_LOGGED_IN,
   kUpdateRefused = QL_ERR_UPACK_REFUSED,
+  kBadTag = QL_ERR_BAD_TAG,
+  kBadKeyUsage = QL_ERR_BAD_KEY_USAGE,
+  kBadLength = QL_ERR_BAD_LENGTH,
+  kNotExportable = QL_ERR_NOT_EXPORTABLE,
+  kBadSignature = QL_ERR_BAD_SIGNATURE,
+  kPiecesRefused = QL_ERR_PIECES_REFUSED,
+  kDigestTooLong = QL_ERR_DIGEST_TOO_LONG,
+  kBadPadding = QL_ERR_BAD_PADDING,
 };
 
 inline int ToWire(Code c) {

@@ -189,6 +189,7 @@ Status Engine::RemoveUser(Session &s, std::string_view name) {
     st = Denied();
   else
     st = users_->Remove(name);
+  if (st.ok()) ForgetAllKeys();  // the user's objects went with it
   return Done(s, "remove-user", name, st, true);
 }
 
@@ -373,6 +374,7 @@ Status Engine::RemoveObject(Session &s, std::string_view name) {
     st = Denied();
   else
     st = objects_->Remove(*ref);
+  if (st.ok()) ForgetKey(ref->Full());
   return Done(s, "remove-object", name, st, true);
 }
 
@@ -389,6 +391,7 @@ Status Engine::RenameObject(Session &s, std::string_view name, std::string_view 
     st = Denied();
   else
     st = objects_->Rename(*ref, new_name);
+  if (st.ok()) ForgetKey(ref->Full());
   return Done(s, "rename-object", name, st, true);
 }
 
@@ -403,6 +406,7 @@ Status Engine::SetObjectBlocked(Session &s, std::string_view name, bool blocked)
     st = Denied();
   else
     st = objects_->SetBlocked(*ref, blocked);
+  if (st.ok()) ForgetKey(ref->Full());
   return Done(s, blocked ? "block-object" : "unblock-object", name, st, true);
 }
 
@@ -419,6 +423,7 @@ Status Engine::SetObjectMetadata(Session &s, std::string_view name, std::string_
     st = Denied();
   else
     st = objects_->SetMetadata(*ref, json);
+  if (st.ok()) ForgetKey(ref->Full());
   return Done(s, "set-metadata", name, st, true);
 }
 
@@ -448,6 +453,7 @@ Status Engine::WriteFile(Session &s, std::string_view name, const secure::Bytes 
   if (!info.ok() && info.status().code() == Code::kObjectNotFound)
     return CreateObject(s, name, kFileType, 0, 0, data);
   Status st = info.ok() ? objects_->WriteMaterial(*ref, data) : info.status();
+  if (st.ok()) ForgetKey(ref->Full());
   return Done(s, "write-file", name, st, true);
 }
 

@@ -8,10 +8,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
+#include "crypto/key.h"
 #include "engine/access/rules.h"
 #include "engine/audit/audit_log.h"
 #include "engine/objects/object_store.h"
@@ -56,6 +59,22 @@ struct HsmInfo {
   // model, firmware version, serial number, hardware version, HSM name, engine build
   std::vector<std::string> versions;
   uint64_t pending_transaction = 0;  // 0: no cluster, nothing pending
+};
+
+// A key as a session sees it.
+struct KeyDesc {
+  uint64_t handle = 0;  // 0 when no handle was asked for
+  uint32_t algorithm = 0;
+  uint32_t flags = 0;
+  uint32_t key_length = 0;  // bytes (RSA: modulus bytes)
+};
+
+// Names the key of an operation: a handle of this session (temporary or opened), else a stored
+// object's name ("object" or "owner/object").
+struct KeyArg {
+  uint64_t handle = 0;
+  std::string name;
+  bool empty() const { return handle == 0 && name.empty(); }
 };
 
 struct FileChunk {
@@ -132,6 +151,28 @@ class Engine {
   Result<FileChunk> ReadFile(sessions::Session &s, std::string_view name, uint64_t offset,
                              uint32_t max_len);
 
+  // --- keys (engine_keys.cpp) ---
+  // A temporary key (empty name or QL_KEY_TEMPORARY: no right needed, lives in the session) or a
+  // stored one (right ACL_OBJ_CREATE; a taken name answers 5022).
+  Result<KeyDesc> GenerateKey(sessions::Session &s, std::string_view name, uint32_t algorithm,
+                              uint32_t flags, bool want_handle);
+  // A handle to a stored key (QGetUserKey flag 0): right, then existence.
+  Result<KeyDesc> OpenKey(sessions::Session &s, std::string_view name);
+  Result<KeyDesc> ImportKey(sessions::Session &s, std::string_view name, const KeyArg &kek,
+                            const secure::Bytes &blob, uint32_t blob_type, uint32_t algorithm,
+                            uint32_t flags, bool want_handle);
+  // Public-key blobs need no exportable flag; every other blob does (else 5016).
+  Result<secure::Bytes> ExportKey(sessions::Session &s, const KeyArg &key, const KeyArg &kek,
+                                  uint32_t blob_type);
+  Result<secure::Bytes> SignHash(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
+                                 const secure::Bytes &digest, uint32_t flags);
+  Status VerifySignature(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
+                         const secure::Bytes &digest, const secure::Bytes &signature);
+  // Releases a handle; with `remove` also removes the stored object (right ACL_OBJ_DEL), by the
+  // handle's name or by `remove_name` when handle is 0.
+  Status DestroyKey(sessions::Session &s, uint64_t handle, bool remove,
+                    std::string_view remove_name);
+
   // --- system ---
   Result<secure::Bytes> GetRandom(sessions::Session &s, uint32_t len);
   Result<StatInfo> GetStatInfo(sessions::Session &s);
@@ -164,6 +205,23 @@ class Engine {
   }
   Result<objects::ObjectRef> Ref(sessions::Session &s, std::string_view name);
 
+  // Keys in use, parsed once: stored keys by full name, with their object record, so that no
+  // operation decrypts or parses a stored key again. Any change of the object drops its entry.
+  struct CachedKey {
+    objects::ObjectInfo info;
+    crypto::KeyPtr key;
+  };
+  struct UsableKey {
+    crypto::KeyPtr key;
+    uint32_t flags = 0;
+  };
+  Result<UsableKey> ResolveKey(sessions::Session &s, const KeyArg &arg, const char *op);
+  Result<CachedKey> LoadStoredKey(const objects::ObjectRef &ref);
+  void ForgetKey(const std::string &full_name);
+  void ForgetAllKeys();
+  Result<KeyDesc> StoreOrHold(sessions::Session &s, std::string_view name, crypto::KeyPtr key,
+                              uint32_t flags, bool want_handle, const char *op);
+
   std::string data_dir_;
   secure::Bytes master_key_;
   std::unique_ptr<store::Store> store_;
@@ -174,6 +232,8 @@ class Engine {
   sessions::SessionRegistry registry_;
   stats::CpuSampler cpu_;
   size_t max_objects_ = 100000;
+  std::shared_mutex keys_mu_;
+  std::unordered_map<std::string, CachedKey> keys_;
 };
 
 }  // namespace qlhsm

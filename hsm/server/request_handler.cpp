@@ -38,6 +38,21 @@ void SetNames(const std::vector<std::string> &names, pb::Response *r) {
   for (const auto &n : names) list->add_names(n);
 }
 
+KeyArg ToKeyArg(const pb::KeyRef &ref) {
+  KeyArg a;
+  if (ref.has_handle()) a.handle = ref.handle();
+  if (ref.has_name()) a.name = ref.name();
+  return a;
+}
+
+void SetKeyHandle(const KeyDesc &k, pb::Response *r) {
+  auto *h = r->mutable_key_handle();
+  h->set_handle(k.handle);
+  h->set_algorithm(k.algorithm);
+  h->set_flags(k.flags);
+  h->set_key_length(k.key_length);
+}
+
 // The object a KeyRef names: a handle opened in this session or a name.
 Result<std::string> KeyName(const pb::KeyRef &ref, Session &s) {
   if (ref.has_handle()) {
@@ -384,15 +399,54 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     case pb::Request::kUpackPush:
       return SetStatus(e.PushUpdatePackage(s, ToBytes(req.upack_push().package())), r);
 
-    // Stored keys as objects: open, block/unblock, read their flags, remove.
-    case pb::Request::kOpenKey: {
-      Result<objects::ObjectInfo> info = e.OpenObject(s, req.open_key().name());
-      if (Failed(info, r)) return;
-      auto *k = r->mutable_key_handle();
-      k->set_handle(s.AddOpened(info->ref.Full()));
-      k->set_algorithm(static_cast<uint32_t>(info->algorithm));
-      k->set_flags(info->flags);
+    // Keys.
+    case pb::Request::kGenerateKey: {
+      const pb::GenerateKey &g = req.generate_key();
+      Result<KeyDesc> k = e.GenerateKey(s, g.name(), g.algorithm(), g.flags(), g.want_handle());
+      if (Failed(k, r)) return;
+      SetKeyHandle(*k, r);
       return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kOpenKey: {
+      Result<KeyDesc> k = e.OpenKey(s, req.open_key().name());
+      if (Failed(k, r)) return;
+      SetKeyHandle(*k, r);
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kImportKey: {
+      const pb::ImportKey &i = req.import_key();
+      Result<KeyDesc> k = e.ImportKey(s, i.name(), ToKeyArg(i.kek()), ToBytes(i.blob()),
+                                      i.blob_type(), i.algorithm(), i.flags(), i.want_handle());
+      if (Failed(k, r)) return;
+      SetKeyHandle(*k, r);
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kExportKey: {
+      const pb::ExportKey &x = req.export_key();
+      Result<secure::Bytes> blob =
+          e.ExportKey(s, ToKeyArg(x.key()), ToKeyArg(x.kek()), x.blob_type());
+      if (Failed(blob, r)) return;
+      r->mutable_blob()->set_data(ToString(*blob));
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kSignHash: {
+      const pb::SignHash &h = req.sign_hash();
+      Result<secure::Bytes> sig =
+          e.SignHash(s, ToKeyArg(h.key()), h.hash_algorithm(), ToBytes(h.digest()), h.flags());
+      if (Failed(sig, r)) return;
+      if (h.out_capacity() != 0 && sig->size() > h.out_capacity()) {
+        r->set_needed_length(sig->size());
+        return SetStatus(Status::Error(Code::kBufferTooSmall, "signature longer than the buffer"),
+                         r);
+      }
+      r->mutable_signature()->set_signature(ToString(*sig));
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kVerifySignature: {
+      const pb::VerifySignature &v = req.verify_signature();
+      return SetStatus(e.VerifySignature(s, ToKeyArg(v.key()), v.hash_algorithm(),
+                                         ToBytes(v.digest()), ToBytes(v.signature())),
+                       r);
     }
     case pb::Request::kSetKeyParam: {
       const pb::SetKeyParam &p = req.set_key_param();
@@ -437,20 +491,7 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kDestroyKey: {
       const pb::DestroyKey &d = req.destroy_key();
-      Status st = e.CheckSession(s);
-      if (!st.ok()) return SetStatus(st, r);
-      std::string name = d.remove_name();
-      if (d.handle() != 0) {
-        const std::string *opened = s.FindOpened(d.handle());
-        if (!opened) {
-          if (s.RemoveTemp(d.handle())) return SetStatus(Status::Ok(), r);
-          return SetStatus(Status::Error(Code::kBadArgument, "unknown key handle"), r);
-        }
-        name = *opened;
-        s.RemoveOpened(d.handle());
-      }
-      if (!d.remove()) return SetStatus(Status::Ok(), r);
-      return SetStatus(e.RemoveObject(s, name), r);
+      return SetStatus(e.DestroyKey(s, d.handle(), d.remove(), d.remove_name()), r);
     }
 
     case pb::Request::BODY_NOT_SET:

@@ -266,13 +266,67 @@ TEST(Engine, SessionsAreCountedAndLimited) {
   EXPECT_EQ(f.engine->registry().OpenCount(), 2u);
 }
 
-TEST(Engine, TemporaryObjectsDieWithTheSession) {
+TEST(Engine, TemporaryKeysDieWithTheSession) {
   EngineFixture f;
-  uint64_t h = f.master->AddTemp({2, 1, 0, secure::Bytes(16, 9)});
-  ASSERT_NE(f.master->FindTemp(h), nullptr);
+  auto k = f.engine->GenerateKey(*f.master, "", QL_ALG_AES128, 0, true);
+  ASSERT_TRUE(k.ok()) << k.status().ToString();
+  ASSERT_NE(f.master->FindTemp(k->handle), nullptr);
+  EXPECT_EQ(f.master->TempCount(), 1u);
+  // No object was stored for it.
+  EXPECT_TRUE(f.engine->ListObjects(*f.master)->empty());
   f.engine->ResetSession(*f.master);
-  EXPECT_EQ(f.master->FindTemp(h), nullptr);
+  EXPECT_EQ(f.master->FindTemp(k->handle), nullptr);
   EXPECT_EQ(f.master->TempCount(), 0u);
+}
+
+TEST(Engine, StoredKeysSignExportAndFollowTheirBlockState) {
+  AclFixture f;
+  auto k = f.engine->GenerateKey(*f.master, "signer", QL_ALG_RSA1024, QL_KEY_EXPORTABLE, true);
+  ASSERT_TRUE(k.ok()) << k.status().ToString();
+  EXPECT_EQ(k->key_length, 128u);
+  EXPECT_EQ(f.engine->GenerateKey(*f.master, "signer", QL_ALG_RSA1024, 0, false).status().code(),
+            Code::kObjectExists);
+  EXPECT_EQ(f.engine->OpenObject(*f.master, "signer")->type, QL_ALG_RSA1024);
+
+  secure::Bytes digest(32, 0x5a);
+  KeyArg by_handle{k->handle, ""};
+  auto sig = f.engine->SignHash(*f.master, by_handle, QL_ALG_SHA256, digest, 0);
+  ASSERT_TRUE(sig.ok()) << sig.status().ToString();
+  EXPECT_EQ(sig->size(), 128u);
+  // Another user signs with it by name, with the read right only.
+  auto reader = f.As(access::kObjRead);
+  KeyArg by_name{0, "master/signer"};
+  EXPECT_TRUE(f.engine->VerifySignature(*reader, by_name, QL_ALG_SHA256, digest, *sig).ok());
+  secure::Bytes bad = *sig;
+  bad[5] ^= 1;
+  EXPECT_EQ(f.engine->VerifySignature(*reader, by_name, QL_ALG_SHA256, digest, bad).code(),
+            Code::kBadSignature);
+
+  // Blocking reaches a key already parsed and cached.
+  ASSERT_TRUE(f.engine->SetObjectBlocked(*f.master, "signer", true).ok());
+  EXPECT_EQ(f.engine->SignHash(*reader, by_name, QL_ALG_SHA256, digest, 0).status().code(),
+            Code::kObjectBlocked);
+  ASSERT_TRUE(f.engine->SetObjectBlocked(*f.master, "signer", false).ok());
+
+  EXPECT_TRUE(f.engine->ExportKey(*reader, by_name, {}, 1).ok());  // private key blob
+  auto plain = f.engine->GenerateKey(*f.master, "plain", QL_ALG_RSA1024, 0, false);
+  ASSERT_TRUE(plain.ok());
+  EXPECT_EQ(f.engine->ExportKey(*reader, {0, "master/plain"}, {}, 1).status().code(),
+            Code::kNotExportable);
+  EXPECT_TRUE(f.engine->ExportKey(*reader, {0, "master/plain"}, {}, 2).ok());  // public blob
+
+  auto none = f.As(0);
+  EXPECT_EQ(f.engine->SignHash(*none, by_name, QL_ALG_SHA256, digest, 0).status().code(),
+            Code::kAccessDenied);
+  EXPECT_EQ(f.engine->GenerateKey(*none, "mine", QL_ALG_AES128, 0, false).status().code(),
+            Code::kAccessDenied);
+  // A session key needs no right.
+  EXPECT_TRUE(f.engine->GenerateKey(*none, "", QL_ALG_AES128, 0, true).ok());
+
+  // Removing through the handle forgets the cached key.
+  ASSERT_TRUE(f.engine->DestroyKey(*f.master, k->handle, true, "").ok());
+  EXPECT_EQ(f.engine->SignHash(*f.master, {0, "signer"}, QL_ALG_SHA256, digest, 0).status().code(),
+            Code::kObjectNotFound);
 }
 
 TEST(Engine, StatInfoReportsMiB) {

@@ -1,7 +1,5 @@
 #include "engine/sessions/session.h"
 
-#include <openssl/crypto.h>
-
 namespace qlhsm::sessions {
 
 bool SessionRegistry::TryAcquire() {
@@ -30,8 +28,7 @@ Status Session::Attach(AuthKind kind, std::string user) {
 }
 
 void Session::Reset() {
-  // Temporary key material is wiped, not just freed.
-  for (auto &[handle, obj] : temps_) OPENSSL_cleanse(obj.material.data(), obj.material.size());
+  // Dropping the last reference frees the key; crypto::Key wipes its secret on destruction.
   temps_.clear();
   opened_.clear();
   if (counted_) registry_.Release();
@@ -69,7 +66,6 @@ bool Session::RemoveOpened(uint64_t handle) {
 bool Session::RemoveTemp(uint64_t handle) {
   auto it = temps_.find(handle);
   if (it == temps_.end()) return false;
-  OPENSSL_cleanse(it->second.material.data(), it->second.material.size());
   temps_.erase(it);
   return true;
 }

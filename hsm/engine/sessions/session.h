@@ -11,6 +11,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "crypto/key.h"
 #include "engine/secure/secure.h"
 #include "engine/status.h"
 
@@ -18,12 +19,10 @@ namespace qlhsm::sessions {
 
 enum class AuthKind { kNone, kAnonymous, kPassword, kToken };
 
-// A key or hash made for this session only.
+// A key made for this session only, ready for use (parsed once).
 struct TempObject {
-  int type = 0;
-  int algorithm = 0;
+  crypto::KeyPtr key;
   uint32_t flags = 0;
-  secure::Bytes material;
 };
 
 class SessionRegistry;

@@ -1,0 +1,287 @@
+// The key services of the engine: generate, open, import, export, sign and verify, over the
+// crypto library. Stored keys are sealed like every object; a key in use is parsed once and kept
+// in the engine's key cache.
+#include <mutex>
+
+#include "crypto/blob.h"
+#include "crypto/sign.h"
+#include "engine/engine.h"
+
+namespace qlhsm {
+
+using access::Request;
+using sessions::Session;
+
+namespace {
+
+// The crypto library's refusals as the codes the client sees.
+Status FromCrypto(const crypto::Status &st) {
+  using C = crypto::Code;
+  Code code = Code::kInternal;
+  switch (st.code()) {
+    case C::kOk:
+      return Status::Ok();
+    case C::kBadAlgorithm:
+      code = Code::kBadAlgorithm;
+      break;
+    case C::kNotSupported:
+      code = Code::kNotSupported;
+      break;
+    case C::kBadArgument:
+      code = Code::kBadArgument;
+      break;
+    case C::kBadLength:
+      code = Code::kBadLength;
+      break;
+    case C::kBufferTooSmall:
+      code = Code::kBufferTooSmall;
+      break;
+    case C::kBadTag:
+      code = Code::kBadTag;
+      break;
+    case C::kKeyCannotDo:
+      code = Code::kBadKeyUsage;
+      break;
+    case C::kDigestTooLarge:
+      code = Code::kDigestTooLong;
+      break;
+    case C::kBadPadding:
+      code = Code::kBadPadding;
+      break;
+    case C::kBadData:
+      code = Code::kBadArgument;
+      break;
+    case C::kBadSignature:
+      code = Code::kBadSignature;
+      break;
+    case C::kWholeMessageOnly:
+      code = Code::kPiecesRefused;
+      break;
+    case C::kInternal:
+      code = Code::kInternal;
+      break;
+  }
+  // The one place a crypto result enters the engine: the fault switch sees it too.
+  Status gated = secure::CryptoOutcome(true, crypto::CodeName(st.code()));
+  if (!gated.ok()) return gated;
+  return Status::Error(code, st.detail().empty() ? crypto::CodeName(st.code()) : st.detail());
+}
+
+template <typename T>
+Status CryptoFailure(const crypto::Result<T> &r) {
+  return FromCrypto(r.status());
+}
+
+// Passes a successful crypto result through the fault switch.
+Status CryptoOk(const char *op) {
+  return secure::CryptoOutcome(true, op);
+}
+
+KeyDesc Describe(const crypto::Key &key, uint32_t flags, uint64_t handle) {
+  KeyDesc d;
+  d.handle = handle;
+  d.algorithm =
+      key.algorithm() | (key.has_private() || key.is_secret() ? 0 : QL_ALG_PUBLIC_KEY_BIT);
+  d.flags = flags;
+  d.key_length = static_cast<uint32_t>(key.length_bytes());
+  return d;
+}
+
+bool IsPublicBlob(uint32_t type) {
+  return type == crypto::blob::kPublicKey || type == crypto::blob::kPublicKeyHsm;
+}
+
+}  // namespace
+
+void Engine::ForgetKey(const std::string &full_name) {
+  std::unique_lock lock(keys_mu_);
+  keys_.erase(full_name);
+}
+
+void Engine::ForgetAllKeys() {
+  std::unique_lock lock(keys_mu_);
+  keys_.clear();
+}
+
+Result<Engine::CachedKey> Engine::LoadStoredKey(const objects::ObjectRef &ref) {
+  std::string full = ref.Full();
+  {
+    std::shared_lock lock(keys_mu_);
+    auto it = keys_.find(full);
+    if (it != keys_.end()) return it->second;
+  }
+  Result<objects::ObjectInfo> info = objects_->Get(ref);
+  if (!info.ok()) return info.status();
+  if (info->type == static_cast<int>(objects::ObjectType::kFile) ||
+      info->type == static_cast<int>(objects::ObjectType::kCertificate))
+    return Status::Error(Code::kBadKeyUsage, "the object is not a key");
+  Result<secure::Bytes> material = objects_->ReadMaterial(ref);
+  if (!material.ok()) return material.status();
+  crypto::Result<crypto::KeyPtr> key =
+      crypto::Key::Parse(crypto::ByteView(material->data(), material->size()));
+  OPENSSL_cleanse(material->data(), material->size());
+  if (!key.ok()) return CryptoFailure(key);
+  CachedKey entry{*info, *key};
+  std::unique_lock lock(keys_mu_);
+  keys_[full] = entry;
+  return entry;
+}
+
+Result<Engine::UsableKey> Engine::ResolveKey(Session &s, const KeyArg &arg, const char *op) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  std::string name = arg.name;
+  if (arg.handle != 0) {
+    if (sessions::TempObject *t = s.FindTemp(arg.handle)) return UsableKey{t->key, t->flags};
+    const std::string *opened = s.FindOpened(arg.handle);
+    if (!opened) return Status::Error(Code::kBadArgument, "unknown key handle");
+    name = *opened;
+  }
+  if (name.empty()) return Status::Error(Code::kBadArgument, "no key given");
+  Result<objects::ObjectRef> ref = Ref(s, name);
+  if (!ref.ok()) return ref.status();
+  if (!access::Allowed(Request::kUseObject, me->mask))
+    return Done<UsableKey>(s, op, name, Status::Error(Code::kAccessDenied, "access denied"), false);
+  Result<CachedKey> cached = LoadStoredKey(*ref);
+  if (!cached.ok()) return Done<UsableKey>(s, op, name, cached.status(), false);
+  if (cached->info.blocked)
+    return Done<UsableKey>(s, op, name, Status::Error(Code::kObjectBlocked, "object blocked"),
+                           false);
+  return UsableKey{cached->key, cached->info.flags};
+}
+
+Result<KeyDesc> Engine::StoreOrHold(Session &s, std::string_view name, crypto::KeyPtr key,
+                                    uint32_t flags, bool want_handle, const char *op) {
+  if (name.empty() || (flags & QL_KEY_TEMPORARY)) {
+    uint64_t h = want_handle ? s.AddTemp({key, flags}) : 0;
+    return Describe(*key, flags, h);
+  }
+  crypto::Result<crypto::SecretBytes> stored = key->Serialize();
+  if (!stored.ok()) return CryptoFailure(stored);
+  KeyDesc d = Describe(*key, flags, 0);
+  Status st = CreateObject(s, name, static_cast<int>(d.algorithm), static_cast<int>(d.algorithm),
+                           flags, secure::Bytes(stored->begin(), stored->end()));
+  if (!st.ok()) return st;
+  Result<objects::ObjectRef> ref = Ref(s, name);
+  if (want_handle && ref.ok()) d.handle = s.AddOpened(ref->Full());
+  (void)op;
+  return d;
+}
+
+Result<KeyDesc> Engine::GenerateKey(Session &s, std::string_view name, uint32_t algorithm,
+                                    uint32_t flags, bool want_handle) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  bool temporary = name.empty() || (flags & QL_KEY_TEMPORARY);
+  if (!temporary) {
+    Result<objects::ObjectRef> ref = Ref(s, name);
+    if (!ref.ok()) return ref.status();
+    if (!access::Allowed(Request::kCreateObject, me->mask))
+      return Done<KeyDesc>(s, "generate-key", name,
+                           Status::Error(Code::kAccessDenied, "access denied"), false);
+  }
+  if (flags & QL_KEY_BLOCKCHAIN)
+    return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
+  crypto::Result<crypto::KeyPtr> key = crypto::Key::Generate(algorithm, flags);
+  if (!key.ok()) return CryptoFailure(key);
+  QL_RETURN_IF_ERROR(CryptoOk("generate-key"));
+  return StoreOrHold(s, name, *key, flags, want_handle, "generate-key");
+}
+
+Result<KeyDesc> Engine::OpenKey(Session &s, std::string_view name) {
+  Result<objects::ObjectInfo> info = OpenObject(s, name);
+  if (!info.ok()) return info.status();
+  KeyDesc d;
+  d.algorithm = static_cast<uint32_t>(info->algorithm);
+  d.flags = info->flags;
+  // The length comes from the parsed key, which later uses of the handle then find ready.
+  Result<CachedKey> cached = LoadStoredKey(info->ref);
+  if (cached.ok()) d.key_length = static_cast<uint32_t>(cached->key->length_bytes());
+  d.handle = s.AddOpened(info->ref.Full());
+  return d;
+}
+
+Result<KeyDesc> Engine::ImportKey(Session &s, std::string_view name, const KeyArg &kek,
+                                  const secure::Bytes &blob, uint32_t blob_type, uint32_t algorithm,
+                                  uint32_t flags, bool want_handle) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  bool temporary = name.empty() || (flags & QL_KEY_TEMPORARY);
+  if (blob.empty()) return Status::Error(Code::kBadArgument, "empty key blob");
+  if (!temporary) {
+    Result<objects::ObjectRef> ref = Ref(s, name);
+    if (!ref.ok()) return ref.status();
+    if (!access::Allowed(Request::kCreateObject, me->mask))
+      return Done<KeyDesc>(s, "import-key", name,
+                           Status::Error(Code::kAccessDenied, "access denied"), false);
+  }
+  crypto::KeyPtr kek_key;
+  if (!kek.empty()) {
+    Result<UsableKey> k = ResolveKey(s, kek, "import-key");
+    if (!k.ok()) return k.status();
+    kek_key = k->key;
+  }
+  crypto::Result<crypto::KeyPtr> key =
+      crypto::ImportKey(crypto::ByteView(blob.data(), blob.size()), blob_type, algorithm, kek_key);
+  if (!key.ok()) return CryptoFailure(key);
+  QL_RETURN_IF_ERROR(CryptoOk("import-key"));
+  return StoreOrHold(s, name, *key, flags, want_handle, "import-key");
+}
+
+Result<secure::Bytes> Engine::ExportKey(Session &s, const KeyArg &key, const KeyArg &kek,
+                                        uint32_t blob_type) {
+  Result<UsableKey> k = ResolveKey(s, key, "export-key");
+  if (!k.ok()) return k.status();
+  if (!IsPublicBlob(blob_type) && !(k->flags & QL_KEY_EXPORTABLE))
+    return Status::Error(Code::kNotExportable, "the key was made without the exportable flag");
+  crypto::KeyPtr kek_key;
+  if (!kek.empty()) {
+    Result<UsableKey> w = ResolveKey(s, kek, "export-key");
+    if (!w.ok()) return w.status();
+    kek_key = w->key;
+  }
+  crypto::Result<crypto::SecretBytes> out = crypto::ExportKey(k->key, kek_key, blob_type);
+  if (!out.ok()) return CryptoFailure(out);
+  QL_RETURN_IF_ERROR(CryptoOk("export-key"));
+  return secure::Bytes(out->begin(), out->end());
+}
+
+Result<secure::Bytes> Engine::SignHash(Session &s, const KeyArg &key, uint32_t hash_algorithm,
+                                       const secure::Bytes &digest, uint32_t flags) {
+  Result<UsableKey> k = ResolveKey(s, key, "sign");
+  if (!k.ok()) return k.status();
+  crypto::Result<crypto::Bytes> sig =
+      crypto::Sign(*k->key, hash_algorithm, crypto::ByteView(digest.data(), digest.size()), flags);
+  if (!sig.ok()) return CryptoFailure(sig);
+  QL_RETURN_IF_ERROR(CryptoOk("sign"));
+  return std::move(sig.value());
+}
+
+Status Engine::VerifySignature(Session &s, const KeyArg &key, uint32_t hash_algorithm,
+                               const secure::Bytes &digest, const secure::Bytes &signature) {
+  Result<UsableKey> k = ResolveKey(s, key, "verify");
+  if (!k.ok()) return k.status();
+  crypto::Status st =
+      crypto::Verify(*k->key, hash_algorithm, crypto::ByteView(digest.data(), digest.size()),
+                     crypto::ByteView(signature.data(), signature.size()));
+  if (!st.ok()) return FromCrypto(st);
+  return CryptoOk("verify");
+}
+
+Status Engine::DestroyKey(Session &s, uint64_t handle, bool remove, std::string_view remove_name) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  std::string name(remove_name);
+  if (handle != 0) {
+    if (s.RemoveTemp(handle)) return Status::Ok();
+    const std::string *opened = s.FindOpened(handle);
+    if (!opened) return Status::Error(Code::kBadArgument, "unknown key handle");
+    name = *opened;
+    s.RemoveOpened(handle);
+  }
+  if (!remove) return Status::Ok();
+  if (name.empty()) return Status::Error(Code::kBadArgument, "no key to remove");
+  return RemoveObject(s, name);
+}
+
+}  // namespace qlhsm
