@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -19,15 +20,23 @@
 
 namespace {
 
+// Copies text into a fixed record field, zero-padded, cut at the field's size (a field filled to
+// the brim has no terminator, as the records allow).
+template <std::size_t N>
+void CopyField(char (&field)[N], const std::string &text) {
+  std::memset(field, 0, N);
+  std::memcpy(field, text.data(), std::min(text.size(), N));
+}
+
 qltest::HsmProcess *g_hsm = nullptr;
 
 AUTH_PWD_EX Record() {
   AUTH_PWD_EX r;
   std::memset(&r, 0, sizeof r);
-  std::strncpy(r.szAddr, g_hsm->address().c_str(), sizeof r.szAddr);
+  CopyField(r.szAddr, g_hsm->address());
   r.nPort = g_hsm->port();
   std::strcpy(r.szUserId, "master");
-  std::strncpy(r.szPassword, g_hsm->master_password().c_str(), sizeof r.szPassword);
+  CopyField(r.szPassword, g_hsm->master_password());
   return r;
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
@@ -17,6 +18,14 @@
 
 namespace {
 
+// Copies text into a fixed record field, zero-padded, cut at the field's size (a field filled to
+// the brim has no terminator, as the records allow).
+template <std::size_t N>
+void CopyField(char (&field)[N], const std::string &text) {
+  std::memset(field, 0, N);
+  std::memcpy(field, text.data(), std::min(text.size(), N));
+}
+
 qltest::HsmProcess &Hsm() {
   return qltest::HsmEnvironment::hsm();
 }
@@ -24,10 +33,10 @@ qltest::HsmProcess &Hsm() {
 AUTH_PWD_EX PwdRecord(const std::string &user, const std::string &pwd) {
   AUTH_PWD_EX r;
   std::memset(&r, 0, sizeof r);
-  std::strncpy(r.szAddr, Hsm().address().c_str(), sizeof r.szAddr);
+  CopyField(r.szAddr, Hsm().address());
   r.nPort = Hsm().port();
-  std::strncpy(r.szUserId, user.c_str(), sizeof r.szUserId);
-  std::strncpy(r.szPassword, pwd.c_str(), sizeof r.szPassword);
+  CopyField(r.szUserId, user);
+  CopyField(r.szPassword, pwd);
   return r;
 }
 
@@ -53,7 +62,7 @@ QL_USER_INFO UserRecord(const std::string &name, const std::string &pwd, uint32_
   QL_USER_INFO u;
   std::memset(&u, 0, sizeof u);
   std::memcpy(u.szUserId, name.data(), std::min(name.size(), sizeof u.szUserId));
-  std::strncpy(u.szPassword, pwd.c_str(), sizeof u.szPassword);
+  CopyField(u.szPassword, pwd);
   u.dwAcl = acl;
   return u;
 }

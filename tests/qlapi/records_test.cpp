@@ -1,12 +1,21 @@
 // The wire records: layout as the program relies on it, and how QOpenSession reads them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "auth_records.h"
 #include "qlapi.h"
 
 namespace {
+
+// Copies text into a fixed record field, zero-padded, cut at the field's size (a field filled to
+// the brim has no terminator, as the records allow).
+template <std::size_t N>
+void CopyField(char (&field)[N], const std::string &text) {
+  std::memset(field, 0, N);
+  std::memcpy(field, text.data(), std::min(text.size(), N));
+}
 
 TEST(Records, SizesAndOffsetsMatchTheWireLayout) {
   struct Row {
@@ -46,10 +55,10 @@ TEST(Records, MaskIsReadLittleEndianAtOffset34) {
 AUTH_PWD_EX PwdRecord(const char *addr, int port, const char *user, const char *pwd) {
   AUTH_PWD_EX r;
   std::memset(&r, 0, sizeof r);
-  std::strncpy(r.szAddr, addr, sizeof r.szAddr);
+  CopyField(r.szAddr, addr);
   r.nPort = port;
-  std::strncpy(r.szUserId, user, sizeof r.szUserId);
-  std::strncpy(r.szPassword, pwd, sizeof r.szPassword);
+  CopyField(r.szUserId, user);
+  CopyField(r.szPassword, pwd);
   return r;
 }
 
