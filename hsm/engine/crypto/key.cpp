@@ -192,6 +192,26 @@ Result<KeyPtr> Key::FromSpki(AlgId alg, ByteView der) {
   return Adopt(alg, std::move(pkey), false);
 }
 
+ossl::PkeyCtxPtr Key::TakeSignCtx() const {
+  {
+    std::lock_guard lock(sign_pool_mutex_);
+    if (!sign_pool_.empty()) {
+      ossl::PkeyCtxPtr ctx = std::move(sign_pool_.back());
+      sign_pool_.pop_back();
+      return ctx;
+    }
+  }
+  ossl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(ossl::LibCtx(), pkey_.get(), nullptr));
+  if (ctx && EVP_PKEY_sign_init(ctx.get()) <= 0) ctx.reset();
+  return ctx;
+}
+
+void Key::GiveBackSignCtx(ossl::PkeyCtxPtr ctx) const {
+  constexpr size_t kMaxPooled = 16;  // more than the threads that sign with one key at once
+  std::lock_guard lock(sign_pool_mutex_);
+  if (ctx && sign_pool_.size() < kMaxPooled) sign_pool_.push_back(std::move(ctx));
+}
+
 size_t Key::length_bytes() const {
   switch (kind()) {
     case KeyKind::kSymmetric:

@@ -9,6 +9,8 @@
 #define QLHSM_CRYPTO_KEY_H_
 
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "crypto/algorithms.h"
 #include "crypto/bytes.h"
@@ -70,6 +72,12 @@ class Key {
   // A public-key object of the same algorithm.
   Result<KeyPtr> PublicOnly() const;
 
+  // Signing contexts of this key, kept between calls because making one costs as much as a small
+  // signature: TakeSignCtx hands one out (initialised for signing; a new one when none is free),
+  // GiveBackSignCtx returns it. Thread-safe.
+  ossl::PkeyCtxPtr TakeSignCtx() const;
+  void GiveBackSignCtx(ossl::PkeyCtxPtr ctx) const;
+
   Key(const AlgInfo *info, ossl::PkeyPtr pkey, bool has_private);
   Key(const AlgInfo *info, SecretBytes secret);
 
@@ -78,6 +86,8 @@ class Key {
   ossl::PkeyPtr pkey_;
   SecretBytes secret_;
   bool has_private_ = true;
+  mutable std::mutex sign_pool_mutex_;
+  mutable std::vector<ossl::PkeyCtxPtr> sign_pool_;
 };
 
 // Random bytes from the HSM's generator. kBadLength for more than 1 MiB at once.

@@ -66,8 +66,8 @@ ossl::PkeyCtxPtr NewCtx(const Key &key) {
 }
 
 Result<Bytes> PkeySign(const Key &key, ByteView tbs, int rsa_padding) {
-  ossl::PkeyCtxPtr ctx = NewCtx(key);
-  if (!ctx || EVP_PKEY_sign_init(ctx.get()) <= 0) return ossl::Fail("EVP_PKEY_sign_init");
+  ossl::PkeyCtxPtr ctx = key.TakeSignCtx();
+  if (!ctx) return ossl::Fail("signing context");
   if (rsa_padding != 0 && EVP_PKEY_CTX_set_rsa_padding(ctx.get(), rsa_padding) <= 0) {
     return ossl::Fail("RSA padding");
   }
@@ -84,6 +84,7 @@ Result<Bytes> PkeySign(const Key &key, ByteView tbs, int rsa_padding) {
     }
     return ossl::Fail("EVP_PKEY_sign");
   }
+  key.GiveBackSignCtx(std::move(ctx));  // only a context that just worked goes back
   sig.resize(len);
   return sig;
 }
