@@ -28,10 +28,12 @@
  *   (QL_MAX_OBJ_NAME); another user's object is named "owner/object".
  *
  * Threads. Every function may be called from any thread. Distinct sessions are independent:
- *   many threads, each with its own sessions, run without any lock in common. One session (and
- *   the key and hash handles made from it) may be used by several threads, but its requests
- *   then run one after another. QInitialize and QFinalize may be called more than once and
- *   from any thread; no other call may run while QFinalize runs.
+ *   many threads, each with its own sessions, run without any lock in common. A session and its
+ *   key handles may be used by several threads at once; their requests then run one after
+ *   another on the connection. A hash handle (and a message being encrypted in pieces) belongs
+ *   to one thread at a time. QInitialize and QFinalize may be called more than once and from any
+ *   thread; no other call may run while QFinalize runs, and it releases every handle still
+ *   open, which must not be used afterwards.
  *
  * Connections. A session is one authenticated connection to an HSM at "address:port" (the
  *   address and port of the authentication record; port 0 or negative means 4433). TLS 1.3
