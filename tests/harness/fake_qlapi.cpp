@@ -23,6 +23,10 @@ void FakeLibrary::Reset() {
   stat_result = 0;
   stat_calls = 0;
   info_result = 0;
+  users.clear();
+  user_calls.clear();
+  user_param_record.clear();
+  acl_answer = 0;
 }
 
 std::vector<FakeOpenCall> FakeLibrary::Opens() {
@@ -101,6 +105,42 @@ int QBase642ByteArray(const char *szText, uint32_t dwTextLen, void *pbOut, uint3
   const uint32_t n = static_cast<uint32_t>(len) < *pdwOutLen ? len : *pdwOutLen;
   memcpy(pbOut, decoded.data(), n);
   *pdwOutLen = n;
+  return 0;
+}
+
+int QCreateUser(HSESSIONCTX, const QL_USER_INFO *pUser) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  const std::string name(pUser->szUserId, strnlen(pUser->szUserId, sizeof pUser->szUserId));
+  lib.user_calls.push_back("create:" + name);
+  for (const std::string &user : lib.users) {
+    if (user == name) return 5013;
+  }
+  lib.users.push_back(name);
+  return 0;
+}
+
+int QRemoveUser(HSESSIONCTX, const char *szUserName) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  lib.user_calls.push_back(std::string("remove:") + szUserName);
+  for (auto it = lib.users.begin(); it != lib.users.end(); ++it) {
+    if (*it == szUserName) {
+      lib.users.erase(it);
+      return 0;
+    }
+  }
+  return 5020;
+}
+
+int QGetUserParam(HSESSIONCTX, uint32_t dwParam, void *pvData, uint32_t *pdwDataLen) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  if (dwParam != QL_UP_ACL) return QL_ERR_NOT_SUPPORTED;
+  auto *bytes = static_cast<unsigned char *>(pvData);
+  lib.user_param_record.assign(bytes, bytes + *pdwDataLen);
+  if (*pdwDataLen < 38) return QL_ERR_BUFFER_TOO_SMALL;
+  memcpy(bytes + 34, &lib.acl_answer, sizeof lib.acl_answer);
   return 0;
 }
 

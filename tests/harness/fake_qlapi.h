@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "qlapi.h"
@@ -28,6 +29,12 @@ struct FakeLibrary {
   std::atomic<int> stat_calls{0};
   // QGetHsmInfo
   int info_result = 0;
+  // Users: QCreateUser answers 5013 for a name in `users` and adds the others; QRemoveUser
+  // removes; QGetUserParam(QL_UP_ACL) answers acl_answer at offset 34 and keeps the record.
+  std::vector<std::string> users;
+  std::vector<std::string> user_calls;  // "create:<name>", "remove:<name>"
+  std::vector<unsigned char> user_param_record;
+  uint32_t acl_answer = 0;
 
   static FakeLibrary &Get();
   void Reset();
