@@ -2,6 +2,8 @@
 
 #include <openssl/rsa.h>
 
+#include <algorithm>
+
 namespace qlhsm::crypto {
 namespace {
 
@@ -217,6 +219,20 @@ Result<Bytes> RsaRawSign(const Key &key, ByteView block) {
   if (!key.has_private()) return Status(Code::kKeyCannotDo, "a public key cannot sign");
   if (block.size() != key.length_bytes()) return Status(Code::kBadLength, "block length");
   return PkeySign(key, block, RSA_NO_PADDING);
+}
+
+Status RsaRawSignBatch(const Key &key, std::span<uint8_t> blocks) {
+  size_t k = key.kind() == KeyKind::kRsa ? key.length_bytes() : 0;
+  if (k == 0) return Status(Code::kKeyCannotDo, "raw signing needs RSA");
+  if (blocks.empty() || blocks.size() % k != 0) return Status(Code::kBadLength, "batch length");
+  for (size_t at = 0; at < blocks.size(); at += k) {
+    auto sig = RsaRawSign(key, blocks.subspan(at, k));
+    if (!sig.ok()) return sig.status();
+    // A raw signature is a number below the modulus: left-pad to the block's length.
+    std::fill_n(blocks.begin() + at, k - sig->size(), 0);
+    std::copy(sig->begin(), sig->end(), blocks.begin() + at + (k - sig->size()));
+  }
+  return {};
 }
 
 Result<Bytes> DoRSAPadding(ByteView digest, size_t key_len, int digest_id) {

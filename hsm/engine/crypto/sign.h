@@ -46,6 +46,12 @@ Status Verify(const Key &key, AlgId hash_alg, ByteView digest, ByteView signatur
 // not below the modulus.
 Result<Bytes> RsaRawSign(const Key &key, ByteView block);
 
+// Batch signing: `blocks` holds whole blocks of the modulus' length, each already padded; each is
+// replaced by its raw RSA signature, in place. kBadLength when the length is not a non-zero
+// multiple of the modulus' length; on a refusal the blocks before the failing one are signed and
+// the rest untouched.
+Status RsaRawSignBatch(const Key &key, std::span<uint8_t> blocks);
+
 // The PKCS#1 v1.5 type-1 block (00 01 FF.. 00 T) of `key_len` bytes over `digest`, T being the
 // DigestInfo of `digest_id` (digest_id:: values) followed by the digest, or the bare digest for
 // digest_id 0. kBadLength for a digest of the wrong length for its id, kBadAlgorithm for an

@@ -288,6 +288,22 @@ TEST(RsaPadding, Refusals) {
   EXPECT_EQ(DoRSAPadding({}, 128, digest_id::kBare).code(), Code::kBadLength);
 }
 
+// The batch form signs each padded block in place, as QBatchSign's blocks arrive.
+TEST(RsaRaw, BatchInPlace) {
+  KeyPtr key = MustGenerate(alg::kRsa1024);
+  Bytes digest = *Digest(hash::kSha256, Text("batch"));
+  Bytes block = *DoRSAPadding(digest, 128, digest_id::kSha256);
+  Bytes batch;
+  for (int i = 0; i < 3; ++i) batch.insert(batch.end(), block.begin(), block.end());
+  ASSERT_TRUE(RsaRawSignBatch(*key, batch).ok());
+  Bytes expected = *Sign(*key, hash::kSha256, digest);
+  for (size_t at = 0; at < batch.size(); at += 128) {
+    EXPECT_EQ(Bytes(batch.begin() + at, batch.begin() + at + 128), expected) << at;
+  }
+  EXPECT_EQ(RsaRawSignBatch(*key, std::span<uint8_t>(batch.data(), 200)).code(), Code::kBadLength);
+  EXPECT_EQ(RsaRawSignBatch(*key, {}).code(), Code::kBadLength);
+}
+
 TEST(RsaRaw, Refusals) {
   KeyPtr key = MustGenerate(alg::kRsa512);
   EXPECT_EQ(RsaRawSign(*key, Bytes(63, 1)).code(), Code::kBadLength);
