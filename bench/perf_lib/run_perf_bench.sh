@@ -1,0 +1,118 @@
+#!/usr/bin/env bash
+# qlutil's -p commands through libqlapi against a qlhsmd of their own, beside their anchors on
+# this machine, in one run, at 1 and 2 threads:
+#
+#   -p sign-hash RSA-2048      openssl speed rsa2048          (2 threads: -multi 2)
+#   -p sign-hash P-256         openssl speed ecdsap256        (2 threads: -multi 2)
+#   -p encrypt AES-256 8 KiB   openssl speed -evp aes-256-cbc -bytes 8192
+#   -p nop (new connections)   openssl s_time -new against the same qlhsmd (TLS 1.3 handshakes;
+#                              2 threads: two s_time at once)
+#
+# Each side runs PERF_BENCH_ROUNDS times, alternating, and keeps its best figure; the ratio is
+# qlutil's over the anchor's. The aim for sign-hash RSA-2048 on 2 threads is 85% or more.
+#
+#   bench/perf_lib/run_perf_bench.sh [qlutil] [qlhsmd]   default: build/release/bin/...
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/../.." && pwd)
+qlutil=${1:-$root/build/release/bin/qlutil}
+qlhsmd=${2:-$root/build/release/bin/qlhsmd}
+rounds=${PERF_BENCH_ROUNDS:-3}
+secs=${PERF_BENCH_SECONDS:-3}
+iter_rsa=${PERF_BENCH_ITER_RSA:-1500}
+iter_ec=${PERF_BENCH_ITER_EC:-4000}
+iter_aes=${PERF_BENCH_ITER_AES:-4000}
+iter_nop=${PERF_BENCH_ITER_NOP:-300}
+password=24681357
+for bin in "$qlutil" "$qlhsmd"; do
+  [[ -x $bin ]] || { echo "run_perf_bench.sh: no binary at $bin (build the release preset)" >&2; exit 1; }
+done
+
+work=$(mktemp -d)
+hsm_pid=
+cleanup() {
+  [[ -n $hsm_pid ]] && kill "$hsm_pid" 2>/dev/null && wait "$hsm_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+"$qlhsmd" init --data-dir "$work/data" --password "$password" >"$work/init.log" 2>&1
+"$qlhsmd" serve --data-dir "$work/data" --listen 127.0.0.1:0 >"$work/hsm.log" 2>&1 &
+hsm_pid=$!
+port=
+for _ in $(seq 1 100); do
+  port=$(sed -n 's/^listening on [^ ]*:\([0-9][0-9]*\)$/\1/p' "$work/hsm.log" | head -n 1)
+  [[ -n $port ]] && break
+  sleep 0.1
+done
+[[ -n $port ]] || { echo "qlhsmd did not start:" >&2; cat "$work/hsm.log" >&2; exit 1; }
+
+# qlutil's figure: -print time prints the bare rate (operations or bytes per second).
+ql() {
+  local out
+  out=$("$qlutil" -a 127.0.0.1 --port "$port" -u master -w "$password" "$@" -print time) || {
+    echo "qlutil $* failed: $(echo "$out" | head -n 2)" >&2
+    echo 0
+    return
+  }
+  echo "$out" | tr -d '\r\n'
+}
+
+# openssl speed's figure: sign/s of an RSA or ECDSA line, or bytes/s of a cipher line ("k" is
+# thousands of bytes).
+speed_sign() {  # algorithm threads
+  local multi=()
+  [[ $2 -gt 1 ]] && multi=(-multi "$2")
+  openssl speed -seconds "$secs" "${multi[@]}" "$1" 2>/dev/null | tail -n 1 | awk '{ print $(NF-1) }'
+}
+speed_aes() {  # threads
+  local multi=()
+  [[ $1 -gt 1 ]] && multi=(-multi "$1")
+  openssl speed -seconds "$secs" "${multi[@]}" -evp aes-256-cbc -bytes 8192 2>/dev/null |
+    tail -n 1 | awk '{ v = $NF; sub(/k$/, "", v); printf "%.0f\n", v * 1000 }'
+}
+# New TLS connections per second against the qlhsmd port, one s_time per thread, summed.
+s_time_new() {  # threads
+  local i
+  for i in $(seq 1 "$1"); do
+    openssl s_time -connect "127.0.0.1:$port" -new -time "$secs" 2>/dev/null |
+      sed -n 's/.* \([0-9.]*\) connections\/user sec.*/\1/p' >"$work/s_time.$i" &
+  done
+  wait
+  cat "$work"/s_time.* | awk '{ s += $1 } END { printf "%.0f\n", s }'
+  rm -f "$work"/s_time.*
+}
+
+best() { awk -v a="$1" -v b="$2" 'BEGIN { print (a + 0 > b + 0) ? a : b }'; }
+
+row() {  # label unit threads anchor-command... -- qlutil-args...
+  local label=$1 unit=$2 threads=$3
+  shift 3
+  local anchor_cmd=() ql_args=()
+  while [[ $1 != -- ]]; do anchor_cmd+=("$1"); shift; done
+  shift
+  ql_args=("$@")
+  local anchor_best=0 ql_best=0 r
+  for r in $(seq 1 "$rounds"); do
+    anchor_best=$(best "$("${anchor_cmd[@]}")" "$anchor_best")
+    ql_best=$(best "$(ql "${ql_args[@]}" -t "$threads")" "$ql_best")
+  done
+  awk -v l="$label" -v u="$unit" -v t="$threads" -v a="$anchor_best" -v q="$ql_best" 'BEGIN {
+    printf "%-22s threads %d  anchor %12.0f %-5s  qlutil %12.0f %-5s  ratio %6.1f%%\n",
+           l, t, a, u, q, u, (a > 0 ? 100 * q / a : 0) }'
+}
+
+echo "qlutil -p (libqlapi, qlhsmd on 127.0.0.1:$port) beside openssl, best of $rounds"
+for t in 1 2; do
+  row "sign-hash rsa2048" "op/s" "$t" speed_sign rsa2048 "$t" -- \
+    -p sign-hash -i "$iter_rsa" -h sha256 -k rsa2048
+  row "sign-hash p256" "op/s" "$t" speed_sign ecdsap256 "$t" -- \
+    -p sign-hash -i "$iter_ec" -h sha256 -k ecc_secp256r1
+  row "encrypt aes256 8KiB" "B/s" "$t" speed_aes "$t" -- \
+    -p encrypt -i "$iter_aes" -k aes256 -m 8192
+  row "nop (-sc 0)" "op/s" "$t" s_time_new "$t" -- -p nop -i "$iter_nop" -sc 0
+done
+# The session cache's effect, without an anchor.
+for t in 1 2; do
+  echo "nop (cached sessions)  threads $t  qlutil $(ql -p nop -i "$iter_nop" -t "$t") op/s"
+done
