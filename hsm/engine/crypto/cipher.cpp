@@ -290,6 +290,9 @@ Result<Bytes> CipherState::Run(bool encrypt, ByteView in, bool final, size_t cap
   if (key_->kind() != KeyKind::kSymmetric && key_->kind() != KeyKind::kRsa) {
     return Status(Code::kKeyCannotDo, "this key does not encrypt");
   }
+  // OpenSSL counts in int; the engine's frames are far smaller than this anyway.
+  constexpr size_t kMaxPiece = size_t{1} << 30;
+  if (in.size() > kMaxPiece) return Status(Code::kBadLength, "piece larger than 1 GiB");
   if (in_progress_ && encrypting_ != encrypt) Reset();
   size_t needed = MaxOutput(encrypt, in.size(), final);
   if (needed > capacity) return Status::TooSmall(needed);

@@ -82,8 +82,9 @@ class CipherState {
   // The most output the next piece of `in_len` bytes can give: what a caller must provide.
   size_t MaxOutput(bool encrypt, size_t in_len, bool final) const;
 
-  // One piece. When MaxOutput exceeds `capacity` the answer is kBufferTooSmall with the needed
-  // length and the state is untouched (the piece can be sent again with a larger buffer).
+  // One piece (at most 1 GiB: kBadLength). When MaxOutput exceeds `capacity` the answer is
+  // kBufferTooSmall with the needed length and the state is untouched (the piece can be sent again
+  // with a larger buffer).
   Result<Bytes> Encrypt(ByteView in, bool final,
                         size_t capacity = std::numeric_limits<size_t>::max());
   Result<Bytes> Decrypt(ByteView in, bool final,
