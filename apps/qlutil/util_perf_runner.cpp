@@ -34,7 +34,6 @@ class StatsSampler {
       // No sampler: the run goes on and reports no samples.
     }
   }
-  bool Running() const { return thread_.joinable(); }
   void Stop() {
     if (!thread_.joinable()) return;
     stop_.store(true);
@@ -128,7 +127,7 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
       handle = nullptr;
     }
 
-    if (sampler.Running()) {
+    if (IsStatsEnabled(ti)) {
       sampler.Stop();
       if (ti->pszStatsFile != nullptr) DumpStatistics2CSV(sampler.results(), ti->pszStatsFile);
       if (ti->printStatsOnScreen) PrintStatistics(sampler.results(), ti->statSleepIntervalMs);
@@ -167,7 +166,9 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
   if (!IsErrorEventSignaled(&hErrorEvent) && nRet == 0) {
     // Each pass of a block test handles BlockCount items: the row records
     // items.
-    if (ti->BlockCount != 0) ti->Iterations *= ti->BlockCount;
+    if (ti->BlockCount != 0) {
+      ti->Iterations = static_cast<int>(static_cast<int64_t>(ti->Iterations) * ti->BlockCount);
+    }
     runner_detail::ReportSuccess(ti, times, dwFlags);
   } else {
     ErrorCode = nRet != 0 ? nRet

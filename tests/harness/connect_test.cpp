@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <list>
 
 #include "fake_qlapi.h"
 #include "harness_test_util.h"
@@ -25,11 +26,14 @@ constexpr const char *kSampleTokenB64 = "YWxpY2UAAAAAAAAAAAAAAAECAwQFBgcICQoLDA0
 class ConnectTest : public ::testing::Test {
  protected:
   void SetUp() override { FakeLibrary::Get().Reset(); }
+  // The descriptor keeps pointers into the parameter array, which lives as long as the test.
   THREAD_INFO Load(Params params) {
+    Params &kept = kept_.emplace_back(std::move(params));
     THREAD_INFO ti{};
-    LoadGenericParameters(&ti, params.data(), params.size());
+    LoadGenericParameters(&ti, kept.data(), kept.size());
     return ti;
   }
+  std::list<Params> kept_;
   TempCwd cwd_;
 };
 
