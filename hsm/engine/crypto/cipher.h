@@ -35,7 +35,8 @@ Result<SecretBytes> KeyUnwrap(const KeyPtr &kek, bool pad, ByteView in);
 // A message is one or more pieces, the last with `final` set. The chaining state lives here
 // between pieces and starts afresh after the final piece (or after any refusal, which abandons
 // the message), so the same ciphertext decrypts again on every pass. Starting a message in the
-// other direction, or changing the mode, padding or IV, abandons the unfinished one.
+// other direction, or changing any parameter (mode, padding, IV, AAD, tag length), abandons the
+// unfinished one.
 //
 // Modes by key algorithm (anything else: kNotSupported):
 //   AES 128/192/256   ecb cbc ofb ctr gcm kw kwp     (default cbc)
@@ -51,9 +52,10 @@ Result<SecretBytes> KeyUnwrap(const KeyPtr &kek, bool pad, ByteView in);
 // IV: ECB, KW, KWP and RC4 take none. CBC, OFB and CTR use the IV parameter (the block's length;
 // all zeros when never set) for every message. GCM: an IV set with SetIv (1 to 64 bytes) serves
 // the next encrypted message only; every other message gets a fresh random 12-byte IV, which iv()
-// then returns so that it can be sent along. The 16-byte tag follows the ciphertext of the final
-// piece; decryption uses the IV as it stands, takes the tag from the last 16 bytes of the message
-// and answers kBadTag when it does not match. KW and KWP take one whole message in one call with
+// then returns so that it can be sent along. The tag (16 bytes unless SetTagLength says otherwise)
+// follows the ciphertext of the final piece; decryption uses the IV as it stands, takes the tag
+// from the last bytes of the message and answers kBadTag when it does not match. The AAD, when
+// set, covers every message until it is changed. KW and KWP take one whole message in one call with
 // final set (kWholeMessageOnly otherwise).
 //
 // Not thread-safe: one CipherState per key handle, used by one request at a time.
