@@ -168,6 +168,16 @@ class Engine {
                                  const secure::Bytes &digest, uint32_t flags);
   Status VerifySignature(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
                          const secure::Bytes &digest, const secure::Bytes &signature);
+  // What a key handle or name refers to (QGetKeyParam): temporary keys need no right, stored
+  // ones the right to open them.
+  struct KeyFacts {
+    KeyDesc desc;
+    std::string full_name;  // "" for a temporary key
+    int type = 0;
+    bool blocked = false;
+    uint32_t bits = 0;
+  };
+  Result<KeyFacts> DescribeKey(sessions::Session &s, const KeyArg &key);
   // Releases a handle; with `remove` also removes the stored object (right ACL_OBJ_DEL), by the
   // handle's name or by `remove_name` when handle is 0.
   Status DestroyKey(sessions::Session &s, uint64_t handle, bool remove,

@@ -268,6 +268,39 @@ Status Engine::VerifySignature(Session &s, const KeyArg &key, uint32_t hash_algo
   return CryptoOk("verify");
 }
 
+Result<Engine::KeyFacts> Engine::DescribeKey(Session &s, const KeyArg &arg) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  std::string name = arg.name;
+  if (arg.handle != 0) {
+    if (sessions::TempObject *t = s.FindTemp(arg.handle)) {
+      KeyFacts f;
+      f.desc = Describe(*t->key, t->flags, arg.handle);
+      f.type = static_cast<int>(f.desc.algorithm);
+      f.bits = t->key->info().bits;
+      return f;
+    }
+    const std::string *opened = s.FindOpened(arg.handle);
+    if (!opened) return Status::Error(Code::kBadArgument, "unknown key handle");
+    name = *opened;
+  }
+  Result<objects::ObjectInfo> info = OpenObject(s, name);
+  if (!info.ok()) return info.status();
+  KeyFacts f;
+  f.desc.handle = arg.handle;
+  f.desc.algorithm = static_cast<uint32_t>(info->algorithm);
+  f.desc.flags = info->flags;
+  f.full_name = info->ref.Full();
+  f.type = info->type;
+  f.blocked = info->blocked;
+  Result<CachedKey> cached = LoadStoredKey(info->ref);
+  if (cached.ok()) {
+    f.desc.key_length = static_cast<uint32_t>(cached->key->length_bytes());
+    f.bits = cached->key->info().bits;
+  }
+  return f;
+}
+
 Status Engine::DestroyKey(Session &s, uint64_t handle, bool remove, std::string_view remove_name) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();

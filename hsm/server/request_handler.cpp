@@ -462,27 +462,29 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kGetKeyParam: {
       const pb::GetKeyParam &p = req.get_key_param();
-      Status st = e.CheckSession(s);
-      if (!st.ok()) return SetStatus(st, r);
-      Result<std::string> name = KeyName(p.key(), s);
-      if (Failed(name, r)) return;
-      Result<objects::ObjectInfo> info = e.OpenObject(s, *name);
-      if (Failed(info, r)) return;
+      Result<Engine::KeyFacts> f = e.DescribeKey(s, ToKeyArg(p.key()));
+      if (Failed(f, r)) return;
       switch (p.param()) {
         case QKP_BLOCKED:
-          r->mutable_param()->set_number(info->blocked ? 1 : 0);
+          r->mutable_param()->set_number(f->blocked ? 1 : 0);
           break;
         case QKP_ALGID:
-          r->mutable_param()->set_number(static_cast<uint32_t>(info->algorithm));
+          r->mutable_param()->set_number(f->desc.algorithm);
           break;
         case QKP_FLAGS:
-          r->mutable_param()->set_number(info->flags);
+          r->mutable_param()->set_number(f->desc.flags);
+          break;
+        case QKP_KEYLEN:
+          r->mutable_param()->set_number(f->desc.key_length);
+          break;
+        case QKP_KEYBITS:
+          r->mutable_param()->set_number(f->bits);
           break;
         case QKP_OBJ_TYPE:
-          r->mutable_param()->set_number(static_cast<uint32_t>(info->type));
+          r->mutable_param()->set_number(static_cast<uint32_t>(f->type));
           break;
         case QKP_OBJ_ID:
-          r->mutable_param()->set_text(info->ref.Full());
+          r->mutable_param()->set_text(f->full_name);
           break;
         default:
           return SetStatus(Status::Error(Code::kNotSupported, "key parameter not built yet"), r);

@@ -265,6 +265,57 @@ TEST_F(Daemon, AccessDeniedBeforeExistenceOverTheWire) {
   EXPECT_EQ(admin->Call(upack)->code(), QL_ERR_UPACK_REFUSED);
 }
 
+TEST_F(Daemon, KeysThroughHandlesOverTheWire) {
+  auto c = LoggedIn(*hsm_);
+  Request gen;
+  gen.mutable_generate_key()->set_name("wirekey");
+  gen.mutable_generate_key()->set_algorithm(QL_ALG_RSA1024);
+  gen.mutable_generate_key()->set_want_handle(true);
+  auto g = c->Call(gen);
+  ASSERT_TRUE(g && g->code() == 0) << (g ? g->detail() : "no answer");
+  uint64_t handle = g->key_handle().handle();
+  EXPECT_NE(handle, 0u);
+  EXPECT_EQ(g->key_handle().key_length(), 128u);
+
+  Request len;
+  len.mutable_get_key_param()->mutable_key()->set_handle(handle);
+  len.mutable_get_key_param()->set_param(QKP_KEYLEN);
+  EXPECT_EQ(c->Call(len)->param().number(), 128u);
+
+  Request sign;
+  sign.mutable_sign_hash()->mutable_key()->set_handle(handle);
+  sign.mutable_sign_hash()->set_hash_algorithm(QL_ALG_SHA256);
+  sign.mutable_sign_hash()->set_digest(std::string(32, 'd'));
+  auto sig = c->Call(sign);
+  ASSERT_EQ(sig->code(), 0);
+  EXPECT_EQ(sig->signature().signature().size(), 128u);
+  Request small = sign;
+  small.mutable_sign_hash()->set_out_capacity(10);
+  auto too_small = c->Call(small);
+  EXPECT_EQ(too_small->code(), QL_ERR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(too_small->needed_length(), 128u);
+
+  Request block;
+  block.mutable_set_key_param()->mutable_key()->set_handle(handle);
+  block.mutable_set_key_param()->set_param(QKP_BLOCKED);
+  block.mutable_set_key_param()->mutable_value()->set_number(1);
+  ASSERT_EQ(c->Call(block)->code(), 0);
+  EXPECT_EQ(c->Call(sign)->code(), QL_ERR_OBJ_BLOCKED);
+  block.mutable_set_key_param()->mutable_value()->set_number(0);
+  ASSERT_EQ(c->Call(block)->code(), 0);
+  EXPECT_EQ(c->Call(sign)->code(), 0);
+
+  Request destroy;
+  destroy.mutable_destroy_key()->set_handle(handle);
+  destroy.mutable_destroy_key()->set_remove(true);
+  EXPECT_EQ(c->Call(destroy)->code(), 0);
+  Request open;
+  open.mutable_open_key()->set_name("wirekey");
+  EXPECT_EQ(c->Call(open)->code(), QL_ERR_OBJ_NOT_FOUND);
+  // The handle is gone with it.
+  EXPECT_EQ(c->Call(sign)->code(), QL_ERR_BAD_ARGUMENT);
+}
+
 TEST(DaemonLimits, SessionAndFrameLimitsAnswerClearCodes) {
   HsmOptions opts;
   opts.serve_args = {"--max-sessions", "2", "--max-frame", "4096"};
