@@ -150,6 +150,11 @@ int ProbeWork(JOB_ADMIN_INFO *job) {
     PrintJobError("QAdmOperation", rc);
     return rc;
   }
+  if (len != sizeof state) {
+    // The HSM answered the probe but sent no state word.
+    ScreenOutput("HSM state: answered, no state given\r\n");
+    return 0;
+  }
   ScreenOutput("HSM state: %u (%s)\r\n", state, state == 1 ? "up" : "not up");
   return 0;
 }

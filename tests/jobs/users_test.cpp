@@ -1,0 +1,103 @@
+// User and rights jobs against a real HSM: a user made, blocked, refused, unblocked, given
+// rights, its password changed, and removed.
+
+#include <string>
+
+#include "jobs_test_util.h"
+
+namespace jobs_test {
+namespace {
+
+class UserJobs : public JobTest {};
+
+TEST_F(UserJobs, Lifecycle) {
+  EXPECT_NE(MustRun("create-user", {"-un", "alice", "-pwd", "12345678", "-acl", "0x6"})
+                .find("User alice created (access mask 0x00000006).\r\n"),
+            std::string::npos);
+  EXPECT_EQ(JobAs("alice", "12345678", "gen-rand", {"-len", "4"}).exitCode, 0);
+
+  // Blocked: her logins are refused.
+  EXPECT_NE(MustRun("block-user", {"-un", "alice"}).find("User alice blocked.\r\n"),
+            std::string::npos);
+  RunResult r = JobAs("alice", "12345678", "gen-rand", {"-len", "4"});
+  EXPECT_EQ(r.exitCode, ExitOf(5003));
+  EXPECT_NE(r.out.find(ErrorLine("ConnectEx", 5003)), std::string::npos) << r.out;
+  EXPECT_NE(MustRun("unblock-user", {"-un", "alice"}).find("User alice unblocked.\r\n"),
+            std::string::npos);
+  EXPECT_EQ(JobAs("alice", "12345678", "gen-rand", {"-len", "4"}).exitCode, 0);
+
+  // Listing users needs a right she gets now.
+  r = JobAs("alice", "12345678", "list-users");
+  EXPECT_EQ(r.exitCode, ExitOf(5002));
+  EXPECT_NE(r.out.find(ErrorLine("ListUsers", 5002)), std::string::npos) << r.out;
+  EXPECT_NE(MustRun("set-user-sys-perm", {"-un", "alice", "-usr_list", "1"})
+                .find("Access mask of alice: 0x00000006 -> 0x00000046\r\n"),
+            std::string::npos);
+  r = JobAs("alice", "12345678", "list-users");
+  EXPECT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_NE(r.out.find("alice\r\n"), std::string::npos);
+  EXPECT_NE(r.out.find("master\r\n"), std::string::npos);
+
+  // Object rights: create taken away, then given back.
+  EXPECT_NE(MustRun("set-user-part-perm", {"-un", "alice", "-obj_create", "0", "-obj_del", "1"})
+                .find("Access mask of alice: 0x00000046 -> 0x00000043\r\n"),
+            std::string::npos);
+  r = JobAs("alice", "12345678", "write-file", {"-kn", "f", "-inform", "hex", "-in", "01"});
+  EXPECT_EQ(r.exitCode, ExitOf(5002));
+  EXPECT_NE(r.out.find(ErrorLine("QWriteFileBuffer", 5002)), std::string::npos) << r.out;
+  MustRun("set-user-part-perm", {"-un", "alice", "-obj_create", "1"});
+  EXPECT_EQ(JobAs("alice", "12345678", "write-file", {"-kn", "f", "-inform", "hex", "-in", "01"})
+                .exitCode,
+            0);
+
+  // She changes her own password; the old one is refused.
+  r = JobAs("alice", "12345678", "set-pwd", {"-newpwd", "87654321"});
+  EXPECT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_NE(r.out.find("Password changed.\r\n"), std::string::npos);
+  EXPECT_NE(JobAs("alice", "12345678", "gen-rand", {"-len", "4"}).exitCode, 0);
+  EXPECT_EQ(JobAs("alice", "87654321", "gen-rand", {"-len", "4"}).exitCode, 0);
+  // An operator sets it for her.
+  EXPECT_NE(MustRun("set-pwd", {"-un", "alice", "-newpwd", "11112222"})
+                .find("Password of alice changed.\r\n"),
+            std::string::npos);
+  EXPECT_EQ(JobAs("alice", "11112222", "gen-rand", {"-len", "4"}).exitCode, 0);
+
+  // Removed, with her objects; she cannot log in, and a second removal finds nobody.
+  EXPECT_NE(MustRun("remove-user", {"-un", "alice"}).find("User alice removed.\r\n"),
+            std::string::npos);
+  EXPECT_NE(JobAs("alice", "11112222", "gen-rand", {"-len", "4"}).exitCode, 0);
+  r = Job("remove-user", {"-un", "alice"});
+  EXPECT_EQ(r.exitCode, ExitOf(5020));
+  EXPECT_NE(r.out.find(ErrorLine("QRemoveUser", 5020)), std::string::npos) << r.out;
+}
+
+TEST_F(UserJobs, Refusals) {
+  MustRun("create-user", {"-un", "bob", "-pwd", "12345678"});
+  RunResult r = Job("create-user", {"-un", "bob", "-pwd", "12345678"});
+  EXPECT_EQ(r.exitCode, ExitOf(5013));
+  EXPECT_NE(r.out.find(ErrorLine("QCreateUser", 5013)), std::string::npos) << r.out;
+  r = Job("create-user", {"-un", "a_name_of_twenty_chr", "-pwd", "12345678"});
+  EXPECT_EQ(r.exitCode, ExitOf(5011));
+  EXPECT_NE(r.out.find(ErrorLine("QCreateUser", 5011)), std::string::npos) << r.out;
+  // bob has no rights: he may not create, block or change others.
+  r = JobAs("bob", "12345678", "create-user", {"-un", "carol", "-pwd", "12345678"});
+  EXPECT_NE(r.out.find(ErrorLine("QCreateUser", 5002)), std::string::npos) << r.out;
+  r = JobAs("bob", "12345678", "block-user", {"-un", "master"});
+  EXPECT_NE(r.out.find(ErrorLine("BlockUser", 5002)), std::string::npos) << r.out;
+  r = JobAs("bob", "12345678", "set-user-sys-perm", {"-un", "bob", "-operator", "1"});
+  EXPECT_NE(r.exitCode, 0);
+  EXPECT_NE(r.out.find("Err = 5002\r\n"), std::string::npos) << r.out;
+  r = Job("set-user-sys-perm", {"-un", "nobody", "-usr_list", "1"});
+  EXPECT_NE(r.out.find(ErrorLine("GetUserAcl", 5020)), std::string::npos) << r.out;
+  r = Job("block-user", {"-un", "nobody"});
+  EXPECT_NE(r.out.find(ErrorLine("BlockUser", 5020)), std::string::npos) << r.out;
+}
+
+TEST_F(UserJobs, OperatorSwitchGivesOperatorOnly) {
+  EXPECT_NE(MustRun("create-user", {"-un", "op", "-pwd", "12345678", "-operator", "-usr_list"})
+                .find("(access mask 0x00000080)"),
+            std::string::npos);
+}
+
+}  // namespace
+}  // namespace jobs_test
