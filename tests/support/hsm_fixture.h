@@ -19,7 +19,7 @@
 //
 // The binary is the qlhsmd built with the tests (QLHSMD_BIN), or $QLHSMD when set. The daemon's
 // log goes to log_path(); a failed start throws std::runtime_error with the log's tail. Link the
-// CMake target `ql_test_support`.
+// CMake target `ql_test_support` (it carries no wire messages, so it can sit beside libqlapi).
 #pragma once
 
 #include <gtest/gtest.h>
