@@ -1,6 +1,7 @@
 // The -s members end to end with small counts.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <regex>
 
@@ -101,6 +102,49 @@ TEST(StressSession, NoThreadEndsWhenStandardInputIsClosed) {
   RunResult r = p.Finish(60000);
   EXPECT_EQ(r.exit_code, 0) << r.out;
   EXPECT_TRUE(Contains(r.out, "Press any key to continue...")) << r.out;
+}
+
+}  // namespace
+
+namespace {
+
+// -keep holds each session alive until a keep-alive fails: here, until the daemon stops.
+TEST(StressSession, KeepAliveRunsUntilTheHsmGoesAway) {
+  qltest::HsmProcess hsm;
+  QlutilProcess p(With(hsm, {"-s", "session", "-t", "1", "-i", "1", "-keep", "50"}));
+  usleep(700000);
+  EXPECT_TRUE(p.Running());
+  hsm.Stop();
+  RunResult r = p.Finish(60000);
+  EXPECT_NE(r.exit_code, 0) << r.out;
+  const std::regex line(
+      R"(Error in QAdmOperation\. Err = [0-9]+ \[Thread 0 / Iteration 1 / Keepalive iteration: ([0-9]+) / Total keepalive time: ([0-9]+)\]\r)");
+  std::smatch m;
+  bool found = false;
+  for (const std::string &l : Lines(r.out)) {
+    if (std::regex_match(l, m, line)) {
+      found = true;
+      EXPECT_EQ(std::stoul(m[2]), std::stoul(m[1]) * 50) << l;
+      EXPECT_GE(std::stoul(m[1]), 2u) << l;
+    }
+  }
+  EXPECT_TRUE(found) << r.out;
+}
+
+// --infinite without --auto-reconnect: opens sessions until the first failure, which ends the
+// thread but is not an error of the run.
+TEST(SessionOpening, InfiniteRunsUntilTheFirstFailedOpening) {
+  qltest::HsmProcess hsm;
+  QlutilProcess p(With(hsm, {"-s", "session-opening", "-t", "1", "--infinite", "-sc", "0",
+                             "--sleep-duration", "20"}));
+  usleep(500000);
+  EXPECT_TRUE(p.Running());
+  hsm.Stop();
+  RunResult r = p.Finish(60000);
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_TRUE(
+      std::regex_search(r.out, std::regex(R"(Error in ConnectEx\. Err: [0-9]+ Thread: 0\r\n)")))
+      << r.out;
 }
 
 }  // namespace
