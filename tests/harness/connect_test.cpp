@@ -8,6 +8,7 @@
 
 #include "fake_qlapi.h"
 #include "harness_test_util.h"
+#include "ql_win_helper.h"
 #include "quelta_client.h"
 #include "util.h"
 
@@ -100,6 +101,44 @@ TEST_F(ConnectTest, CredentialTargetThenItsOldAliasThenTheToken) {
 
   THREAD_INFO both = Load({{"--cm", "hsm3"}, {"-b", "hsm4"}});
   EXPECT_STREQ(both.stWinCredential.szAddr, "hsm3");
+}
+
+TEST_F(ConnectTest, CredentialTargetReadsTheStoreAtEveryCall) {
+  ASSERT_TRUE(write_windows_credential("hsm1", "carol", "pw1"));
+  THREAD_INFO ti = Load({{"--cm", "hsm1"}});
+  EXPECT_EQ(ti.GetUserId(), "carol");
+  EXPECT_EQ(ti.GetPassword(), "pw1");
+  EXPECT_TRUE(CheckConnectionFlags(&ti, false));
+  const int reads = FakeLibrary::Get().credential_reads;
+  ASSERT_TRUE(write_windows_credential("hsm1", "dave", "pw2"));
+  EXPECT_EQ(ti.GetUserId(), "dave") << "nothing is cached";
+  EXPECT_GT(FakeLibrary::Get().credential_reads, reads);
+  // The session goes out with kind 128 and the 132-byte record; the library reads the store.
+  HSESSIONCTX session = nullptr;
+  ASSERT_EQ(ConnectEx(&session, &ti), 0);
+  ASSERT_EQ(FakeLibrary::Get().Opens().size(), 1u);
+  EXPECT_EQ(FakeLibrary::Get().Opens()[0].auth_type, 128u);
+  EXPECT_EQ(FakeLibrary::Get().Opens()[0].record.size(), 132u);
+  CloseSession(&session);
+
+  ASSERT_TRUE(delete_windows_credential("hsm1"));
+  EXPECT_FALSE(delete_windows_credential("hsm1"));
+  EXPECT_EQ(ti.GetUserId(), "");
+  EXPECT_EQ(ti.GetPassword(), "");
+  EXPECT_FALSE(CheckConnectionFlags(&ti, false)) << "a target without a credential";
+}
+
+TEST_F(ConnectTest, CredentialReadFillsOnlyWhatIsAskedFor) {
+  ASSERT_TRUE(write_windows_credential("t", "a-rather-long-user-name", "secret"));
+  char user[8];
+  memset(user, 'x', sizeof user);
+  char secret[17] = {};
+  EXPECT_TRUE(read_windows_credential("t", user, sizeof user, nullptr, 0));
+  EXPECT_EQ(std::string(user, sizeof user), "a-rather") << "at most user_len bytes";
+  EXPECT_TRUE(read_windows_credential("t", nullptr, 0, secret, sizeof secret));
+  EXPECT_STREQ(secret, "secret");
+  EXPECT_FALSE(read_windows_credential("missing", user, sizeof user, secret, sizeof secret));
+  EXPECT_FALSE(read_windows_credential(nullptr, user, sizeof user, nullptr, 0));
 }
 
 TEST_F(ConnectTest, PortAbsentOrMinusOneIsTheDefault) {

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "qlapi_credstore.h"
+
 namespace {
 // A distinct non-null address per open session is all the harness looks at.
 unsigned char g_sessions[1024];
@@ -27,6 +29,8 @@ void FakeLibrary::Reset() {
   user_calls.clear();
   user_param_record.clear();
   acl_answer = 0;
+  credentials.clear();
+  credential_reads = 0;
 }
 
 std::vector<FakeOpenCall> FakeLibrary::Opens() {
@@ -142,6 +146,40 @@ int QGetUserParam(HSESSIONCTX, uint32_t dwParam, void *pvData, uint32_t *pdwData
   if (*pdwDataLen < 38) return QL_ERR_BUFFER_TOO_SMALL;
   memcpy(bytes + 34, &lib.acl_answer, sizeof lib.acl_answer);
   return 0;
+}
+
+namespace {
+void CopyOut(const std::string &text, char *out, size_t out_len) {
+  if (out == nullptr || out_len == 0) return;
+  const size_t n = text.size() < out_len ? text.size() : out_len;
+  memcpy(out, text.data(), n);
+  if (n < out_len) out[n] = '\0';
+}
+}  // namespace
+
+int QLCredRead(const char *szTarget, char *szUser, size_t dwUserLen, char *szSecret,
+               size_t dwSecretLen) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  ++lib.credential_reads;
+  const auto it = lib.credentials.find(szTarget);
+  if (it == lib.credentials.end()) return QL_ERR_CREDENTIAL_NOT_FOUND;
+  CopyOut(it->second.first, szUser, dwUserLen);
+  CopyOut(it->second.second, szSecret, dwSecretLen);
+  return 0;
+}
+
+int QLCredWrite(const char *szTarget, const char *szUser, const char *szSecret) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  lib.credentials[szTarget] = {szUser, szSecret};
+  return 0;
+}
+
+int QLCredDelete(const char *szTarget) {
+  FakeLibrary &lib = FakeLibrary::Get();
+  std::lock_guard<std::mutex> lock(lib.mutex);
+  return lib.credentials.erase(szTarget) == 1 ? 0 : QL_ERR_CREDENTIAL_NOT_FOUND;
 }
 
 }  // extern "C"

@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qlapi.h"
@@ -35,6 +37,9 @@ struct FakeLibrary {
   std::vector<std::string> user_calls;  // "create:<name>", "remove:<name>"
   std::vector<unsigned char> user_param_record;
   uint32_t acl_answer = 0;
+  // The credential store: target -> (user, password); every read is counted.
+  std::map<std::string, std::pair<std::string, std::string>> credentials;
+  int credential_reads = 0;
 
   static FakeLibrary &Get();
   void Reset();
