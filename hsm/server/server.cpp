@@ -11,7 +11,13 @@
 namespace qlhsm::server {
 
 Server::Server(const ServerOptions &options, std::unique_ptr<Engine> engine)
-    : options_(options), engine_(std::move(engine)), signals_(io_), acceptor_(io_) {}
+    // The acceptor and the signals share one strand with Stop(), so stopping never races a
+    // pending accept or signal wait.
+    : options_(options),
+      engine_(std::move(engine)),
+      control_(asio::make_strand(io_)),
+      signals_(control_),
+      acceptor_(control_) {}
 
 Server::~Server() {
   Stop();
@@ -86,7 +92,7 @@ void Server::Run() {
 }
 
 void Server::Stop() {
-  asio::post(io_, [this] {
+  asio::post(control_, [this] {
     asio::error_code ec;
     acceptor_.close(ec);
     signals_.cancel(ec);

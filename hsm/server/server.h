@@ -47,6 +47,7 @@ class Server {
   std::unique_ptr<Engine> engine_;
   asio::io_context io_;
   asio::ssl::context tls_{asio::ssl::context::tls_server};
+  asio::strand<asio::io_context::executor_type> control_;
   asio::signal_set signals_;
   asio::ip::tcp::acceptor acceptor_;
   ConnectionManager manager_;
