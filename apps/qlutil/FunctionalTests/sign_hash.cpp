@@ -51,6 +51,8 @@ int SignHashSession(FUNC_SIGN_HASH_INFO *info, unsigned long *pOpCounter, bool b
     ScreenOutput("[PerfSignHashThread] [%u] Fail in QGetRandom. rc = %d\r\n", tid, rc);
     return ignore ? 0 : rc;
   }
+  // Released in the order the session ends: the signature, the key, the hash, the session.
+  HashOwner hash;
   KeyOwner key;
   rc = QGenerateKey(session.Get(), nullptr, static_cast<uint32_t>(info->nKeyAlg), QL_KEY_TEMPORARY,
                     key.Put());
@@ -58,7 +60,6 @@ int SignHashSession(FUNC_SIGN_HASH_INFO *info, unsigned long *pOpCounter, bool b
     ScreenOutput("[PerfSignHashThread] [%u] Fail in QGenerateKey. rc = %d\r\n", tid, rc);
     return ignore ? 0 : rc;
   }
-  HashOwner hash;
   rc = QCreateHash(session.Get(), static_cast<uint32_t>(info->nHashAlg), nullptr, 0, hash.Put());
   if (rc != 0) {
     ScreenOutput("[PerfSignHashThread] [%u] Fail in QCreateHash. rc = %d\r\n", tid, rc);
