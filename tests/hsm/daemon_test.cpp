@@ -316,6 +316,72 @@ TEST_F(Daemon, KeysThroughHandlesOverTheWire) {
   EXPECT_EQ(c->Call(sign)->code(), QL_ERR_BAD_ARGUMENT);
 }
 
+TEST_F(Daemon, TokenAndAnonymousLogins) {
+  auto c = LoggedIn(*hsm_);
+  Request issue;
+  issue.mutable_manage_atoken()->set_operation(QL_ATOKEN_ISSUE);
+  auto tok = c->Call(issue);
+  ASSERT_TRUE(tok && tok->code() == 0);
+  ASSERT_EQ(tok->atoken().key().size(), 16u);
+
+  RawClient t(hsm_->address(), hsm_->port());
+  ASSERT_EQ(t.Hello(), 0);
+  Request login;
+  login.mutable_login()->set_kind(QL_AUTH_ATOKEN);
+  login.mutable_login()->set_user("master");
+  login.mutable_login()->set_token_key(tok->atoken().key());
+  auto ok = t.Call(login);
+  ASSERT_EQ(ok->code(), 0);
+  EXPECT_EQ(ok->login().acl(), static_cast<uint32_t>(ACL_ALL_RIGHTS));
+  std::string wrong = tok->atoken().key();
+  wrong[0] ^= 1;
+  login.mutable_login()->set_token_key(wrong);
+  EXPECT_EQ(t.Call(login)->code(), QL_ERR_AUTH_FAILED);
+
+  RawClient anon(hsm_->address(), hsm_->port());
+  ASSERT_EQ(anon.Hello(), 0);
+  Request a;
+  a.mutable_login()->set_kind(QL_AUTH_ANONYMOUS);
+  ASSERT_EQ(anon.Call(a)->code(), 0);
+  EXPECT_EQ(anon.Call(RandomReq(8))->code(), 0);
+  Request list;
+  list.mutable_list_users();
+  EXPECT_EQ(anon.Call(list)->code(), QL_ERR_ACCESS_DENIED);
+}
+
+TEST(DaemonBackup, BackupOverTheWireRestoresIntoAFreshDataDir) {
+  HsmProcess hsm;
+  auto c = LoggedIn(hsm);
+  ASSERT_EQ(c->Call(CreateUserReq("survivor", "pw123456", 0x4))->code(), 0);
+  Request backup;
+  backup.mutable_backup()->set_pin("802468135792468013579246");
+  auto b = c->Call(backup);
+  ASSERT_TRUE(b && b->code() == 0);
+  ASSERT_FALSE(b->blob().data().empty());
+  backup.mutable_backup()->set_pin("short");
+  EXPECT_EQ(c->Call(backup)->code(), QL_ERR_BAD_ARGUMENT);
+
+  std::string file = hsm.data_dir() + "/../bkp_verify_test";
+  std::string fresh = hsm.data_dir() + "/../restored";
+  {
+    std::ofstream out(file, std::ios::binary);
+    out << b->blob().data();
+  }
+  std::string log = hsm.log_path();
+  EXPECT_NE(
+      qltest::RunQlhsmd({"restore", "--data-dir", fresh, "--backup", file, "--pin", "wrong"}, log),
+      0);
+  ASSERT_EQ(qltest::RunQlhsmd({"restore", "--data-dir", fresh, "--backup", file, "--pin",
+                               "802468135792468013579246"},
+                              log),
+            0);
+  HsmOptions opts;
+  opts.existing_data_dir = fresh;
+  HsmProcess restored(opts);
+  auto r = LoggedIn(restored, false, "survivor", "pw123456");
+  auto m = LoggedIn(restored);  // the master password came back too
+}
+
 TEST(DaemonLimits, SessionAndFrameLimitsAnswerClearCodes) {
   HsmOptions opts;
   opts.serve_args = {"--max-sessions", "2", "--max-frame", "4096"};

@@ -79,8 +79,12 @@ HsmProcess::HsmProcess(HsmOptions options) : options_(std::move(options)) {
   std::string tmpl = (std::filesystem::temp_directory_path() / "qlhsmd-test-XXXXXX").string();
   if (!mkdtemp(tmpl.data())) throw std::runtime_error("mkdtemp failed");
   root_ = tmpl;
-  data_dir_ = root_ + "/data";
+  data_dir_ = options_.existing_data_dir.empty() ? root_ + "/data" : options_.existing_data_dir;
   log_path_ = root_ + "/qlhsmd.log";
+  if (!options_.existing_data_dir.empty()) {
+    Serve();
+    return;
+  }
   int rc = RunQlhsmd({"init", "--data-dir", data_dir_, "--password", options_.master_password,
                       "--kdf-cost", std::to_string(options_.kdf_cost)},
                      log_path_);

@@ -36,6 +36,9 @@ struct HsmOptions {
   std::vector<std::string> serve_args;
   // scrypt cost of password hashes: low, since tests make many users and measure nothing.
   unsigned kdf_cost = 1024;
+  // When set: serve this data directory (made elsewhere, e.g. by `qlhsmd restore`) instead of
+  // initialising a new one. It is left in place at the end.
+  std::string existing_data_dir;
 };
 
 class HsmProcess {
