@@ -16,19 +16,21 @@ struct BadOptions {
 
 // Each row passes the connection check; only the job's own options are wrong or missing.
 const std::vector<BadOptions> kBadOptions = {
-    {"remove", {}},                                 // neither -ft nor -name
-    {"remove", {"-ft", "tmp", "-name", "k1"}},      // both
-    {"remove", {"-ft"}},                            // an empty filter
-    {"gen-key", {"-k", "rsa9999", "-kn", "k"}},     // unknown algorithm
-    {"gen-key", {"-kn", "k"}},                      // no algorithm
-    {"gen-key", {"-k", "rsa2048"}},                 // no name, not temporary
-    {"list-obj", {"--outform", "xml"}},             // unknown format
-    {"obj-info", {}},                               // no object
-    {"block-obj", {}},                              //
-    {"unblock-obj", {}},                            //
-    {"rename-obj", {"-kn", "a"}},                   // no new name
-    {"export-key", {"-kn", "a", "-bt", "sha256"}},  // not a blob type
-    {"export-key", {"-bt", "publickey_blob"}},      // no key
+    {"remove", {}},                              // neither -ft nor -name
+    {"remove", {"-ft", "tmp", "-name", "k1"}},   // both
+    {"remove", {"-ft"}},                         // an empty filter
+    {"gen-key", {"-k", "rsa9999", "-kn", "k"}},  // unknown algorithm
+    {"gen-key", {"-kn", "k"}},                   // no algorithm
+    {"gen-key", {"-k", "rsa2048"}},              // no name, not temporary
+    {"list-obj", {"--outform", "xml"}},          // unknown format
+    {"obj-info", {}},                            // no object
+    {"block-obj", {}},                           //
+    {"unblock-obj", {}},                         //
+    {"rename-obj", {"-kn", "a"}},                // no new name
+    // One word table serves every algorithm switch ("-bt sha256" is blob type 4, "-h rsa2048"
+    // is sha512): these words have no number in the right group.
+    {"export-key", {"-kn", "a", "-bt", "gcm"}},                                // not a blob type
+    {"export-key", {"-bt", "publickey_blob"}},                                 // no key
     {"import-key", {"-kn", "a", "-bt", "plaintextkey_blob", "-k", "aes128"}},  // no data
     {"import-key",
      {"-kn", "a", "-bt", "plaintextkey_blob", "-k", "aes128", "-inform", "hex", "-in",
@@ -55,7 +57,7 @@ const std::vector<BadOptions> kBadOptions = {
     {"revoke-atoken", {"-tk", "not base64!"}},                         //
     {"gen-rand", {}},                                                  //
     {"gen-rand", {"-len", "0"}},                                       //
-    {"hash", {"-h", "rsa2048", "-inform", "hex", "-in", "00"}},        // not a hash
+    {"hash", {"-h", "gcm", "-inform", "hex", "-in", "00"}},            // not a hash
     {"hash", {"-h", "hmac_sha2_256", "-inform", "hex", "-in", "00"}},  // HMAC without a key
     {"sign-hash", {"-h", "sha256", "-inform", "hex", "-in", "00"}},    // no key
     {"sign-hash", {"-kn", "k", "-h", "sha256", "-inform", "hash_text", "-in", "00"}},

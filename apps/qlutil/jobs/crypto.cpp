@@ -281,7 +281,9 @@ int SignHashWork(JOB_SIGN_INFO *job) {
   uint32_t len = 0;
   rc = QSignHash(hash.Get(), key.Get(), 0, nullptr, &len);
   Bytes signature;
-  if (rc == QL_ERR_BUFFER_TOO_SMALL) {
+  // An ECDSA signature's DER length varies from one signature to the next: when the HSM needs
+  // more than its size answer said, it says so again and the job asks once more.
+  for (int tries = 0; rc == QL_ERR_BUFFER_TOO_SMALL && tries < 3; ++tries) {
     signature.resize(len);
     rc = QSignHash(hash.Get(), key.Get(), 0, signature.data(), &len);
   }
