@@ -1,6 +1,8 @@
 #include "credential_store.h"
 
+#include <atomic>
 #include <cstring>
+#include <mutex>
 #include <string_view>
 #include <vector>
 
@@ -89,7 +91,9 @@ Status Save(const std::string &path, const std::vector<Line> &lines) {
   for (const Line &l : lines) {
     text += l.target + '\t' + l.credential.user + '\t' + Base64Encode(l.credential.password) + '\n';
   }
-  const std::string tmp = path + ".tmp" + std::to_string(getpid());
+  static std::atomic<unsigned> counter{0};
+  const std::string tmp =
+      path + ".tmp" + std::to_string(getpid()) + "." + std::to_string(counter++);
   const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return Status(QL_ERR_CREDENTIAL_STORE);
   std::size_t done = 0;
@@ -147,8 +151,13 @@ Result<Credential> Read(const std::string &path, const std::string &target) {
   return hit->credential;
 }
 
+// Writers in one process take turns, so two updates never read the same old file. (Between
+// processes the rename keeps the file whole; the later writer wins.)
+std::mutex g_update_mu;
+
 Status Write(const std::string &path, const std::string &target, const Credential &credential) {
   if (!ValidField(target) || !ValidField(credential.user)) return Status(QL_ERR_BAD_ARGUMENT);
+  std::lock_guard<std::mutex> lock(g_update_mu);
   auto lines = LoadForUpdate(path);
   if (!lines.ok()) return lines.status();
   std::vector<Line> kept;
@@ -161,6 +170,7 @@ Status Write(const std::string &path, const std::string &target, const Credentia
 
 Status Delete(const std::string &path, const std::string &target) {
   if (!ValidField(target)) return Status(QL_ERR_BAD_ARGUMENT);
+  std::lock_guard<std::mutex> lock(g_update_mu);
   auto lines = LoadForUpdate(path);
   if (!lines.ok()) return lines.status();
   std::vector<Line> kept;

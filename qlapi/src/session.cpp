@@ -167,17 +167,18 @@ Status SessionCore::CallSimple(pb::Request &request) {
 Status SessionCore::Close(bool keep, std::unique_ptr<Link> *link) {
   std::lock_guard<std::mutex> lock(mu_);
   if (!link_) return Status(QL_ERR_SESSION_CLOSED);
-  if (keep && cacheable_ && link_->conn && !link_->conn->broken()) {
+  // The HSM ends the session before the call returns, whether or not the connection stays: a
+  // count of open sessions read right after a close never still holds it.
+  if (link_->conn && !link_->conn->broken()) {
     pb::Request request;
     request.mutable_logout();
     auto response = Exchange(*link_, request);
-    if (response.ok() && response.value().code() == QL_OK && link_->conn &&
-        !link_->conn->broken()) {
+    const bool logged_out = response.ok() && response.value().code() == QL_OK;
+    if (logged_out && keep && cacheable_ && link_->conn && !link_->conn->broken()) {
       *link = std::move(link_);
       return Status::Ok();
     }
   }
-  // Closing the connection ends the HSM's session as well.
   link_.reset();
   return Status::Ok();
 }

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "qlapi.h"
 
@@ -111,6 +113,21 @@ TEST(CredentialStorePath, ComesFromThePasswordDatabaseNotTheEnvironment) {
   ASSERT_TRUE(path.ok());
   EXPECT_EQ(path.value().find("/nonexistent-home"), std::string::npos);
   EXPECT_NE(path.value().find("/.qlapi_credentials"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(CredentialStore, ConcurrentWritersLoseNothing) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([this, t] {
+      EXPECT_TRUE(cs::Write(path_, "target" + std::to_string(t), {"u", "p"}).ok());
+    });
+  }
+  for (auto &t : threads) t.join();
+  for (int t = 0; t < 8; ++t) EXPECT_TRUE(cs::Read(path_, "target" + std::to_string(t)).ok()) << t;
 }
 
 }  // namespace

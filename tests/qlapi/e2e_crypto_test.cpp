@@ -174,6 +174,12 @@ TEST(E2eCipher, AesInPiecesEqualsOneCallAndDecrypts) {
   Session s;
   HKEYCTX key = nullptr;
   GENERATE_OR_SKIP(s.get(), nullptr, QL_ALG_AES256, QL_KEY_TEMPORARY, &key);
+  unsigned char probe[32] = {};
+  uint32_t probe_len = 16;
+  if (QEncrypt(key, nullptr, 1, 0, probe, &probe_len, sizeof probe) == QL_ERR_NOT_SUPPORTED) {
+    QDestroyKey(&key, 0);
+    GTEST_SKIP() << "qlhsmd does not encrypt yet";
+  }
   const uint32_t mode = QL_MODE_CBC, pad = QL_PAD_PKCS5;
   ASSERT_EQ(QSetKeyParam(key, QKP_MODE, &mode, 4, 0), QL_OK);
   ASSERT_EQ(QSetKeyParam(key, QKP_PADDING, &pad, 4, 0), QL_OK);
