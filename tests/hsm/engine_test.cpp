@@ -362,6 +362,20 @@ TEST(Engine, AuditLogRecordsChangesWithoutSecrets) {
   EXPECT_EQ(text.find("TopSecretPw"), std::string::npos);
 }
 
+TEST(Engine, FilledLogPagesReachTheStoreWithoutAnyChange) {
+  EngineOptions opts;
+  opts.audit_page_size = 256;
+  EngineFixture f(opts);
+  for (int i = 0; i < 30; ++i) f.LoginAs(kMasterUser, kMasterPassword);  // read-only traffic
+  auto store = store::Store::Open(f.dir.path(), false);  // a second connection sees commits
+  ASSERT_TRUE(store.ok());
+  auto pages = (*store)->Locked([](store::Connection &c) -> int64_t {
+    auto st = c.Prepare("SELECT COUNT(*) FROM audit_pages");
+    return st.ok() && st->Step().ok() ? st->Int(0) : -1;
+  });
+  EXPECT_GE(pages, 3);
+}
+
 TEST(Engine, BackupRestoresIntoAFreshDataDir) {
   EngineFixture f;
   ASSERT_TRUE(f.engine->CreateUser(*f.master, "kept", "pw", 0x2).ok());

@@ -125,6 +125,11 @@ Status AuditLog::Flush() {
   });
 }
 
+bool AuditLog::HasClosedPages() {
+  std::lock_guard<std::mutex> lock(mu_);
+  return !closed_.empty();
+}
+
 Result<uint64_t> AuditLog::Size() {
   std::lock_guard<std::mutex> lock(mu_);
   uint64_t n = stored_closed_len_ + current_.size();

@@ -35,6 +35,9 @@ class AuditLog {
   void Append(std::string_view user, std::string_view op, std::string_view target, int code);
   // Writes closed pages and the open page to the store.
   Status Flush();
+  // True when a page filled since the last flush: read-only traffic alone must not let closed
+  // pages pile up in memory.
+  bool HasClosedPages();
   // The log's size in bytes of plain text, every page counted.
   Result<uint64_t> Size();
   // Number of pages, the open one included.
