@@ -168,6 +168,12 @@ class Engine {
                                  const secure::Bytes &digest, uint32_t flags);
   Status VerifySignature(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
                          const secure::Bytes &digest, const secure::Bytes &signature);
+  // Hashes: a digest, or an HMAC/CMAC under a key (right to use it, when stored).
+  Result<uint64_t> CreateHash(sessions::Session &s, uint32_t algorithm, const KeyArg &key);
+  Status HashData(sessions::Session &s, uint64_t hash, const secure::Bytes &data);
+  Result<secure::Bytes> GetHashValue(sessions::Session &s, uint64_t hash);
+  Status DestroyHash(sessions::Session &s, uint64_t hash);
+
   // What a key handle or name refers to (QGetKeyParam): temporary keys need no right, stored
   // ones the right to open them.
   struct KeyFacts {

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "crypto/blob.h"
+#include "crypto/hash.h"
 #include "crypto/sign.h"
 #include "engine/engine.h"
 
@@ -266,6 +267,49 @@ Status Engine::VerifySignature(Session &s, const KeyArg &key, uint32_t hash_algo
                      crypto::ByteView(signature.data(), signature.size()));
   if (!st.ok()) return FromCrypto(st);
   return CryptoOk("verify");
+}
+
+Result<uint64_t> Engine::CreateHash(Session &s, uint32_t algorithm, const KeyArg &key) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  crypto::KeyPtr k;
+  if (!key.empty()) {
+    Result<UsableKey> usable = ResolveKey(s, key, "create-hash");
+    if (!usable.ok()) return usable.status();
+    k = usable->key;
+  }
+  crypto::Result<crypto::HashState> state = crypto::HashState::Create(algorithm, k);
+  if (!state.ok()) return CryptoFailure(state);
+  QL_RETURN_IF_ERROR(CryptoOk("create-hash"));
+  return s.AddHash(std::move(state.value()));
+}
+
+Status Engine::HashData(Session &s, uint64_t hash, const secure::Bytes &data) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  crypto::HashState *h = s.FindHash(hash);
+  if (!h) return Status::Error(Code::kBadArgument, "unknown hash handle");
+  crypto::Status st = h->Update(crypto::ByteView(data.data(), data.size()));
+  if (!st.ok()) return FromCrypto(st);
+  return CryptoOk("hash-data");
+}
+
+Result<secure::Bytes> Engine::GetHashValue(Session &s, uint64_t hash) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  crypto::HashState *h = s.FindHash(hash);
+  if (!h) return Status::Error(Code::kBadArgument, "unknown hash handle");
+  crypto::Result<crypto::Bytes> v = h->Value();
+  if (!v.ok()) return CryptoFailure(v);
+  QL_RETURN_IF_ERROR(CryptoOk("hash-value"));
+  return std::move(v.value());
+}
+
+Status Engine::DestroyHash(Session &s, uint64_t hash) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  if (!s.RemoveHash(hash)) return Status::Error(Code::kBadArgument, "unknown hash handle");
+  return Status::Ok();
 }
 
 Result<Engine::KeyFacts> Engine::DescribeKey(Session &s, const KeyArg &arg) {

@@ -491,6 +491,23 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       }
       return SetStatus(Status::Ok(), r);
     }
+    case pb::Request::kCreateHash: {
+      const pb::CreateHash &c = req.create_hash();
+      Result<uint64_t> h = e.CreateHash(s, c.algorithm(), ToKeyArg(c.key()));
+      if (Failed(h, r)) return;
+      r->mutable_number()->set_value(*h);
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kHashData:
+      return SetStatus(e.HashData(s, req.hash_data().hash(), ToBytes(req.hash_data().data())), r);
+    case pb::Request::kGetHashValue: {
+      Result<secure::Bytes> v = e.GetHashValue(s, req.get_hash_value().hash());
+      if (Failed(v, r)) return;
+      r->mutable_blob()->set_data(ToString(*v));
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kDestroyHash:
+      return SetStatus(e.DestroyHash(s, req.destroy_hash().hash()), r);
     case pb::Request::kDestroyKey: {
       const pb::DestroyKey &d = req.destroy_key();
       return SetStatus(e.DestroyKey(s, d.handle(), d.remove(), d.remove_name()), r);

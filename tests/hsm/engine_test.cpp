@@ -329,6 +329,23 @@ TEST(Engine, StoredKeysSignExportAndFollowTheirBlockState) {
             Code::kObjectNotFound);
 }
 
+TEST(Engine, HmacUnderASessionKeyMatchesTheKnownAnswer) {
+  EngineFixture f;
+  // RFC 4231 test case 2: key "Jefe", data "what do ya want for nothing?".
+  auto key = f.engine->ImportKey(*f.master, "", {}, secure::Bytes{'J', 'e', 'f', 'e'},
+                                 4 /* plaintext key blob */, 170 /* generic HMAC key */, 0, true);
+  ASSERT_TRUE(key.ok()) << key.status().ToString();
+  auto h = f.engine->CreateHash(*f.master, QL_ALG_HMAC_SHA2_256, {key->handle, ""});
+  ASSERT_TRUE(h.ok()) << h.status().ToString();
+  std::string msg = "what do ya want for nothing?";
+  ASSERT_TRUE(f.engine->HashData(*f.master, *h, secure::Bytes(msg.begin(), msg.end())).ok());
+  auto v = f.engine->GetHashValue(*f.master, *h);
+  ASSERT_TRUE(v.ok());
+  EXPECT_EQ(secure::Hex(*v), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  EXPECT_TRUE(f.engine->DestroyHash(*f.master, *h).ok());
+  EXPECT_EQ(f.engine->GetHashValue(*f.master, *h).status().code(), Code::kBadArgument);
+}
+
 TEST(Engine, StatInfoReportsMiB) {
   EngineFixture f;
   auto info = f.engine->GetStatInfo(*f.master);

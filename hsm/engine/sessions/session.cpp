@@ -31,6 +31,7 @@ void Session::Reset() {
   // Dropping the last reference frees the key; crypto::Key wipes its secret on destruction.
   temps_.clear();
   opened_.clear();
+  hashes_.clear();
   if (counted_) registry_.Release();
   counted_ = false;
   auth_ = AuthKind::kNone;
@@ -61,6 +62,21 @@ const std::string *Session::FindOpened(uint64_t handle) const {
 
 bool Session::RemoveOpened(uint64_t handle) {
   return opened_.erase(handle) != 0;
+}
+
+uint64_t Session::AddHash(crypto::HashState state) {
+  uint64_t h = next_handle_++;
+  hashes_.emplace(h, std::move(state));
+  return h;
+}
+
+crypto::HashState *Session::FindHash(uint64_t handle) {
+  auto it = hashes_.find(handle);
+  return it == hashes_.end() ? nullptr : &it->second;
+}
+
+bool Session::RemoveHash(uint64_t handle) {
+  return hashes_.erase(handle) != 0;
 }
 
 bool Session::RemoveTemp(uint64_t handle) {

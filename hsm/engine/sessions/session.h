@@ -11,6 +11,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "crypto/hash.h"
 #include "crypto/key.h"
 #include "engine/secure/secure.h"
 #include "engine/status.h"
@@ -55,6 +56,11 @@ class Session {
   const std::string *FindOpened(uint64_t handle) const;
   bool RemoveOpened(uint64_t handle);
 
+  // Running hashes (HMAC, CMAC, digests) of this session, by handle.
+  uint64_t AddHash(crypto::HashState state);
+  crypto::HashState *FindHash(uint64_t handle);
+  bool RemoveHash(uint64_t handle);
+
  private:
   SessionRegistry &registry_;
   uint64_t id_;
@@ -64,6 +70,7 @@ class Session {
   uint64_t next_handle_ = 1;
   std::unordered_map<uint64_t, TempObject> temps_;
   std::unordered_map<uint64_t, std::string> opened_;
+  std::unordered_map<uint64_t, crypto::HashState> hashes_;
 };
 
 class SessionRegistry {
