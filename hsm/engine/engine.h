@@ -168,6 +168,19 @@ class Engine {
                                  const secure::Bytes &digest, uint32_t flags);
   Status VerifySignature(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
                          const secure::Bytes &digest, const secure::Bytes &signature);
+  // Encrypts or decrypts one piece of a message. With a handle the cipher state (mode, padding,
+  // IV, the message in progress) stays with the handle between pieces; with a name the piece must
+  // be the whole message. capacity 0: no limit; past it 1005 with *needed set and nothing
+  // consumed. *iv receives the IV the message used (GCM).
+  Result<secure::Bytes> Cipher(sessions::Session &s, const KeyArg &key, bool encrypt, bool final,
+                               const secure::Bytes &data, size_t capacity, uint64_t *needed,
+                               secure::Bytes *iv);
+  // Cipher parameters of a key handle: QKP_IV, QKP_MODE, QKP_PADDING, QKP_AAD, QKP_TAG_LEN.
+  Status SetCipherParam(sessions::Session &s, uint64_t handle, uint32_t param, uint64_t number,
+                        const secure::Bytes &data);
+  Result<uint64_t> GetCipherParam(sessions::Session &s, uint64_t handle, uint32_t param,
+                                  secure::Bytes *data);
+
   // Hashes: a digest, or an HMAC/CMAC under a key (right to use it, when stored).
   Result<uint64_t> CreateHash(sessions::Session &s, uint32_t algorithm, const KeyArg &key);
   Status HashData(sessions::Session &s, uint64_t hash, const secure::Bytes &data);

@@ -1,7 +1,9 @@
 // The key services of the engine: generate, open, import, export, sign and verify, over the
 // crypto library. Stored keys are sealed like every object; a key in use is parsed once and kept
 // in the engine's key cache.
+#include <limits>
 #include <mutex>
+#include <optional>
 
 #include "crypto/blob.h"
 #include "crypto/hash.h"
@@ -267,6 +269,94 @@ Status Engine::VerifySignature(Session &s, const KeyArg &key, uint32_t hash_algo
                      crypto::ByteView(signature.data(), signature.size()));
   if (!st.ok()) return FromCrypto(st);
   return CryptoOk("verify");
+}
+
+namespace {
+
+// The cipher state of a handle, made from its key on first use.
+crypto::CipherState *StateFor(Session &s, uint64_t handle, const crypto::KeyPtr &key) {
+  if (crypto::CipherState *c = s.FindCipher(handle)) return c;
+  return &s.AddCipher(handle, key);
+}
+
+}  // namespace
+
+Result<secure::Bytes> Engine::Cipher(Session &s, const KeyArg &key, bool encrypt, bool final,
+                                     const secure::Bytes &data, size_t capacity, uint64_t *needed,
+                                     secure::Bytes *iv) {
+  Result<UsableKey> k = ResolveKey(s, key, encrypt ? "encrypt" : "decrypt");
+  if (!k.ok()) return k.status();
+  if (k->flags & QL_KEY_NO_CRYPT)
+    return Status::Error(Code::kBadKeyUsage, "the key was made without encryption");
+  std::optional<crypto::CipherState> transient;
+  crypto::CipherState *state = nullptr;
+  if (key.handle != 0) {
+    state = StateFor(s, key.handle, k->key);
+  } else {
+    if (!final) return Status::Error(Code::kPiecesRefused, "a named key takes whole messages");
+    transient.emplace(k->key);
+    state = &*transient;
+  }
+  size_t cap = capacity ? capacity : std::numeric_limits<size_t>::max();
+  crypto::ByteView in(data.data(), data.size());
+  crypto::Result<crypto::Bytes> out =
+      encrypt ? state->Encrypt(in, final, cap) : state->Decrypt(in, final, cap);
+  if (!out.ok()) {
+    if (out.code() == crypto::Code::kBufferTooSmall && needed) *needed = out.status().needed();
+    return CryptoFailure(out);
+  }
+  QL_RETURN_IF_ERROR(CryptoOk(encrypt ? "encrypt" : "decrypt"));
+  if (iv) iv->assign(state->iv().begin(), state->iv().end());
+  return std::move(out.value());
+}
+
+Status Engine::SetCipherParam(Session &s, uint64_t handle, uint32_t param, uint64_t number,
+                              const secure::Bytes &data) {
+  Result<UsableKey> k = ResolveKey(s, KeyArg{handle, ""}, "set-key-param");
+  if (!k.ok()) return k.status();
+  crypto::CipherState *st = StateFor(s, handle, k->key);
+  crypto::ByteView view(data.data(), data.size());
+  crypto::Status r;
+  switch (param) {
+    case QKP_IV:
+      r = st->SetIv(view);
+      break;
+    case QKP_AAD:
+      r = st->SetAad(view);
+      break;
+    case QKP_MODE:
+      r = st->SetMode(static_cast<uint32_t>(number));
+      break;
+    case QKP_PADDING:
+      r = st->SetPadding(static_cast<uint32_t>(number));
+      break;
+    case QKP_TAG_LEN:
+      r = st->SetTagLength(static_cast<size_t>(number));
+      break;
+    default:
+      return Status::Error(Code::kNotSupported, "key parameter not built yet");
+  }
+  return FromCrypto(r);
+}
+
+Result<uint64_t> Engine::GetCipherParam(Session &s, uint64_t handle, uint32_t param,
+                                        secure::Bytes *data) {
+  Result<UsableKey> k = ResolveKey(s, KeyArg{handle, ""}, "get-key-param");
+  if (!k.ok()) return k.status();
+  crypto::CipherState *st = StateFor(s, handle, k->key);
+  switch (param) {
+    case QKP_IV:
+      data->assign(st->iv().begin(), st->iv().end());
+      return uint64_t{0};
+    case QKP_MODE:
+      return uint64_t{st->mode()};
+    case QKP_PADDING:
+      return uint64_t{st->padding()};
+    case QKP_TAG_LEN:
+      return uint64_t{st->tag_length()};
+    default:
+      return Status::Error(Code::kNotSupported, "key parameter not built yet");
+  }
 }
 
 Result<uint64_t> Engine::CreateHash(Session &s, uint32_t algorithm, const KeyArg &key) {

@@ -452,16 +452,34 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       const pb::SetKeyParam &p = req.set_key_param();
       Status st = e.CheckSession(s);
       if (!st.ok()) return SetStatus(st, r);
-      Result<std::string> name = KeyName(p.key(), s);
-      if (Failed(name, r)) return;
-      if (p.param() != QKP_BLOCKED)
-        return SetStatus(Status::Error(Code::kNotSupported, "key parameter not built yet"), r);
-      if (!p.value().has_number())
-        return SetStatus(Status::Error(Code::kBadArgument, "the block state is a number"), r);
-      return SetStatus(e.SetObjectBlocked(s, *name, p.value().number() != 0), r);
+      if (p.param() == QKP_BLOCKED) {
+        Result<std::string> name = KeyName(p.key(), s);
+        if (Failed(name, r)) return;
+        if (!p.value().has_number())
+          return SetStatus(Status::Error(Code::kBadArgument, "the block state is a number"), r);
+        return SetStatus(e.SetObjectBlocked(s, *name, p.value().number() != 0), r);
+      }
+      if (!p.key().has_handle())
+        return SetStatus(Status::Error(Code::kBadArgument, "cipher parameters need a handle"), r);
+      return SetStatus(e.SetCipherParam(s, p.key().handle(), p.param(), p.value().number(),
+                                        ToBytes(p.value().data())),
+                       r);
     }
     case pb::Request::kGetKeyParam: {
       const pb::GetKeyParam &p = req.get_key_param();
+      if (p.param() == QKP_IV || p.param() == QKP_MODE || p.param() == QKP_PADDING ||
+          p.param() == QKP_TAG_LEN) {
+        if (!p.key().has_handle())
+          return SetStatus(Status::Error(Code::kBadArgument, "cipher parameters need a handle"), r);
+        secure::Bytes data;
+        Result<uint64_t> v = e.GetCipherParam(s, p.key().handle(), p.param(), &data);
+        if (Failed(v, r)) return;
+        if (p.param() == QKP_IV)
+          r->mutable_param()->set_data(ToString(data));
+        else
+          r->mutable_param()->set_number(*v);
+        return SetStatus(Status::Ok(), r);
+      }
       Result<Engine::KeyFacts> f = e.DescribeKey(s, ToKeyArg(p.key()));
       if (Failed(f, r)) return;
       switch (p.param()) {
@@ -489,6 +507,25 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
         default:
           return SetStatus(Status::Error(Code::kNotSupported, "key parameter not built yet"), r);
       }
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kEncrypt:
+    case pb::Request::kDecrypt: {
+      bool enc = req.body_case() == pb::Request::kEncrypt;
+      const pb::KeyRef &key = enc ? req.encrypt().key() : req.decrypt().key();
+      bool final = enc ? req.encrypt().final() : req.decrypt().final();
+      const std::string &data = enc ? req.encrypt().data() : req.decrypt().data();
+      uint32_t cap = enc ? req.encrypt().out_capacity() : req.decrypt().out_capacity();
+      uint64_t needed = 0;
+      secure::Bytes iv;
+      Result<secure::Bytes> out =
+          e.Cipher(s, ToKeyArg(key), enc, final, ToBytes(data), cap, &needed, &iv);
+      if (!out.ok()) {
+        if (out.status().code() == Code::kBufferTooSmall) r->set_needed_length(needed);
+        return SetStatus(out.status(), r);
+      }
+      r->mutable_cipher()->set_data(ToString(*out));
+      r->mutable_cipher()->set_iv(ToString(iv));
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kCreateHash: {

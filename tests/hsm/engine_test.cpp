@@ -346,6 +346,39 @@ TEST(Engine, HmacUnderASessionKeyMatchesTheKnownAnswer) {
   EXPECT_EQ(f.engine->GetHashValue(*f.master, *h).status().code(), Code::kBadArgument);
 }
 
+TEST(Engine, CipherStateStaysWithTheHandleAcrossPieces) {
+  EngineFixture f;
+  auto k = f.engine->GenerateKey(*f.master, "aeskey", QL_ALG_AES256, 0, true);
+  ASSERT_TRUE(k.ok());
+  secure::Bytes msg(40, 'm');  // two pieces, not block aligned
+  secure::Bytes first(msg.begin(), msg.begin() + 20), second(msg.begin() + 20, msg.end());
+  KeyArg h{k->handle, ""};
+  auto c1 = f.engine->Cipher(*f.master, h, true, false, first, 0, nullptr, nullptr);
+  auto c2 = f.engine->Cipher(*f.master, h, true, true, second, 0, nullptr, nullptr);
+  ASSERT_TRUE(c1.ok() && c2.ok()) << c2.status().ToString();
+  secure::Bytes ct = *c1;
+  ct.insert(ct.end(), c2->begin(), c2->end());
+  EXPECT_EQ(ct.size(), 48u);  // CBC with PKCS#5 padding by default
+  // A named key decrypts the whole message in one piece, with the same (default) parameters.
+  auto pt = f.engine->Cipher(*f.master, {0, "aeskey"}, false, true, ct, 0, nullptr, nullptr);
+  ASSERT_TRUE(pt.ok()) << pt.status().ToString();
+  EXPECT_EQ(*pt, msg);
+  uint64_t needed = 0;
+  auto small = f.engine->Cipher(*f.master, h, true, true, msg, 8, &needed, nullptr);
+  EXPECT_EQ(small.status().code(), Code::kBufferTooSmall);
+  EXPECT_EQ(needed, 48u);
+  EXPECT_EQ(f.engine->SetCipherParam(*f.master, k->handle, QKP_MODE, QL_MODE_ECB, {}).code(),
+            Code::kOk);
+  secure::Bytes unused;
+  EXPECT_EQ(f.engine->GetCipherParam(*f.master, k->handle, QKP_MODE, &unused).value(),
+            uint64_t{QL_MODE_ECB});
+  auto nocrypt = f.engine->GenerateKey(*f.master, "", QL_ALG_AES128, QL_KEY_NO_CRYPT, true);
+  EXPECT_EQ(f.engine->Cipher(*f.master, {nocrypt->handle, ""}, true, true, msg, 0, nullptr, nullptr)
+                .status()
+                .code(),
+            Code::kBadKeyUsage);
+}
+
 TEST(Engine, StatInfoReportsMiB) {
   EngineFixture f;
   auto info = f.engine->GetStatInfo(*f.master);

@@ -32,6 +32,7 @@ void Session::Reset() {
   temps_.clear();
   opened_.clear();
   hashes_.clear();
+  ciphers_.clear();
   if (counted_) registry_.Release();
   counted_ = false;
   auth_ = AuthKind::kNone;
@@ -61,7 +62,17 @@ const std::string *Session::FindOpened(uint64_t handle) const {
 }
 
 bool Session::RemoveOpened(uint64_t handle) {
+  ciphers_.erase(handle);
   return opened_.erase(handle) != 0;
+}
+
+crypto::CipherState *Session::FindCipher(uint64_t handle) {
+  auto it = ciphers_.find(handle);
+  return it == ciphers_.end() ? nullptr : &it->second;
+}
+
+crypto::CipherState &Session::AddCipher(uint64_t handle, crypto::KeyPtr key) {
+  return ciphers_.emplace(handle, crypto::CipherState(std::move(key))).first->second;
 }
 
 uint64_t Session::AddHash(crypto::HashState state) {
@@ -82,6 +93,7 @@ bool Session::RemoveHash(uint64_t handle) {
 bool Session::RemoveTemp(uint64_t handle) {
   auto it = temps_.find(handle);
   if (it == temps_.end()) return false;
+  ciphers_.erase(handle);
   temps_.erase(it);
   return true;
 }

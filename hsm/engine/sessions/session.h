@@ -11,6 +11,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "crypto/cipher.h"
 #include "crypto/hash.h"
 #include "crypto/key.h"
 #include "engine/secure/secure.h"
@@ -56,6 +57,10 @@ class Session {
   const std::string *FindOpened(uint64_t handle) const;
   bool RemoveOpened(uint64_t handle);
 
+  // The cipher state (mode, padding, IV, message in progress) of a key handle, made on first use.
+  crypto::CipherState *FindCipher(uint64_t handle);
+  crypto::CipherState &AddCipher(uint64_t handle, crypto::KeyPtr key);
+
   // Running hashes (HMAC, CMAC, digests) of this session, by handle.
   uint64_t AddHash(crypto::HashState state);
   crypto::HashState *FindHash(uint64_t handle);
@@ -71,6 +76,7 @@ class Session {
   std::unordered_map<uint64_t, TempObject> temps_;
   std::unordered_map<uint64_t, std::string> opened_;
   std::unordered_map<uint64_t, crypto::HashState> hashes_;
+  std::unordered_map<uint64_t, crypto::CipherState> ciphers_;
 };
 
 class SessionRegistry {
