@@ -1,8 +1,11 @@
 // Cryptographic jobs against a real HSM: gen-rand, hash, sign-hash and verify-hash input forms,
 // encrypt and decrypt.
 
+#include <openssl/core_names.h>
 #include <openssl/evp.h>
+#include <openssl/params.h>
 
+#include <memory>
 #include <string>
 
 #include "jobs_test_util.h"
@@ -36,13 +39,35 @@ TEST_F(CryptoJobs, HashKnownAnswers) {
             "A9993E364706816ABA3E25717850C26C9CD0D89D");
 }
 
-TEST_F(CryptoJobs, HmacWithAnHsmKey) {
-  // The key's secret comes back through an export, so the HMAC can be checked here.
+TEST_F(CryptoJobs, CmacWithAnHsmKeyMatchesOpenSsl) {
+  // The key's secret comes back through an export, so the MAC can be checked here.
   MustRun("gen-key", {"-k", "aes256", "-kn", "mac", "-exp", "1"});
-  RunResult r = Job("hash", {"-h", "cmac_aes", "-kn", "mac", "-inform", "hex", "-in", "00"});
+  RunResult r = Job("hash", {"-h", "cmac_aes", "-kn", "mac", "-inform", "hex", "-in", "616263"});
   SKIP_IF_NOT_SERVED(r, "QCreateHash");
-  EXPECT_EQ(r.exitCode, 0) << r.out;
-  EXPECT_EQ(FirstLine(r.out).size(), 32u) << r.out;
+  ASSERT_EQ(r.exitCode, 0) << r.out;
+  MustRun("export-key", {"-kn", "mac", "-bt", "plaintextkey_blob", "--out", Path("k.bin")});
+  const std::string key = ReadText(Path("k.bin"));
+  ASSERT_EQ(key.size(), 32u);
+  std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> mac(EVP_MAC_fetch(nullptr, "CMAC", nullptr),
+                                                        &EVP_MAC_free);
+  std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> ctx(EVP_MAC_CTX_new(mac.get()),
+                                                                &EVP_MAC_CTX_free);
+  OSSL_PARAM params[] = {
+      OSSL_PARAM_construct_utf8_string("cipher", const_cast<char *>("AES-256-CBC"), 0),
+      OSSL_PARAM_construct_end()};
+  unsigned char out[16];
+  size_t len = 0;
+  ASSERT_EQ(
+      EVP_MAC_init(ctx.get(), reinterpret_cast<const unsigned char *>(key.data()), 32, params), 1);
+  ASSERT_EQ(EVP_MAC_update(ctx.get(), reinterpret_cast<const unsigned char *>("abc"), 3), 1);
+  ASSERT_EQ(EVP_MAC_final(ctx.get(), out, &len, sizeof out), 1);
+  std::string hex;
+  for (size_t i = 0; i < len; ++i) {
+    char two[3];
+    snprintf(two, sizeof two, "%02X", out[i]);
+    hex += two;
+  }
+  EXPECT_EQ(FirstLine(r.out), hex);
 }
 
 TEST_F(CryptoJobs, SignHashInputForms) {

@@ -1,6 +1,7 @@
 // Missing or wrong options: every job prints its help page in the fixed layout and answers -1,
 // and nothing reaches an HSM (the "HSM" here is a listener that only counts connections).
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,11 @@ const std::vector<BadOptions> kBadOptions = {
     {"set-date-time", {"-dt", "yesterday"}},  //
     {"set-date-time", {"-dt", "2026-13-01 00:00:00"}},
 };
+
+void PrintTo(const BadOptions &row, std::ostream *os) {
+  *os << row.job;
+  for (const auto &o : row.options) *os << " " << o;
+}
 
 class JobHelpTest : public ::testing::TestWithParam<BadOptions> {};
 
