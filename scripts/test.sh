@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Runs the whole test suite: release build with every test, the same suite under
-# AddressSanitizer+UBSan, the thread tests under ThreadSanitizer, and each fuzz target
-# for a bounded time.
+# Runs the whole test suite: every test built with AddressSanitizer+UBSan (optimised, so
+# the compiler's warnings at -O2 are checked too), the threaded tests under ThreadSanitizer,
+# and each fuzz target for a bounded time. PRESETS="release asan" adds a plain release run.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
@@ -20,8 +20,10 @@ run_preset() {
   ctest --preset "${preset}" -j "${JOBS}" --timeout 300 "$@"
 }
 
-run_preset release
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_preset asan
+export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+for preset in ${PRESETS:-asan}; do
+  run_preset "${preset}"
+done
 # ThreadSanitizer: the binaries labelled tsan (threads, runners, shared keys), each run whole.
 echo "=== tsan: build"
 cmake --preset tsan >/dev/null
