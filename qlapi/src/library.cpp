@@ -95,6 +95,9 @@ extern "C" int QVersion(HSESSIONCTX hSession, uint32_t dwWhich, char *szVersion,
       auto core = qlapi::CoreOf(hSession);
       if (!core) return QL_ERR_BAD_HANDLE;
       text = core->server_version();
+      for (char &c : text) {
+        if (c == '%') c = ' ';  // version texts reach format strings
+      }
     } else {
       return QL_ERR_BAD_ARGUMENT;
     }
