@@ -181,6 +181,17 @@ class Engine {
   Result<uint64_t> GetCipherParam(sessions::Session &s, uint64_t handle, uint32_t param,
                                   secure::Bytes *data);
 
+  // `count` blocks of the key's length, each already padded, signed with the raw RSA private
+  // operation; the signatures in the same order.
+  Result<secure::Bytes> BatchSign(sessions::Session &s, const KeyArg &key, uint32_t count,
+                                  const secure::Bytes &blocks);
+  // A private key as PKCS#8 EncryptedPrivateKeyInfo under a password (needs the exportable
+  // flag), and the import of one as a stored key (right ACL_OBJ_CREATE).
+  Result<secure::Bytes> Pkcs8Export(sessions::Session &s, std::string_view name,
+                                    std::string_view password);
+  Result<KeyDesc> Pkcs8Import(sessions::Session &s, std::string_view name,
+                              std::string_view password, const secure::Bytes &der, uint32_t flags);
+
   // Hashes: a digest, or an HMAC/CMAC under a key (right to use it, when stored).
   Result<uint64_t> CreateHash(sessions::Session &s, uint32_t algorithm, const KeyArg &key);
   Status HashData(sessions::Session &s, uint64_t hash, const secure::Bytes &data);

@@ -359,6 +359,54 @@ Result<uint64_t> Engine::GetCipherParam(Session &s, uint64_t handle, uint32_t pa
   }
 }
 
+Result<secure::Bytes> Engine::BatchSign(Session &s, const KeyArg &key, uint32_t count,
+                                        const secure::Bytes &blocks) {
+  Result<UsableKey> k = ResolveKey(s, key, "batch-sign");
+  if (!k.ok()) return k.status();
+  size_t len = k->key->length_bytes();
+  if (count == 0 || len == 0 || blocks.size() != static_cast<size_t>(count) * len)
+    return Status::Error(Code::kBadLength, "blocks must be count times the key's length");
+  secure::Bytes out;
+  out.reserve(blocks.size());
+  for (uint32_t i = 0; i < count; ++i) {
+    crypto::Result<crypto::Bytes> sig =
+        crypto::RsaRawSign(*k->key, crypto::ByteView(blocks.data() + i * len, len));
+    if (!sig.ok()) return CryptoFailure(sig);
+    out.insert(out.end(), sig->begin(), sig->end());
+  }
+  QL_RETURN_IF_ERROR(CryptoOk("batch-sign"));
+  return out;
+}
+
+Result<secure::Bytes> Engine::Pkcs8Export(Session &s, std::string_view name,
+                                          std::string_view password) {
+  Result<UsableKey> k = ResolveKey(s, KeyArg{0, std::string(name)}, "pkcs8-export");
+  if (!k.ok()) return k.status();
+  if (!(k->flags & QL_KEY_EXPORTABLE))
+    return Status::Error(Code::kNotExportable, "the key was made without the exportable flag");
+  crypto::Result<crypto::Bytes> der = crypto::ExportPkcs8Encrypted(*k->key, password);
+  if (!der.ok()) return CryptoFailure(der);
+  QL_RETURN_IF_ERROR(CryptoOk("pkcs8-export"));
+  return std::move(der.value());
+}
+
+Result<KeyDesc> Engine::Pkcs8Import(Session &s, std::string_view name, std::string_view password,
+                                    const secure::Bytes &der, uint32_t flags) {
+  Result<users::UserInfo> me = Caller(s);
+  if (!me.ok()) return me.status();
+  Result<objects::ObjectRef> ref = Ref(s, name);
+  if (!ref.ok()) return ref.status();
+  if (!access::Allowed(Request::kCreateObject, me->mask))
+    return Done<KeyDesc>(s, "pkcs8-import", name,
+                         Status::Error(Code::kAccessDenied, "access denied"), false);
+  crypto::Result<crypto::KeyPtr> key =
+      crypto::ImportPkcs8Encrypted(crypto::ByteView(der.data(), der.size()), password, 0);
+  if (!key.ok()) return CryptoFailure(key);
+  QL_RETURN_IF_ERROR(CryptoOk("pkcs8-import"));
+  return StoreOrHold(s, name, *key, flags & ~static_cast<uint32_t>(QL_KEY_TEMPORARY), false,
+                     "pkcs8-import");
+}
+
 Result<uint64_t> Engine::CreateHash(Session &s, uint32_t algorithm, const KeyArg &key) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();

@@ -528,6 +528,27 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       r->mutable_cipher()->set_iv(ToString(iv));
       return SetStatus(Status::Ok(), r);
     }
+    case pb::Request::kBatchSign: {
+      const pb::BatchSign &b = req.batch_sign();
+      Result<secure::Bytes> out = e.BatchSign(s, ToKeyArg(b.key()), b.count(), ToBytes(b.blocks()));
+      if (Failed(out, r)) return;
+      r->mutable_blob()->set_data(ToString(*out));
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kPkcs8Export: {
+      Result<secure::Bytes> der =
+          e.Pkcs8Export(s, req.pkcs8_export().name(), req.pkcs8_export().password());
+      if (Failed(der, r)) return;
+      r->mutable_blob()->set_data(ToString(*der));
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kPkcs8Import: {
+      const pb::Pkcs8Import &i = req.pkcs8_import();
+      Result<KeyDesc> k = e.Pkcs8Import(s, i.name(), i.password(), ToBytes(i.data()), i.flags());
+      if (Failed(k, r)) return;
+      r->mutable_empty();
+      return SetStatus(Status::Ok(), r);
+    }
     case pb::Request::kCreateHash: {
       const pb::CreateHash &c = req.create_hash();
       Result<uint64_t> h = e.CreateHash(s, c.algorithm(), ToKeyArg(c.key()));

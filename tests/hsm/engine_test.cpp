@@ -379,6 +379,32 @@ TEST(Engine, CipherStateStaysWithTheHandleAcrossPieces) {
             Code::kBadKeyUsage);
 }
 
+TEST(Engine, Pkcs8RoundTripAndBatchSigning) {
+  EngineFixture f;
+  ASSERT_TRUE(
+      f.engine->GenerateKey(*f.master, "rsa", QL_ALG_RSA1024, QL_KEY_EXPORTABLE, false).ok());
+  auto der = f.engine->Pkcs8Export(*f.master, "rsa", "pkcs8pass");
+  ASSERT_TRUE(der.ok()) << der.status().ToString();
+  EXPECT_FALSE(f.engine->Pkcs8Import(*f.master, "copy", "wrongpass", *der, 0).ok());
+  ASSERT_TRUE(f.engine->Pkcs8Import(*f.master, "copy", "pkcs8pass", *der, 0).ok());
+  // The copy is the same key: a signature of one verifies with the other.
+  secure::Bytes digest(32, 7);
+  auto sig = f.engine->SignHash(*f.master, {0, "rsa"}, QL_ALG_SHA256, digest, 0);
+  ASSERT_TRUE(sig.ok());
+  EXPECT_TRUE(f.engine->VerifySignature(*f.master, {0, "copy"}, QL_ALG_SHA256, digest, *sig).ok());
+  EXPECT_EQ(f.engine->Pkcs8Export(*f.master, "copy", "x").status().code(), Code::kNotExportable);
+
+  // Two raw blocks below the modulus (leading zero byte), signed in order.
+  secure::Bytes blocks(256, 0x11);
+  blocks[0] = 0;
+  blocks[128] = 0;
+  auto out = f.engine->BatchSign(*f.master, {0, "rsa"}, 2, blocks);
+  ASSERT_TRUE(out.ok()) << out.status().ToString();
+  EXPECT_EQ(out->size(), 256u);
+  EXPECT_EQ(f.engine->BatchSign(*f.master, {0, "rsa"}, 3, blocks).status().code(),
+            Code::kBadLength);
+}
+
 TEST(Engine, StatInfoReportsMiB) {
   EngineFixture f;
   auto info = f.engine->GetStatInfo(*f.master);
