@@ -196,6 +196,30 @@ inline bool ShouldStopPerfTestLoop(unsigned long *counter, int max) {
 // ---------------------------------------------------------------------------------------------
 // Runners
 
+// clang-format off
+// A performance thread body, as every -p test writes it (the loop stays free of locks,
+// allocations and system calls: the guard is a counter, the poll one atomic load):
+//
+//   unsigned PerfXxxThread(void *pv) {
+//     auto *info = static_cast<PERF_XXX_INFO *>(pv);
+//     unsigned long counter = 0;
+//     int rc = 0;
+//     while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
+//       rc = QXxx(...);
+//       if (rc != 0) {
+//         ScreenOutput("[PerfXxxThread] Fail in QXxx rc = %d. Iteration = %lu\r\n", rc, counter);
+//         break;
+//       }
+//       if (IsErrorEventSignaled(info->ti.phErrorEvent)) break;
+//     }
+//     if (rc != 0) {
+//       info->ti.Error = rc;
+//       SignalErrorEvent(info->ti.phErrorEvent);
+//     }
+//     return 1;
+//   }
+// clang-format on
+//
 // Callbacks of a performance test: 0 means success.
 typedef int (*pfn_InitFinCallback)(void *pTestInfo);
 typedef int (*pfn_InitializeThread)(void *pThreadInfo);
