@@ -8,6 +8,7 @@
 //                                                       logs to stderr, stops on SIGINT/SIGTERM
 //   qlhsmd restore --data-dir DIR --backup FILE --pin PIN
 //                                                       a backup into a fresh data directory
+#include <google/protobuf/stubs/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,6 +59,9 @@ std::string HostName() {
 int main(int argc, char **argv) {
   // Everything the daemon writes (store, WAL, keys, backups) is for its own user only.
   ::umask(077);
+  // A client's malformed message is answered with a protocol error; protobuf's own line about it
+  // would let any peer fill the log.
+  google::protobuf::SetLogHandler(nullptr);
   CLI::App app{"qlhsmd: a software HSM"};
   app.require_subcommand(1);
 
