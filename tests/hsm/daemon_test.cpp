@@ -423,8 +423,12 @@ TEST(DaemonLifecycle, AcknowledgedUsersSurviveKill9) {
   std::mutex mu;
   std::set<std::string> acknowledged;
   std::atomic<bool> stop{false};
-  std::atomic<int> count{0};
+  std::atomic<int> count{0}, writers_done{0};
   auto writer = [&](int t) {
+    struct Done {
+      std::atomic<int> &n;
+      ~Done() { ++n; }
+    } done{writers_done};
     auto c = LoggedIn(hsm);
     for (int i = 0; !stop; ++i) {
       std::string name = "k" + std::to_string(t) + "_" + std::to_string(i);
@@ -438,7 +442,8 @@ TEST(DaemonLifecycle, AcknowledgedUsersSurviveKill9) {
     }
   };
   std::thread t1(writer, 1), t2(writer, 2);
-  while (count < 60) std::this_thread::yield();
+  // Writers that stop early (a failed login) end the wait too, and the count check below fails.
+  while (count < 60 && writers_done < 2) std::this_thread::yield();
   hsm.Kill();  // requests are in flight on both connections
   stop = true;
   t1.join();
