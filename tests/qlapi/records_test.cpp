@@ -49,7 +49,8 @@ TEST(Records, MaskIsReadLittleEndianAtOffset34) {
   raw[35] = 0x01;
   QL_USER_INFO info;
   std::memcpy(&info, raw, sizeof info);
-  EXPECT_EQ(info.dwAcl, 0x180u);
+  const uint32_t acl = info.dwAcl;  // by value: the member sits at an unaligned offset
+  EXPECT_EQ(acl, 0x180u);
 }
 
 AUTH_PWD_EX PwdRecord(const char *addr, int port, const char *user, const char *pwd) {

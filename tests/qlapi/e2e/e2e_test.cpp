@@ -395,7 +395,8 @@ TEST(E2eUsers, LifeCycle) {
   QL_USER_INFO get = UserRecord(name, "", 0);
   uint32_t len = sizeof get;
   ASSERT_EQ(QGetUserParam(m.get(), QL_UP_ACL, &get, &len), QL_OK);
-  EXPECT_EQ(get.dwAcl, uint32_t{ACL_OBJ_CREATE});
+  const uint32_t got_acl = get.dwAcl;  // by value: the member sits at an unaligned offset
+  EXPECT_EQ(got_acl, uint32_t{ACL_OBJ_CREATE});
   EXPECT_STREQ(get.szUserId, name.c_str());
 
   HSESSIONCTX self = nullptr;
