@@ -166,6 +166,9 @@ class Engine {
                                   uint32_t blob_type);
   Result<secure::Bytes> SignHash(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
                                  const secure::Bytes &digest, uint32_t flags);
+  // The longest signature the key can make: the answer to a size query, since ECDSA signatures
+  // vary in length from one signature to the next.
+  Result<size_t> MaxSignatureSize(sessions::Session &s, const KeyArg &key);
   Status VerifySignature(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
                          const secure::Bytes &digest, const secure::Bytes &signature);
   // Encrypts or decrypts one piece of a message. With a handle the cipher state (mode, padding,

@@ -260,6 +260,14 @@ Result<secure::Bytes> Engine::SignHash(Session &s, const KeyArg &key, uint32_t h
   return std::move(sig.value());
 }
 
+Result<size_t> Engine::MaxSignatureSize(Session &s, const KeyArg &key) {
+  Result<UsableKey> k = ResolveKey(s, key, "sign");
+  if (!k.ok()) return k.status();
+  crypto::Result<size_t> size = crypto::SignatureSize(*k->key);
+  if (!size.ok()) return CryptoFailure(size);
+  return *size;
+}
+
 Status Engine::VerifySignature(Session &s, const KeyArg &key, uint32_t hash_algorithm,
                                const secure::Bytes &digest, const secure::Bytes &signature) {
   Result<UsableKey> k = ResolveKey(s, key, "verify");

@@ -364,7 +364,10 @@ Status CipherState::Begin(bool encrypt) {
       return ossl::Fail("GCM AAD");
     }
   }
-  EVP_CIPHER_CTX_set_padding(ctx_.get(), IsBlockMode() && padding_ == padding::kPkcs5 ? 1 : 0);
+  // Decryption strips PKCS#5 padding itself (RunBlock): OpenSSL's own would hold the last block
+  // of every piece back, so a piece decrypted in place could come out longer than it went in.
+  EVP_CIPHER_CTX_set_padding(ctx_.get(),
+                             encrypt && IsBlockMode() && padding_ == padding::kPkcs5 ? 1 : 0);
   in_progress_ = true;
   encrypting_ = encrypt;
   buffered_ = 0;
@@ -501,6 +504,18 @@ Result<Bytes> CipherState::RunBlock(bool encrypt, ByteView in, bool final) {
       return Status(Code::kBadPadding, "bad padding");
     }
     n += static_cast<size_t>(tail);
+    if (block_mode && !encrypt && padding_ == padding::kPkcs5) {
+      // The padding sits in the last block of the final piece, which must therefore hold one.
+      size_t pad = n >= bs ? out[n - 1] : 0;
+      bool good = pad >= 1 && pad <= bs;
+      for (size_t i = 0; good && i < pad; ++i) good = out[n - 1 - i] == pad;
+      if (!good) {
+        WipeMemory(out.data(), out.size());
+        return Status(Code::kBadPadding,
+                      n >= bs ? "bad padding" : "the final piece must hold the last block");
+      }
+      n -= pad;
+    }
   }
   out.resize(n);
   return out;

@@ -7,6 +7,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <string>
 
 #include "test_util.h"
@@ -256,6 +257,41 @@ TEST(BufferSize, TooSmallAnswersNeededAndKeepsState) {
   auto r = rsa_state.Encrypt(Bytes(10, 1), true, 64);
   ASSERT_EQ(r.code(), Code::kBufferTooSmall);
   EXPECT_EQ(r.status().needed(), 128u);
+}
+
+// Decrypting in place, piece by piece, with each piece's own length as the buffer: no block is
+// held back and the padding only shrinks the final piece, so no piece is refused.
+TEST(BufferSize, PaddedDecryptionInPlaceFitsEachPiece) {
+  KeyPtr key = MustGenerate(alg::kAes256);
+  CipherState state(key);  // CBC, PKCS#5
+  Bytes msg(4096, 7);
+  auto c = state.Encrypt(msg, true);
+  ASSERT_TRUE(c.ok());
+  ASSERT_EQ(c->size(), 4112u);
+  Bytes plain;
+  for (size_t at = 0; at < c->size(); at += 2048) {
+    size_t len = std::min<size_t>(2048, c->size() - at);
+    bool final = at + len == c->size();
+    auto d = state.Decrypt(ByteView(c->data() + at, len), final, len);
+    ASSERT_TRUE(d.ok()) << "piece at " << at;
+    plain.insert(plain.end(), d->begin(), d->end());
+  }
+  EXPECT_EQ(plain, msg);
+
+  // Whole blocks come out as they go in; the final piece loses its padding. A final piece
+  // without a whole block has no padding to strip, and is refused by name.
+  Bytes three(40, 3);
+  auto c3 = state.Encrypt(three, true);
+  ASSERT_TRUE(c3.ok());
+  ASSERT_EQ(c3->size(), 48u);
+  auto first = state.Decrypt(ByteView(c3->data(), 32), false, 32);
+  ASSERT_TRUE(first.ok());
+  EXPECT_EQ(first->size(), 32u);
+  auto last = state.Decrypt(ByteView(c3->data() + 32, 16), true, 16);
+  ASSERT_TRUE(last.ok());
+  EXPECT_EQ(last->size(), 8u);
+  ASSERT_TRUE(state.Decrypt(*c3, false).ok());
+  EXPECT_EQ(state.Decrypt(Bytes(), true).code(), Code::kBadPadding);
 }
 
 TEST(Padding, ZeroPaddingKeepsPaddedLengthAndBadPaddingIsNamed) {
