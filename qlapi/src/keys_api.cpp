@@ -182,12 +182,23 @@ extern "C" int QSetKeyParam(HKEYCTX hKey, uint32_t dwParam, const void *pvData, 
                             uint32_t dwFlags) {
   return Guard([&] {
     if (pvData == nullptr && dwDataLen > 0) return QL_ERR_BAD_ARGUMENT;
-    KeyHandle *key = nullptr;
-    uint64_t server = 0;
-    QL_RETURN_CODE_IF_ERROR(KeyFor(hKey, &key, &server));
+    KeyHandle *key = AsHandle<KeyHandle>(hKey, kKeyMagic);
+    if (key == nullptr) return QL_ERR_BAD_HANDLE;
     pb::Request request;
     auto *set = request.mutable_set_key_param();
-    SetKeyRef(set->mutable_key(), server);
+    bool by_name = false;
+    if (dwParam == QKP_BLOCKED) {
+      // Blocking acts on the stored object: a handle not opened yet names it, so the HSM checks
+      // the update right before it looks for the object, as for any other request.
+      std::lock_guard<std::mutex> lock(key->mu);
+      by_name = key->server == 0;
+      if (by_name) set->mutable_key()->set_name(key->name);
+    }
+    if (!by_name) {
+      uint64_t server = 0;
+      QL_RETURN_CODE_IF_ERROR(ResolveKey(*key, &server));
+      SetKeyRef(set->mutable_key(), server);
+    }
     set->set_param(dwParam);
     set->set_flags(dwFlags);
     if (IsNumberParam(dwParam)) {

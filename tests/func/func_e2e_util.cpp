@@ -245,6 +245,8 @@ std::vector<std::string> Lines(const std::string &text) {
     lines.push_back(text.substr(start, nl - start));
     start = nl + 1;
   }
+  // The runners' footer ends "\n\r": its carriage return is the end of that line, not a line.
+  if (!lines.empty() && lines.back() == "\r") lines.pop_back();
   return lines;
 }
 
