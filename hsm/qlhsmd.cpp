@@ -19,6 +19,7 @@
 #include "engine/backup/backup.h"
 #include "engine/data_dir.h"
 #include "engine/engine.h"
+#include "engine/test_fault.h"
 #include "server/server.h"
 #include "server/tls_identity.h"
 
@@ -82,6 +83,10 @@ int main(int argc, char **argv) {
   serve->add_option("--max-sessions", serve_opts.max_sessions, "most open sessions");
   serve->add_option("--max-connections", serve_opts.max_connections, "most connections");
   serve->add_option("--threads", serve_opts.threads, "worker threads");
+  std::string test_fault;
+  serve->add_option("--test-fault", test_fault,
+                    "TESTS ONLY: answer wrongly on purpose (sign-bitflip, decrypt-corrupt, "
+                    "grant-rights)");
 
   CLI::App *restore = app.add_subcommand("restore", "restore a backup into a new data directory");
   restore->add_option("--data-dir", data_dir, "a new, empty data directory")->required();
@@ -117,6 +122,16 @@ int main(int argc, char **argv) {
     if (!st.ok()) return Fail("TLS identity", st);
     std::cerr << "qlhsmd: restored into " << data_dir << "\n";
     return 0;
+  }
+
+  if (!test_fault.empty()) {
+    qlhsm::TestFault fault;
+    if (!qlhsm::ParseTestFault(test_fault, &fault)) {
+      std::cerr << "qlhsmd: --test-fault takes sign-bitflip, decrypt-corrupt or grant-rights\n";
+      return 2;
+    }
+    qlhsm::SetTestFault(fault);
+    std::cerr << "qlhsmd: TEST FAULT " << test_fault << ": this HSM answers wrongly on purpose\n";
   }
 
   serve_opts.data_dir = data_dir;

@@ -9,6 +9,7 @@
 #include "crypto/hash.h"
 #include "crypto/sign.h"
 #include "engine/engine.h"
+#include "engine/test_fault.h"
 
 namespace qlhsm {
 
@@ -257,6 +258,7 @@ Result<secure::Bytes> Engine::SignHash(Session &s, const KeyArg &key, uint32_t h
       crypto::Sign(*k->key, hash_algorithm, crypto::ByteView(digest.data(), digest.size()), flags);
   if (!sig.ok()) return CryptoFailure(sig);
   QL_RETURN_IF_ERROR(CryptoOk("sign"));
+  if (CurrentTestFault() == TestFault::kSignBitflip && !sig->empty()) sig->back() ^= 1;
   return std::move(sig.value());
 }
 
@@ -315,6 +317,8 @@ Result<secure::Bytes> Engine::Cipher(Session &s, const KeyArg &key, bool encrypt
   }
   QL_RETURN_IF_ERROR(CryptoOk(encrypt ? "encrypt" : "decrypt"));
   if (iv) iv->assign(state->iv().begin(), state->iv().end());
+  if (!encrypt && CurrentTestFault() == TestFault::kDecryptCorrupt && !out->empty())
+    out->front() ^= 1;
   return std::move(out.value());
 }
 
