@@ -479,6 +479,7 @@ TEST(Engine, BackupRestoresIntoAFreshDataDir) {
 
 TEST(Engine, MasterKeyFileMustBePrivate) {
   EngineFixture f;
+  f.master.reset();  // a session ends before its engine
   f.engine.reset();
   std::filesystem::permissions(DataPath(f.dir.path(), kMasterKeyFile),
                                std::filesystem::perms::group_read,
