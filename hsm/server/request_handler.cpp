@@ -434,12 +434,12 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       Result<secure::Bytes> sig =
           e.SignHash(s, ToKeyArg(h.key()), h.hash_algorithm(), ToBytes(h.digest()), h.flags());
       if (Failed(sig, r)) return;
-      if (h.out_capacity() == 0 || sig->size() > h.out_capacity()) {
-        // A size query, or a buffer too short: answer with the key's longest signature, so the
-        // next call's buffer holds whatever length the next signature has.
-        Result<size_t> most = e.MaxSignatureSize(s, ToKeyArg(h.key()));
-        if (Failed(most, r)) return;
-        r->set_needed_length(std::max(*most, sig->size()));
+      // The key's longest signature goes with every answer: ECDSA signatures vary in length,
+      // so a size query must learn the longest, not the length this one happened to have.
+      Result<size_t> most = e.MaxSignatureSize(s, ToKeyArg(h.key()));
+      if (Failed(most, r)) return;
+      r->set_needed_length(std::max(*most, sig->size()));
+      if (h.out_capacity() != 0 && sig->size() > h.out_capacity()) {
         return SetStatus(Status::Error(Code::kBufferTooSmall, "signature longer than the buffer"),
                          r);
       }

@@ -1,5 +1,6 @@
 // Signatures: sign a hash's value, sign a digest by key name, verify, batch sign, and the
 // PKCS#1 type-1 block built locally.
+#include <algorithm>
 #include <array>
 
 #include "key_handle.h"
@@ -49,6 +50,19 @@ constexpr DigestPrefix kPrefixes[] = {
 };
 
 // Answers a SignHash request into the caller's buffer (size query included).
+// Copies a signature out. A size query (no buffer) or a short buffer learns the key's longest
+// signature, which the HSM sends along, so the next call holds whatever length it gets.
+int SignatureOut(const pb::Response &response, unsigned char *pbSignature,
+                 uint32_t *pdwSignatureLen) {
+  const std::string &sig = response.signature().signature();
+  if (pbSignature == nullptr || *pdwSignatureLen < sig.size()) {
+    *pdwSignatureLen =
+        static_cast<uint32_t>(std::max<uint64_t>(sig.size(), response.needed_length()));
+    return QL_ERR_BUFFER_TOO_SMALL;
+  }
+  return CopyOut(sig, pbSignature, pdwSignatureLen).code();
+}
+
 int SignInto(KeyHandle &key, pb::Request &request, unsigned char *pbSignature,
              uint32_t *pdwSignatureLen) {
   pb::Response response;
@@ -56,7 +70,7 @@ int SignInto(KeyHandle &key, pb::Request &request, unsigned char *pbSignature,
   if (st.code() == QL_ERR_BUFFER_TOO_SMALL) return TooSmall(response, pdwSignatureLen).code();
   QL_RETURN_CODE_IF_ERROR(st);
   if (!response.has_signature()) return QL_ERR_PROTOCOL;
-  return CopyOut(response.signature().signature(), pbSignature, pdwSignatureLen).code();
+  return SignatureOut(response, pbSignature, pdwSignatureLen);
 }
 
 }  // namespace
@@ -138,7 +152,7 @@ extern "C" int QSignHashedData(HSESSIONCTX hSession, const char *szKeyName, uint
     if (st.code() == QL_ERR_BUFFER_TOO_SMALL) return TooSmall(response, pdwSignatureLen).code();
     QL_RETURN_CODE_IF_ERROR(st);
     if (!response.has_signature()) return QL_ERR_PROTOCOL;
-    return CopyOut(response.signature().signature(), pbSignature, pdwSignatureLen).code();
+    return SignatureOut(response, pbSignature, pdwSignatureLen);
   });
 }
 
