@@ -164,11 +164,12 @@ class Engine {
   // Public-key blobs need no exportable flag; every other blob does (else 5016).
   Result<secure::Bytes> ExportKey(sessions::Session &s, const KeyArg &key, const KeyArg &kek,
                                   uint32_t blob_type);
-  Result<secure::Bytes> SignHash(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
-                                 const secure::Bytes &digest, uint32_t flags);
-  // The longest signature the key can make: the answer to a size query, since ECDSA signatures
+  // Signs `digest` with the key. `longest`, when given, receives the longest signature the key
+  // can make, found with the same key lookup: the answer to a size query, since ECDSA signatures
   // vary in length from one signature to the next.
-  Result<size_t> MaxSignatureSize(sessions::Session &s, const KeyArg &key);
+  Result<secure::Bytes> SignHash(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
+                                 const secure::Bytes &digest, uint32_t flags,
+                                 size_t *longest = nullptr);
   Status VerifySignature(sessions::Session &s, const KeyArg &key, uint32_t hash_algorithm,
                          const secure::Bytes &digest, const secure::Bytes &signature);
   // Encrypts or decrypts one piece of a message. With a handle the cipher state (mode, padding,

@@ -251,23 +251,22 @@ Result<secure::Bytes> Engine::ExportKey(Session &s, const KeyArg &key, const Key
 }
 
 Result<secure::Bytes> Engine::SignHash(Session &s, const KeyArg &key, uint32_t hash_algorithm,
-                                       const secure::Bytes &digest, uint32_t flags) {
+                                       const secure::Bytes &digest, uint32_t flags,
+                                       size_t *longest) {
   Result<UsableKey> k = ResolveKey(s, key, "sign");
   if (!k.ok()) return k.status();
   crypto::Result<crypto::Bytes> sig =
       crypto::Sign(*k->key, hash_algorithm, crypto::ByteView(digest.data(), digest.size()), flags);
   if (!sig.ok()) return CryptoFailure(sig);
   QL_RETURN_IF_ERROR(CryptoOk("sign"));
+  if (longest) {
+    // A key that just signed can always say how long its signatures get.
+    crypto::Result<size_t> size = crypto::SignatureSize(*k->key);
+    if (!size.ok()) return CryptoFailure(size);
+    *longest = *size;
+  }
   if (CurrentTestFault() == TestFault::kSignBitflip && !sig->empty()) sig->back() ^= 1;
   return std::move(sig.value());
-}
-
-Result<size_t> Engine::MaxSignatureSize(Session &s, const KeyArg &key) {
-  Result<UsableKey> k = ResolveKey(s, key, "sign");
-  if (!k.ok()) return k.status();
-  crypto::Result<size_t> size = crypto::SignatureSize(*k->key);
-  if (!size.ok()) return CryptoFailure(size);
-  return *size;
 }
 
 Status Engine::VerifySignature(Session &s, const KeyArg &key, uint32_t hash_algorithm,

@@ -431,19 +431,19 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kSignHash: {
       const pb::SignHash &h = req.sign_hash();
-      Result<secure::Bytes> sig =
-          e.SignHash(s, ToKeyArg(h.key()), h.hash_algorithm(), ToBytes(h.digest()), h.flags());
-      if (Failed(sig, r)) return;
       // The key's longest signature goes with every answer: ECDSA signatures vary in length,
-      // so a size query must learn the longest, not the length this one happened to have.
-      Result<size_t> most = e.MaxSignatureSize(s, ToKeyArg(h.key()));
-      if (Failed(most, r)) return;
-      r->set_needed_length(std::max(*most, sig->size()));
+      // so a size query must learn the longest, not the length this one happened to have. The
+      // engine finds it with the same key lookup as the signature.
+      size_t most = 0;
+      Result<secure::Bytes> sig = e.SignHash(s, ToKeyArg(h.key()), h.hash_algorithm(),
+                                             ToBytes(h.digest()), h.flags(), &most);
+      if (Failed(sig, r)) return;
+      r->set_needed_length(std::max(most, sig->size()));
       if (h.out_capacity() != 0 && sig->size() > h.out_capacity()) {
         return SetStatus(Status::Error(Code::kBufferTooSmall, "signature longer than the buffer"),
                          r);
       }
-      r->mutable_signature()->set_signature(ToString(*sig));
+      r->mutable_signature()->set_signature(sig->data(), sig->size());
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kVerifySignature: {

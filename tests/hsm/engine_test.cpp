@@ -329,6 +329,40 @@ TEST(Engine, StoredKeysSignExportAndFollowTheirBlockState) {
             Code::kObjectNotFound);
 }
 
+// One signing call also answers the key's longest signature (the size a caller must provide):
+// the modulus for RSA, the longest DER encoding for ECDSA; a refused signature reports nothing.
+TEST(Engine, SigningAnswersTheKeysLongestSignature) {
+  EngineFixture f;
+  const struct {
+    uint32_t algorithm;
+    size_t longest;
+  } cases[] = {{QL_ALG_RSA1024, 128}, {QL_ALG_RSA2048, 256}, {QL_ALG_ECC_SECP256R1, 72}};
+  secure::Bytes digest(32, 0x3c);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.algorithm);
+    auto k = f.engine->GenerateKey(*f.master, "", c.algorithm, 0, true);
+    ASSERT_TRUE(k.ok()) << k.status().ToString();
+    // ECDSA lengths vary: every one of several signatures fits the answer.
+    for (int i = 0; i < 8; ++i) {
+      size_t longest = 0;
+      auto sig = f.engine->SignHash(*f.master, {k->handle, ""}, QL_ALG_SHA256, digest, 0, &longest);
+      ASSERT_TRUE(sig.ok()) << sig.status().ToString();
+      EXPECT_EQ(longest, c.longest);
+      EXPECT_LE(sig->size(), longest);
+      EXPECT_TRUE(
+          f.engine->VerifySignature(*f.master, {k->handle, ""}, QL_ALG_SHA256, digest, *sig).ok());
+    }
+  }
+  auto aes = f.engine->GenerateKey(*f.master, "", QL_ALG_AES128, 0, true);
+  ASSERT_TRUE(aes.ok());
+  size_t longest = 99;
+  EXPECT_EQ(f.engine->SignHash(*f.master, {aes->handle, ""}, QL_ALG_SHA256, digest, 0, &longest)
+                .status()
+                .code(),
+            Code::kBadKeyUsage);
+  EXPECT_EQ(longest, 99u);
+}
+
 TEST(Engine, HmacUnderASessionKeyMatchesTheKnownAnswer) {
   EngineFixture f;
   // RFC 4231 test case 2: key "Jefe", data "what do ya want for nothing?".
