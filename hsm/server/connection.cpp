@@ -1,6 +1,6 @@
 #include "server/connection.h"
 
-#include <iostream>
+#include <cstring>
 
 #include "frame.h"
 #include "server/connection_manager.h"
@@ -11,23 +11,30 @@ namespace pb = qlhsm::v1;
 
 namespace {
 constexpr unsigned char kTlsHandshakeRecord = 0x16;
-}
+// The receive buffer a connection keeps between requests; a larger frame grows it for as long as
+// it is being read.
+constexpr std::size_t kReadBuffer = 16 * 1024;
+}  // namespace
 
 Connection::Connection(asio::ip::tcp::socket socket, asio::ssl::context &tls,
-                       ConnectionManager &manager, RequestHandler &handler, bool over_limit)
+                       ConnectionManager &manager, RequestHandler &handler, bool over_limit,
+                       std::atomic<int> *load)
     : stream_(std::move(socket), tls),
       manager_(manager),
       handler_(handler),
-      over_limit_(over_limit) {
-  asio::error_code ec;
-  auto ep = stream_.next_layer().remote_endpoint(ec);
-  if (!ec) peer_ = ep.address().to_string() + ":" + std::to_string(ep.port());
+      over_limit_(over_limit),
+      load_(load) {
+  if (load_) load_->fetch_add(1, std::memory_order_relaxed);
+}
+
+Connection::~Connection() {
+  if (load_) load_->fetch_sub(1, std::memory_order_relaxed);
 }
 
 void Connection::Start() {
   auto self = shared_from_this();
   stream_.next_layer().async_receive(
-      asio::buffer(header_.data(), 1), asio::socket_base::message_peek,
+      asio::buffer(first_), asio::socket_base::message_peek,
       [self](const asio::error_code &ec, size_t) { self->OnFirstByte(ec); });
 }
 
@@ -44,60 +51,71 @@ void Connection::CloseNow() {
 
 void Connection::OnFirstByte(const asio::error_code &ec) {
   if (ec) return Finish();
-  if (header_[0] != kTlsHandshakeRecord) {
+  in_.resize(kReadBuffer);
+  if (first_[0] != kTlsHandshakeRecord) {
     state_.tls = false;
-    return ReadHeader();
+    return Serve();
   }
   state_.tls = true;
   auto self = shared_from_this();
   stream_.async_handshake(asio::ssl::stream_base::server, [self](const asio::error_code &hec) {
     if (hec) return self->Finish();
-    self->ReadHeader();
+    self->Serve();
   });
 }
 
-void Connection::ReadHeader() {
-  auto self = shared_from_this();
-  WithStream([&](auto &s) {
-    asio::async_read(s, asio::buffer(header_),
-                     [self](const asio::error_code &ec, size_t) { self->OnHeader(ec); });
-  });
-}
-
-void Connection::OnHeader(const asio::error_code &ec) {
-  if (ec) return Finish();
+void Connection::Serve() {
+  const std::size_t avail = end_ - begin_;
+  if (avail < qlproto::kFrameHeaderSize) return ReadMore(qlproto::kFrameHeaderSize);
   uint32_t length = 0;
-  qlproto::FrameStatus fs =
-      qlproto::DecodeFrameHeader(header_.data(), handler_.max_frame(), &length);
+  qlproto::FrameStatus fs = qlproto::DecodeFrameHeader(
+      reinterpret_cast<const unsigned char *>(in_.data() + begin_), handler_.max_frame(), &length);
   if (fs != qlproto::FrameStatus::kOk) {
     // Refused before anything is allocated for the body; say why, then close.
-    pb::Response r;
     RequestHandler::Refusal(
         Code::kProtocol, fs == qlproto::FrameStatus::kTooLarge ? "frame too large" : "empty frame",
-        &r);
+        &response_);
     state_.close_after = true;
-    return Send(r);
+    return Send(response_);
   }
-  body_.resize(length);
-  auto self = shared_from_this();
-  WithStream([&](auto &s) {
-    asio::async_read(s, asio::buffer(body_),
-                     [self](const asio::error_code &bec, size_t) { self->OnBody(bec); });
-  });
-}
+  const std::size_t whole = qlproto::kFrameHeaderSize + length;
+  if (avail < whole) return ReadMore(whole);
 
-void Connection::OnBody(const asio::error_code &ec) {
-  if (ec) return Finish();
-  pb::Response response;
+  std::string_view body(in_.data() + begin_ + qlproto::kFrameHeaderSize, length);
   if (over_limit_) {
-    RequestHandler::Refusal(Code::kLimitReached, "too many connections", &response);
+    RequestHandler::Refusal(Code::kLimitReached, "too many connections", &response_);
     state_.close_after = true;
   } else {
-    handler_.HandleFrame(body_, state_, &response);
+    handler_.HandleFrame(body, state_, &response_);
   }
-  body_.clear();
-  body_.shrink_to_fit();
-  Send(response);
+  begin_ += whole;
+  if (begin_ == end_) begin_ = end_ = 0;
+  Send(response_);
+}
+
+void Connection::ReadMore(std::size_t wanted) {
+  // Room for the whole frame after what is buffered: move the rest to the front, and grow only
+  // for a frame larger than the buffer (its size was checked against the frame limit).
+  if (begin_ > 0) {
+    std::memmove(in_.data(), in_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = 0;
+  }
+  if (in_.size() < wanted) {
+    in_.resize(wanted);
+  } else if (in_.size() > kReadBuffer && wanted <= kReadBuffer && end_ <= kReadBuffer) {
+    in_.resize(kReadBuffer);
+    in_.shrink_to_fit();
+  }
+  auto self = shared_from_this();
+  WithStream([&](auto &s) {
+    s.async_read_some(asio::buffer(in_.data() + end_, in_.size() - end_),
+                      [self](const asio::error_code &ec, size_t n) {
+                        if (ec) return self->Finish();
+                        self->end_ += n;
+                        self->Serve();
+                      });
+  });
 }
 
 void Connection::Send(const pb::Response &response) {
@@ -119,7 +137,12 @@ void Connection::Send(const pb::Response &response) {
 
 void Connection::OnWritten(const asio::error_code &ec) {
   if (ec || state_.close_after) return Finish();
-  ReadHeader();
+  if (out_.capacity() > kReadBuffer) {
+    // A large answer's buffers go (a cleared message keeps its strings' capacity).
+    std::string().swap(out_);
+    response_ = pb::Response();
+  }
+  Serve();
 }
 
 void Connection::Finish() {

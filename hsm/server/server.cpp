@@ -17,7 +17,15 @@ Server::Server(const ServerOptions &options, std::unique_ptr<Engine> engine)
       engine_(std::move(engine)),
       control_(asio::make_strand(io_)),
       signals_(control_),
-      acceptor_(control_) {}
+      acceptor_(control_) {
+  unsigned n = options_.threads;
+  if (n == 0) n = std::max(8u, 4 * std::max(1u, std::thread::hardware_concurrency()));
+  loads_ = std::make_unique<std::atomic<int>[]>(n);
+  for (unsigned i = 0; i < n; ++i) {
+    loops_.push_back(std::make_unique<asio::io_context>(1));
+    keep_running_.push_back(asio::make_work_guard(*loops_.back()));
+  }
+}
 
 Server::~Server() {
   Stop();
@@ -65,28 +73,38 @@ Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
   return srv;
 }
 
+std::size_t Server::QuietestLoop() const {
+  std::size_t best = 0;
+  for (std::size_t i = 1; i < loops_.size(); ++i) {
+    if (loads_[i].load(std::memory_order_relaxed) < loads_[best].load(std::memory_order_relaxed))
+      best = i;
+  }
+  return best;
+}
+
 void Server::Accept() {
-  // Each connection's socket gets its own strand, so its handlers never run at once.
-  acceptor_.async_accept(
-      asio::make_strand(io_), [this](const asio::error_code &ec, asio::ip::tcp::socket socket) {
-        if (!acceptor_.is_open()) return;
-        if (!ec) {
-          asio::error_code nodelay_ec;
-          socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
-          bool over = manager_.Count() >= options_.max_connections;
-          auto c = std::make_shared<Connection>(std::move(socket), tls_, manager_, *handler_, over);
-          manager_.Add(c);
-          c->Start();
-        }
-        Accept();
-      });
+  // The accepted socket belongs to the quietest loop; the accept handler runs on the control
+  // strand, as Stop() does.
+  const std::size_t loop = QuietestLoop();
+  acceptor_.async_accept(*loops_[loop],
+                         [this, loop](const asio::error_code &ec, asio::ip::tcp::socket socket) {
+                           if (!acceptor_.is_open()) return;
+                           if (!ec) {
+                             asio::error_code nodelay_ec;
+                             socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
+                             bool over = manager_.Count() >= options_.max_connections;
+                             auto c = std::make_shared<Connection>(
+                                 std::move(socket), tls_, manager_, *handler_, over, &loads_[loop]);
+                             manager_.Add(c);
+                             c->Start();
+                           }
+                           Accept();
+                         });
 }
 
 void Server::Run() {
-  unsigned n = options_.threads;
-  if (n == 0) n = std::max(8u, 4 * std::max(1u, std::thread::hardware_concurrency()));
   std::vector<std::thread> threads;
-  for (unsigned i = 1; i < n; ++i) threads.emplace_back([this] { io_.run(); });
+  for (auto &loop : loops_) threads.emplace_back([&loop] { loop->run(); });
   io_.run();
   for (auto &t : threads) t.join();
 }
@@ -97,6 +115,8 @@ void Server::Stop() {
     acceptor_.close(ec);
     signals_.cancel(ec);
     manager_.StopAll();
+    // Each loop ends once its connections have closed.
+    for (auto &guard : keep_running_) guard.reset();
   });
 }
 

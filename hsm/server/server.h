@@ -4,9 +4,11 @@
 
 #include <asio.hpp>
 #include <asio/ssl.hpp>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "server/connection_manager.h"
 #include "server/request_handler.h"
@@ -21,7 +23,8 @@ struct ServerOptions {
   uint32_t max_frame = 0;         // 0: the protocol's default (16 MiB)
   size_t max_connections = 4096;  // past it a connection gets QL_ERR_LIMIT_REACHED and closes
   size_t max_sessions = 0;        // 0: the store's setting or the engine's default (1024)
-  unsigned threads = 0;           // 0: 4 per core, at least 8 (engine calls may block)
+  unsigned threads = 0;           // event loops, one thread each; 0: 4 per core, at least 8
+                                  // (an engine call blocks its loop while it runs)
 };
 
 class Server {
@@ -42,10 +45,18 @@ class Server {
  private:
   Server(const ServerOptions &options, std::unique_ptr<Engine> engine);
   void Accept();
+  // The loop with the fewest connections.
+  std::size_t QuietestLoop() const;
 
   ServerOptions options_;
   std::unique_ptr<Engine> engine_;
+  // io_ runs the acceptor and the signals on the thread that calls Run(). Connections live on
+  // loops_: each loop is run by one thread of its own, so a connection's handlers all run on one
+  // thread and a request never wakes another (loads_ counts each loop's connections).
+  std::unique_ptr<std::atomic<int>[]> loads_;  // outlives the loops and their connections
   asio::io_context io_;
+  std::vector<std::unique_ptr<asio::io_context>> loops_;
+  std::vector<asio::executor_work_guard<asio::io_context::executor_type>> keep_running_;
   asio::ssl::context tls_{asio::ssl::context::tls_server};
   asio::strand<asio::io_context::executor_type> control_;
   asio::signal_set signals_;
