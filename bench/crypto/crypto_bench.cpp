@@ -7,7 +7,8 @@
 // run.sh prints the figures beside openssl speed.
 //
 //   crypto_bench [--benchmark_filter=...]     QLHSMD=path picks the daemon binary;
-//                                             CRYPTO_BENCH_PLAIN=1 uses plain TCP instead of TLS
+//                                             CRYPTO_BENCH_PLAIN=1 uses plain TCP instead of TLS;
+//                                             CRYPTO_BENCH_HSM_THREADS=n: qlhsmd --threads n
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -206,9 +207,12 @@ int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   if (const char *plain = std::getenv("CRYPTO_BENCH_PLAIN"); plain && *plain == '1')
     g_transport = QL_SESSION_UNENCRYPTED;
+  qltest::HsmOptions options;
+  if (const char *threads = std::getenv("CRYPTO_BENCH_HSM_THREADS"); threads && *threads)
+    options.serve_args = {"--threads", threads};
   std::unique_ptr<qltest::HsmProcess> hsm;
   try {
-    hsm = std::make_unique<qltest::HsmProcess>();
+    hsm = std::make_unique<qltest::HsmProcess>(options);
   } catch (const std::exception &e) {
     std::fprintf(stderr, "crypto_bench: cannot start qlhsmd: %s\n", e.what());
     return 1;
