@@ -31,6 +31,7 @@ enum class Code : int {
   kObjectExists = QL_ERR_OBJ_EXISTS,
   kBadPin = QL_ERR_BAD_PIN,
   kNotLoggedIn = QL_ERR_NOT_LOGGED_IN,
+  kBadJson = QL_ERR_BAD_JSON,
   kUpdateRefused = QL_ERR_UPACK_REFUSED,
   kBadTag = QL_ERR_BAD_TAG,
   kBadKeyUsage = QL_ERR_BAD_KEY_USAGE,

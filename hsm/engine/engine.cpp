@@ -72,11 +72,13 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   e->max_objects_ = SettingOr(*e->store_, "max_objects", options.max_objects, 100000);
   size_t page = SettingOr(*e->store_, "audit_page_size", options.audit_page_size, 4096);
 
-  e->users_ = std::make_unique<users::UserDirectory>(*e->store_, kdf);
+  QL_RETURN_IF_ERROR(e->LoadTimeOffset());
+
+  e->users_ = std::make_unique<users::UserDirectory>(*e->store_, kdf, &e->clock_);
   QL_RETURN_IF_ERROR(e->users_->Load());
-  e->tokens_ = std::make_unique<users::TokenStore>(*e->store_);
-  e->objects_ = std::make_unique<objects::ObjectStore>(*e->store_, e->master_key_);
-  e->audit_ = std::make_unique<audit::AuditLog>(*e->store_, page);
+  e->tokens_ = std::make_unique<users::TokenStore>(*e->store_, &e->clock_);
+  e->objects_ = std::make_unique<objects::ObjectStore>(*e->store_, e->master_key_, &e->clock_);
+  e->audit_ = std::make_unique<audit::AuditLog>(*e->store_, page, &e->clock_);
   QL_RETURN_IF_ERROR(e->audit_->Load());
   return e;
 }
@@ -410,35 +412,6 @@ Status Engine::SetObjectBlocked(Session &s, std::string_view name, bool blocked)
     st = objects_->SetBlocked(*ref, blocked);
   if (st.ok()) ForgetKey(ref->Full());
   return Done(s, blocked ? "block-object" : "unblock-object", name, st, true);
-}
-
-Status Engine::SetObjectMetadata(Session &s, std::string_view name, std::string_view json) {
-  Result<users::UserInfo> me = Caller(s);
-  if (!me.ok()) return me.status();
-  Result<objects::ObjectRef> ref = Ref(s, name);
-  Status st;
-  if (!ref.ok())
-    st = ref.status();
-  else if (json.size() > 65536)
-    st = Status::Error(Code::kBadArgument, "metadata too large");
-  else if (!access::Allowed(Request::kUpdateObject, me->mask))
-    st = Denied();
-  else
-    st = objects_->SetMetadata(*ref, json);
-  if (st.ok()) ForgetKey(ref->Full());
-  return Done(s, "set-metadata", name, st, true);
-}
-
-Result<std::string> Engine::GetObjectMetadata(Session &s, std::string_view name) {
-  Result<users::UserInfo> me = Caller(s);
-  if (!me.ok()) return me.status();
-  Result<objects::ObjectRef> ref = Ref(s, name);
-  if (!ref.ok()) return ref.status();
-  if (!access::Allowed(Request::kUseObject, me->mask))
-    return Done<std::string>(s, "get-metadata", name, Denied(), false);
-  Result<objects::ObjectInfo> info = objects_->Get(*ref);
-  if (!info.ok()) return Done<std::string>(s, "get-metadata", name, info.status(), false);
-  return Done<std::string>(s, "get-metadata", name, info->metadata, false);
 }
 
 Status Engine::WriteFile(Session &s, std::string_view name, const secure::Bytes &data,

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -17,6 +18,7 @@
 #include "crypto/key.h"
 #include "engine/access/rules.h"
 #include "engine/audit/audit_log.h"
+#include "engine/clock.h"
 #include "engine/objects/object_store.h"
 #include "engine/secure/secure.h"
 #include "engine/sessions/session.h"
@@ -140,8 +142,13 @@ class Engine {
   Status RemoveObject(sessions::Session &s, std::string_view name);
   Status RenameObject(sessions::Session &s, std::string_view name, std::string_view new_name);
   Status SetObjectBlocked(sessions::Session &s, std::string_view name, bool blocked);
+  // Object metadata as JSON (engine_meta.cpp). Writing: one JSON object in UTF-8 of at most
+  // QL_MAX_JSON_METADATA bytes (kBadLength, kBadJson), right ACL_OBJ_UPDATE. Reading: type
+  // QL_JSON_METADATA_OBJECT only (kBadArgument), the right to use the object; "{}" when never
+  // written.
   Status SetObjectMetadata(sessions::Session &s, std::string_view name, std::string_view json);
-  Result<std::string> GetObjectMetadata(sessions::Session &s, std::string_view name);
+  Result<std::string> GetObjectMetadata(sessions::Session &s, std::string_view name,
+                                        uint32_t type = QL_JSON_METADATA_OBJECT);
   // Creates a file object; with `replace`, an existing object of that name is overwritten, which
   // needs the update right (ACL_OBJ_UPDATE) besides the create right for a new one.
   Status WriteFile(sessions::Session &s, std::string_view name, const secure::Bytes &data,
@@ -196,6 +203,30 @@ class Engine {
   Result<KeyDesc> Pkcs8Import(sessions::Session &s, std::string_view name,
                               std::string_view password, const secure::Bytes &der, uint32_t flags);
 
+  // --- key material and key agreement (engine_derive.cpp) ---
+  // Key material of `algorithm` made and handed out, never kept: a symmetric or HMAC key's secret
+  // (DES keys with odd parity), an asymmetric key's PKCS#8 PrivateKeyInfo (DER). Like a temporary
+  // key it needs no right. Of the flags, QL_KEY_RSA_EXP3 is acted on; QL_KEY_BLOCKCHAIN answers
+  // kNotSupported; the others describe a stored key and mean nothing here.
+  Result<secure::Bytes> GenerateKeyMaterial(sessions::Session &s, uint32_t algorithm,
+                                            uint32_t flags);
+  struct EcdhArgs {
+    uint32_t kdf = 0;               // QL_GEN_KEY_KDF_RAW_SECRET or QL_GEN_KEY_X9_63_SHA256
+    std::string private_key;        // a stored EC, X25519 or X448 private key
+    secure::Bytes peer_public_key;  // SubjectPublicKeyInfo (DER) of the same algorithm
+    secure::Bytes shared_info;      // X9.63 only
+    std::string target_name;        // X9.63 only: keep the derived bytes as this key
+    uint32_t target_algorithm = 0;  // the kept key's algorithm (a symmetric or HMAC key)
+    uint32_t flags = 0;             // the kept key's QL_KEY_* flags
+    uint32_t out_length = 0;        // X9.63: bytes to derive (1..1024); raw: the caller's
+                                    // capacity, 0 for none
+  };
+  // ECDH (or X25519/X448) between a stored private key and a peer public key: the secret handed
+  // out, or nothing when it was kept as args.target_name. Rights: ACL_OBJ_CREATE for a kept key
+  // that is not temporary, then the use of the private key. A raw secret longer than a given
+  // capacity answers kBufferTooSmall with *needed set.
+  Result<secure::Bytes> GenEcdhKey(sessions::Session &s, const EcdhArgs &args, uint64_t *needed);
+
   // Hashes: a digest, or an HMAC/CMAC under a key (right to use it, when stored).
   Result<uint64_t> CreateHash(sessions::Session &s, uint32_t algorithm, const KeyArg &key);
   Status HashData(sessions::Session &s, uint64_t hash, const secure::Bytes &data);
@@ -226,9 +257,17 @@ class Engine {
   Status KeepAlive(sessions::Session &s);
   Result<secure::Bytes> Backup(sessions::Session &s, std::string_view pin);
   Status PushUpdatePackage(sessions::Session &s, const secure::Bytes &package);
-  // Administrative requests not built yet (set date and time, ...): right first, then
-  // kNotSupported.
+  // Administrative requests not built yet: right first, then kNotSupported.
   Status Administer(sessions::Session &s, std::string_view what);
+
+  // --- the HSM's time (engine_time.cpp) ---
+  // Sets the HSM's date and time: `input` is the new time in seconds since 1970 (UTC), as a
+  // little-endian uint64 (8 bytes; kBadLength otherwise), at most 9999-12-31 23:59:59
+  // (kBadArgument beyond). Needs the operator right. The HSM keeps the difference to this
+  // machine's clock in its settings and never changes the machine's clock.
+  Status SetDateTime(sessions::Session &s, const secure::Bytes &input);
+  // Seconds since 1970 by the HSM's time.
+  int64_t Now() const { return clock_.Now(); }
 
   audit::AuditLog &audit() { return *audit_; }
   size_t max_random() const { return 1 << 16; }
@@ -248,6 +287,8 @@ class Engine {
     return r;
   }
   Result<objects::ObjectRef> Ref(sessions::Session &s, std::string_view name);
+  // Reads the time offset from the settings into clock_ (engine_time.cpp).
+  Status LoadTimeOffset();
 
   // Keys in use, parsed once: stored keys by full name, with their object record, so that no
   // operation decrypts or parses a stored key again. Any change of the object drops its entry.
@@ -267,6 +308,9 @@ class Engine {
                               uint32_t flags, bool want_handle, const char *op);
 
   std::string data_dir_;
+  // Before every part that reads it, so it outlives them all.
+  Clock clock_;
+  std::mutex clock_mu_;  // one offset change at a time, so store and memory agree
   secure::Bytes master_key_;
   std::unique_ptr<store::Store> store_;
   std::unique_ptr<users::UserDirectory> users_;

@@ -199,6 +199,11 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
         if (st.ok()) r->mutable_number()->set_value(1);  // up
         return SetStatus(st, r);
       }
+      if (op.operation() == QL_ADM_SET_DATE_TIME) {
+        Status st = e.SetDateTime(s, ToBytes(op.input()));
+        if (st.ok()) r->mutable_empty();
+        return SetStatus(st, r);
+      }
       return SetStatus(e.Administer(s, "adm-" + std::to_string(op.operation())), r);
     }
     case pb::Request::kGetHsmInfo: {
@@ -388,6 +393,19 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       return SetStatus(
           e.WriteFile(s, f.name(), ToBytes(f.data()), (f.flags() & QL_WRITE_FILE_REPLACE) != 0), r);
     }
+    case pb::Request::kGetObjMetadataJson: {
+      const pb::GetObjMetadataJson &g = req.get_obj_metadata_json();
+      Result<std::string> json = e.GetObjectMetadata(s, g.name(), g.type());
+      if (Failed(json, r)) return;
+      r->mutable_blob()->set_data(*json);
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kSetObjMetadataJson: {
+      const pb::SetObjMetadataJson &m = req.set_obj_metadata_json();
+      Status st = e.SetObjectMetadata(s, m.name(), m.json());
+      if (st.ok()) r->mutable_empty();
+      return SetStatus(st, r);
+    }
     case pb::Request::kBackup: {
       Result<secure::Bytes> blob = e.Backup(s, req.backup().pin());
       if (Failed(blob, r)) return;
@@ -528,8 +546,8 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
         if (out.status().code() == Code::kBufferTooSmall) r->set_needed_length(needed);
         return SetStatus(out.status(), r);
       }
-      r->mutable_cipher()->set_data(ToString(*out));
-      r->mutable_cipher()->set_iv(ToString(iv));
+      r->mutable_cipher()->set_data(out->data(), out->size());
+      if (!iv.empty()) r->mutable_cipher()->set_iv(iv.data(), iv.size());
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kBatchSign: {
@@ -540,17 +558,61 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kPkcs8Export: {
+      // Without a password the key travels in the clear, as a PrivateKeyInfo: the strict private
+      // key blob, under the same exportable rule.
       Result<secure::Bytes> der =
-          e.Pkcs8Export(s, req.pkcs8_export().name(), req.pkcs8_export().password());
+          req.pkcs8_export().password().empty()
+              ? e.ExportKey(s, KeyArg{0, req.pkcs8_export().name()}, KeyArg{},
+                            QL_PRIVATEKEY_BLOB_STRICT)
+              : e.Pkcs8Export(s, req.pkcs8_export().name(), req.pkcs8_export().password());
       if (Failed(der, r)) return;
       r->mutable_blob()->set_data(ToString(*der));
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kPkcs8Import: {
       const pb::Pkcs8Import &i = req.pkcs8_import();
-      Result<KeyDesc> k = e.Pkcs8Import(s, i.name(), i.password(), ToBytes(i.data()), i.flags());
+      // Without a password: a PrivateKeyInfo in the clear (the strict private key blob, so a key
+      // pair that does not check out is refused). The key is always stored, never temporary.
+      const uint32_t flags = i.flags() & ~static_cast<uint32_t>(QL_KEY_TEMPORARY);
+      if (i.password().empty() && i.name().empty()) {
+        Status st = e.CheckSession(s);
+        return SetStatus(st.ok() ? Status::Error(Code::kBadName, "no key name") : st, r);
+      }
+      Result<KeyDesc> k =
+          i.password().empty()
+              ? e.ImportKey(s, i.name(), KeyArg{}, ToBytes(i.data()), QL_PRIVATEKEY_BLOB_STRICT, 0,
+                            flags, false)
+              : e.Pkcs8Import(s, i.name(), i.password(), ToBytes(i.data()), i.flags());
       if (Failed(k, r)) return;
       r->mutable_empty();
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kGenerateKeyMaterial: {
+      const pb::GenerateKeyMaterial &g = req.generate_key_material();
+      Result<secure::Bytes> material = e.GenerateKeyMaterial(s, g.algorithm(), g.flags());
+      if (Failed(material, r)) return;
+      r->mutable_blob()->set_data(ToString(*material));
+      return SetStatus(Status::Ok(), r);
+    }
+    case pb::Request::kGenEcdhKey: {
+      const pb::GenEcdhKey &g = req.gen_ecdh_key();
+      Engine::EcdhArgs args;
+      args.kdf = g.kdf();
+      args.private_key = g.private_key();
+      args.peer_public_key = ToBytes(g.peer_public_key());
+      args.shared_info = ToBytes(g.shared_info());
+      args.target_name = g.target_name();
+      args.target_algorithm = g.target_algorithm();
+      args.flags = g.flags();
+      args.out_length = g.out_length();
+      uint64_t needed = 0;
+      Result<secure::Bytes> secret = e.GenEcdhKey(s, args, &needed);
+      if (!secret.ok()) {
+        if (secret.status().code() == Code::kBufferTooSmall) r->set_needed_length(needed);
+        return SetStatus(secret.status(), r);
+      }
+      // A kept key answers an empty blob: the secret never leaves the HSM.
+      r->mutable_blob()->set_data(ToString(*secret));
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kCreateHash: {

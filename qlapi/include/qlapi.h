@@ -140,6 +140,7 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_BAD_PADDING 5024        /* decrypted data whose padding is wrong */
 #define QL_ERR_BAD_PIN 5025            /* a backup PIN that does not open the backup */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
+#define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
 
 /* QGetReturnCodeString formats. */
@@ -594,6 +595,13 @@ QLAPI_EXPORT int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *
 /* Administrative operations. pvIn/dwInLen and pvOut/pdwOutLen as each operation needs (null
  * when none). QL_ADM_KEEPALIVE and QL_ADM_PROBE need no right; the others ACL_SYS_OPERATOR.
  * A QL_ERR_BUSY_RETRY answer may be retried as it is. */
+/* QL_ADM_SET_DATE_TIME sets the HSM's time (UTC) to a uint64 of seconds since 1970 in this
+ * machine's byte order (8 bytes; QL_ERR_BAD_LENGTH otherwise), at most 253402300799
+ * (9999-12-31 23:59:59; QL_ERR_BAD_ARGUMENT beyond). The HSM keeps the difference to its machine's
+ * clock, which it never changes, and stamps with its own time from then on: object and user
+ * creation times, access-token issue times and expiry checks, audit log lines. The time survives
+ * a restart. QL_ADM_PROBE answers a uint32 state in pvOut (4 bytes; a shorter or null buffer
+ * answers QL_ERR_BUFFER_TOO_SMALL with 4). */
 #define QL_ADM_SET_DATE_TIME 1  /* in: uint64 seconds since 1970 */
 #define QL_ADM_SET_TLS_BUNDLE 2 /* in: PEM private key followed by its certificate */
 #define QL_ADM_LOG_CACHE 3      /* in: uint32 0 off, 1 on */
@@ -858,15 +866,29 @@ QLAPI_EXPORT int QImportKey(HSESSIONCTX hSession, const char *szKeyName, HKEYCTX
                             const unsigned char *pbBlob, uint32_t dwBlobLen, uint32_t dwBlobType,
                             uint32_t dwAlgId, uint32_t dwFlags, HKEYCTX *phKey);
 
-/* Key material made by the HSM and handed out without being stored: a symmetric key's secret,
- * or an asymmetric key's PKCS#8 (DER). */
+/* Key material made by the HSM and handed out without being stored: a symmetric or HMAC key's
+ * secret of the algorithm's length (DES keys with odd parity), or an asymmetric key's PKCS#8
+ * PrivateKeyInfo (DER, not encrypted). Nothing is kept, so no right is needed (as for a temporary
+ * key). dwFlags: QL_KEY_RSA_EXP3 is acted on, QL_KEY_BLOCKCHAIN answers QL_ERR_NOT_SUPPORTED, the
+ * other key flags change nothing. Size query as usual; the HSM makes new material for every call,
+ * and an RSA or EC key's DER may differ by a few bytes from one call to the next, so size a buffer
+ * with some room over the query's answer. */
 QLAPI_EXPORT int QGenerateKeyMaterial(HSESSIONCTX hSession, uint32_t dwAlgId, uint32_t dwFlags,
                                       unsigned char *pbData, uint32_t *pdwDataLen);
 
 /* ECDH between the private key szPrivKeyName and a peer public key (SubjectPublicKeyInfo DER).
  * dwKdf QL_GEN_KEY_KDF_RAW_SECRET hands the shared secret out in pbOut; QL_GEN_KEY_X9_63_SHA256
  * derives dwOutLen bytes (ANSI X9.63 with SHA-256 and the optional shared info) and, when
- * szTargetName is given, stores them as a key of dwTargetAlgId with dwFlags instead. */
+ * szTargetName is given, stores them as a key of dwTargetAlgId with dwFlags instead.
+ * The private key is a stored EC key (any named curve of the table), X25519 or X448 key; the peer
+ * key must be of the same algorithm and curve (QL_ERR_BAD_KEY_USAGE otherwise, also for a private
+ * key that cannot agree, such as RSA). The raw secret (the x coordinate, or the X25519/X448
+ * output) is always handed out: with szTargetName it answers QL_ERR_BAD_ARGUMENT; its size query
+ * follows the usual rule. X9.63 derives 1 to 1024 bytes (QL_ERR_BAD_LENGTH otherwise); a kept key
+ * must get exactly its algorithm's key length (aes256: 32). With QL_KEY_TEMPORARY in dwFlags the
+ * kept key is a session key that no handle reaches, so it ends with the call; without it the key
+ * is stored. Rights: ACL_OBJ_CREATE for a stored key, then the use of the private key (any of
+ * ACL_OBJ_DEL, ACL_OBJ_READ, ACL_OBJ_CREATE). */
 QLAPI_EXPORT int QGenEcdhKey(HSESSIONCTX hSession, uint32_t dwKdf, const char *szPrivKeyName,
                              const unsigned char *pbPeerPub, uint32_t dwPeerPubLen,
                              const unsigned char *pbSharedInfo, uint32_t dwSharedInfoLen,
@@ -1212,6 +1234,18 @@ QLAPI_EXPORT int QManageObjMetadata(HSESSIONCTX hSession, uint32_t dwOperation,
                                     uint32_t dwParam);
 QLAPI_EXPORT int QGetObjMetadataTypeInfoList(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
                                              void *pvParam);
+/* An object's metadata as JSON text. The HSM keeps one JSON object per object (dwType
+ * QL_JSON_METADATA_OBJECT; any other type answers QL_ERR_BAD_ARGUMENT); an object whose metadata
+ * was never written reads "{}". QGetJsonObjMetadata hands the text out in a buffer from QAlloc,
+ * NUL-terminated, with its length without the NUL in *pdwJsonLen; it needs the right to use the
+ * object (any of ACL_OBJ_DEL, ACL_OBJ_READ, ACL_OBJ_CREATE), and reads a blocked object's metadata
+ * too. QSetJsonObjMetadata replaces it with dwJsonLen bytes of szJson (0: up to its NUL), which
+ * must be one JSON object (RFC 8259) in UTF-8 of at most QL_MAX_JSON_METADATA bytes: anything else
+ * answers QL_ERR_BAD_JSON (QL_ERR_BAD_LENGTH when longer); it needs ACL_OBJ_UPDATE. The text is
+ * kept as it was written. Both answer QL_ERR_OBJ_NOT_FOUND for a missing object, after the
+ * right. */
+#define QL_JSON_METADATA_OBJECT 0
+#define QL_MAX_JSON_METADATA 65536
 QLAPI_EXPORT int QGetJsonObjMetadata(HSESSIONCTX hSession, const char *szObjName, uint32_t dwType,
                                      char **ppszJson, uint32_t *pdwJsonLen);
 QLAPI_EXPORT int QSetJsonObjMetadata(HSESSIONCTX hSession, const char *szObjName,

@@ -58,6 +58,7 @@ constexpr CodeText kCodes[] = {
     QL_CODE(QL_ERR_BAD_PADDING, "Invalid padding in the decrypted data."),
     QL_CODE(QL_ERR_BAD_PIN, "Wrong backup PIN or damaged backup."),
     QL_CODE(QL_ERR_NOT_LOGGED_IN, "Not logged in."),
+    QL_CODE(QL_ERR_BAD_JSON, "The metadata is not one JSON object in UTF-8."),
     QL_CODE(QL_ERR_UPACK_REFUSED, "Update package refused: its signature does not verify."),
 };
 #undef QL_CODE

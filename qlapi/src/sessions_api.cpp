@@ -117,10 +117,25 @@ extern "C" int QAdmOperation(HSESSIONCTX hSession, uint32_t dwOperation, const v
     pb::Request request;
     auto *op = request.mutable_adm_operation();
     op->set_operation(dwOperation);
-    if (dwInLen) op->set_input(pvIn, dwInLen);
+    if (dwOperation == QL_ADM_SET_DATE_TIME && dwInLen == sizeof(uint64_t)) {
+      // The caller's uint64 travels little-endian, whatever this machine's byte order.
+      uint64_t seconds = 0;
+      std::memcpy(&seconds, pvIn, sizeof seconds);
+      op->set_input(LittleEndian64(seconds));
+    } else if (dwInLen) {
+      op->set_input(pvIn, dwInLen);
+    }
     pb::Response response;
     QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
     if (pdwOutLen == nullptr) return QL_OK;  // the caller wants no output
+    if (response.has_number()) {
+      // A numeric answer (the probe's state) is a uint32 in this machine's byte order; a buffer
+      // shorter than 4 bytes, or none, answers 1005 with 4.
+      const uint32_t value = static_cast<uint32_t>(response.number().value());
+      return CopyOut(std::string(reinterpret_cast<const char *>(&value), sizeof value), pvOut,
+                     pdwOutLen)
+          .code();
+    }
     return CopyOut(response.has_blob() ? response.blob().data() : std::string(), pvOut, pdwOutLen)
         .code();
   });

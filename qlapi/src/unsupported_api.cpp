@@ -1,5 +1,5 @@
 // The API families whose HSM services are not built yet: payment, SPB, PIX, tokenisation,
-// blockchain, secret sharing, metadata and maps, PKI, OATH tokens, the audit-log reader and the
+// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens, the audit-log reader and the
 // network tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
 // once that the service is missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
@@ -342,13 +342,6 @@ int QManageObjMetadata(HSESSIONCTX, uint32_t, const char *, HOBJMETACTX, HOBJMET
   QL_NOT_SUPPORTED;
 }
 int QGetObjMetadataTypeInfoList(HSESSIONCTX, PQL_LIST_CALLBACK, void *) {
-  QL_NOT_SUPPORTED;
-}
-int QGetJsonObjMetadata(HSESSIONCTX, const char *, uint32_t, char **ppszJson, uint32_t *) {
-  if (ppszJson) *ppszJson = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSetJsonObjMetadata(HSESSIONCTX, const char *, const char *, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 int QGenerateMapObj(HSESSIONCTX, const char *, const QL_PKCS11_MAP *, uint32_t) {

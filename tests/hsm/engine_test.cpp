@@ -542,8 +542,8 @@ TEST(Engine, TokensLogInAndCanBeRevoked) {
 TEST(Engine, AdministrativeRequestsNotBuiltSaySoAfterTheRight) {
   AclFixture f;
   auto s = f.As(0);
-  EXPECT_EQ(f.engine->Administer(*s, "set-date-time").code(), Code::kAccessDenied);
-  EXPECT_EQ(f.engine->Administer(*f.master, "set-date-time").code(), Code::kNotSupported);
+  EXPECT_EQ(f.engine->Administer(*s, "set-tls-bundle").code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->Administer(*f.master, "set-tls-bundle").code(), Code::kNotSupported);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // HSM jobs against a real HSM: info, probe, backup (read back by a restore), set-date-time,
 // read-file and write-file.
 
+#include <ctime>
 #include <string>
 
 #include "jobs_test_util.h"
@@ -34,7 +35,11 @@ TEST_F(AdminJobs, InfoShowsTheSectionTables) {
 TEST_F(AdminJobs, ProbeNeedsNoLogin) {
   const RunResult r = Qlutil({"-a", "127.0.0.1", "--port", std::to_string(port()), "-j", "probe"});
   EXPECT_EQ(r.exitCode, 0) << r.out;
-  EXPECT_EQ(r.out.find("HSM state: "), 0u) << r.out;
+  EXPECT_EQ(r.out.find("HSM state: 1 (up)\r\n"), 0u) << r.out;
+  const RunResult op = Qlutil(
+      {"-a", "127.0.0.1", "--port", std::to_string(port()), "-j", "probe", "-op", "rnm_probe"});
+  EXPECT_EQ(op.exitCode, 0) << op.out;
+  EXPECT_EQ(op.out.find("HSM state: 1 (up)\r\n"), 0u) << op.out;
   const RunResult refused = Qlutil({"-a", "127.0.0.1", "--port", "1", "-j", "probe"});
   EXPECT_NE(refused.exitCode, 0);
   EXPECT_NE(refused.out.find("Error in ConnectEx. Err = "), std::string::npos) << refused.out;
@@ -68,10 +73,28 @@ TEST_F(AdminJobs, SetDateTime) {
   RunResult r = JobAs("plain", "12345678", "set-date-time", {"-dt", "2030-01-02 03:04:05"});
   EXPECT_EQ(r.exitCode, ExitOf(5002));
   EXPECT_NE(r.out.find(ErrorLine("QAdmOperation", 5002)), std::string::npos) << r.out;
-  r = Job("set-date-time", {"-dt", "now"});
-  SKIP_IF_NOT_SERVED(r, "QAdmOperation");
-  EXPECT_EQ(r.exitCode, 0) << r.out;
-  EXPECT_NE(r.out.find("HSM date and time set.\r\n"), std::string::npos);
+  // The HSM's time moves, and what it stamps from then on says so.
+  EXPECT_NE(
+      MustRun("set-date-time", {"-dt", "2030-01-02 03:04:05"}).find("HSM date and time set.\r\n"),
+      std::string::npos);
+  MustRun("write-file", {"-kn", "stamped", "-inform", "hex", "-in", "0102"});
+  std::string info = MustRun("obj-info", {"-kn", "stamped"});
+  EXPECT_NE(info.find("Created : 2030-01-02 03:0"), std::string::npos) << info;
+  // Seconds since 1970 are read too.
+  MustRun("set-date-time", {"-dt", "2524608000"});  // 2050-01-01 00:00:00
+  MustRun("write-file", {"-kn", "later", "-inform", "hex", "-in", "03"});
+  info = MustRun("obj-info", {"-kn", "later"});
+  EXPECT_NE(info.find("Created : 2050-01-01 00:0"), std::string::npos) << info;
+  // Back to this machine's clock.
+  MustRun("set-date-time", {"-dt", "now"});
+  MustRun("write-file", {"-kn", "now", "-inform", "hex", "-in", "04"});
+  info = MustRun("obj-info", {"-kn", "now"});
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char today[32];
+  std::strftime(today, sizeof today, "Created : %Y-%m-%d", &utc);
+  EXPECT_NE(info.find(today), std::string::npos) << info;
 }
 
 TEST_F(AdminJobs, WriteAndReadFiles) {

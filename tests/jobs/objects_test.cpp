@@ -216,15 +216,34 @@ TEST_F(ObjectJobs, RenameObj) {
 TEST_F(ObjectJobs, MetadataJson) {
   WriteFile("m1");
   const std::string json = "{\"label\":\"first\"}";
-  RunResult r = Job("set-metadata-json", {"-kn", "m1", "-inform", "text", "-json", json});
-  SKIP_IF_NOT_SERVED(r, "SetObjMetadataJson");
-  EXPECT_EQ(r.exitCode, 0) << r.out;
-  r = Job("get-obj-meta", {"-kn", "m1"});
-  EXPECT_NE(r.out.find("first"), std::string::npos) << r.out;
+  // Never written: the empty object.
+  EXPECT_EQ(MustRun("get-obj-meta", {"-kn", "m1"}).rfind("{}\r\n", 0), 0u);
+  EXPECT_NE(MustRun("set-metadata-json", {"-kn", "m1", "-inform", "text", "-json", json})
+                .find("Metadata of m1 written.\r\n"),
+            std::string::npos);
+  EXPECT_EQ(MustRun("get-obj-meta", {"-kn", "m1"}).rfind(json + "\r\n", 0), 0u);
   MustRun("get-metadata-json", {"-kn", "m1", "--out", Path("m1.json")});
-  EXPECT_NE(ReadText(Path("m1.json")).find("first"), std::string::npos);
+  EXPECT_EQ(ReadText(Path("m1.json")), json);
+  // From a file, kept byte for byte (its layout too).
+  const std::string pretty = "{\n  \"label\": \"second\",\n  \"tags\": [\"a\", \"b\"]\n}\n";
+  WriteText(Path("in.json"), pretty);
+  MustRun("set-metadata-json", {"-kn", "m1", "-json", Path("in.json")});
+  MustRun("get-metadata-json", {"-kn", "m1", "--out", Path("m1b.json")});
+  EXPECT_EQ(ReadText(Path("m1b.json")), pretty);
+
+  RunResult r = Job("set-metadata-json", {"-kn", "m1", "-inform", "text", "-json", "[1,2]"});
+  EXPECT_EQ(r.exitCode, ExitOf(5027));
+  EXPECT_NE(r.out.find(ErrorLine("SetObjMetadataJson", 5027)), std::string::npos) << r.out;
   r = Job("get-metadata-json", {"-kn", "nosuch"});
+  EXPECT_EQ(r.exitCode, ExitOf(5004));
   EXPECT_NE(r.out.find(ErrorLine("GetObjMetadataJson", 5004)), std::string::npos) << r.out;
+  // Reading is a use of the object, writing an update.
+  MustRun("create-user", {"-un", "reader", "-pwd", "12345678", "-acl", "0x2"});
+  EXPECT_EQ(JobAs("reader", "12345678", "get-metadata-json", {"-kn", "master/m1"}).exitCode, 0);
+  r = JobAs("reader", "12345678", "set-metadata-json",
+            {"-kn", "master/m1", "-inform", "text", "-json", "{}"});
+  EXPECT_EQ(r.exitCode, ExitOf(5002));
+  EXPECT_NE(r.out.find(ErrorLine("SetObjMetadataJson", 5002)), std::string::npos) << r.out;
 }
 
 }  // namespace

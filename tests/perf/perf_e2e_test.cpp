@@ -638,6 +638,53 @@ TEST_F(PerfE2E, BatchSignRowCountsEverySignature) {
   EXPECT_EQ(fields[2], "15") << "iterations times the batch count";
 }
 
+// Key material and ECDH are served: their members run for real, with no probe to excuse them,
+// and leave the HSM as they found it.
+TEST_F(PerfE2E, KeyMaterialAndEcdhRunForReal) {
+  const char *const runs[] = {
+      "-p gen-key-material -t 2 -i 5 -k aes256",
+      "-p gen-key-material -t 2 -i 3 -k 3des168",
+      "-p gen-key-material -t 2 -i 2 -k rsa1024",
+      "-p gen-key-material -t 1 -i 3 -k ecc_secp256r1",
+      "-p generate-ecdh -t 2 -i 5",
+      "-p generate-ecdh -t 2 -i 5 -op ql_gen_key_kdf_raw_secret",
+      "-p generate-ecdh -t 2 -i 5 -alg x25519 -ng",
+      "-p generate-ecdh -t 2 -i 3 -alg ecc_secp384r1 -algt aes128 -kdflen 16 -del 0",
+      "-p generate-ecdh -t 1 -i 3 -alg ecc_brainpool_p256r1 -algt 3des168 -kdflen 24",
+  };
+  for (const char *args : runs) {
+    SCOPED_TRACE(args);
+    const RunResult r = RunClean(std::string(args) + " --retfiles");
+    EXPECT_EQ(r.exit_code, 0) << r.out;
+    EXPECT_TRUE(std::regex_match(r.out, kOpsFooter)) << r.out;
+    EXPECT_EQ(Read("qlutil_result"), "0");
+  }
+}
+
+// The HSM's refusals reach the loop's message: a peer key of another curve, a derived length
+// that is not the kept key's.
+TEST_F(PerfE2E, EcdhRefusalsAreReportedFromTheLoop) {
+  struct Case {
+    const char *args;
+    int code;
+  };
+  const Case cases[] = {
+      {"-p generate-ecdh -t 1 -i 3 -alg ecc_secp256r1 -alg2 ecc_secp384r1", QL_ERR_BAD_KEY_USAGE},
+      {"-p generate-ecdh -t 1 -i 3 -algt aes128", QL_ERR_BAD_LENGTH},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.args);
+    const RunResult r = RunClean(std::string(c.args) + " --retfiles");
+    EXPECT_EQ(r.exit_code, ExitStatusOf(c.code)) << r.out;
+    EXPECT_EQ(r.out.rfind("[PerfGenerateECDHThread] Fail in QGenEcdhKey rc = " +
+                              std::to_string(c.code) + ". Iteration = ",
+                          0),
+              0u)
+        << r.out;
+    EXPECT_EQ(Read("qlutil_result"), std::to_string(c.code));
+  }
+}
+
 TEST_F(PerfE2E, UsagePageWithoutTouchingTheHsm) {
   const RunResult r = RunClean("-p sign-hash -t 2 -i 5 -h sha256");
   EXPECT_EQ(r.exit_code, 255) << r.out;

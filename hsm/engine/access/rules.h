@@ -23,6 +23,12 @@
 // | set the date and time, other administration     | 0x80                  | 5002      |
 // | everything else (random, hash, keep-alive, ...) | nothing               | -         |
 //
+// The services map onto these rows: reading an object's JSON metadata is a read (kUseObject),
+// writing it an update (kUpdateObject); ECDH uses its private key (kUseObject) and, when it keeps
+// the derived key in the store, creates an object (kCreateObject, checked first); key material
+// that is handed out and never stored needs nothing (kFree), as a temporary key does; setting the
+// HSM's date and time is administration (kAdminister).
+//
 // After the right: a user that exists 5013, no such user 5020, object name taken 5022, missing
 // object 5004, an update package that does not verify 5034; a new user's mask may hold only bits
 // its creator holds, unless the creator has 0x80.

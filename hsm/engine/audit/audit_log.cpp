@@ -59,7 +59,7 @@ Status AuditLog::Load() {
 
 void AuditLog::Append(std::string_view user, std::string_view op, std::string_view target,
                       int code) {
-  std::time_t t = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  std::time_t t = static_cast<std::time_t>(clock_->Now());
   std::tm tm{};
   gmtime_r(&t, &tm);
   char stamp[32];

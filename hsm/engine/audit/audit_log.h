@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/clock.h"
 #include "engine/store/store.h"
 
 namespace qlhsm::audit {
@@ -27,8 +28,10 @@ struct Page {
 
 class AuditLog {
  public:
-  explicit AuditLog(store::Store &store, size_t page_size = 4096)
-      : store_(store), page_size_(page_size) {}
+  // Lines are stamped with `clock` (the HSM's time), which must outlive the log; null: the
+  // machine's clock.
+  explicit AuditLog(store::Store &store, size_t page_size = 4096, const Clock *clock = nullptr)
+      : store_(store), page_size_(page_size), clock_(clock ? clock : &MachineClock()) {}
 
   Status Load();
   // Adds a line (a time stamp is prepended, a newline appended; newlines inside become blanks).
@@ -53,6 +56,7 @@ class AuditLog {
   void CloseCurrentLocked();
   store::Store &store_;
   size_t page_size_;
+  const Clock *clock_;
   std::mutex mu_;
   uint64_t current_number_ = 1;
   std::string current_;

@@ -12,11 +12,6 @@ namespace {
 // an object's.
 constexpr std::string_view kAad = "qlhsm.object.v1";
 
-int64_t Now() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -54,7 +49,7 @@ Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material
     st->Bind(1, info.ref.owner).Bind(2, info.ref.name).Bind(3, int64_t{info.type});
     st->Bind(4, int64_t{info.algorithm}).Bind(5, int64_t{info.flags}).BindBlob(6, *sealed);
     st->Bind(7, int64_t{info.blocked ? 1 : 0});
-    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata).Bind(9, Now());
+    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata).Bind(9, clock_->Now());
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) {
       // The owner must exist (foreign key) and the name must be free; tell the two apart.

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/clock.h"
 #include "engine/secure/secure.h"
 #include "engine/store/store.h"
 #include "qlapi.h"
@@ -47,8 +48,12 @@ Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller
 
 class ObjectStore {
  public:
-  ObjectStore(store::Store &store, secure::Bytes master_key)
-      : store_(store), master_key_(std::move(master_key)) {}
+  // Creation times follow `clock` (the HSM's time), which must outlive the store; null: the
+  // machine's clock.
+  ObjectStore(store::Store &store, secure::Bytes master_key, const Clock *clock = nullptr)
+      : store_(store),
+        master_key_(std::move(master_key)),
+        clock_(clock ? clock : &MachineClock()) {}
 
   // kObjectExists when the owner already has an object of that name.
   Status Create(const ObjectInfo &info, const secure::Bytes &material);
@@ -71,6 +76,7 @@ class ObjectStore {
   Status UpdateOne(const ObjectRef &ref, const char *sql, int64_t value);
   store::Store &store_;
   secure::Bytes master_key_;
+  const Clock *clock_;
 };
 
 }  // namespace qlhsm::objects

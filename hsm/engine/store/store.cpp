@@ -101,6 +101,20 @@ Status Store::SetSetting(const std::string &key, const std::string &value) {
   });
 }
 
+Result<bool> Store::IsJsonObject(std::string_view text) {
+  return Locked([&](Connection &conn) -> Result<bool> {
+    // CASE evaluates json_type only for valid text (json_type raises an error on invalid JSON).
+    Result<Statement> st =
+        conn.Prepare("SELECT CASE WHEN json_valid(?1) THEN json_type(?1) = 'object' ELSE 0 END");
+    if (!st.ok()) return st.status();
+    st->Bind(1, text);
+    Result<bool> row = st->Step();
+    if (!row.ok()) return row.status();
+    if (!row.value()) return Status::Error(Code::kInternal, "no answer from the JSON check");
+    return st->Int(0) != 0;
+  });
+}
+
 Status Store::CopyTo(const std::string &path) {
   return Locked([&](Connection &conn) { return conn.CopyTo(path); });
 }

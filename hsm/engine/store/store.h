@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "engine/store/db.h"
 
@@ -29,6 +30,9 @@ class Store {
   Status SetSetting(const std::string &key, const std::string &value);
   // Writes a consistent copy of the database to `path`.
   Status CopyTo(const std::string &path);
+  // Whether `text` is one JSON object (RFC 8259), by SQLite's own JSON parser. The text must hold
+  // no NUL byte (the parser would stop there); the caller checks that, and UTF-8.
+  Result<bool> IsJsonObject(std::string_view text);
 
  private:
   explicit Store(std::unique_ptr<Connection> conn) : conn_(std::move(conn)) {}

@@ -5,11 +5,6 @@
 namespace qlhsm::users {
 namespace {
 
-int64_t Now() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -17,7 +12,7 @@ Result<secure::Bytes> TokenStore::Issue(std::string_view owner, int64_t expires)
   if (expires < 0) return Status::Error(Code::kBadArgument, "negative token expiry");
   Result<secure::Bytes> key = secure::RandomBytes(kTokenKeyLen);
   if (!key.ok()) return key.status();
-  int64_t now = Now();
+  int64_t now = clock_->Now();
   Status s = store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
@@ -78,7 +73,7 @@ Result<int64_t> TokenStore::Count() {
 }
 
 Result<int64_t> TokenStore::CollectGarbage() {
-  int64_t now = Now();
+  int64_t now = clock_->Now();
   return store_.Locked([&](store::Connection &conn) -> Result<int64_t> {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
@@ -95,7 +90,7 @@ Result<int64_t> TokenStore::CollectGarbage() {
 
 Result<bool> TokenStore::Verify(std::string_view owner, const secure::Bytes &key) {
   if (key.size() != kTokenKeyLen) return false;
-  int64_t now = Now();
+  int64_t now = clock_->Now();
   return store_.Locked([&](store::Connection &conn) -> Result<bool> {
     Result<store::Statement> st = conn.Prepare(
         "SELECT 1 FROM tokens WHERE owner = ?1 AND key_hash = ?2 AND (expires = 0 OR expires > "

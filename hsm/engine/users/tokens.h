@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/clock.h"
 #include "engine/secure/secure.h"
 #include "engine/store/store.h"
 
@@ -23,7 +24,10 @@ struct TokenInfo {
 
 class TokenStore {
  public:
-  explicit TokenStore(store::Store &store) : store_(store) {}
+  // Issue times and expiry checks follow `clock` (the HSM's time), which must outlive the store;
+  // null: the machine's clock.
+  explicit TokenStore(store::Store &store, const Clock *clock = nullptr)
+      : store_(store), clock_(clock ? clock : &MachineClock()) {}
 
   // Issues a token for `owner` valid until `expires` (seconds since 1970; 0: no expiry);
   // returns its secret.
@@ -40,6 +44,7 @@ class TokenStore {
 
  private:
   store::Store &store_;
+  const Clock *clock_;
 };
 
 }  // namespace qlhsm::users

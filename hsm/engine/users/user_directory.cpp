@@ -7,11 +7,6 @@
 namespace qlhsm::users {
 namespace {
 
-int64_t Now() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -33,8 +28,8 @@ bool ValidPassword(std::string_view password) {
          password.find('\0') == std::string_view::npos;
 }
 
-UserDirectory::UserDirectory(store::Store &store, secure::KdfParams kdf)
-    : store_(store), kdf_(kdf) {
+UserDirectory::UserDirectory(store::Store &store, secure::KdfParams kdf, const Clock *clock)
+    : store_(store), kdf_(kdf), clock_(clock ? clock : &MachineClock()) {
   Result<secure::Bytes> key = secure::RandomBytes(secure::kKeyLen);
   // Without randomness the login memory stays empty (every login hashes); Authenticate checks.
   if (key.ok()) process_key_ = std::move(key.value());
@@ -115,7 +110,7 @@ Status UserDirectory::Create(std::string_view name, std::string_view password, u
     Result<store::Statement> st = conn.Prepare(
         "INSERT INTO users(name, password_hash, mask, blocked, created) VALUES(?1, ?2, ?3, 0, ?4)");
     if (!st.ok()) return st.status();
-    st->Bind(1, name).Bind(2, hash.value()).Bind(3, static_cast<int64_t>(mask)).Bind(4, Now());
+    st->Bind(1, name).Bind(2, hash.value()).Bind(3, static_cast<int64_t>(mask)).Bind(4, clock_->Now());
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) return Status::Error(Code::kUserExists, "user exists");
     QL_RETURN_IF_ERROR(s);

@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "engine/clock.h"
 #include "engine/secure/secure.h"
 #include "engine/store/store.h"
 
@@ -42,7 +43,9 @@ bool ValidPassword(std::string_view password);
 
 class UserDirectory {
  public:
-  UserDirectory(store::Store &store, secure::KdfParams kdf);
+  // `clock` (the HSM's time, for creation stamps) must outlive the directory; null: the
+  // machine's clock.
+  UserDirectory(store::Store &store, secure::KdfParams kdf, const Clock *clock = nullptr);
 
   // Loads every user from the store into memory. Call once before use.
   Status Load();
@@ -75,6 +78,7 @@ class UserDirectory {
 
   store::Store &store_;
   secure::KdfParams kdf_;
+  const Clock *clock_;
   secure::Bytes process_key_;
   mutable std::shared_mutex mu_;
   std::unordered_map<std::string, Entry> users_;
