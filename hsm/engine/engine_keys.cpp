@@ -134,7 +134,7 @@ Result<Engine::CachedKey> Engine::LoadStoredKey(const objects::ObjectRef &ref) {
 Result<Engine::UsableKey> Engine::ResolveKey(Session &s, const KeyArg &arg, const char *op) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();
-  std::string name = arg.name;
+  std::string_view name = arg.name;
   if (arg.handle != 0) {
     if (sessions::TempObject *t = s.FindTemp(arg.handle)) return UsableKey{t->key, t->flags};
     const std::string *opened = s.FindOpened(arg.handle);
@@ -146,6 +146,14 @@ Result<Engine::UsableKey> Engine::ResolveKey(Session &s, const KeyArg &arg, cons
   if (!ref.ok()) return ref.status();
   if (!access::Allowed(Request::kUseObject, me->mask))
     return Done<UsableKey>(s, op, name, Status::Error(Code::kAccessDenied, "access denied"), false);
+  {
+    // Every use after the first finds the key ready: take only what the use needs, not a copy of
+    // the object's whole record (its metadata may be kilobytes).
+    std::shared_lock lock(keys_mu_);
+    auto it = keys_.find(ref->Full());
+    if (it != keys_.end() && !it->second.info.blocked)
+      return UsableKey{it->second.key, it->second.info.flags};
+  }
   Result<CachedKey> cached = LoadStoredKey(*ref);
   if (!cached.ok()) return Done<UsableKey>(s, op, name, cached.status(), false);
   if (cached->info.blocked)
