@@ -86,20 +86,20 @@ void Server::Accept() {
   // The accepted socket belongs to the quietest loop; the accept handler runs on the control
   // strand, as Stop() does.
   const std::size_t loop = QuietestLoop();
-  acceptor_.async_accept(*loops_[loop],
-                         [this, loop](const asio::error_code &ec, asio::ip::tcp::socket socket) {
-                           if (!acceptor_.is_open()) return;
-                           if (!ec) {
-                             asio::error_code nodelay_ec;
-                             socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
-                             bool over = manager_.Count() >= options_.max_connections;
-                             auto c = std::make_shared<Connection>(
-                                 std::move(socket), tls_, manager_, *handler_, over, &loads_[loop]);
-                             manager_.Add(c);
-                             c->Start();
-                           }
-                           Accept();
-                         });
+  acceptor_.async_accept(
+      *loops_[loop], [this, loop](const asio::error_code &ec, asio::ip::tcp::socket socket) {
+        if (!acceptor_.is_open()) return;
+        if (!ec) {
+          asio::error_code nodelay_ec;
+          socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
+          bool over = manager_.Count() >= options_.max_connections;
+          auto c = std::make_shared<Connection>(std::move(socket), tls_.native_handle(), manager_,
+                                                *handler_, over, &loads_[loop]);
+          manager_.Add(c);
+          c->Start();
+        }
+        Accept();
+      });
 }
 
 void Server::Run() {

@@ -195,41 +195,44 @@ TEST_F(Daemon, TruncatedFrameThenHangUpLeavesTheDaemonServing) {
 // A connection may carry several requests at once and a frame may arrive in any pieces, larger
 // than the daemon's receive buffer included: every request is answered, in order, whole.
 TEST_F(Daemon, PipelinedFramesInAnyPiecesAreAnsweredInOrder) {
-  auto c = LoggedIn(*hsm_);
-  const std::string big(200 * 1024, 'z');
-  std::vector<Request> reqs(5);
-  reqs[0] = RandomReq(16);
-  reqs[1].mutable_write_file()->set_name("pipelined_file");
-  reqs[1].mutable_write_file()->set_data(big);
-  reqs[2].mutable_read_file()->set_name("pipelined_file");
-  reqs[2].mutable_read_file()->set_max_length(60000);
-  reqs[3] = RandomReq(32);
-  reqs[4].mutable_remove_obj()->set_name("pipelined_file");
-  std::string all;
-  for (size_t i = 0; i < reqs.size(); ++i) {
-    reqs[i].set_id(500 + i);
-    ASSERT_EQ(qlproto::EncodeFrame(reqs[i], qlproto::kAbsoluteMaxFrame, &all),
-              qlproto::FrameStatus::kOk);
-  }
-  // A lone byte, a header split in two, a body cut anywhere, then everything else at once.
-  const size_t cuts[] = {1, 3, 6, 5000, 70000, all.size()};
-  size_t sent = 0;
-  for (size_t cut : cuts) {
-    ASSERT_TRUE(c->SendRaw(all.substr(sent, cut - sent)));
-    sent = cut;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  for (size_t i = 0; i < reqs.size(); ++i) {
-    auto r = c->Receive();
-    ASSERT_TRUE(r.has_value()) << "answer " << i;
-    EXPECT_EQ(r->id(), 500 + i);
-    EXPECT_EQ(r->code(), 0) << "answer " << i << ": " << r->detail();
-    if (i == 0) {
-      EXPECT_EQ(r->blob().data().size(), 16u);
-    } else if (i == 2) {
-      EXPECT_EQ(r->file_chunk().data(), big.substr(0, 60000));
-    } else if (i == 3) {
-      EXPECT_EQ(r->blob().data().size(), 32u);
+  for (bool tls : {false, true}) {
+    SCOPED_TRACE(tls ? "TLS" : "plain");
+    auto c = LoggedIn(*hsm_, tls);
+    const std::string big(200 * 1024, 'z');
+    std::vector<Request> reqs(5);
+    reqs[0] = RandomReq(16);
+    reqs[1].mutable_write_file()->set_name("pipelined_file");
+    reqs[1].mutable_write_file()->set_data(big);
+    reqs[2].mutable_read_file()->set_name("pipelined_file");
+    reqs[2].mutable_read_file()->set_max_length(60000);
+    reqs[3] = RandomReq(32);
+    reqs[4].mutable_remove_obj()->set_name("pipelined_file");
+    std::string all;
+    for (size_t i = 0; i < reqs.size(); ++i) {
+      reqs[i].set_id(500 + i);
+      ASSERT_EQ(qlproto::EncodeFrame(reqs[i], qlproto::kAbsoluteMaxFrame, &all),
+                qlproto::FrameStatus::kOk);
+    }
+    // A lone byte, a header split in two, a body cut anywhere, then everything else at once.
+    const size_t cuts[] = {1, 3, 6, 5000, 70000, all.size()};
+    size_t sent = 0;
+    for (size_t cut : cuts) {
+      ASSERT_TRUE(c->SendRaw(all.substr(sent, cut - sent)));
+      sent = cut;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    for (size_t i = 0; i < reqs.size(); ++i) {
+      auto r = c->Receive();
+      ASSERT_TRUE(r.has_value()) << "answer " << i;
+      EXPECT_EQ(r->id(), 500 + i);
+      EXPECT_EQ(r->code(), 0) << "answer " << i << ": " << r->detail();
+      if (i == 0) {
+        EXPECT_EQ(r->blob().data().size(), 16u);
+      } else if (i == 2) {
+        EXPECT_EQ(r->file_chunk().data(), big.substr(0, 60000));
+      } else if (i == 3) {
+        EXPECT_EQ(r->blob().data().size(), 32u);
+      }
     }
   }
   ExpectStillServing(*hsm_);
