@@ -82,7 +82,8 @@ int main(int argc, char **argv) {
   serve->add_option("--max-frame", serve_opts.max_frame, "largest frame in bytes");
   serve->add_option("--max-sessions", serve_opts.max_sessions, "most open sessions");
   serve->add_option("--max-connections", serve_opts.max_connections, "most connections");
-  serve->add_option("--threads", serve_opts.threads, "worker threads");
+  serve->add_option("--threads", serve_opts.threads,
+                    "event loops, one thread each (default 4 per core, at least 8)");
   std::string test_fault;
   serve->add_option("--test-fault", test_fault,
                     "TESTS ONLY: answer wrongly on purpose (sign-bitflip, decrypt-corrupt, "
