@@ -896,7 +896,10 @@ QLAPI_EXPORT int QGenEcdhKey(HSESSIONCTX hSession, uint32_t dwKdf, const char *s
                              unsigned char *pbOut, uint32_t *pdwOutLen);
 
 /* PKCS#8: export szKeyName encrypted under szPassword (PBES2, AES-256-CBC, PBKDF2-SHA256; an
- * empty or null password exports it in the clear), in a buffer from QAlloc; import the same. */
+ * empty or null password exports it in the clear, as a PrivateKeyInfo), in a buffer from QAlloc;
+ * import the same: an EncryptedPrivateKeyInfo under szPassword, or with an empty or null password
+ * a PrivateKeyInfo whose key pair must check out. Export needs a key made with
+ * QL_KEY_EXPORTABLE; the imported key is always stored (QL_KEY_TEMPORARY is ignored). */
 QLAPI_EXPORT int QPKCS8ExportKey(HSESSIONCTX hSession, const char *szKeyName,
                                  const char *szPassword, unsigned char **ppbData,
                                  uint32_t *pdwDataLen);
