@@ -72,17 +72,11 @@ void Connection::OnFirstByte(const asio::error_code &ec) {
 
 void Connection::Handshake() {
   ERR_clear_error();  // SSL_get_error reads the thread's queue, which engine calls may have left
-  const int r = SSL_do_handshake(ssl_.get());
-  if (r == 1) return Pump();
-  switch (SSL_get_error(ssl_.get(), r)) {
-    case SSL_ERROR_WANT_READ:
-      return WaitFor(Io::kWantRead, &Connection::Handshake);
-    case SSL_ERROR_WANT_WRITE:
-      return WaitFor(Io::kWantWrite, &Connection::Handshake);
-    default:
-      ERR_clear_error();
-      return Finish();
-  }
+  std::size_t unused = 0;
+  const Io io = TlsOutcome(SSL_do_handshake(ssl_.get()), 0, &unused);
+  if (io == Io::kDone) return Pump();
+  if (io == Io::kClosed) return Finish();
+  WaitFor(io, &Connection::Handshake);
 }
 
 bool Connection::ServeOne(std::size_t *wanted) {
@@ -161,6 +155,22 @@ void Connection::Pump() {
   }
 }
 
+Connection::Io Connection::TlsOutcome(int r, std::size_t n, std::size_t *moved) {
+  if (r == 1) {
+    *moved += n;
+    return Io::kDone;
+  }
+  switch (SSL_get_error(ssl_.get(), r)) {
+    case SSL_ERROR_WANT_READ:
+      return Io::kWantRead;
+    case SSL_ERROR_WANT_WRITE:
+      return Io::kWantWrite;
+    default:
+      ERR_clear_error();
+      return Io::kClosed;  // the peer closed, or TLS failed
+  }
+}
+
 Connection::Io Connection::ReadSome() {
   char *to = in_.data() + end_;
   const std::size_t room = in_.size() - end_;
@@ -168,19 +178,7 @@ Connection::Io Connection::ReadSome() {
     std::size_t n = 0;
     ERR_clear_error();
     const int r = SSL_read_ex(ssl_.get(), to, room, &n);
-    if (r == 1) {
-      end_ += n;
-      return Io::kDone;
-    }
-    switch (SSL_get_error(ssl_.get(), r)) {
-      case SSL_ERROR_WANT_READ:
-        return Io::kWantRead;
-      case SSL_ERROR_WANT_WRITE:
-        return Io::kWantWrite;
-      default:
-        ERR_clear_error();
-        return Io::kClosed;
-    }
+    return TlsOutcome(r, n, &end_);
   }
   for (;;) {
     const ssize_t n = ::recv(socket_.native_handle(), to, room, 0);
@@ -201,19 +199,7 @@ Connection::Io Connection::WriteSome() {
     std::size_t n = 0;
     ERR_clear_error();
     const int r = SSL_write_ex(ssl_.get(), from, left, &n);
-    if (r == 1) {
-      sent_ += n;
-      return Io::kDone;
-    }
-    switch (SSL_get_error(ssl_.get(), r)) {
-      case SSL_ERROR_WANT_READ:
-        return Io::kWantRead;
-      case SSL_ERROR_WANT_WRITE:
-        return Io::kWantWrite;
-      default:
-        ERR_clear_error();
-        return Io::kClosed;
-    }
+    return TlsOutcome(r, n, &sent_);
   }
   for (;;) {
     const ssize_t n = ::send(socket_.native_handle(), from, left, MSG_NOSIGNAL);

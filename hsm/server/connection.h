@@ -52,6 +52,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool ServeOne(std::size_t *wanted);
   Io ReadSome();
   Io WriteSome();
+  // What an SSL_read_ex or SSL_write_ex that answered r means; on success n is added to *moved.
+  Io TlsOutcome(int r, std::size_t n, std::size_t *moved);
   void WaitFor(Io io, void (Connection::*then)());
   void Finish();
 
