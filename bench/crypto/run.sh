@@ -30,12 +30,14 @@ load() { awk '{ print $1 }' /proc/loadavg; }
 
 # openssl speed's figure: sign/s of an RSA or ECDSA line, or bytes/s of a cipher or digest line
 # ("k" is thousands of bytes). With -multi the last line is the sum over the processes.
+# -elapsed: per second of real time, as the benchmark counts and as -multi does; without it one
+# openssl process divides by its own CPU time, which on a shared machine no caller gets.
 speed() {  # threads args...
   local threads=$1
   shift
   local multi=()
   [[ $threads -gt 1 ]] && multi=(-multi "$threads")
-  openssl speed -seconds "$secs" "${multi[@]}" "$@" 2>/dev/null | tail -n 1 |
+  openssl speed -elapsed -seconds "$secs" "${multi[@]}" "$@" 2>/dev/null | tail -n 1 |
     awk -v sign="$([[ $* == *-evp* ]] && echo 0 || echo 1)" '{
       if (sign) { print $(NF-1); exit }
       v = $NF; sub(/k$/, "", v); printf "%.0f\n", v * 1000 }'
