@@ -56,6 +56,10 @@ Result<secure::Bytes> Engine::GenEcdhKey(Session &s, const EcdhArgs &a, uint64_t
   }
   Result<objects::ObjectRef> own_ref = Ref(s, a.private_key);
   if (!own_ref.ok()) return own_ref.status();
+  // The peer's algorithm comes from its own encoding; Derive refuses one that differs from ours.
+  crypto::Result<crypto::KeyPtr> peer = crypto::Key::FromSpki(
+      0, crypto::ByteView(a.peer_public_key.data(), a.peer_public_key.size()));
+  if (!peer.ok()) return FromCrypto(peer.status());
 
   // Rights (every right before any existence), then existence and state of the private key.
   const bool stored_target = keep && !(a.flags & QL_KEY_TEMPORARY);
@@ -65,10 +69,6 @@ Result<secure::Bytes> Engine::GenEcdhKey(Session &s, const EcdhArgs &a, uint64_t
   Result<UsableKey> own = ResolveKey(s, KeyArg{0, a.private_key}, "ecdh");
   if (!own.ok()) return own.status();
 
-  // The peer's algorithm comes from its own encoding; Derive refuses one that differs from ours.
-  crypto::Result<crypto::KeyPtr> peer = crypto::Key::FromSpki(
-      0, crypto::ByteView(a.peer_public_key.data(), a.peer_public_key.size()));
-  if (!peer.ok()) return FromCrypto(peer.status());
   crypto::Result<crypto::SecretBytes> secret =
       crypto::Derive(*own->key, **peer, static_cast<crypto::Kdf>(a.kdf), a.out_length,
                      crypto::ByteView(a.shared_info.data(), a.shared_info.size()));

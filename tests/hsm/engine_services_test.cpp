@@ -353,9 +353,12 @@ TEST(Ecdh, RightsOfUseAndOfCreation) {
               use ? Code::kOk : Code::kAccessDenied);
     EXPECT_EQ(f.engine->GenEcdhKey(*s, kept, nullptr).status().code(),
               create && use ? Code::kOk : Code::kAccessDenied);
-    // The right comes before existence.
+    // The right comes before existence, and arguments before the right.
     EXPECT_EQ(f.engine->GenEcdhKey(*s, missing, nullptr).status().code(),
               use ? Code::kObjectNotFound : Code::kAccessDenied);
+    Engine::EcdhArgs bad_peer = out;
+    bad_peer.peer_public_key = {0x30, 0x00};
+    EXPECT_EQ(f.engine->GenEcdhKey(*s, bad_peer, nullptr).status().code(), Code::kBadArgument);
     if (create) {
       ASSERT_TRUE(f.engine->RemoveObject(*f.master, "tested/mine").ok());
     }
