@@ -45,6 +45,8 @@ Result<secure::Bytes> Engine::GenEcdhKey(Session &s, const EcdhArgs &a, uint64_t
   if (raw && keep) return Status::Error(Code::kBadArgument, "the raw secret cannot be kept");
   if (!raw && (a.out_length == 0 || a.out_length > kMaxDerived))
     return Status::Error(Code::kBadLength, "X9.63 derives 1 to 1024 bytes");
+  if (keep && (a.flags & QL_KEY_BLOCKCHAIN))
+    return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
   if (keep) {
     Result<objects::ObjectRef> ref = Ref(s, a.target_name);
     if (!ref.ok()) return ref.status();

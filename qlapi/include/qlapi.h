@@ -887,8 +887,8 @@ QLAPI_EXPORT int QGenerateKeyMaterial(HSESSIONCTX hSession, uint32_t dwAlgId, ui
  * follows the usual rule. X9.63 derives 1 to 1024 bytes (QL_ERR_BAD_LENGTH otherwise); a kept key
  * must get exactly its algorithm's key length (aes256: 32). With QL_KEY_TEMPORARY in dwFlags the
  * kept key is a session key that no handle reaches, so it ends with the call; without it the key
- * is stored. Rights: ACL_OBJ_CREATE for a stored key, then the use of the private key (any of
- * ACL_OBJ_DEL, ACL_OBJ_READ, ACL_OBJ_CREATE). */
+ * is stored (QL_KEY_BLOCKCHAIN: QL_ERR_NOT_SUPPORTED). Rights: ACL_OBJ_CREATE for a stored key,
+ * then the use of the private key (any of ACL_OBJ_DEL, ACL_OBJ_READ, ACL_OBJ_CREATE). */
 QLAPI_EXPORT int QGenEcdhKey(HSESSIONCTX hSession, uint32_t dwKdf, const char *szPrivKeyName,
                              const unsigned char *pbPeerPub, uint32_t dwPeerPubLen,
                              const unsigned char *pbSharedInfo, uint32_t dwSharedInfoLen,

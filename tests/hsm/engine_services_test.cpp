@@ -296,6 +296,13 @@ TEST(Ecdh, RefusalsInOrder) {
          a.target_algorithm = 9999;
        },
        Code::kBadAlgorithm},
+      {"kept blockchain key",
+       [](Engine::EcdhArgs &a) {
+         a.target_name = "bc";
+         a.target_algorithm = QL_ALG_AES256;
+         a.flags = QL_KEY_BLOCKCHAIN;
+       },
+       Code::kNotSupported},
       {"missing private key", [](Engine::EcdhArgs &a) { a.private_key = "ghost"; },
        Code::kObjectNotFound},
       {"peer of another curve", [&](Engine::EcdhArgs &a) { a.peer_public_key = other_curve; },
