@@ -885,7 +885,9 @@ QLAPI_EXPORT int QGenerateKeyMaterial(HSESSIONCTX hSession, uint32_t dwAlgId, ui
  * key that cannot agree, such as RSA). The raw secret (the x coordinate, or the X25519/X448
  * output) is always handed out: with szTargetName it answers QL_ERR_BAD_ARGUMENT; its size query
  * follows the usual rule. X9.63 derives 1 to 1024 bytes (QL_ERR_BAD_LENGTH otherwise); a kept key
- * must get exactly its algorithm's key length (aes256: 32). With QL_KEY_TEMPORARY in dwFlags the
+ * must get a length its algorithm takes (aes256: 32; an HMAC key: 1 to 1024; QL_ERR_BAD_LENGTH
+ * otherwise), and a kept key's algorithm must be a secret-key one (QL_ERR_BAD_KEY_USAGE for an
+ * asymmetric one, QL_ERR_BAD_ALGORITHM for an unknown one). With QL_KEY_TEMPORARY in dwFlags the
  * kept key is a session key that no handle reaches, so it ends with the call; without it the key
  * is stored (QL_KEY_BLOCKCHAIN: QL_ERR_NOT_SUPPORTED). Rights: ACL_OBJ_CREATE for a stored key,
  * then the use of the private key (any of ACL_OBJ_DEL, ACL_OBJ_READ, ACL_OBJ_CREATE). */
