@@ -192,24 +192,47 @@ Result<KeyPtr> Key::FromSpki(AlgId alg, ByteView der) {
   return Adopt(alg, std::move(pkey), false);
 }
 
-ossl::PkeyCtxPtr Key::TakeSignCtx() const {
+namespace {
+
+constexpr size_t kMaxPooled = 16;  // more than the threads that use one key at once
+
+// A context from `pool`, or a new one made ready by `init` when the pool is empty.
+ossl::PkeyCtxPtr TakeCtx(std::mutex &mu, std::vector<ossl::PkeyCtxPtr> &pool, EVP_PKEY *pkey,
+                         int (*init)(EVP_PKEY_CTX *)) {
   {
-    std::lock_guard lock(sign_pool_mutex_);
-    if (!sign_pool_.empty()) {
-      ossl::PkeyCtxPtr ctx = std::move(sign_pool_.back());
-      sign_pool_.pop_back();
+    std::lock_guard lock(mu);
+    if (!pool.empty()) {
+      ossl::PkeyCtxPtr ctx = std::move(pool.back());
+      pool.pop_back();
       return ctx;
     }
   }
-  ossl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(ossl::LibCtx(), pkey_.get(), nullptr));
-  if (ctx && EVP_PKEY_sign_init(ctx.get()) <= 0) ctx.reset();
+  ossl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(ossl::LibCtx(), pkey, nullptr));
+  if (ctx && init(ctx.get()) <= 0) ctx.reset();
   return ctx;
 }
 
+void GiveBackCtx(std::mutex &mu, std::vector<ossl::PkeyCtxPtr> &pool, ossl::PkeyCtxPtr ctx) {
+  std::lock_guard lock(mu);
+  if (ctx && pool.size() < kMaxPooled) pool.push_back(std::move(ctx));
+}
+
+}  // namespace
+
+ossl::PkeyCtxPtr Key::TakeSignCtx() const {
+  return TakeCtx(sign_pool_mutex_, sign_pool_, pkey_.get(), EVP_PKEY_sign_init);
+}
+
 void Key::GiveBackSignCtx(ossl::PkeyCtxPtr ctx) const {
-  constexpr size_t kMaxPooled = 16;  // more than the threads that sign with one key at once
-  std::lock_guard lock(sign_pool_mutex_);
-  if (ctx && sign_pool_.size() < kMaxPooled) sign_pool_.push_back(std::move(ctx));
+  GiveBackCtx(sign_pool_mutex_, sign_pool_, std::move(ctx));
+}
+
+ossl::PkeyCtxPtr Key::TakeVerifyCtx() const {
+  return TakeCtx(sign_pool_mutex_, verify_pool_, pkey_.get(), EVP_PKEY_verify_init);
+}
+
+void Key::GiveBackVerifyCtx(ossl::PkeyCtxPtr ctx) const {
+  GiveBackCtx(sign_pool_mutex_, verify_pool_, std::move(ctx));
 }
 
 size_t Key::length_bytes() const {

@@ -3,8 +3,8 @@
 // A Key is immutable once made: generated, parsed from its storage bytes, or imported. Its
 // OpenSSL form (an EVP_PKEY, or the raw secret of a symmetric key) is built once, so no operation
 // parses it again. Keys are shared as std::shared_ptr<const Key>; any number of threads may sign,
-// verify, encrypt and export with the same Key at once (each operation makes its own OpenSSL
-// context).
+// verify, encrypt and export with the same Key at once (each operation has an OpenSSL context
+// of its own, taken from the key's pools for signing and verifying).
 #ifndef QLHSM_CRYPTO_KEY_H_
 #define QLHSM_CRYPTO_KEY_H_
 
@@ -77,6 +77,9 @@ class Key {
   // GiveBackSignCtx returns it. Thread-safe.
   ossl::PkeyCtxPtr TakeSignCtx() const;
   void GiveBackSignCtx(ossl::PkeyCtxPtr ctx) const;
+  // The same for verification contexts (initialised for verifying).
+  ossl::PkeyCtxPtr TakeVerifyCtx() const;
+  void GiveBackVerifyCtx(ossl::PkeyCtxPtr ctx) const;
 
   Key(const AlgInfo *info, ossl::PkeyPtr pkey, bool has_private);
   Key(const AlgInfo *info, SecretBytes secret);
@@ -86,8 +89,9 @@ class Key {
   ossl::PkeyPtr pkey_;
   SecretBytes secret_;
   bool has_private_ = true;
-  mutable std::mutex sign_pool_mutex_;
+  mutable std::mutex sign_pool_mutex_;  // guards both pools
   mutable std::vector<ossl::PkeyCtxPtr> sign_pool_;
+  mutable std::vector<ossl::PkeyCtxPtr> verify_pool_;
 };
 
 // Random bytes from the HSM's generator. kBadLength for more than 1 MiB at once.

@@ -63,10 +63,6 @@ Result<Bytes> RsaPayload(const Key &key, AlgId hash_alg, ByteView digest, uint32
   return t;
 }
 
-ossl::PkeyCtxPtr NewCtx(const Key &key) {
-  return ossl::PkeyCtxPtr(EVP_PKEY_CTX_new_from_pkey(ossl::LibCtx(), key.pkey(), nullptr));
-}
-
 Result<Bytes> PkeySign(const Key &key, ByteView tbs, int rsa_padding) {
   ossl::PkeyCtxPtr ctx = key.TakeSignCtx();
   if (!ctx) return ossl::Fail("signing context");
@@ -92,8 +88,8 @@ Result<Bytes> PkeySign(const Key &key, ByteView tbs, int rsa_padding) {
 }
 
 Status PkeyVerify(const Key &key, ByteView tbs, ByteView sig, int rsa_padding) {
-  ossl::PkeyCtxPtr ctx = NewCtx(key);
-  if (!ctx || EVP_PKEY_verify_init(ctx.get()) <= 0) return ossl::Fail("EVP_PKEY_verify_init");
+  ossl::PkeyCtxPtr ctx = key.TakeVerifyCtx();
+  if (!ctx) return ossl::Fail("EVP_PKEY_verify_init");
   if (rsa_padding != 0 && EVP_PKEY_CTX_set_rsa_padding(ctx.get(), rsa_padding) <= 0) {
     return ossl::Fail("RSA padding");
   }
@@ -102,6 +98,7 @@ Status PkeyVerify(const Key &key, ByteView tbs, ByteView sig, int rsa_padding) {
     ossl::ClearErrors();
     return Status(Code::kBadSignature, "signature does not verify");
   }
+  key.GiveBackVerifyCtx(std::move(ctx));  // only a context that just worked goes back
   return {};
 }
 

@@ -61,5 +61,45 @@ TEST(Threads, SharedKeyOwnStates) {
   for (int m : mismatches) EXPECT_EQ(m, 0);
 }
 
+// Signing and verifying contexts are pooled per key: contexts handed from thread to thread must
+// give the same answers as new ones, whatever the call before left in them (raw RSA between
+// PKCS#1 signatures, a signature that does not verify between good ones).
+TEST(Threads, SharedKeySignsAndVerifiesFromManyThreads) {
+  for (AlgId a : {alg::kRsa1024, alg::kSecp256r1}) {
+    SCOPED_TRACE(a);
+    auto key = Key::Generate(a);
+    ASSERT_TRUE(key.ok());
+    const bool rsa = (*key)->kind() == KeyKind::kRsa;
+    std::vector<int> failures(4, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < 25; ++i) {
+          Bytes digest(32, static_cast<uint8_t>(t * 31 + i));
+          auto sig = Sign(**key, hash::kSha256, digest);
+          if (!sig.ok() || !Verify(**key, hash::kSha256, digest, *sig).ok()) {
+            ++failures[t];
+            continue;
+          }
+          Bytes bad = *sig;
+          bad[bad.size() / 2] ^= 0x10;
+          if (Verify(**key, hash::kSha256, digest, bad).code() != Code::kBadSignature)
+            ++failures[t];
+          digest[0] ^= 1;
+          if (Verify(**key, hash::kSha256, digest, *sig).code() != Code::kBadSignature)
+            ++failures[t];
+          if (rsa) {
+            Bytes block((*key)->length_bytes(), 0x22);
+            block[0] = 0;
+            if (!RsaRawSign(**key, block).ok()) ++failures[t];
+          }
+        }
+      });
+    }
+    for (auto &th : threads) th.join();
+    for (int f : failures) EXPECT_EQ(f, 0);
+  }
+}
+
 }  // namespace
 }  // namespace qlhsm::crypto
