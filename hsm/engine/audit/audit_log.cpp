@@ -27,6 +27,34 @@ Result<std::string> AuditLog::Inflate(const std::vector<uint8_t> &data, uint64_t
   return out;
 }
 
+AuditLog::AuditLog(store::Store &store, size_t page_size, const Clock *clock)
+    : store_(store), page_size_(page_size), clock_(clock ? clock : &MachineClock()) {
+  writer_ = std::thread([this] { WriterLoop(); });
+}
+
+AuditLog::~AuditLog() {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    stopping_ = true;
+  }
+  wake_.notify_one();
+  writer_.join();
+  (void)Flush();
+}
+
+void AuditLog::WriterLoop() {
+  std::unique_lock<std::mutex> lock(mu_);
+  for (;;) {
+    wake_.wait(lock, [this] { return stopping_ || !closed_.empty(); });
+    if (stopping_) return;
+    lock.unlock();
+    const bool written = Flush().ok();
+    lock.lock();
+    // A store that fails now is tried again a little later, not in a tight loop.
+    if (!written) wake_.wait_for(lock, std::chrono::seconds(1), [this] { return stopping_; });
+  }
+}
+
 Status AuditLog::Load() {
   return store_.Locked([&](store::Connection &conn) -> Status {
     Result<store::Statement> st = conn.Prepare(
@@ -70,59 +98,88 @@ void AuditLog::Append(std::string_view user, std::string_view op, std::string_vi
   for (char &c : line)
     if (c == '\n' || c == '\r') c = ' ';
   line.push_back('\n');
-  std::lock_guard<std::mutex> lock(mu_);
-  current_ += line;
-  dirty_ = true;
-  if (current_.size() >= page_size_) CloseCurrentLocked();
+  bool closed = false;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    current_ += line;
+    dirty_ = true;
+    if (current_.size() >= page_size_) {
+      CloseCurrentLocked();
+      closed = true;
+    }
+  }
+  if (closed) wake_.notify_one();
 }
 
 void AuditLog::CloseCurrentLocked() {
   Page page;
   page.number = current_number_;
   page.raw_len = current_.size();
-  std::vector<uint8_t> packed = Compress(current_);
-  if (!packed.empty() && packed.size() < current_.size()) {
-    page.compressed = true;
-    page.data = std::move(packed);
-  } else {
-    page.data.assign(current_.begin(), current_.end());
-  }
+  page.data.assign(current_.begin(), current_.end());  // packed by the flush that writes it
   closed_.push_back(std::move(page));
   current_.clear();
   ++current_number_;
 }
 
 Status AuditLog::Flush() {
-  return store_.Locked([&](store::Connection &conn) -> Status {
+  std::lock_guard<std::mutex> one_at_a_time(flush_mu_);
+  // Take what is to be written, then write it without holding mu_: Append never waits for the
+  // disk.
+  std::vector<Page> pages;
+  Page open;
+  {
     std::lock_guard<std::mutex> lock(mu_);
     if (!dirty_) return Status::Ok();
+    pages.swap(closed_);
+    for (const Page &p : pages) writing_len_ += p.raw_len;
+    open.number = current_number_;
+    open.raw_len = current_.size();
+    open.data.assign(current_.begin(), current_.end());
+    dirty_ = false;
+  }
+  uint64_t closed_len = 0;
+  for (Page &p : pages) {
+    closed_len += p.raw_len;
+    if (p.compressed) continue;
+    std::vector<uint8_t> packed =
+        Compress(std::string_view(reinterpret_cast<const char *>(p.data.data()), p.data.size()));
+    if (!packed.empty() && packed.size() < p.data.size()) {
+      p.compressed = true;
+      p.data = std::move(packed);
+    }
+  }
+  Status written = store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
     Result<store::Statement> st = conn.Prepare(
         "INSERT OR REPLACE INTO audit_pages(page_no, compressed, raw_len, data) "
         "VALUES(?1, ?2, ?3, ?4)");
     if (!st.ok()) return st.status();
-    uint64_t closed_len = 0;
-    for (const Page &p : closed_) {
+    for (const Page &p : pages) {
       st->Reset();
       st->Bind(1, static_cast<int64_t>(p.number)).Bind(2, int64_t{p.compressed ? 1 : 0});
       st->Bind(3, static_cast<int64_t>(p.raw_len)).BindBlob(4, p.data);
       QL_RETURN_IF_ERROR(st->Run());
-      closed_len += p.raw_len;
     }
-    if (!current_.empty()) {
+    if (open.raw_len > 0) {
       st->Reset();
-      st->Bind(1, static_cast<int64_t>(current_number_)).Bind(2, int64_t{0});
-      st->Bind(3, static_cast<int64_t>(current_.size()))
-          .BindBlob(4, std::vector<uint8_t>(current_.begin(), current_.end()));
+      st->Bind(1, static_cast<int64_t>(open.number)).Bind(2, int64_t{0});
+      st->Bind(3, static_cast<int64_t>(open.raw_len)).BindBlob(4, open.data);
       QL_RETURN_IF_ERROR(st->Run());
     }
-    QL_RETURN_IF_ERROR(tx.Commit());
-    stored_closed_len_ += closed_len;
-    closed_.clear();
-    dirty_ = false;
-    return Status::Ok();
+    return tx.Commit();
   });
+  std::lock_guard<std::mutex> lock(mu_);
+  writing_len_ -= closed_len;
+  if (written.ok()) {
+    stored_closed_len_ += closed_len;
+  } else {
+    // Not written: the pages wait for the next flush, ahead of any closed since.
+    closed_.insert(closed_.begin(), std::make_move_iterator(pages.begin()),
+                   std::make_move_iterator(pages.end()));
+    dirty_ = true;
+  }
+  return written;
 }
 
 bool AuditLog::HasClosedPages() {
@@ -132,7 +189,7 @@ bool AuditLog::HasClosedPages() {
 
 Result<uint64_t> AuditLog::Size() {
   std::lock_guard<std::mutex> lock(mu_);
-  uint64_t n = stored_closed_len_ + current_.size();
+  uint64_t n = stored_closed_len_ + writing_len_ + current_.size();
   for (const Page &p : closed_) n += p.raw_len;
   return n;
 }

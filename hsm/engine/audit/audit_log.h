@@ -6,12 +6,17 @@
 //
 // Lines of a change are written to the store right after the change commits; lines of read-only
 // requests wait in memory for the next write, so a crash may lose those but never a change's.
+// A page that fills is compressed and written by the log's own writer thread, so a request never
+// waits for a page's compression or its disk write (read-only traffic alone still cannot let
+// closed pages pile up in memory).
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "engine/clock.h"
@@ -30,16 +35,18 @@ class AuditLog {
  public:
   // Lines are stamped with `clock` (the HSM's time), which must outlive the log; null: the
   // machine's clock.
-  explicit AuditLog(store::Store &store, size_t page_size = 4096, const Clock *clock = nullptr)
-      : store_(store), page_size_(page_size), clock_(clock ? clock : &MachineClock()) {}
+  explicit AuditLog(store::Store &store, size_t page_size = 4096, const Clock *clock = nullptr);
+  // Stops the writer and writes what is left.
+  ~AuditLog();
+  AuditLog(const AuditLog &) = delete;
+  AuditLog &operator=(const AuditLog &) = delete;
 
   Status Load();
   // Adds a line (a time stamp is prepended, a newline appended; newlines inside become blanks).
   void Append(std::string_view user, std::string_view op, std::string_view target, int code);
-  // Writes closed pages and the open page to the store.
+  // Writes closed pages and the open page to the store before it returns.
   Status Flush();
-  // True when a page filled since the last flush: read-only traffic alone must not let closed
-  // pages pile up in memory.
+  // True when a filled page waits to be written.
   bool HasClosedPages();
   // The log's size in bytes of plain text, every page counted.
   Result<uint64_t> Size();
@@ -54,15 +61,22 @@ class AuditLog {
 
  private:
   void CloseCurrentLocked();
+  void WriterLoop();
   store::Store &store_;
   size_t page_size_;
   const Clock *clock_;
-  std::mutex mu_;
+  // Flushes one at a time, so pages reach the store in the order they were taken.
+  std::mutex flush_mu_;
+  std::mutex mu_;  // the fields below
+  std::condition_variable wake_;
+  bool stopping_ = false;
   uint64_t current_number_ = 1;
   std::string current_;
-  std::vector<Page> closed_;  // closed but not yet stored
+  std::vector<Page> closed_;  // closed but not yet stored (plain text until a flush packs it)
   uint64_t stored_closed_len_ = 0;
+  uint64_t writing_len_ = 0;  // plain length of closed pages a flush is writing
   bool dirty_ = false;
+  std::thread writer_;  // last: started once everything above is ready
 };
 
 }  // namespace qlhsm::audit
