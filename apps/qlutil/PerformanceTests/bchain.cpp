@@ -121,22 +121,12 @@ int PerfBchainSignHashThreadInit(void *pThreadInfo) {
 unsigned int PerfBchainSignHashThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pThreadInfo);
   const char *key = SigningKey(info);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     uint32_t signature_len = kSignatureLen;
-    rc = QBchainSignHash(info->hSession, key, kBchainKeyType, kBchainHashMode, info->pbDigest,
-                         kDigestLen, info->pbSignature, &signature_len);
-    if (rc != 0) {
-      ScreenOutput(
-          "[PerfBchainSignHashThread] Fail in QBchainSignHash rc = %d. Iteration = %lu\r\n", rc,
-          counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    const int rc = QBchainSignHash(info->hSession, key, kBchainKeyType, kBchainHashMode,
+                                   info->pbDigest, kDigestLen, info->pbSignature, &signature_len);
+    return rc == 0 ? 0 : PerfPassFailed("PerfBchainSignHashThread", "QBchainSignHash", rc, counter);
+  });
 }
 
 int PerfBchainSignHash(TEST_PARAMETER *pTestParam, int nParameters) {

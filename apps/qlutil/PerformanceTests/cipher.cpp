@@ -35,6 +35,60 @@ void ShowHelpCipherOptions() {
   ShowHelpPadding();
 }
 
+// The options of both tests: -k, -m (the message size), -mo and -pa (-1 when absent). True
+// when -k names a key, -m is positive and a -mo or -pa given names a known word.
+bool LoadCipherOptions(THREAD_INFO *ti, int *pKeyAlgId, int *pMode, int *pPadding,
+                       TEST_PARAMETER *pTestParam, int nParameters) {
+  *pKeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
+  ti->MessageSize = GetParameterInt(pTestParam, nParameters, "-m");
+  *pMode = GetParameterAlg(pTestParam, nParameters, "-mo");
+  *pPadding = GetParameterAlg(pTestParam, nParameters, "-pa");
+  const bool bad_mode = IsParameterDefined(pTestParam, nParameters, "-mo") && *pMode == -1;
+  const bool bad_padding = IsParameterDefined(pTestParam, nParameters, "-pa") && *pPadding == -1;
+  return *pKeyAlgId != -1 && ti->MessageSize > 0 && !bad_mode && !bad_padding;
+}
+
+// The key's -mo and -pa, when given (-1 stands for absent). The calls' names differ between
+// the two tests' messages.
+void SetCipherParams(PerfSetup *setup, HKEYCTX hKey, int mode, int padding, const char *mode_call,
+                     const char *padding_call) {
+  if (mode != -1) {
+    setup->Do(mode_call, [&] { return QSetKeyParam(hKey, QKP_MODE, &mode, sizeof(mode), 0); });
+  }
+  if (padding != -1) {
+    setup->Do(padding_call,
+              [&] { return QSetKeyParam(hKey, QKP_PADDING, &padding, sizeof(padding), 0); });
+  }
+}
+
+// The loop of both bodies: one message of message_len bytes per pass, in pieces of at most
+// piece_max bytes; piece(offset, len, final) sends one. A failing piece prints the message
+// both tests have always printed and ends that message only; the next pass goes on, and the
+// code of the last piece sent is published at the end.
+template <typename Piece>
+unsigned int RunPiecedMessages(THREAD_INFO *ti, uint32_t message_len, uint32_t piece_max,
+                               Piece &&piece) {
+  unsigned long counter = 0;
+  int rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, ti->Iterations)) break;
+    uint32_t remaining = message_len;
+    while (remaining > 0) {
+      const uint32_t len = std::min(remaining, piece_max);
+      const uint32_t offset = message_len - remaining;
+      remaining -= len;
+      rc = piece(offset, len, remaining == 0);
+      if (rc != 0) {
+        ScreenOutput("[PerfEncrypt] Fail in QEncrypt. rc = %d\r\n", rc);
+        break;  // this message only
+      }
+      if (PerfRunFailed(ti)) break;
+    }
+  } while (!PerfRunFailed(ti));
+  PublishPerfThreadError(ti, rc);
+  return 1;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -52,32 +106,18 @@ typedef struct _PERF_ENCRYPT_INFO {
 
 int PerfEncryptThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_ENCRYPT_INFO *>(pThreadInfo);
-  const char *tag = "PerfEncryptThreadInit";
   info->hSession = nullptr;
   info->hKey = nullptr;
 
+  PerfSetup setup("PerfEncryptThreadInit");
   SessionOwner session;
   KeyOwner key;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), info->pbData, kEncryptPieceLen);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QGenerateKey(session.Get(), nullptr, static_cast<uint32_t>(info->KeyAlgId),
-                      QL_KEY_TEMPORARY, key.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0 && info->Mode != -1) {
-    rc = QSetKeyParam(key.Get(), QKP_MODE, &info->Mode, sizeof(info->Mode), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSetKeyParam(QKP_MODE). rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0 && info->Padding != -1) {
-    rc = QSetKeyParam(key.Get(), QKP_PADDING, &info->Padding, sizeof(info->Padding), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSetKeyParam(QKP_PADDING). rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+  setup.Connect(&info->ti, &session);
+  setup.Random(session.Get(), info->pbData, kEncryptPieceLen);
+  setup.SessionKey(session.Get(), info->KeyAlgId, QL_KEY_TEMPORARY, &key);
+  SetCipherParams(&setup, key.Get(), info->Mode, info->Padding, "QSetKeyParam(QKP_MODE)",
+                  "QSetKeyParam(QKP_PADDING)");
+  if (!setup.Ok()) return setup.Rc();
   info->hKey = key.Detach();
   info->hSession = session.Detach();
   return 0;
@@ -86,25 +126,11 @@ int PerfEncryptThreadInit(void *pThreadInfo) {
 unsigned int PerfEncryptThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_ENCRYPT_INFO *>(pThreadInfo);
   const uint32_t message_size = static_cast<uint32_t>(info->ti.MessageSize);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    uint32_t remaining = message_size;
-    while (remaining > 0) {
-      uint32_t piece = std::min(remaining, kEncryptPieceLen);
-      remaining -= piece;
-      rc =
-          QEncrypt(info->hKey, nullptr, remaining == 0, 0, info->pbData, &piece, kEncryptBufferLen);
-      if (rc != 0) {
-        ScreenOutput("[PerfEncrypt] Fail in QEncrypt. rc = %d\r\n", rc);
-        break;  // this message only
-      }
-      if (PerfRunFailed(&info->ti)) break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+  return RunPiecedMessages(
+      &info->ti, message_size, kEncryptPieceLen, [info](uint32_t, uint32_t len, bool final) {
+        uint32_t piece = len;
+        return QEncrypt(info->hKey, nullptr, final, 0, info->pbData, &piece, kEncryptBufferLen);
+      });
 }
 
 int PerfEncryptThreadFin(void *pThreadInfo) {
@@ -119,15 +145,10 @@ int PerfEncrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   std::memset(&info, 0, sizeof(info));
   LoadGenericParameters(&info.ti, pTestParam, nParameters);
   info.ti.Metric = GetParameterInt(pTestParam, nParameters, "-ops") == 1 ? 1 : 2;
-  info.KeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
-  info.ti.MessageSize = GetParameterInt(pTestParam, nParameters, "-m");
-  info.Mode = GetParameterAlg(pTestParam, nParameters, "-mo");
-  info.Padding = GetParameterAlg(pTestParam, nParameters, "-pa");
-  const bool bad_mode = IsParameterDefined(pTestParam, nParameters, "-mo") && info.Mode == -1;
-  const bool bad_padding = IsParameterDefined(pTestParam, nParameters, "-pa") && info.Padding == -1;
+  const bool options_ok = LoadCipherOptions(&info.ti, &info.KeyAlgId, &info.Mode, &info.Padding,
+                                            pTestParam, nParameters);
 
-  if (IsValidTestCountersConfig(&info.ti) && info.KeyAlgId != -1 && info.ti.MessageSize > 0 &&
-      !bad_mode && !bad_padding && CheckConnectionFlags(&info.ti, false)) {
+  if (IsValidTestCountersConfig(&info.ti) && options_ok && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfEncryptThread, nullptr, nullptr, PerfEncryptThreadInit,
                                   PerfEncryptThreadFin, &info, sizeof(info));
   }
@@ -161,7 +182,6 @@ typedef struct _PERF_DECRYPT_INFO {
 
 int PerfDecryptThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_DECRYPT_INFO *>(pThreadInfo);
-  const char *tag = "PerfDecryptThreadInit";
   info->hSession = nullptr;
   info->hKey = nullptr;
   info->pbyEncBuffer = nullptr;
@@ -169,51 +189,38 @@ int PerfDecryptThreadInit(void *pThreadInfo) {
 
   const uint32_t message_size = static_cast<uint32_t>(info->ti.MessageSize);
   const uint32_t buffer_size = message_size + kDecryptSlack;
+  PerfSetup setup("PerfDecryptThreadInit");
   HeapBuffer buffer(buffer_size);
   if (!buffer) {
-    ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, -1);
-    return -1;
+    setup.Fail("malloc", -1);
+    return setup.Rc();
   }
   SessionOwner session;
   KeyOwner key;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  setup.Connect(&info->ti, &session);
   uint32_t number = 0;
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), reinterpret_cast<unsigned char *>(&number), sizeof(number));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+  setup.Random(session.Get(), reinterpret_cast<unsigned char *>(&number), sizeof(number));
+  setup.Do("QGenerateKey", [&] {
     std::snprintf(info->szKeyName, sizeof(info->szKeyName), "%lu_QLUTI_TMP_KEY",
                   static_cast<unsigned long>(number));
-    rc = QGenerateKey(session.Get(), info->szKeyName, static_cast<uint32_t>(info->KeyAlgId),
-                      QL_KEY_TEMPORARY, key.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0 && info->Mode != -1) {
-    rc = QSetKeyParam(key.Get(), QKP_MODE, &info->Mode, sizeof(info->Mode), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSetKeyParam. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0 && info->Padding != -1) {
-    rc = QSetKeyParam(key.Get(), QKP_PADDING, &info->Padding, sizeof(info->Padding), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSetKeyParam. rc = %d\r\n", tag, rc);
-  }
+    return QGenerateKey(session.Get(), info->szKeyName, static_cast<uint32_t>(info->KeyAlgId),
+                        QL_KEY_TEMPORARY, key.Put());
+  });
+  SetCipherParams(&setup, key.Get(), info->Mode, info->Padding, "QSetKeyParam", "QSetKeyParam");
   // The buffer's own content is encrypted once, in pieces, into the ciphertext the loop
   // decrypts. The room left in the buffer, not the piece size, bounds each output: the last
   // piece may grow by a padding block or a tag.
   uint32_t done = 0, remaining = message_size;
-  while (rc == 0 && remaining > 0) {
+  while (setup.Ok() && remaining > 0) {
     uint32_t piece = std::min(remaining, kDecryptPieceLen);
     remaining -= piece;
-    rc = QEncrypt(key.Get(), nullptr, remaining == 0, 0, buffer.Get() + done, &piece,
-                  std::min(buffer_size - done, kDecryptPieceLen + kDecryptSlack));
-    if (rc != 0) {
-      ScreenOutput("[%s] Fail in QEncrypt. rc = %d\r\n", tag, rc);
-      break;
-    }
+    setup.Do("QEncrypt", [&] {
+      return QEncrypt(key.Get(), nullptr, remaining == 0, 0, buffer.Get() + done, &piece,
+                      std::min(buffer_size - done, kDecryptPieceLen + kDecryptSlack));
+    });
     done += piece;
   }
-  if (rc != 0) return rc;
+  if (!setup.Ok()) return setup.Rc();
   info->cbEncBuffer = done;
   info->pbyEncBuffer = buffer.Release();
   info->hKey = key.Detach();
@@ -224,28 +231,12 @@ int PerfDecryptThreadInit(void *pThreadInfo) {
 unsigned int PerfDecryptThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_DECRYPT_INFO *>(pThreadInfo);
   unsigned char piece_buffer[kDecryptPieceLen];
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    const unsigned char *at = info->pbyEncBuffer;
-    uint32_t remaining = info->cbEncBuffer;
-    while (remaining > 0) {
-      uint32_t piece = std::min(remaining, kDecryptPieceLen);
-      std::memcpy(piece_buffer, at, piece);
-      at += piece;
-      remaining -= piece;
-      rc = QDecrypt(info->hKey, nullptr, remaining == 0, 0, piece_buffer, &piece);
-      if (rc != 0) {
-        // The encrypt test's message, kept as it has always read.
-        ScreenOutput("[PerfEncrypt] Fail in QEncrypt. rc = %d\r\n", rc);
-        break;  // this message only
-      }
-      if (PerfRunFailed(&info->ti)) break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+  return RunPiecedMessages(&info->ti, info->cbEncBuffer, kDecryptPieceLen,
+                           [&](uint32_t offset, uint32_t len, bool final) {
+                             std::memcpy(piece_buffer, info->pbyEncBuffer + offset, len);
+                             uint32_t piece = len;
+                             return QDecrypt(info->hKey, nullptr, final, 0, piece_buffer, &piece);
+                           });
 }
 
 int PerfDecryptThreadFin(void *pThreadInfo) {
@@ -262,15 +253,10 @@ int PerfDecrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   std::memset(&info, 0, sizeof(info));
   LoadGenericParameters(&info.ti, pTestParam, nParameters);
   info.ti.Metric = 2;
-  info.KeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
-  info.ti.MessageSize = GetParameterInt(pTestParam, nParameters, "-m");
-  info.Mode = GetParameterAlg(pTestParam, nParameters, "-mo");
-  info.Padding = GetParameterAlg(pTestParam, nParameters, "-pa");
-  const bool bad_mode = IsParameterDefined(pTestParam, nParameters, "-mo") && info.Mode == -1;
-  const bool bad_padding = IsParameterDefined(pTestParam, nParameters, "-pa") && info.Padding == -1;
+  const bool options_ok = LoadCipherOptions(&info.ti, &info.KeyAlgId, &info.Mode, &info.Padding,
+                                            pTestParam, nParameters);
 
-  if (IsValidTestCountersConfig(&info.ti) && info.KeyAlgId != -1 && info.ti.MessageSize > 0 &&
-      !bad_mode && !bad_padding && CheckConnectionFlags(&info.ti, false)) {
+  if (IsValidTestCountersConfig(&info.ti) && options_ok && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfDecryptThread, nullptr, nullptr, PerfDecryptThreadInit,
                                   PerfDecryptThreadFin, &info, sizeof(info));
   }

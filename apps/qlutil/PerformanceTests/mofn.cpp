@@ -114,45 +114,28 @@ int PerfMofNThreadFin(void *pThreadInfo) {
 
 unsigned int PerfMofNSplitThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
-  int rc = 0;
-  ThreadErrorSignaling error_signaling(rc, info->ti);
-  unsigned long counter = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     unsigned char *parts = nullptr;
     uint32_t part_len = 0;
-    rc = QMofNSplit(info->hSession, info->dwM, info->dwN, info->pbSecret, info->dwSecretLen, &parts,
-                    &part_len);
+    const int rc = QMofNSplit(info->hSession, info->dwM, info->dwN, info->pbSecret,
+                              info->dwSecretLen, &parts, &part_len);
     QFree(parts);
-    if (rc != 0) {
-      ScreenOutput("[PerfMofNSplitThread] Fail in QMofNSplit rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed("PerfMofNSplitThread", "QMofNSplit", rc, counter);
+  });
 }
 
 unsigned int PerfMofNRecoverThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
-  int rc = 0;
-  ThreadErrorSignaling error_signaling(rc, info->ti);
   // Any M of the parts recover the secret: the first M are sent.
   const uint32_t part_len = info->dwPartLen != 0 ? info->dwPartLen : info->dwPartsLen / info->dwN;
-  unsigned long counter = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     unsigned char *secret = nullptr;
     uint32_t secret_len = 0;
-    rc = QMofNRecover(info->hSession, info->pbParts, info->dwM, part_len, &secret, &secret_len);
+    const int rc =
+        QMofNRecover(info->hSession, info->pbParts, info->dwM, part_len, &secret, &secret_len);
     QFree(secret);
-    if (rc != 0) {
-      ScreenOutput("[PerfMofNRecoverThread] Fail in QMofNRecover rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed("PerfMofNRecoverThread", "QMofNRecover", rc, counter);
+  });
 }
 
 namespace {

@@ -103,39 +103,23 @@ unsigned int PerfOathSAAuthThread(void *pThreadInfo) {
   SetAuthPwdEx(&auth, info->ti.stAuthPwdEx.szAddr, info->szUser, info->pszUserPassword,
                info->ti.stAuthPwdEx.nPort, kStrongAuthOtp);
   char otp[kOtpDigits + 1];
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  const char *tag = "PerfOathSAAuthThread";
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     const uint64_t moving_factor =
         info->dwType == kOathTime ? static_cast<uint64_t>(std::time(nullptr)) : info->qwCounter++;
-    rc = QGenerateHOTPOffline(info->pbSeed, kSeedLen, info->dwType, moving_factor, info->dwTimeStep,
-                              info->qwT0, kOtpDigits, otp);
-    if (rc != 0) {
-      ScreenOutput(
-          "[PerfOathSAAuthThread] Fail in QGenerateHOTPOffline rc = %d. Iteration = %lu\r\n", rc,
-          counter);
-      break;
-    }
+    int rc = QGenerateHOTPOffline(info->pbSeed, kSeedLen, info->dwType, moving_factor,
+                                  info->dwTimeStep, info->qwT0, kOtpDigits, otp);
+    if (rc != 0) return PerfPassFailed(tag, "QGenerateHOTPOffline", rc, counter);
     auth.pbStrongAuth = reinterpret_cast<unsigned char *>(otp);
     auth.nStrongAuthLen = static_cast<int32_t>(kOtpDigits);
     HSESSIONCTX session = nullptr;
     rc = QOpenSession(&session, kAuthUserPwd, &auth, sizeof(auth), info->dwOtpSessionFlags);
-    if (rc != 0) {
-      ScreenOutput("[PerfOathSAAuthThread] Fail in QOpenSession rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
+    if (rc != 0) return PerfPassFailed(tag, "QOpenSession", rc, counter);
     rc = QCloseSession(&session, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfOathSAAuthThread] Fail in QCloseSession rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
+    if (rc != 0) return PerfPassFailed(tag, "QCloseSession", rc, counter);
     if (info->dwSleepMs != 0) QlSleep(info->dwSleepMs);
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return 0;
+  });
 }
 
 namespace {

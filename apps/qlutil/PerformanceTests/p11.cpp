@@ -16,6 +16,7 @@
 #include "Output.h"
 #include "PerformanceTests.h"
 #include "loadpkcs11.h"
+#include "perf_common.h"
 #include "qlutil.h"
 #include "util.h"
 
@@ -353,11 +354,43 @@ class SecretKeyTemplate {
   CK_ULONG count_ = 0;
 };
 
-// The loop's failure: recorded in the copy and announced to the other threads.
-void PublishThreadError(THREAD_INFO *ti, CK_RV rv) {
-  if (rv == CKR_OK) return;
-  ti->Error = static_cast<int>(rv);
-  SignalErrorEvent(ti->phErrorEvent);
+// A step of a ThreadInit: runs while *rc is 0; a failing answer of the module is printed,
+// "[<tag>] Fail in <call>. rc = <rv>\r\n", and becomes *rc.
+template <typename Step>
+void P11Step(int *rc, const char *tag, const char *call, Step &&step) {
+  if (*rc != 0) return;
+  const CK_RV rv = step();
+  if (rv != CKR_OK) ScreenOutput("[%s] Fail in %s. rc = %lu\r\n", tag, call, rv);
+  *rc = static_cast<int>(rv);
+}
+
+// The output buffer of a one-shot operation (C_SignInit and C_Sign, C_EncryptInit and
+// C_Encrypt), sized and proved before the clock starts: init(), a size query op(nullptr, len),
+// a buffer of that size in *ppOut and *pOutLen, and the real op(*ppOut, len), which ends the
+// operation the query left open.
+template <typename Init, typename Op>
+void SizeOneShotOutput(int *rc, const char *tag, const char *init_call, Init &&init,
+                       const char *op_call, Op &&op, CK_BYTE **ppOut, CK_ULONG *pOutLen) {
+  P11Step(rc, tag, init_call, init);
+  CK_ULONG len = 0;
+  P11Step(rc, tag, op_call, [&] { return op(nullptr, &len); });
+  if (*rc == 0) {
+    *ppOut = static_cast<CK_BYTE *>(std::malloc(len));
+    if (*ppOut == nullptr) {
+      *rc = -1;
+      ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, *rc);
+    } else {
+      *pOutLen = len;
+    }
+  }
+  P11Step(rc, tag, op_call, [&] { return op(*ppOut, &len); });
+}
+
+// The loop's failure line, "[<tag>] Fail in <call> rc = <rv>. Iteration = <counter>\r\n".
+// Answers rv.
+CK_RV P11PassFailed(const char *tag, const char *call, CK_RV rv, unsigned long counter) {
+  ScreenOutput("[%s] Fail in %s rc = %lu. Iteration = %lu\r\n", tag, call, rv, counter);
+  return rv;
 }
 
 // Reads -p11 and -slot into the module part; false when either is missing or bad.
@@ -511,50 +544,24 @@ int PerfP11SignHashThreadInit(void *pThreadInfo) {
   P11_TEST_MODULE *m = &info->stP11;
   const DL_PKCS11_FUNCTIONS &f = m->stFunctions;
   int rc = static_cast<int>(OpenUserSession(tag, m, info->ti));
-  if (rc == 0) {
+  P11Step(&rc, tag, "C_GenerateKeyPair", [&] {
     KeyPairTemplate key_pair(info->KeyAlgId, true);
     const CK_RV rv = key_pair.Generate(f, m->hSession, &info->hPublicKey, &info->hPrivateKey);
-    if (rv != CKR_OK) {
-      info->hPublicKey = info->hPrivateKey = CK_INVALID_HANDLE;
-      ScreenOutput("[%s] Fail in C_GenerateKeyPair. rc = %lu\r\n", tag, rv);
-    }
-    rc = static_cast<int>(rv);
-  }
+    if (rv != CKR_OK) info->hPublicKey = info->hPrivateKey = CK_INVALID_HANDLE;
+    return rv;
+  });
   CK_BYTE random[kSignDataLen];
-  if (rc == 0) {
-    const CK_RV rv = f.C_GenerateRandom(m->hSession, random, sizeof(random));
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_GenerateRandom. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
+  P11Step(&rc, tag, "C_GenerateRandom",
+          [&] { return f.C_GenerateRandom(m->hSession, random, sizeof(random)); });
   if (rc == 0) rc = static_cast<int>(PrepareSignInput(tag, info, random));
-  // Size query; the second C_Sign ends the operation the query left open and proves the key
-  // signs before the clock starts.
   CK_MECHANISM mechanism = {info->SignMechanism, nullptr, 0};
-  if (rc == 0) {
-    const CK_RV rv = f.C_SignInit(m->hSession, &mechanism, info->hPrivateKey);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_SignInit. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
-  CK_ULONG len = 0;
-  if (rc == 0) {
-    const CK_RV rv = f.C_Sign(m->hSession, info->pbData, info->dwDataLen, nullptr, &len);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_Sign. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
-  if (rc == 0) {
-    info->pbSignature = static_cast<CK_BYTE *>(std::malloc(len));
-    if (info->pbSignature == nullptr) {
-      rc = -1;
-      ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-    } else {
-      info->dwSignatureLen = len;
-    }
-  }
-  if (rc == 0) {
-    const CK_RV rv = f.C_Sign(m->hSession, info->pbData, info->dwDataLen, info->pbSignature, &len);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_Sign. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
+  SizeOneShotOutput(
+      &rc, tag, "C_SignInit",
+      [&] { return f.C_SignInit(m->hSession, &mechanism, info->hPrivateKey); }, "C_Sign",
+      [&](CK_BYTE *out, CK_ULONG *len) {
+        return f.C_Sign(m->hSession, info->pbData, info->dwDataLen, out, len);
+      },
+      &info->pbSignature, &info->dwSignatureLen);
   // The runner does not call ThreadFin for a copy whose ThreadInit failed.
   if (rc != 0) PerfP11SignHashThreadFin(info);
   return rc;
@@ -564,27 +571,15 @@ unsigned int PerfP11SignHashThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_P11_SIGN_HASH_INFO *>(pThreadInfo);
   const DL_PKCS11_FUNCTIONS &f = info->stP11.stFunctions;
   const CK_SESSION_HANDLE session = info->stP11.hSession;
+  const char *tag = "PerfP11SignHashThread";
   CK_MECHANISM mechanism = {info->SignMechanism, nullptr, 0};
-  unsigned long counter = 0;
-  CK_RV rv = CKR_OK;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    rv = f.C_SignInit(session, &mechanism, info->hPrivateKey);
-    if (rv != CKR_OK) {
-      ScreenOutput("[PerfP11SignHashThread] Fail in C_SignInit rc = %lu. Iteration = %lu\r\n", rv,
-                   counter);
-      break;
-    }
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
+    CK_RV rv = f.C_SignInit(session, &mechanism, info->hPrivateKey);
+    if (rv != CKR_OK) return P11PassFailed(tag, "C_SignInit", rv, counter);
     CK_ULONG len = info->dwSignatureLen;
     rv = f.C_Sign(session, info->pbData, info->dwDataLen, info->pbSignature, &len);
-    if (rv != CKR_OK) {
-      ScreenOutput("[PerfP11SignHashThread] Fail in C_Sign rc = %lu. Iteration = %lu\r\n", rv,
-                   counter);
-      break;
-    }
-  } while (!IsErrorEventSignaled(info->ti.phErrorEvent));
-  PublishThreadError(&info->ti, rv);
-  return 1;
+    return rv == CKR_OK ? rv : P11PassFailed(tag, "C_Sign", rv, counter);
+  });
 }
 
 int PerfP11SignHashTestFin(void *pTestInfo) {
@@ -635,13 +630,10 @@ int PerfP11SignHash(TEST_PARAMETER *pTestParam, int nParameters) {
                                   PerfP11SignHashThreadFin, &info, sizeof(info));
   }
 
-  ScreenOutput("\r\nDESCRIPTION\r\n");
-  ScreenOutput("     PKCS#11 hash signature performance test.\r\n");
-  ScreenOutput(
-      "     This test returns the number of signatures generated per second by a PKCS#11\r\n");
-  ScreenOutput("     module. Each thread signs with a session key pair of its own.\r\n");
-  ScreenOutput("\r\nOPTIONS\r\n");
-  ShowHelpGlobalPerfParameters();
+  PerfHelpDescription(
+      {"PKCS#11 hash signature performance test.",
+       "This test returns the number of signatures generated per second by a PKCS#11",
+       "module. Each thread signs with a session key pair of its own."});
   ShowHelpP11ModuleParameters();
   ScreenOutput("     -k      Key algorithm:\r\n");
   ShowHelpP11AssymmetricAlgorithms();
@@ -702,17 +694,14 @@ int PerfP11EncThreadInit(void *pThreadInfo) {
   const DL_PKCS11_FUNCTIONS &f = m->stFunctions;
   const CK_ULONG data_len = static_cast<CK_ULONG>(info->ti.MessageSize);
   int rc = static_cast<int>(OpenUserSession(tag, m, info->ti));
-  if (rc == 0) {
+  P11Step(&rc, tag, "C_GenerateKey", [&] {
     SecretKeyTemplate key(info->KeyAlgId);
     info->CipherMechanism = key.Alg().Cipher;
     info->dwIVLen = key.Alg().BlockLen;
     const CK_RV rv = key.Generate(f, m->hSession, &info->hKey);
-    if (rv != CKR_OK) {
-      info->hKey = CK_INVALID_HANDLE;
-      ScreenOutput("[%s] Fail in C_GenerateKey. rc = %lu\r\n", tag, rv);
-    }
-    rc = static_cast<int>(rv);
-  }
+    if (rv != CKR_OK) info->hKey = CK_INVALID_HANDLE;
+    return rv;
+  });
   if (rc == 0) {
     info->pbData = static_cast<CK_BYTE *>(std::malloc(data_len));
     if (info->pbData == nullptr) {
@@ -720,39 +709,18 @@ int PerfP11EncThreadInit(void *pThreadInfo) {
       ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
     }
   }
-  if (rc == 0) {
-    CK_RV rv = f.C_GenerateRandom(m->hSession, info->pbData, data_len);
-    if (rv == CKR_OK) rv = f.C_GenerateRandom(m->hSession, info->pbIV, info->dwIVLen);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_GenerateRandom. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
-  // Size query, then one real encryption that ends the operation and proves the key works.
+  P11Step(&rc, tag, "C_GenerateRandom", [&] {
+    const CK_RV rv = f.C_GenerateRandom(m->hSession, info->pbData, data_len);
+    return rv != CKR_OK ? rv : f.C_GenerateRandom(m->hSession, info->pbIV, info->dwIVLen);
+  });
   CK_MECHANISM mechanism = {info->CipherMechanism, info->pbIV, info->dwIVLen};
-  if (rc == 0) {
-    const CK_RV rv = f.C_EncryptInit(m->hSession, &mechanism, info->hKey);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_EncryptInit. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
-  CK_ULONG len = 0;
-  if (rc == 0) {
-    const CK_RV rv = f.C_Encrypt(m->hSession, info->pbData, data_len, nullptr, &len);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_Encrypt. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
-  if (rc == 0) {
-    info->pbEncrypted = static_cast<CK_BYTE *>(std::malloc(len));
-    if (info->pbEncrypted == nullptr) {
-      rc = -1;
-      ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-    } else {
-      info->dwEncryptedLen = len;
-    }
-  }
-  if (rc == 0) {
-    const CK_RV rv = f.C_Encrypt(m->hSession, info->pbData, data_len, info->pbEncrypted, &len);
-    if (rv != CKR_OK) ScreenOutput("[%s] Fail in C_Encrypt. rc = %lu\r\n", tag, rv);
-    rc = static_cast<int>(rv);
-  }
+  SizeOneShotOutput(
+      &rc, tag, "C_EncryptInit",
+      [&] { return f.C_EncryptInit(m->hSession, &mechanism, info->hKey); }, "C_Encrypt",
+      [&](CK_BYTE *out, CK_ULONG *len) {
+        return f.C_Encrypt(m->hSession, info->pbData, data_len, out, len);
+      },
+      &info->pbEncrypted, &info->dwEncryptedLen);
   if (rc != 0) PerfP11EncThreadFin(info);
   return rc;
 }
@@ -762,27 +730,15 @@ unsigned int PerfP11EncThread(void *pThreadInfo) {
   const DL_PKCS11_FUNCTIONS &f = info->stP11.stFunctions;
   const CK_SESSION_HANDLE session = info->stP11.hSession;
   const CK_ULONG data_len = static_cast<CK_ULONG>(info->ti.MessageSize);
+  const char *tag = "PerfP11EncThread";
   CK_MECHANISM mechanism = {info->CipherMechanism, info->pbIV, info->dwIVLen};
-  unsigned long counter = 0;
-  CK_RV rv = CKR_OK;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    rv = f.C_EncryptInit(session, &mechanism, info->hKey);
-    if (rv != CKR_OK) {
-      ScreenOutput("[PerfP11EncThread] Fail in C_EncryptInit rc = %lu. Iteration = %lu\r\n", rv,
-                   counter);
-      break;
-    }
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
+    CK_RV rv = f.C_EncryptInit(session, &mechanism, info->hKey);
+    if (rv != CKR_OK) return P11PassFailed(tag, "C_EncryptInit", rv, counter);
     CK_ULONG len = info->dwEncryptedLen;
     rv = f.C_Encrypt(session, info->pbData, data_len, info->pbEncrypted, &len);
-    if (rv != CKR_OK) {
-      ScreenOutput("[PerfP11EncThread] Fail in C_Encrypt rc = %lu. Iteration = %lu\r\n", rv,
-                   counter);
-      break;
-    }
-  } while (!IsErrorEventSignaled(info->ti.phErrorEvent));
-  PublishThreadError(&info->ti, rv);
-  return 1;
+    return rv == CKR_OK ? rv : P11PassFailed(tag, "C_Encrypt", rv, counter);
+  });
 }
 
 int PerfP11EncTestFin(void *pTestInfo) {
@@ -806,14 +762,10 @@ int PerfP11Enc(TEST_PARAMETER *pTestParam, int nParameters) {
                                   PerfP11EncThreadInit, PerfP11EncThreadFin, &info, sizeof(info));
   }
 
-  ScreenOutput("\r\nDESCRIPTION\r\n");
-  ScreenOutput("     PKCS#11 symmetric encryption performance test.\r\n");
-  ScreenOutput(
-      "     This test returns the number of bytes encrypted per second or operations per "
-      "second\r\n");
-  ScreenOutput("     by a PKCS#11 module, in CBC mode with PKCS padding.\r\n");
-  ScreenOutput("\r\nOPTIONS\r\n");
-  ShowHelpGlobalPerfParameters();
+  PerfHelpDescription(
+      {"PKCS#11 symmetric encryption performance test.",
+       "This test returns the number of bytes encrypted per second or operations per second",
+       "by a PKCS#11 module, in CBC mode with PKCS padding."});
   ShowHelpP11ModuleParameters();
   ScreenOutput("     -k      Key algorithm:\r\n");
   ShowHelpP11SymmetricAlgorithms();
@@ -845,20 +797,20 @@ int PerfP11GenKeyThreadFin(void *pThreadInfo) {
   return 0;
 }
 
-int PerfP11GenKeyPairThreadInit(void *pThreadInfo) {
+// The whole ThreadInit of the generation tests: the thread's logged-in session.
+int OpenGenKeySession(const char *tag, void *pThreadInfo) {
   auto *info = static_cast<PERF_P11_GEN_KEY_INFO *>(pThreadInfo);
-  const int rc =
-      static_cast<int>(OpenUserSession("PerfP11GenKeyPairThreadInit", &info->stP11, info->ti));
+  const int rc = static_cast<int>(OpenUserSession(tag, &info->stP11, info->ti));
   if (rc != 0) CloseUserSession(&info->stP11);
   return rc;
 }
 
+int PerfP11GenKeyPairThreadInit(void *pThreadInfo) {
+  return OpenGenKeySession("PerfP11GenKeyPairThreadInit", pThreadInfo);
+}
+
 int PerfP11GenKeyThreadInit(void *pThreadInfo) {
-  auto *info = static_cast<PERF_P11_GEN_KEY_INFO *>(pThreadInfo);
-  const int rc =
-      static_cast<int>(OpenUserSession("PerfP11GenKeyThreadInit", &info->stP11, info->ti));
-  if (rc != 0) CloseUserSession(&info->stP11);
-  return rc;
+  return OpenGenKeySession("PerfP11GenKeyThreadInit", pThreadInfo);
 }
 
 int PerfP11GenKeyPairTestInit(void *pTestInfo) {
@@ -880,126 +832,90 @@ unsigned int PerfP11GenKeyPairThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_P11_GEN_KEY_INFO *>(pThreadInfo);
   const DL_PKCS11_FUNCTIONS &f = info->stP11.stFunctions;
   const CK_SESSION_HANDLE session = info->stP11.hSession;
+  const char *tag = "PerfP11GenKeyPairThread";
   KeyPairTemplate key_pair(info->KeyAlgId, true);
-  unsigned long counter = 0;
-  CK_RV rv = CKR_OK;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     CK_OBJECT_HANDLE public_key = CK_INVALID_HANDLE;
     CK_OBJECT_HANDLE private_key = CK_INVALID_HANDLE;
-    rv = key_pair.Generate(f, session, &public_key, &private_key);
-    if (rv != CKR_OK) {
-      ScreenOutput(
-          "[PerfP11GenKeyPairThread] Fail in C_GenerateKeyPair rc = %lu. Iteration = %lu\r\n", rv,
-          counter);
-      break;
-    }
+    CK_RV rv = key_pair.Generate(f, session, &public_key, &private_key);
+    if (rv != CKR_OK) return P11PassFailed(tag, "C_GenerateKeyPair", rv, counter);
     rv = f.C_DestroyObject(session, private_key);
     const CK_RV rv_public = f.C_DestroyObject(session, public_key);
     if (rv == CKR_OK) rv = rv_public;
-    if (rv != CKR_OK) {
-      ScreenOutput(
-          "[PerfP11GenKeyPairThread] Fail in C_DestroyObject rc = %lu. Iteration = %lu\r\n", rv,
-          counter);
-      break;
-    }
-  } while (!IsErrorEventSignaled(info->ti.phErrorEvent));
-  PublishThreadError(&info->ti, rv);
-  return 1;
+    return rv == CKR_OK ? rv : P11PassFailed(tag, "C_DestroyObject", rv, counter);
+  });
 }
 
 unsigned int PerfP11GenKeyThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_P11_GEN_KEY_INFO *>(pThreadInfo);
   const DL_PKCS11_FUNCTIONS &f = info->stP11.stFunctions;
   const CK_SESSION_HANDLE session = info->stP11.hSession;
+  const char *tag = "PerfP11GenKeyThread";
   SecretKeyTemplate key(info->KeyAlgId);
-  unsigned long counter = 0;
-  CK_RV rv = CKR_OK;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     CK_OBJECT_HANDLE handle = CK_INVALID_HANDLE;
-    rv = key.Generate(f, session, &handle);
-    if (rv != CKR_OK) {
-      ScreenOutput("[PerfP11GenKeyThread] Fail in C_GenerateKey rc = %lu. Iteration = %lu\r\n", rv,
-                   counter);
-      break;
-    }
+    CK_RV rv = key.Generate(f, session, &handle);
+    if (rv != CKR_OK) return P11PassFailed(tag, "C_GenerateKey", rv, counter);
     rv = f.C_DestroyObject(session, handle);
-    if (rv != CKR_OK) {
-      ScreenOutput("[PerfP11GenKeyThread] Fail in C_DestroyObject rc = %lu. Iteration = %lu\r\n",
-                   rv, counter);
-      break;
-    }
-  } while (!IsErrorEventSignaled(info->ti.phErrorEvent));
-  PublishThreadError(&info->ti, rv);
-  return 1;
+    return rv == CKR_OK ? rv : P11PassFailed(tag, "C_DestroyObject", rv, counter);
+  });
+}
+
+}  // namespace
+
+namespace {
+
+// The front of the generation tests: pair says p11-gen-key-pair (an asymmetric -k) rather than
+// p11-gen-key (a symmetric one).
+int RunP11GenKeyTest(TEST_PARAMETER *pTestParam, int nParameters, bool pair) {
+  PERF_P11_GEN_KEY_INFO info;
+  std::memset(&info, 0, sizeof(info));
+  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  info.ti.Metric = 1;
+  info.KeyAlgId = GetParameterP11KeyAlg(pTestParam, nParameters);
+  const bool has_module = LoadP11ModuleParams(&info.stP11, pTestParam, nParameters);
+  const bool alg_ok = pair ? IsP11AsymmetricAlg(info.KeyAlgId) : IsP11SymmetricAlg(info.KeyAlgId);
+
+  if (IsValidTestCountersConfig(&info.ti) && has_module && alg_ok &&
+      CheckConnectionFlags(&info.ti, false)) {
+    return ExecutePerfTestThreads(pair ? PerfP11GenKeyPairThread : PerfP11GenKeyThread,
+                                  pair ? PerfP11GenKeyPairTestInit : PerfP11GenKeyTestInit,
+                                  PerfP11GenKeyTestFin,
+                                  pair ? PerfP11GenKeyPairThreadInit : PerfP11GenKeyThreadInit,
+                                  PerfP11GenKeyThreadFin, &info, sizeof(info));
+  }
+
+  if (pair) {
+    PerfHelpDescription(
+        {"PKCS#11 key pair generation performance test.",
+         "This test returns the number of key pairs generated per second by a PKCS#11 module.",
+         "Each pair is a session object, destroyed right after it is made."});
+  } else {
+    PerfHelpDescription(
+        {"PKCS#11 symmetric key generation performance test.",
+         "This test returns the number of keys generated per second by a PKCS#11 module.",
+         "Each key is a session object, destroyed right after it is made."});
+  }
+  ShowHelpP11ModuleParameters();
+  ScreenOutput("     -k      Key algorithm:\r\n");
+  if (pair) {
+    ShowHelpP11AssymmetricAlgorithms();
+  } else {
+    ShowHelpP11SymmetricAlgorithms();
+  }
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  ScreenOutput(
+      "     qlutil -a 10.10.10.10 -u master -w 24681357 -p %s -t 5 -i 10 -k %s -p11 %s -slot 0\r\n",
+      pair ? "p11-gen-key-pair" : "p11-gen-key", pair ? "p11rsa2048" : "p11aes256", kExampleModule);
+  return kResultUsage;
 }
 
 }  // namespace
 
 int PerfP11GenKeyPair(TEST_PARAMETER *pTestParam, int nParameters) {
-  PERF_P11_GEN_KEY_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
-  info.KeyAlgId = GetParameterP11KeyAlg(pTestParam, nParameters);
-  const bool has_module = LoadP11ModuleParams(&info.stP11, pTestParam, nParameters);
-
-  if (IsValidTestCountersConfig(&info.ti) && has_module && IsP11AsymmetricAlg(info.KeyAlgId) &&
-      CheckConnectionFlags(&info.ti, false)) {
-    return ExecutePerfTestThreads(PerfP11GenKeyPairThread, PerfP11GenKeyPairTestInit,
-                                  PerfP11GenKeyTestFin, PerfP11GenKeyPairThreadInit,
-                                  PerfP11GenKeyThreadFin, &info, sizeof(info));
-  }
-
-  ScreenOutput("\r\nDESCRIPTION\r\n");
-  ScreenOutput("     PKCS#11 key pair generation performance test.\r\n");
-  ScreenOutput(
-      "     This test returns the number of key pairs generated per second by a PKCS#11 "
-      "module.\r\n");
-  ScreenOutput("     Each pair is a session object, destroyed right after it is made.\r\n");
-  ScreenOutput("\r\nOPTIONS\r\n");
-  ShowHelpGlobalPerfParameters();
-  ShowHelpP11ModuleParameters();
-  ScreenOutput("     -k      Key algorithm:\r\n");
-  ShowHelpP11AssymmetricAlgorithms();
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput(
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -p p11-gen-key-pair -t 5 -i 10 "
-      "-k p11rsa2048 -p11 %s -slot 0\r\n",
-      kExampleModule);
-  return kResultUsage;
+  return RunP11GenKeyTest(pTestParam, nParameters, true);
 }
 
 int PerfP11GenKey(TEST_PARAMETER *pTestParam, int nParameters) {
-  PERF_P11_GEN_KEY_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
-  info.KeyAlgId = GetParameterP11KeyAlg(pTestParam, nParameters);
-  const bool has_module = LoadP11ModuleParams(&info.stP11, pTestParam, nParameters);
-
-  if (IsValidTestCountersConfig(&info.ti) && has_module && IsP11SymmetricAlg(info.KeyAlgId) &&
-      CheckConnectionFlags(&info.ti, false)) {
-    return ExecutePerfTestThreads(PerfP11GenKeyThread, PerfP11GenKeyTestInit, PerfP11GenKeyTestFin,
-                                  PerfP11GenKeyThreadInit, PerfP11GenKeyThreadFin, &info,
-                                  sizeof(info));
-  }
-
-  ScreenOutput("\r\nDESCRIPTION\r\n");
-  ScreenOutput("     PKCS#11 symmetric key generation performance test.\r\n");
-  ScreenOutput(
-      "     This test returns the number of keys generated per second by a PKCS#11 module.\r\n");
-  ScreenOutput("     Each key is a session object, destroyed right after it is made.\r\n");
-  ScreenOutput("\r\nOPTIONS\r\n");
-  ShowHelpGlobalPerfParameters();
-  ShowHelpP11ModuleParameters();
-  ScreenOutput("     -k      Key algorithm:\r\n");
-  ShowHelpP11SymmetricAlgorithms();
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput(
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -p p11-gen-key -t 5 -i 10 -k p11aes256 "
-      "-p11 %s -slot 0\r\n",
-      kExampleModule);
-  return kResultUsage;
+  return RunP11GenKeyTest(pTestParam, nParameters, false);
 }

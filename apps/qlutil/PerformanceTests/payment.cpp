@@ -129,57 +129,82 @@ int EncryptBlock(HKEYCTX hKey, unsigned char *block) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// spb-encode
+// spb-encode, spb-decode
 
-typedef struct tag_PERF_SPB_ENCODE_INFO {
-  THREAD_INFO ti;
-  int HashAlgId;
+// The options both SPB tests read, and the default objects Init installs for them.
+typedef struct tag_SPB_TEST_OPTIONS {
   const char *pszSrcISPB;  // --si
   const char *pszDstISPB;  // --di
   int cbMessageSize;       // -m
+  unsigned char bC3;       // --c3
+  unsigned char bC4;       // --c4
+  uint32_t dwFlags;        // --v3, and --gen01 (spb-encode) or --pad (spb-decode)
+  bool bImportDefaultCerts;
+  char szSpbKeyName[kSpbKeyNameSize];  // the default objects Init installed
+} SPB_TEST_OPTIONS;
+
+namespace {
+
+// Without --si or --di the default ISPB's objects are installed for the test.
+void LoadSpbOptions(SPB_TEST_OPTIONS *spb, TEST_PARAMETER *pTestParam, int nParameters) {
+  spb->pszSrcISPB = GetParameterStr(pTestParam, nParameters, "--si");
+  spb->pszDstISPB = GetParameterStr(pTestParam, nParameters, "--di");
+  if (spb->pszSrcISPB == nullptr || spb->pszDstISPB == nullptr) spb->bImportDefaultCerts = true;
+  if (spb->pszSrcISPB == nullptr) spb->pszSrcISPB = kDefaultIspb;
+  if (spb->pszDstISPB == nullptr) spb->pszDstISPB = kDefaultIspb;
+  spb->cbMessageSize = GetParameterInt(pTestParam, nParameters, "-m");
+  spb->bC3 = GetSpbByte(pTestParam, nParameters, "--c3", 16);
+  spb->bC4 = GetSpbByte(pTestParam, nParameters, "--c4", 10);
+}
+
+int InstallSpbTestObjects(const THREAD_INFO *ti, SPB_TEST_OPTIONS *spb) {
+  if (!spb->bImportDefaultCerts) return 0;
+  return InstallSPBCerts(ti, spb->szSpbKeyName);
+}
+
+int UninstallSpbTestObjects(const THREAD_INFO *ti, SPB_TEST_OPTIONS *spb) {
+  if (!spb->bImportDefaultCerts) return 0;
+  UninstallSPBCerts(ti, spb->szSpbKeyName);
+  return 0;
+}
+
+}  // namespace
+
+typedef struct tag_PERF_SPB_ENCODE_INFO {
+  THREAD_INFO ti;
+  SPB_TEST_OPTIONS spb;
   HSESSIONCTX hSession;
   unsigned char *pbInBuffer;   // the random message
   unsigned char *pbOutBuffer;  // kSpbPieceLen bytes
   uint32_t dwOutBufferSize;
-  unsigned char bC3;  // --c3
-  unsigned char bC4;  // --c4
-  uint32_t dwFlags;   // --v3, --gen01
-  bool bImportDefaultCerts;
-  char szSpbKeyName[kSpbKeyNameSize];  // the default objects TestInit installed
 } PERF_SPB_ENCODE_INFO;
 
 int PerfSPBEncodeTestInit(void *pTestInfo) {
   auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pTestInfo);
-  if (!info->bImportDefaultCerts) return 0;
-  return InstallSPBCerts(&info->ti, info->szSpbKeyName);
+  return InstallSpbTestObjects(&info->ti, &info->spb);
 }
 
 int PerfSPBEncodeTestFin(void *pTestInfo) {
   auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pTestInfo);
-  if (!info->bImportDefaultCerts) return 0;
-  UninstallSPBCerts(&info->ti, info->szSpbKeyName);
-  return 0;
+  return UninstallSpbTestObjects(&info->ti, &info->spb);
 }
 
 int PerfSPBEncodeThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pThreadInfo);
-  const char *tag = "PerfSPBEncodeThreadInit";
   info->hSession = nullptr;
   info->pbInBuffer = nullptr;
   info->pbOutBuffer = nullptr;
-  HeapBuffer in(static_cast<size_t>(info->cbMessageSize)), out(kSpbPieceLen);
+  const uint32_t size = static_cast<uint32_t>(info->spb.cbMessageSize);
+  PerfSetup setup("PerfSPBEncodeThreadInit");
+  HeapBuffer in(size), out(kSpbPieceLen);
   if (!in || !out) {
-    ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, -1);
-    return -1;
+    setup.Fail("malloc", -1);
+    return setup.Rc();
   }
   SessionOwner session;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), in.Get(), static_cast<uint32_t>(info->cbMessageSize));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+  setup.Connect(&info->ti, &session);
+  setup.Random(session.Get(), in.Get(), size);
+  if (!setup.Ok()) return setup.Rc();
   info->dwOutBufferSize = kSpbPieceLen;
   info->pbInBuffer = in.Release();
   info->pbOutBuffer = out.Release();
@@ -189,19 +214,14 @@ int PerfSPBEncodeThreadInit(void *pThreadInfo) {
 
 unsigned int PerfSPBEncodeThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_SPB_ENCODE_INFO *>(pThreadInfo);
-  const uint32_t size = static_cast<uint32_t>(info->cbMessageSize);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  const char *tag = "PerfSPBEncodeThread";
+  const SPB_TEST_OPTIONS &spb = info->spb;
+  const uint32_t size = static_cast<uint32_t>(spb.cbMessageSize);
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     HSPBMSGCTX msg = nullptr;
-    rc = QSPBEncodeInit(info->hSession, info->pszSrcISPB, info->pszDstISPB, size, info->bC3,
-                        info->bC4, &msg, info->dwFlags);
-    if (rc != 0) {
-      ScreenOutput("[PerfSPBEncodeThread] Fail in QSPBEncodeInit rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
+    int rc = QSPBEncodeInit(info->hSession, spb.pszSrcISPB, spb.pszDstISPB, size, spb.bC3, spb.bC4,
+                            &msg, spb.dwFlags);
+    if (rc != 0) return PerfPassFailed(tag, "QSPBEncodeInit", rc, counter);
     for (uint32_t done = 0; done < size && rc == 0;) {
       const uint32_t piece = std::min(size - done, kSpbPieceLen);
       uint32_t out_len = info->dwOutBufferSize;
@@ -209,22 +229,15 @@ unsigned int PerfSPBEncodeThread(void *pThreadInfo) {
       done += piece;
     }
     if (rc != 0) {
-      ScreenOutput("[PerfSPBEncodeThread] Fail in QSPBEncodeCont rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
+      PerfPassFailed(tag, "QSPBEncodeCont", rc, counter);
       uint32_t header_len = QL_SPB_HEADER_LEN;
       QSPBEncodeEnd(&msg, info->pbOutBuffer, &header_len);  // releases the message
-      break;
+      return rc;
     }
     uint32_t out_len = QL_SPB_HEADER_LEN;
     rc = QSPBEncodeEnd(&msg, info->pbOutBuffer, &out_len);
-    if (rc != 0) {
-      ScreenOutput("[PerfSPBEncodeThread] Fail in QSPBEncodeEnd rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed(tag, "QSPBEncodeEnd", rc, counter);
+  });
 }
 
 int PerfSPBEncodeThreadFin(void *pThreadInfo) {
@@ -240,18 +253,11 @@ int PerfSPBEncode(TEST_PARAMETER *pTestParam, int nParameters) {
   std::memset(&info, 0, sizeof(info));
   LoadGenericParameters(&info.ti, pTestParam, nParameters);
   info.ti.Metric = 1;
-  info.pszSrcISPB = GetParameterStr(pTestParam, nParameters, "--si");
-  info.pszDstISPB = GetParameterStr(pTestParam, nParameters, "--di");
-  if (info.pszSrcISPB == nullptr || info.pszDstISPB == nullptr) info.bImportDefaultCerts = true;
-  if (info.pszSrcISPB == nullptr) info.pszSrcISPB = kDefaultIspb;
-  if (info.pszDstISPB == nullptr) info.pszDstISPB = kDefaultIspb;
-  info.cbMessageSize = GetParameterInt(pTestParam, nParameters, "-m");
-  info.bC3 = GetSpbByte(pTestParam, nParameters, "--c3", 16);
-  info.bC4 = GetSpbByte(pTestParam, nParameters, "--c4", 10);
-  if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.dwFlags |= kSpbFlagV3;
-  if (IsParameterDefined(pTestParam, nParameters, "--gen01")) info.dwFlags |= kSpbFlagGen01;
+  LoadSpbOptions(&info.spb, pTestParam, nParameters);
+  if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.spb.dwFlags |= kSpbFlagV3;
+  if (IsParameterDefined(pTestParam, nParameters, "--gen01")) info.spb.dwFlags |= kSpbFlagGen01;
 
-  if (IsValidTestCountersConfig(&info.ti) && info.cbMessageSize > 0 &&
+  if (IsValidTestCountersConfig(&info.ti) && info.spb.cbMessageSize > 0 &&
       CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfSPBEncodeThread, PerfSPBEncodeTestInit, PerfSPBEncodeTestFin,
                                   PerfSPBEncodeThreadInit, PerfSPBEncodeThreadFin, &info,
@@ -269,21 +275,11 @@ int PerfSPBEncode(TEST_PARAMETER *pTestParam, int nParameters) {
   return kResultUsage;
 }
 
-// ---------------------------------------------------------------------------------------------
-// spb-decode
-
 typedef struct tag_PERF_SPB_DECODE_INFO {
   THREAD_INFO ti;
-  const char *pszSrcISPB;         // --si
-  const char *pszDstISPB;         // --di
-  int cbMessageSize;              // -m
+  SPB_TEST_OPTIONS spb;
   unsigned char bAcceptExpired;   // --aexp
   unsigned char bAutoUpdateCert;  // --autocer
-  unsigned char bC3;              // --c3
-  unsigned char bC4;              // --c4
-  uint32_t dwFlags;               // --v3, --pad
-  bool bImportDefaultCerts;
-  char szSpbKeyName[kSpbKeyNameSize];
   HSESSIONCTX hSession;
   unsigned char *pbEncoded;  // the 588-byte header, then the encoded body
   uint32_t dwEncodedLen;
@@ -292,63 +288,54 @@ typedef struct tag_PERF_SPB_DECODE_INFO {
 
 int PerfSPBDecodeTestInit(void *pTestInfo) {
   auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pTestInfo);
-  if (!info->bImportDefaultCerts) return 0;
-  return InstallSPBCerts(&info->ti, info->szSpbKeyName);
+  return InstallSpbTestObjects(&info->ti, &info->spb);
 }
 
 int PerfSPBDecodeTestFin(void *pTestInfo) {
   auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pTestInfo);
-  if (!info->bImportDefaultCerts) return 0;
-  UninstallSPBCerts(&info->ti, info->szSpbKeyName);
-  return 0;
+  return UninstallSpbTestObjects(&info->ti, &info->spb);
 }
 
 int PerfSPBDecodeThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pThreadInfo);
-  const char *tag = "PerfSPBDecodeThreadInit";
+  const SPB_TEST_OPTIONS &spb = info->spb;
   info->hSession = nullptr;
   info->pbEncoded = nullptr;
   info->pbOutBuffer = nullptr;
   info->dwEncodedLen = 0;
-  const uint32_t size = static_cast<uint32_t>(info->cbMessageSize);
+  const uint32_t size = static_cast<uint32_t>(spb.cbMessageSize);
   // The encoded body is at most the message plus a block of padding per piece.
   const uint32_t encoded_cap = QL_SPB_HEADER_LEN + size + (size / kSpbPieceLen + 1) * 16;
+  PerfSetup setup("PerfSPBDecodeThreadInit");
   HeapBuffer in(size), encoded(encoded_cap), out(kSpbPieceLen);
   if (!in || !encoded || !out) {
-    ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, -1);
-    return -1;
+    setup.Fail("malloc", -1);
+    return setup.Rc();
   }
   SessionOwner session;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), in.Get(), size);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
+  setup.Connect(&info->ti, &session);
+  setup.Random(session.Get(), in.Get(), size);
   HSPBMSGCTX msg = nullptr;
-  if (rc == 0) {
-    rc = QSPBEncodeInit(session.Get(), info->pszDstISPB, info->pszSrcISPB, size, info->bC3,
-                        info->bC4, &msg, info->dwFlags & kSpbFlagV3);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSPBEncodeInit. rc = %d\r\n", tag, rc);
-  }
+  setup.Do("QSPBEncodeInit", [&] {
+    return QSPBEncodeInit(session.Get(), spb.pszDstISPB, spb.pszSrcISPB, size, spb.bC3, spb.bC4,
+                          &msg, spb.dwFlags & kSpbFlagV3);
+  });
   uint32_t written = QL_SPB_HEADER_LEN;
-  for (uint32_t done = 0; rc == 0 && done < size;) {
+  for (uint32_t done = 0; setup.Ok() && done < size;) {
     const uint32_t piece = std::min(size - done, kSpbPieceLen);
     uint32_t out_len = encoded_cap - written;
-    rc = QSPBEncodeCont(msg, in.Get() + done, piece, encoded.Get() + written, &out_len);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSPBEncodeCont. rc = %d\r\n", tag, rc);
+    setup.Do("QSPBEncodeCont", [&] {
+      return QSPBEncodeCont(msg, in.Get() + done, piece, encoded.Get() + written, &out_len);
+    });
     done += piece;
     written += out_len;
   }
   if (msg != nullptr) {
     uint32_t header_len = QL_SPB_HEADER_LEN;
     const int end_rc = QSPBEncodeEnd(&msg, encoded.Get(), &header_len);
-    if (rc == 0 && end_rc != 0) {
-      rc = end_rc;
-      ScreenOutput("[%s] Fail in QSPBEncodeEnd. rc = %d\r\n", tag, rc);
-    }
+    if (setup.Ok() && end_rc != 0) setup.Fail("QSPBEncodeEnd", end_rc);
   }
-  if (rc != 0) return rc;
+  if (!setup.Ok()) return setup.Rc();
   info->dwEncodedLen = written;
   info->pbEncoded = encoded.Release();
   info->pbOutBuffer = out.Release();
@@ -358,20 +345,15 @@ int PerfSPBDecodeThreadInit(void *pThreadInfo) {
 
 unsigned int PerfSPBDecodeThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_SPB_DECODE_INFO *>(pThreadInfo);
+  const char *tag = "PerfSPBDecodeThread";
+  const SPB_TEST_OPTIONS &spb = info->spb;
   const uint32_t body_len = info->dwEncodedLen - QL_SPB_HEADER_LEN;
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     HSPBMSGCTX msg = nullptr;
-    rc = QSPBDecodeInit(info->hSession, info->pszSrcISPB, info->pszDstISPB, info->pbEncoded,
-                        QL_SPB_HEADER_LEN, body_len, info->bAcceptExpired, info->bAutoUpdateCert,
-                        &msg, info->dwFlags);
-    if (rc != 0) {
-      ScreenOutput("[PerfSPBDecodeThread] Fail in QSPBDecodeInit rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
+    int rc = QSPBDecodeInit(info->hSession, spb.pszSrcISPB, spb.pszDstISPB, info->pbEncoded,
+                            QL_SPB_HEADER_LEN, body_len, info->bAcceptExpired,
+                            info->bAutoUpdateCert, &msg, spb.dwFlags);
+    if (rc != 0) return PerfPassFailed(tag, "QSPBDecodeInit", rc, counter);
     for (uint32_t done = 0; done < body_len && rc == 0;) {
       const uint32_t piece = std::min(body_len - done, kSpbPieceLen);
       uint32_t out_len = kSpbPieceLen;
@@ -380,20 +362,9 @@ unsigned int PerfSPBDecodeThread(void *pThreadInfo) {
       done += piece;
     }
     const int end_rc = QSPBDecodeEnd(&msg);
-    if (rc != 0) {
-      ScreenOutput("[PerfSPBDecodeThread] Fail in QSPBDecodeCont rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-    rc = end_rc;
-    if (rc != 0) {
-      ScreenOutput("[PerfSPBDecodeThread] Fail in QSPBDecodeEnd rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    if (rc != 0) return PerfPassFailed(tag, "QSPBDecodeCont", rc, counter);
+    return end_rc == 0 ? 0 : PerfPassFailed(tag, "QSPBDecodeEnd", end_rc, counter);
+  });
 }
 
 int PerfSPBDecodeThreadFin(void *pThreadInfo) {
@@ -409,20 +380,13 @@ int PerfSPBDecode(TEST_PARAMETER *pTestParam, int nParameters) {
   std::memset(&info, 0, sizeof(info));
   LoadGenericParameters(&info.ti, pTestParam, nParameters);
   info.ti.Metric = 1;
-  info.pszSrcISPB = GetParameterStr(pTestParam, nParameters, "--si");
-  info.pszDstISPB = GetParameterStr(pTestParam, nParameters, "--di");
-  if (info.pszSrcISPB == nullptr || info.pszDstISPB == nullptr) info.bImportDefaultCerts = true;
-  if (info.pszSrcISPB == nullptr) info.pszSrcISPB = kDefaultIspb;
-  if (info.pszDstISPB == nullptr) info.pszDstISPB = kDefaultIspb;
-  info.cbMessageSize = GetParameterInt(pTestParam, nParameters, "-m");
-  info.bC3 = GetSpbByte(pTestParam, nParameters, "--c3", 16);
-  info.bC4 = GetSpbByte(pTestParam, nParameters, "--c4", 10);
+  LoadSpbOptions(&info.spb, pTestParam, nParameters);
   info.bAcceptExpired = IsParameterDefined(pTestParam, nParameters, "--aexp") ? 1 : 0;
   info.bAutoUpdateCert = IsParameterDefined(pTestParam, nParameters, "--autocer") ? 1 : 0;
-  if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.dwFlags |= kSpbFlagV3;
-  if (IsParameterDefined(pTestParam, nParameters, "--pad")) info.dwFlags |= kSpbFlagPad;
+  if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.spb.dwFlags |= kSpbFlagV3;
+  if (IsParameterDefined(pTestParam, nParameters, "--pad")) info.spb.dwFlags |= kSpbFlagPad;
 
-  if (IsValidTestCountersConfig(&info.ti) && info.cbMessageSize > 0 &&
+  if (IsValidTestCountersConfig(&info.ti) && info.spb.cbMessageSize > 0 &&
       CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfSPBDecodeThread, PerfSPBDecodeTestInit, PerfSPBDecodeTestFin,
                                   PerfSPBDecodeThreadInit, PerfSPBDecodeThreadFin, &info,
@@ -469,28 +433,23 @@ const char *CardKeyTag(int op) {
 
 int PerfCardKeyThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_CARD_KEY_INFO *>(pThreadInfo);
-  const char *tag = CardKeyTag(info->Operation);
+  PerfSetup setup(CardKeyTag(info->Operation));
   info->hSession = nullptr;
   info->hKey = nullptr;
   SessionOwner session;
   KeyOwner key;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGenerateKey(session.Get(), nullptr, kPaymentKeyAlg, QL_KEY_EXPORTABLE | QL_KEY_TEMPORARY,
-                      key.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+  setup.Connect(&info->ti, &session);
+  setup.SessionKey(session.Get(), kPaymentKeyAlg, QL_KEY_EXPORTABLE | QL_KEY_TEMPORARY, &key);
+  setup.Do("QGetKeyParam(QKP_KEYLEN)", [&] {
     uint32_t size = sizeof(info->dwKeyLen);
-    rc = QGetKeyParam(key.Get(), QKP_KEYLEN, &info->dwKeyLen, &size, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetKeyParam(QKP_KEYLEN). rc = %d\r\n", tag, rc);
+    return QGetKeyParam(key.Get(), QKP_KEYLEN, &info->dwKeyLen, &size, 0);
+  });
+  if (info->Operation == kOpVerifyCvv) {
+    setup.Do("QGenerateCVV", [&] {
+      return QGenerateCVV(key.Get(), kTestPan, kTestExpiry, kTestServiceCode, info->szCvv, 0);
+    });
   }
-  if (rc == 0 && info->Operation == kOpVerifyCvv) {
-    rc = QGenerateCVV(key.Get(), kTestPan, kTestExpiry, kTestServiceCode, info->szCvv, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateCVV. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+  if (!setup.Ok()) return setup.Rc();
   info->hKey = key.Detach();
   info->hSession = session.Detach();
   return 0;
@@ -498,36 +457,23 @@ int PerfCardKeyThreadInit(void *pThreadInfo) {
 
 unsigned int PerfCardKeyThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_CARD_KEY_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
   char cvv[4];
   char pin[16];
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
+    int rc = 0;
     if (info->Operation == kOpGenerateCvv) {
       rc = QGenerateCVV(info->hKey, kTestPan, kTestExpiry, kTestServiceCode, cvv, 0);
-      if (rc != 0) {
-        ScreenOutput("[PerfGenerateCVVThread] Fail in QGenerateCVV rc = %d. Iteration = %lu\r\n",
-                     rc, counter);
-      }
+      if (rc != 0) PerfPassFailed("PerfGenerateCVVThread", "QGenerateCVV", rc, counter);
     } else if (info->Operation == kOpVerifyCvv) {
       rc = QVerifyCVV(info->hKey, kTestPan, kTestExpiry, kTestServiceCode, info->szCvv, 0);
-      if (rc != 0) {
-        ScreenOutput("[PerfVerifyCVVThread] Fail in QVerifyCVV rc = %d. Iteration = %lu\r\n", rc,
-                     counter);
-      }
+      if (rc != 0) PerfPassFailed("PerfVerifyCVVThread", "QVerifyCVV", rc, counter);
     } else {
       uint32_t pin_len = sizeof(pin);
       rc = QGeneratePIN(info->hKey, kTestPan, kTestPinLen, pin, &pin_len, 0);
-      if (rc != 0) {
-        ScreenOutput("[PerfGeneratePINThread] Fail in QGeneratePIN rc = %d. Iteration = %lu\r\n",
-                     rc, counter);
-      }
+      if (rc != 0) PerfPassFailed("PerfGeneratePINThread", "QGeneratePIN", rc, counter);
     }
-    if (rc != 0) break;
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc;
+  });
 }
 
 int PerfCardKeyThreadFin(void *pThreadInfo) {
@@ -593,39 +539,26 @@ typedef struct _PERF_VERIFY_PIN_BLOCK_INFO {
 
 int PerfVerifyPINBlockThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_VERIFY_PIN_BLOCK_INFO *>(pThreadInfo);
-  const char *tag = "PerfVerifyPINBlockThreadInit";
   info->hSession = nullptr;
   info->hPtk = nullptr;
   info->hPgk = nullptr;
+  PerfSetup setup("PerfVerifyPINBlockThreadInit");
   SessionOwner session;
   KeyOwner ptk, pgk;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGenerateKey(session.Get(), nullptr, kPaymentKeyAlg, QL_KEY_TEMPORARY, pgk.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    if (info->pszPtkName != nullptr) {
-      rc = QGetUserKey(session.Get(), info->pszPtkName, 0, ptk.Put());
-      if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
-    } else {
-      rc = QGenerateKey(session.Get(), nullptr, kPaymentKeyAlg, QL_KEY_TEMPORARY, ptk.Put());
-      if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-    }
-  }
+  setup.Connect(&info->ti, &session);
+  setup.SessionKey(session.Get(), kPaymentKeyAlg, QL_KEY_TEMPORARY, &pgk);
+  setup.TestKey(session.Get(), info->pszPtkName != nullptr, info->pszPtkName, kPaymentKeyAlg,
+                QL_KEY_TEMPORARY, &ptk);
   char pin[16] = {};
-  if (rc == 0) {
+  setup.Do("QGeneratePIN", [&] {
     uint32_t pin_len = sizeof(pin);
-    rc = QGeneratePIN(pgk.Get(), kTestPan, kTestPinLen, pin, &pin_len, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGeneratePIN. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+    return QGeneratePIN(pgk.Get(), kTestPan, kTestPinLen, pin, &pin_len, 0);
+  });
+  setup.Do("QEncrypt", [&] {
     BuildIsoFormat0Block(pin, info->pbPinBlock);
-    rc = EncryptBlock(ptk.Get(), info->pbPinBlock);
-    if (rc != 0) ScreenOutput("[%s] Fail in QEncrypt. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+    return EncryptBlock(ptk.Get(), info->pbPinBlock);
+  });
+  if (!setup.Ok()) return setup.Rc();
   info->hPtk = ptk.Detach();
   info->hPgk = pgk.Detach();
   info->hSession = session.Detach();
@@ -634,21 +567,11 @@ int PerfVerifyPINBlockThreadInit(void *pThreadInfo) {
 
 unsigned int PerfVerifyPINBlockThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_VERIFY_PIN_BLOCK_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    rc = QVerifyPINBlock(info->hPtk, info->hPgk, kIsoFormat0, kTestPan, info->pbPinBlock,
-                         kPinBlockLen, 0);
-    if (rc != 0) {
-      ScreenOutput(
-          "[PerfVerifyPINBlockThread] Fail in QVerifyPINBlock rc = %d. Iteration = %lu\r\n", rc,
-          counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
+    const int rc = QVerifyPINBlock(info->hPtk, info->hPgk, kIsoFormat0, kTestPan, info->pbPinBlock,
+                                   kPinBlockLen, 0);
+    return rc == 0 ? 0 : PerfPassFailed("PerfVerifyPINBlockThread", "QVerifyPINBlock", rc, counter);
+  });
 }
 
 int PerfVerifyPINBlockThreadFin(void *pThreadInfo) {
@@ -717,18 +640,16 @@ int PerfPINBlockTranslateThreadInit(void *pThreadInfo) {
   if (rc == 0 && info->pszDstPek == nullptr) {
     rc = GenTempKey(tag, info->hSession, kPaymentKeyAlg, info->szDstPek);
   }
-  KeyOwner src;
   if (rc == 0) {
-    rc = QGetUserKey(info->hSession, info->pszSrcPek ? info->pszSrcPek : info->szSrcPek, 0,
-                     src.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
+    PerfSetup setup(tag);
+    KeyOwner src;
+    setup.UserKey(info->hSession, info->pszSrcPek ? info->pszSrcPek : info->szSrcPek, &src);
+    setup.Do("QEncrypt", [&] {
+      BuildIsoFormat0Block("1234", info->pbPinBlock);
+      return EncryptBlock(src.Get(), info->pbPinBlock);
+    });
+    rc = setup.Rc();
   }
-  if (rc == 0) {
-    BuildIsoFormat0Block("1234", info->pbPinBlock);
-    rc = EncryptBlock(src.Get(), info->pbPinBlock);
-    if (rc != 0) ScreenOutput("[%s] Fail in QEncrypt. rc = %d\r\n", tag, rc);
-  }
-  src.CleanUp();
   if (rc != 0) PerfPINBlockTranslateThreadFin(info);
   return rc;
 }
@@ -738,22 +659,14 @@ unsigned int PerfPINBlockTranslateThread(void *pThreadInfo) {
   const char *src = info->pszSrcPek ? info->pszSrcPek : info->szSrcPek;
   const char *dst = info->pszDstPek ? info->pszDstPek : info->szDstPek;
   unsigned char out[kPinBlockLen];
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     uint32_t out_len = sizeof(out);
-    rc = QPINBlockTranslate(info->hSession, src, dst, kIsoFormat0, kTestPan, info->pbPinBlock,
-                            kPinBlockLen, out, &out_len, 0);
-    if (rc != 0) {
-      ScreenOutput(
-          "[PerfPINBlockTranslateThread] Fail in QPINBlockTranslate rc = %d. Iteration = %lu\r\n",
-          rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    const int rc = QPINBlockTranslate(info->hSession, src, dst, kIsoFormat0, kTestPan,
+                                      info->pbPinBlock, kPinBlockLen, out, &out_len, 0);
+    return rc == 0
+               ? 0
+               : PerfPassFailed("PerfPINBlockTranslateThread", "QPINBlockTranslate", rc, counter);
+  });
 }
 
 int PerfPINBlockTranslate(TEST_PARAMETER *pTestParam, int nParameters) {
@@ -802,56 +715,37 @@ int PerfGenerateDUKPTThreadFin(void *pThreadInfo) {
 
 int PerfGenerateDUKPTThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_GENERATE_DUKPT_INFO *>(pThreadInfo);
-  const char *tag = "PerfGenerateDUKPTThreadInit";
   info->hSession = nullptr;
   info->szBdkName[0] = '\0';
-  int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGetRandom(info->hSession, info->pbKsn, kKsnLen);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
+  PerfSetup setup("PerfGenerateDUKPTThreadInit");
+  setup.Do("ConnectEx", [&] { return ConnectEx(&info->hSession, &info->ti); });
+  setup.Random(info->hSession, info->pbKsn, kKsnLen);
   char bdk_name[QL_MAX_OBJ_NAME + 1] = {};
-  if (rc == 0) {
+  setup.Do("QGenerateBDKName", [&] {
     uint32_t len = sizeof(bdk_name);
-    rc = QGenerateBDKName(info->hSession, info->pbKsn, kKsiLen, bdk_name, &len);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateBDKName. rc = %d\r\n", tag, rc);
+    return QGenerateBDKName(info->hSession, info->pbKsn, kKsiLen, bdk_name, &len);
+  });
+  setup.Do("QGenerateKey",
+           [&] { return QGenerateKey(info->hSession, bdk_name, kPaymentKeyAlg, 0, nullptr); });
+  if (!setup.Ok()) {
+    PerfGenerateDUKPTThreadFin(info);
+    return setup.Rc();
   }
-  if (rc == 0) {
-    rc = QGenerateKey(info->hSession, bdk_name, kPaymentKeyAlg, 0, nullptr);
-    if (rc != 0) {
-      ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-    } else {
-      std::memcpy(info->szBdkName, bdk_name, sizeof(bdk_name));
-    }
-  }
-  if (rc != 0) PerfGenerateDUKPTThreadFin(info);
-  return rc;
+  std::memcpy(info->szBdkName, bdk_name, sizeof(bdk_name));
+  return 0;
 }
 
 unsigned int PerfGenerateDUKPTThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_GENERATE_DUKPT_INFO *>(pThreadInfo);
+  const char *tag = "PerfGenerateDUKPTThread";
   char name[kTempKeyNameSize];
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     GetTempKeyNameOffline(name);
-    rc = QGenerateDUKPT(info->hSession, info->szBdkName, info->pbKsn, kKsnLen, name, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfGenerateDUKPTThread] Fail in QGenerateDUKPT rc = %d. Iteration = %lu\r\n",
-                   rc, counter);
-      break;
-    }
+    int rc = QGenerateDUKPT(info->hSession, info->szBdkName, info->pbKsn, kKsnLen, name, 0);
+    if (rc != 0) return PerfPassFailed(tag, "QGenerateDUKPT", rc, counter);
     rc = QRemoveObj(info->hSession, name);
-    if (rc != 0) {
-      ScreenOutput("[PerfGenerateDUKPTThread] Fail in QRemoveObj rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed(tag, "QRemoveObj", rc, counter);
+  });
 }
 
 int PerfGenerateDUKPT(TEST_PARAMETER *pTestParam, int nParameters) {
@@ -919,6 +813,13 @@ int ReadTr31Options(PERF_EXPORT_TR31 *info, TEST_PARAMETER *pTestParam, int nPar
          info->Exportability != -1;
 }
 
+// The key block of the record's keys and options, into block (a size query without one).
+int ExportTr31(const PERF_EXPORT_TR31 *info, HSESSIONCTX hSession, char *block, uint32_t *len) {
+  return QEFTExportTR31(hSession, info->szKbpkName, info->szKeyName,
+                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
+                        static_cast<uint32_t>(info->Exportability), block, len, 0);
+}
+
 // Removes the keys import-tr31 made: every object whose name begins with the run's prefix.
 struct ImportedNames {
   const char *prefix;
@@ -984,42 +885,25 @@ int PerfExportTR31Init(void *pTestInfo) {
 
 int PerfExportTR31ThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
-  const char *tag = "PerfExportTR31ThreadInit";
   info->hSession = nullptr;
   info->pszKeyBlock = nullptr;
   info->dwKeyBlockSize = info->dwKeyBlockLen = 0;
+  PerfSetup setup("PerfExportTR31ThreadInit");
   SessionOwner session;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  setup.Connect(&info->ti, &session);
   uint32_t len = 0;
-  if (rc == 0) {
-    rc = QEFTExportTR31(session.Get(), info->szKbpkName, info->szKeyName,
-                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
-                        static_cast<uint32_t>(info->Exportability), nullptr, &len, 0);
-    if (rc == QL_ERR_BUFFER_TOO_SMALL) {
-      rc = 0;
-    } else {
-      if (rc == 0) rc = QL_ERR_PROTOCOL;  // a size query must name the size it needs
-      ScreenOutput("[%s] Fail in QEFTExportTR31. rc = %d\r\n", tag, rc);
-    }
-  }
+  setup.SizeQuery("QEFTExportTR31", [&] { return ExportTr31(info, session.Get(), nullptr, &len); });
   HeapBuffer block;
-  if (rc == 0) {
-    block = HeapBuffer(len + 1);
-    rc = block ? 0 : -1;
-    if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+  setup.Alloc(&block, len + 1);
+  setup.Do("QEFTExportTR31", [&] {
     // import-tr31 imports this block; export-tr31 overwrites it on every pass.
     uint32_t block_len = len + 1;
-    rc = QEFTExportTR31(session.Get(), info->szKbpkName, info->szKeyName,
-                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
-                        static_cast<uint32_t>(info->Exportability),
-                        reinterpret_cast<char *>(block.Get()), &block_len, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QEFTExportTR31. rc = %d\r\n", tag, rc);
+    const int rc =
+        ExportTr31(info, session.Get(), reinterpret_cast<char *>(block.Get()), &block_len);
     info->dwKeyBlockLen = block_len;
-  }
-  if (rc != 0) return rc;
+    return rc;
+  });
+  if (!setup.Ok()) return setup.Rc();
   info->dwKeyBlockSize = len + 1;
   info->pszKeyBlock = reinterpret_cast<char *>(block.Release());
   info->hSession = session.Detach();
@@ -1035,45 +919,25 @@ int PerfExportTR31ThreadFin(void *pThreadInfo) {
 
 unsigned int PerfExportTR31Thread(void *pThreadInfo) {
   auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t len = info->dwKeyBlockSize;
-    rc = QEFTExportTR31(info->hSession, info->szKbpkName, info->szKeyName,
-                        static_cast<uint32_t>(info->Usage), static_cast<uint32_t>(info->Mode),
-                        static_cast<uint32_t>(info->Exportability), info->pszKeyBlock, &len, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfExportTR31Thread] Fail in QEFTExportTR31 rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    const int rc = ExportTr31(info, info->hSession, info->pszKeyBlock, &len);
+    return rc == 0 ? 0 : PerfPassFailed("PerfExportTR31Thread", "QEFTExportTR31", rc, counter);
+  });
 }
 
 unsigned int PerfImportTR31Thread(void *pThreadInfo) {
   auto *info = static_cast<PERF_EXPORT_TR31 *>(pThreadInfo);
-  int rc = 0;
-  ThreadErrorSignaling error_signaling(rc, info->ti);
   char name[sizeof(info->szImportPrefix) + kTempKeyNameSize];
   const size_t prefix_len = std::strlen(info->szImportPrefix);
   std::memcpy(name, info->szImportPrefix, prefix_len);
-  unsigned long counter = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     // Fin removes the imported keys by their prefix.
     GetTempKeyNameOffline(name + prefix_len);
-    rc = QEFTImportTR31(info->hSession, info->szKbpkName, name, info->pszKeyBlock,
-                        info->dwKeyBlockLen, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfImportTR31Thread] Fail in QEFTImportTR31 rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  return 1;
+    const int rc = QEFTImportTR31(info->hSession, info->szKbpkName, name, info->pszKeyBlock,
+                                  info->dwKeyBlockLen, 0);
+    return rc == 0 ? 0 : PerfPassFailed("PerfImportTR31Thread", "QEFTImportTR31", rc, counter);
+  });
 }
 
 namespace {

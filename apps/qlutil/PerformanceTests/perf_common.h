@@ -53,6 +53,32 @@ inline bool PerfRunFailed(THREAD_INFO *ti) {
   return IsErrorEventSignaled(ti->phErrorEvent);
 }
 
+// ---------------------------------------------------------------------------------------------
+// The thread body
+
+// "[<tag>] Fail in <call> rc = <rc>. Iteration = <counter>\r\n", the loop's failure line.
+// Answers rc, so that a pass ends with `return PerfPassFailed(...)`.
+int PerfPassFailed(const char *tag, const char *call, int rc, unsigned long counter);
+
+// The loop of a thread body: pass(counter) runs until Iterations passes are done (for ever
+// without -i), a pass answers a non-zero code or another thread announced a failure; the code
+// is then published (PublishPerfThreadError). A pass prints its own failure (PerfPassFailed).
+// Inlined into the body, so the timed loop holds only the counter, the pass and the poll of
+// the error event. The code type is the pass's (int, or a PKCS#11 CK_RV). Answers 1, the
+// body's answer.
+template <typename Pass>
+inline unsigned int RunPerfLoop(THREAD_INFO *ti, Pass &&pass) {
+  unsigned long counter = 0;
+  decltype(pass(counter)) rc = 0;
+  do {
+    if (ShouldStopPerfTestLoop(&counter, ti->Iterations)) break;
+    rc = pass(counter);
+    if (rc != 0) break;
+  } while (!PerfRunFailed(ti));
+  if (rc != 0) PublishPerfThreadError(ti, static_cast<int>(rc));
+  return 1;
+}
+
 // Removes a persistent key from the HSM through its handle (QDestroyKey flag 32). For
 // QLUniquePtr owners of keys that a test made under a temporary name.
 inline int DestroyAndRemoveKey(HKEYCTX *phKey) {
@@ -109,6 +135,66 @@ inline void CloseRecordSession(HSESSIONCTX *phSession) {
   if (*phSession != nullptr) QCloseSession(phSession, 0);
   *phSession = nullptr;
 }
+
+// ---------------------------------------------------------------------------------------------
+// Init and ThreadInit
+
+// The steps of a set-up callback (Init, ThreadInit). A step runs only while every earlier one
+// succeeded; a failing step prints "[<tag>] Fail in <call>. rc = <code>\r\n" and its code is
+// the callback's answer (Rc). What the steps acquire stays in the caller's owners until the
+// caller hands it to the record, once Ok.
+class PerfSetup {
+ public:
+  explicit PerfSetup(const char *tag) : tag_(tag) {}
+
+  bool Ok() const { return rc_ == 0; }
+  int Rc() const { return rc_; }
+  const char *Tag() const { return tag_; }
+
+  // Prints the failure line of call and keeps rc as the answer. A 0 is printed all the same
+  // and lets the set-up go on (the lenient answers some tests keep).
+  void Fail(const char *call, int rc);
+
+  // step() answers a library code.
+  template <typename Step>
+  PerfSetup &Do(const char *call, Step &&step) {
+    if (rc_ == 0) {
+      const int rc = step();
+      if (rc != 0) Fail(call, rc);
+    }
+    return *this;
+  }
+
+  // A size query (a call given no buffer), which succeeds with 1005 and the length it needs;
+  // any other answer fails, 0 as QL_ERR_PROTOCOL (a size query must name the size it needs).
+  template <typename Query>
+  PerfSetup &SizeQuery(const char *call, Query &&query) {
+    if (rc_ == 0) {
+      const int rc = query();
+      if (rc != QL_ERR_BUFFER_TOO_SMALL) Fail(call, rc == 0 ? QL_ERR_PROTOCOL : rc);
+    }
+    return *this;
+  }
+
+  // The usual steps. Connect: ConnectEx with the record's connection options. Alloc: a zeroed
+  // heap buffer ("malloc" and -1 when there is none). HashData: QCreateHash of alg, then
+  // QHashData of the data. SessionKey: an unnamed key of alg (QGenerateKey, no name).
+  // UserKey: the key stored under name (QGetUserKey). TestKey: that key when shared, else a
+  // SessionKey.
+  PerfSetup &Connect(const THREAD_INFO *ti, SessionOwner *session);
+  PerfSetup &Alloc(HeapBuffer *buffer, size_t size, const char *call = "malloc");
+  PerfSetup &Random(HSESSIONCTX hSession, unsigned char *data, uint32_t len);
+  PerfSetup &CreateHash(HSESSIONCTX hSession, int alg, HashOwner *hash);
+  PerfSetup &HashData(HashOwner *hash, const unsigned char *data, uint32_t len);
+  PerfSetup &SessionKey(HSESSIONCTX hSession, int alg, uint32_t flags, KeyOwner *key);
+  PerfSetup &UserKey(HSESSIONCTX hSession, const char *name, KeyOwner *key);
+  PerfSetup &TestKey(HSESSIONCTX hSession, bool shared, const char *name, int alg, uint32_t flags,
+                     KeyOwner *key);
+
+ private:
+  const char *tag_;
+  int rc_ = 0;
+};
 
 // The help page of a performance test: "DESCRIPTION" with its lines, "OPTIONS" with the global
 // performance options; the caller prints its own options, then calls PerfHelpExamples, which

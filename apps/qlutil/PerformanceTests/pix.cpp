@@ -155,50 +155,32 @@ int PerfPIXThreadFin(void *pThreadInfo) {
 
 unsigned int PerfSignPIXDictThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     unsigned char *out = nullptr;
     uint32_t out_len = 0;
-    rc = SignOnce(info, info->hSession, &out, &out_len);
+    const int rc = SignOnce(info, info->hSession, &out, &out_len);
     QFree(out);
-    if (rc != 0) {
-      ScreenOutput("[PerfSignPIXDictThread] Fail in %s rc = %d. Iteration = %lu\r\n",
-                   SignCallName(info), rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed("PerfSignPIXDictThread", SignCallName(info), rc, counter);
+  });
 }
 
 unsigned int PerfVerifyPIXDictThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    rc = info->bDict ? QPIXDictVerify(info->hSession, info->pszChain, info->pszCrl, info->pbSigned,
-                                      info->dwSignedLen, info->dwFlags)
-                     : QPIXVerify(info->hSession, info->pszChain, info->pszCrl, info->pbSigned,
-                                  info->dwSignedLen, info->dwFlags);
-    if (rc != 0) {
-      ScreenOutput("[PerfVerifyPIXDictThread] Fail in %s rc = %d. Iteration = %lu\r\n",
-                   info->bDict ? "QPIXDictVerify" : "QPIXVerify", rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
+    const int rc = info->bDict ? QPIXDictVerify(info->hSession, info->pszChain, info->pszCrl,
+                                                info->pbSigned, info->dwSignedLen, info->dwFlags)
+                               : QPIXVerify(info->hSession, info->pszChain, info->pszCrl,
+                                            info->pbSigned, info->dwSignedLen, info->dwFlags);
+    return rc == 0 ? 0
+                   : PerfPassFailed("PerfVerifyPIXDictThread",
+                                    info->bDict ? "QPIXDictVerify" : "QPIXVerify", rc, counter);
+  });
 }
 
 unsigned int PerfSignCheckPIXJWSThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
+    int rc = 0;
     if (info->Kind == kPixJwsCheck) {
       rc = QPIXJWSCheck(info->hSession, info->pszChain, info->pszCrl,
                         reinterpret_cast<const char *>(info->pbSigned), info->dwSignedLen,
@@ -209,14 +191,11 @@ unsigned int PerfSignCheckPIXJWSThread(void *pThreadInfo) {
       rc = SignOnce(info, info->hSession, &jws, &jws_len);
       QFree(jws);
     }
-    if (rc != 0) {
-      ScreenOutput("[PerfSignCheckPIXJWSThread] Fail in %s rc = %d. Iteration = %lu\r\n",
-                   info->Kind == kPixJwsCheck ? "QPIXJWSCheck" : "QPIXJWSSign", rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0
+                   : PerfPassFailed("PerfSignCheckPIXJWSThread",
+                                    info->Kind == kPixJwsCheck ? "QPIXJWSCheck" : "QPIXJWSSign", rc,
+                                    counter);
+  });
 }
 
 namespace {
@@ -257,20 +236,11 @@ int PIXRequestRouter(PERF_PIX_INFO *info, uint32_t *http_status) {
 
 unsigned int PerfRequestPIXThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t http_status = 0;
-    rc = PIXRequestRouter(info, &http_status);
-    if (rc != 0) {
-      ScreenOutput("[PerfRequestPIXThread] Fail in PIXRequestRouter rc = %d. Iteration = %lu\r\n",
-                   rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    const int rc = PIXRequestRouter(info, &http_status);
+    return rc == 0 ? 0 : PerfPassFailed("PerfRequestPIXThread", "PIXRequestRouter", rc, counter);
+  });
 }
 
 namespace {

@@ -128,42 +128,24 @@ int PerfXMLThreadInit(void *pThreadInfo) {
 
 unsigned int PerfSignXMLThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_XML_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     unsigned char *signed_xml = nullptr;
     uint32_t signed_len = 0;
-    rc = QSignXml(info->hSession, static_cast<uint32_t>(info->HashAlgId), XmlKey(info),
-                  info->pszCertName, info->pszFilter, info->stXml.pvData, info->stXml.dwDataLen,
-                  &signed_xml, &signed_len, 0);
+    const int rc = QSignXml(info->hSession, static_cast<uint32_t>(info->HashAlgId), XmlKey(info),
+                            info->pszCertName, info->pszFilter, info->stXml.pvData,
+                            info->stXml.dwDataLen, &signed_xml, &signed_len, 0);
     QFree(signed_xml);
-    if (rc != 0) {
-      ScreenOutput("[PerfSignXMLThread] Fail in QSignXml rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed("PerfSignXMLThread", "QSignXml", rc, counter);
+  });
 }
 
 unsigned int PerfVerifyXMLThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_XML_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    rc = QVerifySignedXmlEx(info->hSession, info->pszChain, info->pszCrl, info->pszFilter,
-                            info->pbSigned, info->dwSignedLen, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfVerifyXMLThread] Fail in QVerifySignedXmlEx rc = %d. Iteration = %lu\r\n",
-                   rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
+    const int rc = QVerifySignedXmlEx(info->hSession, info->pszChain, info->pszCrl, info->pszFilter,
+                                      info->pbSigned, info->dwSignedLen, 0);
+    return rc == 0 ? 0 : PerfPassFailed("PerfVerifyXMLThread", "QVerifySignedXmlEx", rc, counter);
+  });
 }
 
 namespace {
@@ -280,24 +262,15 @@ int PerfPkcs7SignThreadInit(void *pThreadInfo) {
 
 unsigned int PerfPkcs7SignThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_PKCS7_SIGN_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     unsigned char *signed_data = nullptr;
     uint32_t signed_len = 0;
-    rc = QPKCS7Sign(info->hSession, info->pszKeyName, info->pszCertName, info->pszChainName,
-                    info->dwAttributes, info->stData.pvData, info->stData.dwDataLen, &signed_data,
-                    &signed_len, 0);
+    const int rc = QPKCS7Sign(info->hSession, info->pszKeyName, info->pszCertName,
+                              info->pszChainName, info->dwAttributes, info->stData.pvData,
+                              info->stData.dwDataLen, &signed_data, &signed_len, 0);
     QFree(signed_data);
-    if (rc != 0) {
-      ScreenOutput("[PerfPkcs7SignThread] Fail in QPKCS7Sign rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed("PerfPkcs7SignThread", "QPKCS7Sign", rc, counter);
+  });
 }
 
 int PerfPkcs7SignThreadFin(void *pThreadInfo) {

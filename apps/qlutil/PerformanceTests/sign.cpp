@@ -23,6 +23,32 @@ constexpr uint32_t kMaxHashLen = 64;
 
 const char *const kSignExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
 
+// Releases the key a test shares between its threads and the session that made it.
+void ReleaseSharedKey(HSESSIONCTX *phSession, HKEYCTX *phKey, uint32_t dwDestroyFlags) {
+  DestroyRecordKey(phKey, dwDestroyFlags);
+  CloseRecordSession(phSession);
+}
+
+// Init of a test whose threads share one key: a session of its own, a temporary name and a
+// stored key of alg under it. A failing GetTempKeyName is kept lenient on purpose: reported
+// with the code of ConnectEx, it lets the test go on without a shared key, and the threads
+// then report the failure of QGetUserKey.
+int GenSharedKey(const char *tag, const THREAD_INFO *ti, int alg, HSESSIONCTX *phSession,
+                 char *pszKeyName, HKEYCTX *phKey) {
+  int rc = ConnectEx(phSession, ti);
+  if (rc != 0) {
+    ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  } else if (!GetTempKeyName(pszKeyName, *phSession)) {
+    ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
+    return 0;
+  } else {
+    rc = QGenerateKey(*phSession, pszKeyName, alg, kTestKeyFlags, phKey);
+    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
+  }
+  if (rc != 0) ReleaseSharedKey(phSession, phKey, 0);
+  return rc;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -51,30 +77,12 @@ typedef struct _PERF_SIGN_HASH_INFO {
 int PerfSignHashInit(void *pTestInfo) {
   auto *info = static_cast<PERF_SIGN_HASH_INFO *>(pTestInfo);
   if (!info->bIsGenKeyPerTest || info->bIsPredefinedKey) return 0;
-
-  int rc = ConnectEx(&info->hSrcSession, &info->ti);
-  if (rc != 0) {
-    ScreenOutput("[PerfSignHashInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  } else if (!GetTempKeyName(info->szKeyName, info->hSrcSession)) {
-    // Kept lenient on purpose: the test goes on without a shared key, and its threads then
-    // report the failure of QGetUserKey.
-    ScreenOutput("[PerfSignHashInit] Fail in GetTempKeyName. rc = %d\r\n", rc);
-    return 0;
-  } else {
-    rc = QGenerateKey(info->hSrcSession, info->szKeyName, info->KeyAlgId, kTestKeyFlags,
-                      &info->hSrcKey);
-    if (rc != 0) ScreenOutput("[PerfSignHashInit] Fail in QGenerateKey. rc = %d\r\n", rc);
-  }
-  if (rc != 0) {
-    DestroyRecordKey(&info->hSrcKey);
-    CloseRecordSession(&info->hSrcSession);
-  }
-  return rc;
+  return GenSharedKey("PerfSignHashInit", &info->ti, info->KeyAlgId, &info->hSrcSession,
+                      info->szKeyName, &info->hSrcKey);
 }
 
 int PerfSignHashThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_SIGN_HASH_INFO *>(pThreadInfo);
-  const char *tag = "PerfSignHashThreadInit";
   info->hKey = nullptr;
   info->hSession = nullptr;
   info->hHash = nullptr;
@@ -82,56 +90,34 @@ int PerfSignHashThreadInit(void *pThreadInfo) {
   info->dwSignatureLen = 0;
 
   // Only the hash of the data is kept.
-  HeapBuffer data(static_cast<size_t>(info->nDataLen));
+  const uint32_t data_len = static_cast<uint32_t>(info->nDataLen);
+  PerfSetup setup("PerfSignHashThreadInit");
+  HeapBuffer data;
   SessionOwner session;
   HashOwner hash;
   KeyOwner key;
-  int rc = data ? 0 : -1;
-  if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = Connect(&info->ti, session.Put(), false);
-    if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), data.Get(), static_cast<uint32_t>(info->nDataLen));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QCreateHash(session.Get(), static_cast<uint32_t>(info->HashAlgId), nullptr, 0, hash.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QCreateHash. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    if (info->bIsGenKeyPerTest) {
-      rc = QGetUserKey(session.Get(), info->szKeyName, 0, key.Put());
-      if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
-    } else {
-      rc = QGenerateKey(session.Get(), nullptr, static_cast<uint32_t>(info->KeyAlgId),
-                        kSessionKeyFlags, key.Put());
-      if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-    }
-  }
-  if (rc == 0) {
-    rc = QHashData(hash.Get(), data.Get(), static_cast<uint32_t>(info->nDataLen), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QHashData. rc = %d\r\n", tag, rc);
-  }
+  setup.Alloc(&data, data_len);
+  setup.Connect(&info->ti, &session);
+  setup.Random(session.Get(), data.Get(), data_len);
+  setup.CreateHash(session.Get(), info->HashAlgId, &hash);
+  setup.TestKey(session.Get(), info->bIsGenKeyPerTest, info->szKeyName, info->KeyAlgId,
+                kSessionKeyFlags, &key);
+  setup.HashData(&hash, data.Get(), data_len);
   HeapBuffer signature;
-  if (rc == 0) {
+  uint32_t signature_len = 0;
+  if (setup.Ok()) {
     uint32_t len = 0;
-    rc = QSignHash(hash.Get(), key.Get(), info->dwFlags, nullptr, &len);
+    const int rc = QSignHash(hash.Get(), key.Get(), info->dwFlags, nullptr, &len);
     if (rc == QL_ERR_BUFFER_TOO_SMALL) {
-      signature = HeapBuffer(len);
-      rc = signature ? 0 : -1;
-      if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-      info->dwSignatureLen = len;
+      setup.Alloc(&signature, len);
+      signature_len = len;
     } else {
-      // An answer of 0 leaves no buffer and is still taken as success.
-      ScreenOutput("[%s] Fail in QSignHash. rc = %d\r\n", tag, rc);
+      // An answer of 0 is printed, leaves no buffer and is still taken as success.
+      setup.Fail("QSignHash", rc);
     }
   }
-  if (rc != 0) {
-    info->dwSignatureLen = 0;
-    return rc;
-  }
+  if (!setup.Ok()) return setup.Rc();
+  info->dwSignatureLen = signature_len;
   info->hSession = session.Detach();
   info->hHash = hash.Detach();
   info->hKey = key.Detach();
@@ -141,19 +127,12 @@ int PerfSignHashThreadInit(void *pThreadInfo) {
 
 unsigned int PerfSignHashThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_SIGN_HASH_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t len = info->dwSignatureLen;
-    rc = QSignHash(info->hHash, info->hKey, info->dwFlags, info->pbSignature, &len);
-    if (rc != 0) {
-      ScreenOutput("[QHashData] Fail in QSignHash rc = %d. Iteration = %lu\r\n", rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    const int rc = QSignHash(info->hHash, info->hKey, info->dwFlags, info->pbSignature, &len);
+    // The tag is the original one of this message.
+    return rc == 0 ? 0 : PerfPassFailed("QHashData", "QSignHash", rc, counter);
+  });
 }
 
 int PerfSignHashThreadFin(void *pThreadInfo) {
@@ -169,8 +148,8 @@ int PerfSignHashFin(void *pTestInfo) {
   auto *info = static_cast<PERF_SIGN_HASH_INFO *>(pTestInfo);
   if (!info->bIsGenKeyPerTest) return 0;
   // The key Init generated is removed from the HSM; a key named by the user never is.
-  DestroyRecordKey(&info->hSrcKey, info->bIsPredefinedKey ? 0 : QL_DESTROY_REMOVE);
-  CloseRecordSession(&info->hSrcSession);
+  ReleaseSharedKey(&info->hSrcSession, &info->hSrcKey,
+                   info->bIsPredefinedKey ? 0 : QL_DESTROY_REMOVE);
   return 0;
 }
 
@@ -244,102 +223,54 @@ typedef struct _PERF_BATCH_SIGN_INFO {
 int PerfBatchSignInit(void *pTestInfo) {
   auto *info = static_cast<PERF_BATCH_SIGN_INFO *>(pTestInfo);
   if (!info->bIsGenKeyPerTest) return 0;
-
-  int rc = ConnectEx(&info->hSrcSession, &info->ti);
-  if (rc != 0) {
-    ScreenOutput("[PerfBatchSignInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  } else if (!GetTempKeyName(info->szKeyName, info->hSrcSession)) {
-    ScreenOutput("[PerfBatchSignInit] Fail in GetTempKeyName. rc = %d\r\n", rc);
-    return 0;
-  } else {
-    rc = QGenerateKey(info->hSrcSession, info->szKeyName, info->KeyAlgId, kTestKeyFlags,
-                      &info->hSrcKey);
-    if (rc != 0) ScreenOutput("[PerfBatchSignInit] Fail in QGenerateKey. rc = %d\r\n", rc);
-  }
-  if (rc != 0) {
-    DestroyRecordKey(&info->hSrcKey);
-    CloseRecordSession(&info->hSrcSession);
-  }
-  return rc;
+  return GenSharedKey("PerfBatchSignInit", &info->ti, info->KeyAlgId, &info->hSrcSession,
+                      info->szKeyName, &info->hSrcKey);
 }
 
 int PerfBatchSignThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_BATCH_SIGN_INFO *>(pThreadInfo);
-  const char *tag = "PerfBatchSignThreadInit";
   info->hKey = nullptr;
   info->hSession = nullptr;
   info->pbBatchSrc = nullptr;
   info->pbBatch = nullptr;
   info->dwBatchLen = 0;
 
+  PerfSetup setup("PerfBatchSignThreadInit");
   SessionOwner session;
   KeyOwner key;
   HashOwner hash;
-  int rc = Connect(&info->ti, session.Put(), false);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    if (info->bIsGenKeyPerTest) {
-      rc = QGetUserKey(session.Get(), info->szKeyName, 0, key.Put());
-      if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
-    } else {
-      rc = QGenerateKey(session.Get(), nullptr, static_cast<uint32_t>(info->KeyAlgId),
-                        kSessionKeyFlags, key.Put());
-      if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-    }
-  }
+  setup.Connect(&info->ti, &session);
+  setup.TestKey(session.Get(), info->bIsGenKeyPerTest, info->szKeyName, info->KeyAlgId,
+                kSessionKeyFlags, &key);
   unsigned char random[kBatchRandomLen];
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), random, sizeof(random));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QCreateHash(session.Get(), static_cast<uint32_t>(info->HashAlgId), nullptr, 0, hash.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QCreateHash. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QHashData(hash.Get(), random, sizeof(random), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QHashData. rc = %d\r\n", tag, rc);
-  }
+  setup.Random(session.Get(), random, sizeof(random));
+  setup.CreateHash(session.Get(), info->HashAlgId, &hash);
+  setup.HashData(&hash, random, sizeof(random));
   unsigned char digest[kMaxHashLen];
   uint32_t digest_len = sizeof(digest);
-  if (rc == 0) {
-    rc = QGetHashParam(hash.Get(), QHP_HASHVAL, digest, &digest_len, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetHashParam. rc = %d\r\n", tag, rc);
-  }
+  setup.Do("QGetHashParam",
+           [&] { return QGetHashParam(hash.Get(), QHP_HASHVAL, digest, &digest_len, 0); });
   uint32_t key_len = 0;
-  if (rc == 0) {
+  setup.Do("QGetKeyParam(QKP_KEYLEN)", [&] {
     uint32_t size = sizeof(key_len);
-    rc = QGetKeyParam(key.Get(), QKP_KEYLEN, &key_len, &size, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetKeyParam(QKP_KEYLEN). rc = %d\r\n", tag, rc);
-  }
+    return QGetKeyParam(key.Get(), QKP_KEYLEN, &key_len, &size, 0);
+  });
   HeapBuffer padded;
-  if (rc == 0) {
-    padded = HeapBuffer(key_len);
-    rc = padded ? 0 : -1;
-    if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+  setup.Alloc(&padded, key_len);
+  if (setup.Ok()) {
     // The one call that answers non-zero on success. A failure is reported with the code 0
     // and ThreadInit goes on: the loop then signs whatever the block holds.
     uint32_t hash_len = digest_len;
     if (QDoRSAPadding(session.Get(), QL_RSA_PADDING_PKCS1_TYPE1, padded.Get(), digest, &hash_len,
                       key_len, static_cast<uint32_t>(GetHashOIDFromAlgId(info->HashAlgId))) == 0) {
-      ScreenOutput("[%s] Fail in QDoRSAPadding. rc = %d\r\n", tag, rc);
+      setup.Fail("QDoRSAPadding", 0);
     }
   }
   HeapBuffer batch_src, batch;
   const uint32_t batch_len = QL_BATCH_HEADER_LEN + info->dwBatchCount * key_len;
-  if (rc == 0) {
-    batch_src = HeapBuffer(batch_len);
-    rc = batch_src ? 0 : -1;
-    if (rc != 0) ScreenOutput("[%s] Fail in malloc(batch src). rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    batch = HeapBuffer(batch_len);
-    rc = batch ? 0 : -1;
-    if (rc != 0) ScreenOutput("[%s] Fail in malloc(batch). rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+  setup.Alloc(&batch_src, batch_len, "malloc(batch src)");
+  setup.Alloc(&batch, batch_len, "malloc(batch)");
+  if (!setup.Ok()) return setup.Rc();
   for (uint32_t i = 0; i < info->dwBatchCount; ++i) {
     std::memcpy(batch_src.Get() + QL_BATCH_HEADER_LEN + i * key_len, padded.Get(), key_len);
   }
@@ -353,20 +284,11 @@ int PerfBatchSignThreadInit(void *pThreadInfo) {
 
 unsigned int PerfBatchSignThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_BATCH_SIGN_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     std::memcpy(info->pbBatch, info->pbBatchSrc, info->dwBatchLen);
-    rc = QBatchSign(info->hKey, info->pbBatch, info->dwBatchCount, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfBatchSignThread] Fail in QBatchSign rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    const int rc = QBatchSign(info->hKey, info->pbBatch, info->dwBatchCount, 0);
+    return rc == 0 ? 0 : PerfPassFailed("PerfBatchSignThread", "QBatchSign", rc, counter);
+  });
 }
 
 int PerfBatchSignThreadFin(void *pThreadInfo) {
@@ -381,8 +303,7 @@ int PerfBatchSignThreadFin(void *pThreadInfo) {
 int PerfBatchSignFin(void *pTestInfo) {
   auto *info = static_cast<PERF_BATCH_SIGN_INFO *>(pTestInfo);
   if (!info->bIsGenKeyPerTest) return 0;
-  DestroyRecordKey(&info->hSrcKey, QL_DESTROY_REMOVE);
-  CloseRecordSession(&info->hSrcSession);
+  ReleaseSharedKey(&info->hSrcSession, &info->hSrcKey, QL_DESTROY_REMOVE);
   return 0;
 }
 
@@ -442,63 +363,44 @@ typedef struct _PERF_SIGN_HASHED_DATA_INFO {
 
 int PerfSignHashedDataThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_SIGN_HASHED_DATA_INFO *>(pThreadInfo);
-  const char *tag = "PerfSignHashedDataThreadInit";
   info->hSession = nullptr;
   info->hKey = nullptr;
   info->pbSignature = nullptr;
   info->dwSignatureLen = 0;
 
   // QSignHashedData names its key, so each thread's key is stored under a temporary name.
+  PerfSetup setup("PerfSignHashedDataThreadInit");
   SessionOwner session;
   RemovedKeyOwner key;
   HashOwner hash;
-  int rc = Connect(&info->ti, session.Put(), false);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0 && !GetTempKeyName(info->szKeyName, session.Get(), &rc)) {
-    ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QGenerateKey(session.Get(), info->szKeyName, static_cast<uint32_t>(info->KeyAlgId), 0,
-                      key.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
-  unsigned char data[kDefaultSignDataLen];
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), data, sizeof(data));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QCreateHash(session.Get(), static_cast<uint32_t>(info->HashAlgId), nullptr, 0, hash.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QCreateHash. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QHashData(hash.Get(), data, sizeof(data), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QHashData. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    info->dwHashLen = sizeof(info->pbHash);
-    rc = QGetHashParam(hash.Get(), QHP_HASHVAL, info->pbHash, &info->dwHashLen, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetHashParam. rc = %d\r\n", tag, rc);
-  }
-  HeapBuffer signature;
-  if (rc == 0) {
-    uint32_t len = 0;
-    rc = QSignHashedData(session.Get(), info->szKeyName, QL_PAD_NONE, info->pbHash, info->dwHashLen,
-                         static_cast<uint32_t>(info->HashAlgId), nullptr, &len, 0);
-    if (rc == QL_ERR_BUFFER_TOO_SMALL) {
-      signature = HeapBuffer(len);
-      rc = signature ? 0 : -1;
-      info->dwSignatureLen = len;
-      if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-    } else {
-      if (rc == 0) rc = QL_ERR_PROTOCOL;  // a size query must name the size it needs
-      ScreenOutput("[%s] Fail in QSignHashedData. rc = %d\r\n", tag, rc);
-    }
-  }
-  if (rc != 0) {
-    info->dwSignatureLen = 0;
+  setup.Connect(&info->ti, &session);
+  setup.Do("GetTempKeyName", [&] {
+    int rc = 0;
+    GetTempKeyName(info->szKeyName, session.Get(), &rc);
     return rc;
-  }
+  });
+  setup.Do("QGenerateKey", [&] {
+    return QGenerateKey(session.Get(), info->szKeyName, static_cast<uint32_t>(info->KeyAlgId), 0,
+                        key.Put());
+  });
+  unsigned char data[kDefaultSignDataLen];
+  setup.Random(session.Get(), data, sizeof(data));
+  setup.CreateHash(session.Get(), info->HashAlgId, &hash);
+  setup.HashData(&hash, data, sizeof(data));
+  setup.Do("QGetHashParam", [&] {
+    info->dwHashLen = sizeof(info->pbHash);
+    return QGetHashParam(hash.Get(), QHP_HASHVAL, info->pbHash, &info->dwHashLen, 0);
+  });
+  uint32_t len = 0;
+  setup.SizeQuery("QSignHashedData", [&] {
+    return QSignHashedData(session.Get(), info->szKeyName, QL_PAD_NONE, info->pbHash,
+                           info->dwHashLen, static_cast<uint32_t>(info->HashAlgId), nullptr, &len,
+                           0);
+  });
+  HeapBuffer signature;
+  setup.Alloc(&signature, len);
+  if (!setup.Ok()) return setup.Rc();
+  info->dwSignatureLen = len;
   info->hSession = session.Detach();
   info->hKey = key.Detach();
   info->pbSignature = signature.Release();
@@ -507,23 +409,13 @@ int PerfSignHashedDataThreadInit(void *pThreadInfo) {
 
 unsigned int PerfSignHashedDataThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_SIGN_HASHED_DATA_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t len = info->dwSignatureLen;
-    rc =
+    const int rc =
         QSignHashedData(info->hSession, info->szKeyName, QL_PAD_NONE, info->pbHash, info->dwHashLen,
                         static_cast<uint32_t>(info->HashAlgId), info->pbSignature, &len, 0);
-    if (rc != 0) {
-      ScreenOutput(
-          "[PerfSignHashedDataThread] Fail in QSignHashedData rc = %d. Iteration = %lu\r\n", rc,
-          counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return rc == 0 ? 0 : PerfPassFailed("PerfSignHashedDataThread", "QSignHashedData", rc, counter);
+  });
 }
 
 int PerfSignHashedDataThreadFin(void *pThreadInfo) {
@@ -577,54 +469,28 @@ typedef struct _PERF_VERIFY_HASH_INFO {
 
 int PerfVerifyHashThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_VERIFY_HASH_INFO *>(pThreadInfo);
-  const char *tag = "PerfVerifyHashThreadInit";
   info->hSession = nullptr;
   info->hKey = nullptr;
   info->hHash = nullptr;
   info->pbSignature = nullptr;
   info->dwSignatureLen = 0;
 
+  PerfSetup setup("PerfVerifyHashThreadInit");
   SessionOwner session;
   KeyOwner key;
   HashOwner hash;
-  int rc = Connect(&info->ti, session.Put(), false);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGenerateKey(session.Get(), nullptr, static_cast<uint32_t>(info->KeyAlgId),
-                      kSessionKeyFlags, key.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
+  setup.Connect(&info->ti, &session);
+  setup.SessionKey(session.Get(), info->KeyAlgId, kSessionKeyFlags, &key);
   unsigned char data[kDefaultSignDataLen];
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), data, sizeof(data));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QCreateHash(session.Get(), static_cast<uint32_t>(info->HashAlgId), nullptr, 0, hash.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QCreateHash. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QHashData(hash.Get(), data, sizeof(data), 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QHashData. rc = %d\r\n", tag, rc);
-  }
+  setup.Random(session.Get(), data, sizeof(data));
+  setup.CreateHash(session.Get(), info->HashAlgId, &hash);
+  setup.HashData(&hash, data, sizeof(data));
   uint32_t len = 0;
+  setup.SizeQuery("QSignHash", [&] { return QSignHash(hash.Get(), key.Get(), 0, nullptr, &len); });
   HeapBuffer signature;
-  if (rc == 0) {
-    rc = QSignHash(hash.Get(), key.Get(), 0, nullptr, &len);
-    if (rc == QL_ERR_BUFFER_TOO_SMALL) {
-      signature = HeapBuffer(len);
-      rc = signature ? 0 : -1;
-      if (rc != 0) ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, rc);
-    } else {
-      if (rc == 0) rc = QL_ERR_PROTOCOL;  // a size query must name the size it needs
-      ScreenOutput("[%s] Fail in QSignHash. rc = %d\r\n", tag, rc);
-    }
-  }
-  if (rc == 0) {
-    rc = QSignHash(hash.Get(), key.Get(), 0, signature.Get(), &len);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSignHash. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+  setup.Alloc(&signature, len);
+  setup.Do("QSignHash", [&] { return QSignHash(hash.Get(), key.Get(), 0, signature.Get(), &len); });
+  if (!setup.Ok()) return setup.Rc();
   info->dwSignatureLen = len;
   info->pbSignature = signature.Release();
   info->hHash = hash.Detach();
@@ -635,19 +501,11 @@ int PerfVerifyHashThreadInit(void *pThreadInfo) {
 
 unsigned int PerfVerifyHashThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_VERIFY_HASH_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
-    rc = QVerifySignature(info->hHash, info->pbSignature, info->dwSignatureLen, info->hKey);
-    if (rc != 0) {
-      ScreenOutput("[PerfVerifyHashThread] Fail in QVerifySignature rc = %d. Iteration = %lu\r\n",
-                   rc, counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
+    const int rc =
+        QVerifySignature(info->hHash, info->pbSignature, info->dwSignatureLen, info->hKey);
+    return rc == 0 ? 0 : PerfPassFailed("PerfVerifyHashThread", "QVerifySignature", rc, counter);
+  });
 }
 
 int PerfVerifyHashThreadFin(void *pThreadInfo) {

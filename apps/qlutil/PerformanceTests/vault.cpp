@@ -84,32 +84,18 @@ int PerfSVaultThreadFin(void *pThreadInfo) {
 
 unsigned int PerfSVaultThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_SVAULT_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t token_len = kTokenLen;
     if (info->bGetData) {
-      rc = QSVaultGetData(info->hSession, info->szKeyName, kGetSecret, info->pbBlob,
-                          info->dwBlobLen, info->szToken, &token_len, 0);
-      if (rc != 0) {
-        ScreenOutput(
-            "[PerfSVaultGetDataThread] Fail in QSVaultGetData rc = %d. Iteration = %lu\r\n", rc,
-            counter);
-      }
-    } else {
-      uint32_t blob_len = kBlobLen;
-      rc = QSVaultGenToken(info->hSession, info->szKeyName, &kTokenInfo, kTestSecret, info->szToken,
-                           &token_len, info->pbThreadBlob, &blob_len, 0);
-      if (rc != 0) {
-        ScreenOutput("[PerfSVaultTokenThread] Fail in QSVaultGenToken rc = %d. Iteration = %lu\r\n",
-                     rc, counter);
-      }
+      const int rc = QSVaultGetData(info->hSession, info->szKeyName, kGetSecret, info->pbBlob,
+                                    info->dwBlobLen, info->szToken, &token_len, 0);
+      return rc == 0 ? 0 : PerfPassFailed("PerfSVaultGetDataThread", "QSVaultGetData", rc, counter);
     }
-    if (rc != 0) break;
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    uint32_t blob_len = kBlobLen;
+    const int rc = QSVaultGenToken(info->hSession, info->szKeyName, &kTokenInfo, kTestSecret,
+                                   info->szToken, &token_len, info->pbThreadBlob, &blob_len, 0);
+    return rc == 0 ? 0 : PerfPassFailed("PerfSVaultTokenThread", "QSVaultGenToken", rc, counter);
+  });
 }
 
 namespace {
