@@ -36,6 +36,12 @@ int StartJob(pfn_TestThread routine, THREAD_INFO *ti, size_t record_size, bool i
   return kResultUsage;
 }
 
+void LoadJobParameters(THREAD_INFO *ti, TEST_PARAMETER *pTestParam, int nParameters,
+                       bool is_anonymous) {
+  LoadGenericJobParameters(ti, pTestParam, nParameters, is_anonymous);
+  ti->Metric = 1;
+}
+
 void PublishJobError(THREAD_INFO *ti, int rc) {
   if (rc == 0) return;
   ti->Error = rc;
@@ -44,6 +50,11 @@ void PublishJobError(THREAD_INFO *ti, int rc) {
 
 void PrintJobError(const char *call, int rc) {
   ScreenOutput("Error in %s. Err = %d\r\n", call, rc);
+}
+
+int CheckJobCall(const char *call, int rc) {
+  if (rc != 0) PrintJobError(call, rc);
+  return rc;
 }
 
 void JobHelpHeader(bool is_anonymous, std::initializer_list<const char *> description) {
@@ -59,6 +70,14 @@ void JobHelpExamples(const char *job, std::initializer_list<const char *> option
     ScreenOutput("     qlutil -a 10.10.10.10 -u master -w 24681357 -j %s%s%s\r\n", job,
                  *opts ? " " : "", opts);
   }
+}
+
+void JobHelpPage(const char *job, std::initializer_list<const char *> description,
+                 std::initializer_list<const char *> options,
+                 std::initializer_list<const char *> examples) {
+  JobHelpHeader(false, description);
+  for (const char *line : options) ScreenOutput("     %s\r\n", line);
+  JobHelpExamples(job, examples);
 }
 
 bool ReadLocalFile(const char *path, Bytes *data) {

@@ -23,6 +23,7 @@
 #include "ql_client_helper.h"
 #include "qlapi.h"
 #include "qlutil.h"
+#include "quelta_client.h"
 #include "util.h"
 
 using JobSessionOwner = QLUniquePtr<HSESSIONCTX, &CloseSession>;
@@ -53,6 +54,11 @@ uint32_t LoadGenericKeyFlagsParameters(TEST_PARAMETER *pTestParam, int nParamete
 // operations per second, TLS and no load balancing whatever -tls and -lb said.
 void ForceSingleJobRun(THREAD_INFO *ti);
 
+// The common options of a job in the style of "gen-key": LoadGenericJobParameters, then
+// operations per second.
+void LoadJobParameters(THREAD_INFO *ti, TEST_PARAMETER *pTestParam, int nParameters,
+                       bool is_anonymous);
+
 // Runs routine on the record once the connection (CheckConnectionFlags) and the job's own
 // options are good: the result is 100002 while the runner starts, then the runner's answer.
 // Otherwise show_help() and -1; nothing reaches the HSM.
@@ -65,12 +71,49 @@ void PublishJobError(THREAD_INFO *ti, int rc);
 // "Error in <call>. Err = <rc>\r\n".
 void PrintJobError(const char *call, int rc);
 
+// The answer of a library call: printed with PrintJobError when it is not 0. Answers rc.
+int CheckJobCall(const char *call, int rc);
+
+// A routine on one session: opens it with ConnectEx (printing "Error in ConnectEx" on a
+// failure), runs work(session), which answers 0 or the code of its failing call, closes the
+// session, then publishes a non-zero code (PublishJobError). Answers 1, the routine's answer.
+template <typename Work>
+unsigned int RunSessionJob(THREAD_INFO *ti, Work &&work) {
+  int rc = 0;
+  {
+    JobSessionOwner session;
+    rc = CheckJobCall("ConnectEx", ConnectEx(session.Put(), ti));
+    if (rc == 0) rc = work(session.Get());
+  }
+  PublishJobError(ti, rc);
+  return 1;
+}
+
+// The routine of a facade job: a QueltaClient with the record's connection, Connect()
+// ("Error in Connect" on a failure), then work(client), which answers 0 or the code of its
+// failing call. The client is released first, then a non-zero code is published
+// (ThreadErrorSignaling). Answers 1.
+template <typename Work>
+unsigned int RunClientJob(THREAD_INFO *ti, Work &&work) {
+  int rc = 0;
+  ThreadErrorSignaling signaling(rc, *ti);
+  QueltaClient client = GetQueltaClient(ti, false);
+  rc = CheckJobCall("Connect", client.Connect());
+  if (rc == 0) rc = work(client);
+  return 1;
+}
+
 // Help page pieces, in page order. Description: "\r\nDESCRIPTION\r\n", each line after five
 // blanks, "\r\nOPTIONS\r\n" and the connection options (ShowHelpGlobalJobParameters).
 void JobHelpHeader(bool is_anonymous, std::initializer_list<const char *> description);
 // "\r\nEXAMPLE\r\n" and one line per option text:
 // "     qlutil -a 10.10.10.10 -u master -w 24681357 -j <job> <options>\r\n".
 void JobHelpExamples(const char *job, std::initializer_list<const char *> options);
+// A whole page of a job that logs in, whose options are plain lines: JobHelpHeader, each option
+// line after five blanks, JobHelpExamples.
+void JobHelpPage(const char *job, std::initializer_list<const char *> description,
+                 std::initializer_list<const char *> options,
+                 std::initializer_list<const char *> examples);
 
 // Reads the data of an input switch: with inform kFile the value names a file read whole, with
 // kHexData it is a hex string. False (data empty) when the switch is absent, the file cannot be

@@ -28,26 +28,24 @@ void ShowJobIssueATokenHelp() {
 }
 
 void ShowJobRevokeATokenHelp() {
-  JobHelpHeader(false, {"Revoke an access token."});
-  ScreenOutput("     -tk     The token in base64\r\n");
-  ScreenOutput("     -tkf    File with the token in base64 (instead of -tk)\r\n");
-  JobHelpExamples("revoke-atoken", {"-tkf token.b64"});
+  JobHelpPage(
+      "revoke-atoken", {"Revoke an access token."},
+      {"-tk     The token in base64", "-tkf    File with the token in base64 (instead of -tk)"},
+      {"-tkf token.b64"});
 }
 
 void ShowJobListATokenHelp() {
-  JobHelpHeader(
-      false, {"List the access tokens of the logged-in user (every user's for an", "operator)."});
-  JobHelpExamples("list-atoken", {""});
+  JobHelpPage("list-atoken",
+              {"List the access tokens of the logged-in user (every user's for an", "operator)."},
+              {}, {""});
 }
 
 void ShowJobGetATokenCounterHelp() {
-  JobHelpHeader(false, {"Show how many access tokens the HSM holds."});
-  JobHelpExamples("get-atoken-count", {""});
+  JobHelpPage("get-atoken-count", {"Show how many access tokens the HSM holds."}, {}, {""});
 }
 
 void ShowJobRunATokenGCHelp() {
-  JobHelpHeader(false, {"Remove the expired access tokens from the HSM."});
-  JobHelpExamples("run-atoken-gc", {""});
+  JobHelpPage("run-atoken-gc", {"Remove the expired access tokens from the HSM."}, {}, {""});
 }
 
 std::string TimeText(uint64_t seconds) {
@@ -73,29 +71,16 @@ int PrintTokenRow(void *, const QL_ATOKEN_INFO *info) {
   return 0;
 }
 
-int Open(JOB_ATOKEN_INFO *job, JobSessionOwner *session) {
-  const int rc = ConnectEx(session->Put(), &job->ti);
-  if (rc != 0) PrintJobError("ConnectEx", rc);
-  return rc;
-}
-
-int IssueWork(JOB_ATOKEN_INFO *job) {
-  JobSessionOwner session;
-  int rc = Open(job, &session);
-  if (rc != 0) return rc;
+// The works run on the job's session (RunSessionJob).
+int IssueWork(const JOB_ATOKEN_INFO *job, HSESSIONCTX session) {
   QL_A_TOKEN token{};
-  rc = QManageAToken(session.Get(), QL_ATOKEN_ISSUE, &token, job->qwExpiration, nullptr, nullptr);
-  if (rc != 0) {
-    PrintJobError("QManageAToken", rc);
-    return rc;
-  }
+  int rc = CheckJobCall("QManageAToken", QManageAToken(session, QL_ATOKEN_ISSUE, &token,
+                                                       job->qwExpiration, nullptr, nullptr));
+  if (rc != 0) return rc;
   char text[64] = {};
   uint32_t len = sizeof text;
-  rc = QByteArray2Base64(&token, sizeof token, text, &len);
-  if (rc != 0) {
-    PrintJobError("QByteArray2Base64", rc);
-    return rc;
-  }
+  rc = CheckJobCall("QByteArray2Base64", QByteArray2Base64(&token, sizeof token, text, &len));
+  if (rc != 0) return rc;
   ScreenOutput("%s\r\n", text);
   if (job->pszOutFile != nullptr &&
       !WriteLocalFile(job->pszOutFile, reinterpret_cast<const unsigned char *>(text), len)) {
@@ -104,86 +89,68 @@ int IssueWork(JOB_ATOKEN_INFO *job) {
   return 0;
 }
 
-int RevokeWork(JOB_ATOKEN_INFO *job) {
-  JobSessionOwner session;
-  int rc = Open(job, &session);
-  if (rc != 0) return rc;
-  rc = QManageAToken(session.Get(), QL_ATOKEN_REVOKE, &job->stToken, 0, nullptr, nullptr);
-  if (rc != 0) {
-    PrintJobError("QManageAToken", rc);
-    return rc;
-  }
-  ScreenOutput("Access token revoked.\r\n");
-  return 0;
-}
-
-int ListWork(JOB_ATOKEN_INFO *job) {
-  JobSessionOwner session;
-  int rc = Open(job, &session);
-  if (rc != 0) return rc;
-  ScreenOutput("%-16s %-16s %-19s %s\r\n", "User", "Key id", "Issued", "Expires");
-  rc = QManageAToken(session.Get(), QL_ATOKEN_LIST, nullptr, 0, &PrintTokenRow, nullptr);
-  if (rc != 0) PrintJobError("QManageAToken", rc);
+int RevokeWork(JOB_ATOKEN_INFO *job, HSESSIONCTX session) {
+  const int rc = CheckJobCall("QManageAToken", QManageAToken(session, QL_ATOKEN_REVOKE,
+                                                             &job->stToken, 0, nullptr, nullptr));
+  if (rc == 0) ScreenOutput("Access token revoked.\r\n");
   return rc;
 }
 
-int CacheWork(JOB_ATOKEN_INFO *job, uint32_t operation) {
-  JobSessionOwner session;
-  int rc = Open(job, &session);
-  if (rc != 0) return rc;
+int ListWork(HSESSIONCTX session) {
+  ScreenOutput("%-16s %-16s %-19s %s\r\n", "User", "Key id", "Issued", "Expires");
+  return CheckJobCall("QManageAToken",
+                      QManageAToken(session, QL_ATOKEN_LIST, nullptr, 0, &PrintTokenRow, nullptr));
+}
+
+int CacheWork(HSESSIONCTX session, uint32_t operation) {
   uint64_t value = 0;
-  rc = QManageATokenCache(session.Get(), operation, &value);
-  if (rc != 0) {
-    PrintJobError("QManageATokenCache", rc);
-    return rc;
-  }
+  const int rc = CheckJobCall("QManageATokenCache", QManageATokenCache(session, operation, &value));
+  if (rc != 0) return rc;
   ScreenOutput(operation == QL_ATOKEN_CACHE_COUNT ? "Access tokens: %llu\r\n"
                                                   : "Expired access tokens removed: %llu\r\n",
                static_cast<unsigned long long>(value));
   return 0;
 }
 
-bool LoadTokenJob(JOB_ATOKEN_INFO *job, TEST_PARAMETER *pTestParam, int nParameters) {
-  LoadGenericJobParameters(&job->ti, pTestParam, nParameters, false);
-  job->ti.Metric = 1;
-  return true;
+// The front of the jobs without options of their own.
+int StartPlainTokenJob(TEST_PARAMETER *pTestParam, int nParameters, pfn_TestThread routine,
+                       void (*show_help)()) {
+  JOB_ATOKEN_INFO job{};
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  return StartJob(routine, &job.ti, sizeof job, false, true, show_help);
 }
 
 }  // namespace
 
 unsigned int JobIssueATokenThread(void *p) {
   auto *job = static_cast<JOB_ATOKEN_INFO *>(p);
-  PublishJobError(&job->ti, IssueWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return IssueWork(job, session); });
 }
 
 unsigned int JobRevokeATokenThread(void *p) {
   auto *job = static_cast<JOB_ATOKEN_INFO *>(p);
-  PublishJobError(&job->ti, RevokeWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return RevokeWork(job, session); });
 }
 
 unsigned int JobListATokenThread(void *p) {
-  auto *job = static_cast<JOB_ATOKEN_INFO *>(p);
-  PublishJobError(&job->ti, ListWork(job));
-  return 1;
+  return RunSessionJob(&static_cast<JOB_ATOKEN_INFO *>(p)->ti, &ListWork);
 }
 
 unsigned int JobGetATokenCounterThread(void *p) {
-  auto *job = static_cast<JOB_ATOKEN_INFO *>(p);
-  PublishJobError(&job->ti, CacheWork(job, QL_ATOKEN_CACHE_COUNT));
-  return 1;
+  return RunSessionJob(&static_cast<JOB_ATOKEN_INFO *>(p)->ti, [](HSESSIONCTX session) {
+    return CacheWork(session, QL_ATOKEN_CACHE_COUNT);
+  });
 }
 
 unsigned int JobRunATokenGCThread(void *p) {
-  auto *job = static_cast<JOB_ATOKEN_INFO *>(p);
-  PublishJobError(&job->ti, CacheWork(job, QL_ATOKEN_CACHE_GC));
-  return 1;
+  return RunSessionJob(&static_cast<JOB_ATOKEN_INFO *>(p)->ti,
+                       [](HSESSIONCTX session) { return CacheWork(session, QL_ATOKEN_CACHE_GC); });
 }
 
 int JobIssueAToken(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_ATOKEN_INFO job{};
-  bool ok = LoadTokenJob(&job, pTestParam, nParameters);
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  bool ok = true;
   if (IsParameterDefined(pTestParam, nParameters, "-ttl")) {
     uint32_t ttl = 0;
     ok = ok && GetJobNumber(pTestParam, nParameters, "-ttl", &ttl) && ttl > 0;
@@ -196,7 +163,8 @@ int JobIssueAToken(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int JobRevokeAToken(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_ATOKEN_INFO job{};
-  bool ok = LoadTokenJob(&job, pTestParam, nParameters);
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  bool ok = true;
   std::string text;
   const char *token = GetParameterStr(pTestParam, nParameters, "-tk");
   const char *token_file = GetParameterStr(pTestParam, nParameters, "-tkf");
@@ -217,20 +185,15 @@ int JobRevokeAToken(TEST_PARAMETER *pTestParam, int nParameters) {
 }
 
 int JobListAToken(TEST_PARAMETER *pTestParam, int nParameters) {
-  JOB_ATOKEN_INFO job{};
-  const bool ok = LoadTokenJob(&job, pTestParam, nParameters);
-  return StartJob(&JobListATokenThread, &job.ti, sizeof job, false, ok, &ShowJobListATokenHelp);
+  return StartPlainTokenJob(pTestParam, nParameters, &JobListATokenThread, &ShowJobListATokenHelp);
 }
 
 int JobGetATokenCounter(TEST_PARAMETER *pTestParam, int nParameters) {
-  JOB_ATOKEN_INFO job{};
-  const bool ok = LoadTokenJob(&job, pTestParam, nParameters);
-  return StartJob(&JobGetATokenCounterThread, &job.ti, sizeof job, false, ok,
-                  &ShowJobGetATokenCounterHelp);
+  return StartPlainTokenJob(pTestParam, nParameters, &JobGetATokenCounterThread,
+                            &ShowJobGetATokenCounterHelp);
 }
 
 int JobRunATokenGC(TEST_PARAMETER *pTestParam, int nParameters) {
-  JOB_ATOKEN_INFO job{};
-  const bool ok = LoadTokenJob(&job, pTestParam, nParameters);
-  return StartJob(&JobRunATokenGCThread, &job.ti, sizeof job, false, ok, &ShowJobRunATokenGCHelp);
+  return StartPlainTokenJob(pTestParam, nParameters, &JobRunATokenGCThread,
+                            &ShowJobRunATokenGCHelp);
 }

@@ -58,42 +58,30 @@ void ShowJobCreateUserHelp() {
 }
 
 void ShowJobRemoveUserHelp() {
-  JobHelpHeader(false, {"Remove an HSM user and the objects it owns."});
-  ScreenOutput("     -un     User name\r\n");
-  JobHelpExamples("remove-user", {"-un alice"});
+  JobHelpPage("remove-user", {"Remove an HSM user and the objects it owns."}, {"-un     User name"},
+              {"-un alice"});
 }
 
 }  // namespace
 
 unsigned int JobCreateUserThread(void *p) {
   auto *job = static_cast<JOB_USER_INFO *>(p);
-  int rc = 0;
-  {
-    JobSessionOwner session;
-    rc = ConnectEx(session.Put(), &job->ti);
-    if (rc != 0) {
-      PrintJobError("ConnectEx", rc);
-    } else {
-      QL_USER_INFO user{};
-      CopyUserField(user.szUserId, job->pszUserName);
-      CopyUserField(user.szPassword, job->pszPassword);
-      user.dwAcl = job->dwAcl;
-      rc = QCreateUser(session.Get(), &user);
-      if (rc != 0) {
-        PrintJobError("QCreateUser", rc);
-      } else {
-        ScreenOutput("User %s created (access mask 0x%08X).\r\n", job->pszUserName, job->dwAcl);
-      }
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    QL_USER_INFO user{};
+    CopyUserField(user.szUserId, job->pszUserName);
+    CopyUserField(user.szPassword, job->pszPassword);
+    user.dwAcl = job->dwAcl;
+    const int rc = CheckJobCall("QCreateUser", QCreateUser(session, &user));
+    if (rc == 0) {
+      ScreenOutput("User %s created (access mask 0x%08X).\r\n", job->pszUserName, job->dwAcl);
     }
-  }
-  PublishJobError(&job->ti, rc);
-  return 1;
+    return rc;
+  });
 }
 
 int JobCreateUser(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_USER_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszUserName = GetParameterStr(pTestParam, nParameters, "-un");
   char *password = nullptr;
   LoadUserCreationParams(&password, &job.dwAcl, pTestParam, nParameters);
@@ -109,32 +97,29 @@ int JobCreateUser(TEST_PARAMETER *pTestParam, int nParameters) {
 
 unsigned int JobRemoveUserThread(void *p) {
   auto *job = static_cast<JOB_USER_INFO *>(p);
-  int rc = 0;
-  {
-    JobSessionOwner session;
-    rc = ConnectEx(session.Put(), &job->ti);
-    if (rc != 0) {
-      PrintJobError("ConnectEx", rc);
-    } else {
-      rc = QRemoveUser(session.Get(), job->pszUserName);
-      if (rc != 0) {
-        PrintJobError("QRemoveUser", rc);
-      } else {
-        ScreenOutput("User %s removed.\r\n", job->pszUserName);
-      }
-    }
-  }
-  PublishJobError(&job->ti, rc);
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    const int rc = CheckJobCall("QRemoveUser", QRemoveUser(session, job->pszUserName));
+    if (rc == 0) ScreenOutput("User %s removed.\r\n", job->pszUserName);
+    return rc;
+  });
 }
 
-int JobRemoveUser(TEST_PARAMETER *pTestParam, int nParameters) {
+namespace {
+
+// The front of the jobs whose one option is the user's name (-un).
+int StartUserNameJob(TEST_PARAMETER *pTestParam, int nParameters, pfn_TestThread routine,
+                     int32_t block, void (*show_help)()) {
   JOB_USER_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszUserName = GetParameterStr(pTestParam, nParameters, "-un");
-  return StartJob(&JobRemoveUserThread, &job.ti, sizeof job, false, IsGivenText(job.pszUserName),
-                  &ShowJobRemoveUserHelp);
+  job.bBlock = block;
+  return StartJob(routine, &job.ti, sizeof job, false, IsGivenText(job.pszUserName), show_help);
+}
+
+}  // namespace
+
+int JobRemoveUser(TEST_PARAMETER *pTestParam, int nParameters) {
+  return StartUserNameJob(pTestParam, nParameters, &JobRemoveUserThread, 0, &ShowJobRemoveUserHelp);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -143,58 +128,34 @@ int JobRemoveUser(TEST_PARAMETER *pTestParam, int nParameters) {
 namespace {
 
 void ShowJobBlockUserHelp() {
-  JobHelpHeader(false, {"Block an HSM user: its logins are refused until it is unblocked."});
-  ScreenOutput("     -un     User name\r\n");
-  JobHelpExamples("block-user", {"-un alice"});
+  JobHelpPage("block-user", {"Block an HSM user: its logins are refused until it is unblocked."},
+              {"-un     User name"}, {"-un alice"});
 }
 
 void ShowJobUnblockUserHelp() {
-  JobHelpHeader(false, {"Unblock an HSM user."});
-  ScreenOutput("     -un     User name\r\n");
-  JobHelpExamples("unblock-user", {"-un alice"});
+  JobHelpPage("unblock-user", {"Unblock an HSM user."}, {"-un     User name"}, {"-un alice"});
 }
 
 }  // namespace
 
 unsigned int JobBlockUserThread(void *p) {
   auto *job = static_cast<JOB_USER_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return 1;
-  }
-  rc = job->bBlock ? client.BlockUser(job->pszUserName) : client.UnblockUser(job->pszUserName);
-  if (rc != 0) {
-    PrintJobError(job->bBlock ? "BlockUser" : "UnblockUser", rc);
-    return 1;
-  }
-  ScreenOutput("User %s %s.\r\n", job->pszUserName, job->bBlock ? "blocked" : "unblocked");
-  return 1;
+  return RunClientJob(&job->ti, [job](QueltaClient &client) {
+    const int rc = job->bBlock ? CheckJobCall("BlockUser", client.BlockUser(job->pszUserName))
+                               : CheckJobCall("UnblockUser", client.UnblockUser(job->pszUserName));
+    if (rc == 0) {
+      ScreenOutput("User %s %s.\r\n", job->pszUserName, job->bBlock ? "blocked" : "unblocked");
+    }
+    return rc;
+  });
 }
-
-namespace {
-
-int StartBlockUser(TEST_PARAMETER *pTestParam, int nParameters, bool block) {
-  JOB_USER_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
-  job.pszUserName = GetParameterStr(pTestParam, nParameters, "-un");
-  job.bBlock = block ? 1 : 0;
-  return StartJob(&JobBlockUserThread, &job.ti, sizeof job, false, IsGivenText(job.pszUserName),
-                  block ? &ShowJobBlockUserHelp : &ShowJobUnblockUserHelp);
-}
-
-}  // namespace
 
 int JobBlockUser(TEST_PARAMETER *pTestParam, int nParameters) {
-  return StartBlockUser(pTestParam, nParameters, true);
+  return StartUserNameJob(pTestParam, nParameters, &JobBlockUserThread, 1, &ShowJobBlockUserHelp);
 }
 
 int JobUnblockUser(TEST_PARAMETER *pTestParam, int nParameters) {
-  return StartBlockUser(pTestParam, nParameters, false);
+  return StartUserNameJob(pTestParam, nParameters, &JobBlockUserThread, 0, &ShowJobUnblockUserHelp);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -215,39 +176,25 @@ void ShowJobSetPasswordHelp() {
 
 unsigned int JobSetPasswordThread(void *p) {
   auto *job = static_cast<JOB_USER_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return 1;
-  }
-  if (job->pszUserName == nullptr) {
-    rc = client.SetUserPassword(job->pszPassword);
-    if (rc != 0) {
-      PrintJobError("SetUserPassword", rc);
-      return 1;
+  return RunClientJob(&job->ti, [job](QueltaClient &client) {
+    if (job->pszUserName == nullptr) {
+      const int rc = CheckJobCall("SetUserPassword", client.SetUserPassword(job->pszPassword));
+      if (rc == 0) ScreenOutput("Password changed.\r\n");
+      return rc;
     }
-    ScreenOutput("Password changed.\r\n");
-    return 1;
-  }
-  QL_USER_INFO user{};
-  CopyUserField(user.szUserId, job->pszUserName);
-  CopyUserField(user.szPassword, job->pszPassword);
-  rc = client.SetUserParam(QL_UP_USER_PASSWORD, &user, sizeof user);
-  if (rc != 0) {
-    PrintJobError("SetUserParam", rc);
-    return 1;
-  }
-  ScreenOutput("Password of %s changed.\r\n", job->pszUserName);
-  return 1;
+    QL_USER_INFO user{};
+    CopyUserField(user.szUserId, job->pszUserName);
+    CopyUserField(user.szPassword, job->pszPassword);
+    const int rc =
+        CheckJobCall("SetUserParam", client.SetUserParam(QL_UP_USER_PASSWORD, &user, sizeof user));
+    if (rc == 0) ScreenOutput("Password of %s changed.\r\n", job->pszUserName);
+    return rc;
+  });
 }
 
 int JobSetPassword(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_USER_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszPassword = GetParameterStr(pTestParam, nParameters, "-newpwd");
   job.pszUserName = GetParameterStr(pTestParam, nParameters, "-un");
   const bool ok =
@@ -262,36 +209,26 @@ int JobSetPassword(TEST_PARAMETER *pTestParam, int nParameters) {
 namespace {
 
 void ShowJobListUsersHelp() {
-  JobHelpHeader(false, {"List the HSM users."});
-  JobHelpExamples("list-users", {""});
+  JobHelpPage("list-users", {"List the HSM users."}, {}, {""});
 }
 
 }  // namespace
 
 unsigned int JobListUsersThread(void *p) {
   auto *job = static_cast<JOB_USER_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return 1;
-  }
-  std::vector<std::string> users;
-  rc = client.ListUsers(&users);
-  if (rc != 0) {
-    PrintJobError("ListUsers", rc);
-    return 1;
-  }
-  for (const std::string &user : users) ScreenOutput("%s\r\n", user.c_str());
-  return 1;
+  return RunClientJob(&job->ti, [](QueltaClient &client) {
+    std::vector<std::string> users;
+    const int rc = CheckJobCall("ListUsers", client.ListUsers(&users));
+    if (rc == 0) {
+      for (const std::string &user : users) ScreenOutput("%s\r\n", user.c_str());
+    }
+    return rc;
+  });
 }
 
 int JobListUsers(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_USER_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   return StartJob(&JobListUsersThread, &job.ti, sizeof job, false, true, &ShowJobListUsersHelp);
 }
 
@@ -380,8 +317,7 @@ template <size_t N>
 int StartUserPerm(const PermSwitch (&perms)[N], TEST_PARAMETER *pTestParam, int nParameters,
                   void (*show_help)()) {
   JOB_USER_PERM_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszUserName = GetParameterStr(pTestParam, nParameters, "-un");
   const bool ok =
       IsGivenText(job.pszUserName) && LoadPermSwitches(perms, pTestParam, nParameters, &job);
@@ -392,28 +328,17 @@ int StartUserPerm(const PermSwitch (&perms)[N], TEST_PARAMETER *pTestParam, int 
 
 unsigned int JobSetUserSysPermissionsThread(void *p) {
   auto *job = static_cast<JOB_USER_PERM_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return 1;
-  }
-  uint32_t acl = 0;
-  rc = client.GetUserAcl(job->pszUserName, &acl);
-  if (rc != 0) {
-    PrintJobError("GetUserAcl", rc);
-    return 1;
-  }
-  const uint32_t new_acl = (acl | job->dwGrant) & ~job->dwRevoke;
-  rc = client.SetUserAcl(job->pszUserName, new_acl);
-  if (rc != 0) {
-    PrintJobError("SetUserAcl", rc);
-    return 1;
-  }
-  ScreenOutput("Access mask of %s: 0x%08X -> 0x%08X\r\n", job->pszUserName, acl, new_acl);
-  return 1;
+  return RunClientJob(&job->ti, [job](QueltaClient &client) {
+    uint32_t acl = 0;
+    int rc = CheckJobCall("GetUserAcl", client.GetUserAcl(job->pszUserName, &acl));
+    if (rc != 0) return rc;
+    const uint32_t new_acl = (acl | job->dwGrant) & ~job->dwRevoke;
+    rc = CheckJobCall("SetUserAcl", client.SetUserAcl(job->pszUserName, new_acl));
+    if (rc == 0) {
+      ScreenOutput("Access mask of %s: 0x%08X -> 0x%08X\r\n", job->pszUserName, acl, new_acl);
+    }
+    return rc;
+  });
 }
 
 int JobSetUserSysPermissions(TEST_PARAMETER *pTestParam, int nParameters) {
