@@ -40,23 +40,15 @@ uint32_t KeyAttributes(const PERF_BCHAIN_SIGN_HASH_INFO *info, bool temporary) {
 
 // BchainCreateXPrv: a master key from a random seed, under a temporary name (left empty when
 // nothing was made).
-int BchainCreateXPrv(const char *tag, HSESSIONCTX session, uint32_t attributes, char *name) {
+void BchainCreateXPrv(PerfSetup *setup, HSESSIONCTX session, uint32_t attributes, char *name) {
   unsigned char seed[kSeedLen];
-  int rc = QGetRandom(session, seed, sizeof(seed));
-  if (rc != 0) {
-    ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  setup->Random(session, seed, sizeof(seed));
+  setup->TempKeyName(session, name);
+  setup->Do("QBchainCreateXPrv", [&] {
+    const int rc = QBchainCreateXPrv(session, name, kBchainKeyType, seed, sizeof(seed), attributes);
+    if (rc != 0) name[0] = '\0';
     return rc;
-  }
-  if (!GetTempKeyName(name, session, &rc)) {
-    ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
-    return rc;
-  }
-  rc = QBchainCreateXPrv(session, name, kBchainKeyType, seed, sizeof(seed), attributes);
-  if (rc != 0) {
-    ScreenOutput("[%s] Fail in QBchainCreateXPrv. rc = %d\r\n", tag, rc);
-    name[0] = '\0';
-  }
-  return rc;
+  });
 }
 
 const char *SigningKey(const PERF_BCHAIN_SIGN_HASH_INFO *info) {
@@ -75,13 +67,11 @@ int PerfBchainSignHashFin(void *pTestInfo) {
 int PerfBchainSignHashInit(void *pTestInfo) {
   auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pTestInfo);
   if (!info->bKeyPerTest) return 0;
-  const char *tag = "PerfBchainSignHashInit";
-  int rc = ConnectEx(&info->hSrcSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0)
-    rc = BchainCreateXPrv(tag, info->hSrcSession, KeyAttributes(info, false), info->szTestKey);
-  if (rc != 0) PerfBchainSignHashFin(info);
-  return rc;
+  PerfSetup setup("PerfBchainSignHashInit");
+  setup.Connect(&info->ti, &info->hSrcSession);
+  BchainCreateXPrv(&setup, info->hSrcSession, KeyAttributes(info, false), info->szTestKey);
+  if (!setup.Ok()) PerfBchainSignHashFin(info);
+  return setup.Rc();
 }
 
 int PerfBchainSignHashThreadFin(void *pThreadInfo) {
@@ -94,28 +84,23 @@ int PerfBchainSignHashThreadFin(void *pThreadInfo) {
 
 int PerfBchainSignHashThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_BCHAIN_SIGN_HASH_INFO *>(pThreadInfo);
-  const char *tag = "PerfBchainSignHashThreadInit";
   info->hSession = nullptr;
   info->szThreadKey[0] = '\0';
-  int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0 && !info->bKeyPerTest) {
-    rc = BchainCreateXPrv(tag, info->hSession, KeyAttributes(info, info->bTemporary),
-                          info->szThreadKey);
+  PerfSetup setup("PerfBchainSignHashThreadInit");
+  setup.Connect(&info->ti, &info->hSession);
+  if (!info->bKeyPerTest) {
+    BchainCreateXPrv(&setup, info->hSession, KeyAttributes(info, info->bTemporary),
+                     info->szThreadKey);
   }
   unsigned char data[kSeedLen];
-  if (rc == 0) {
-    rc = QGetRandom(info->hSession, data, sizeof(data));
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+  setup.Random(info->hSession, data, sizeof(data));
+  setup.Do("QBchainHashData", [&] {
     uint32_t digest_len = kDigestLen;
-    rc = QBchainHashData(info->hSession, kBchainHashMode, data, sizeof(data), info->pbDigest,
-                         &digest_len);
-    if (rc != 0) ScreenOutput("[%s] Fail in QBchainHashData. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) PerfBchainSignHashThreadFin(info);
-  return rc;
+    return QBchainHashData(info->hSession, kBchainHashMode, data, sizeof(data), info->pbDigest,
+                           &digest_len);
+  });
+  if (!setup.Ok()) PerfBchainSignHashThreadFin(info);
+  return setup.Rc();
 }
 
 unsigned int PerfBchainSignHashThread(void *pThreadInfo) {

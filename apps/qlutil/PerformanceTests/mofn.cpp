@@ -58,17 +58,16 @@ typedef struct _PERF_MOFN_INFO {
 int PerfMofNInit(void *pTestInfo) {
   auto *info = static_cast<PERF_MOFN_INFO *>(pTestInfo);
   if (info->pbSecret != nullptr) return 0;
-  const char *tag = "PerfMofNInit";
+  PerfSetup setup("PerfMofNInit");
   SessionOwner session;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0 && info->pbSecret == nullptr) {
-    rc = QGetRandom(session.Get(), info->pbRandomSecret, kDefaultSecretLen);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  setup.Connect(&info->ti, &session);
+  if (setup.Ok()) {
+    // The record points at the secret whether or not it could be drawn.
+    setup.Random(session.Get(), info->pbRandomSecret, kDefaultSecretLen);
     info->pbSecret = info->pbRandomSecret;
     info->dwSecretLen = kDefaultSecretLen;
   }
-  return rc;
+  return setup.Rc();
 }
 
 // mofn-recover: the secret is split once, unless --parts gave the parts.
@@ -76,19 +75,18 @@ int PerfMofNRecoverInit(void *pTestInfo) {
   auto *info = static_cast<PERF_MOFN_INFO *>(pTestInfo);
   int rc = PerfMofNInit(info);
   if (rc != 0 || info->pbParts != nullptr) return rc;
+  PerfSetup setup("PerfMofNRecoverInit");
   SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[PerfMofNRecoverInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  if (rc == 0) {
-    rc = QMofNSplit(session.Get(), info->dwM, info->dwN, info->pbSecret, info->dwSecretLen,
-                    &info->pbSplit, &info->dwPartLen);
-    if (rc != 0) ScreenOutput("[PerfMofNRecoverInit] Fail in QMofNSplit. rc = %d\r\n", rc);
-  }
-  if (rc == 0) {
+  setup.Connect(&info->ti, &session);
+  setup.Do("QMofNSplit", [&] {
+    return QMofNSplit(session.Get(), info->dwM, info->dwN, info->pbSecret, info->dwSecretLen,
+                      &info->pbSplit, &info->dwPartLen);
+  });
+  if (setup.Ok()) {
     info->pbParts = info->pbSplit;
     info->dwPartsLen = info->dwPartLen * info->dwN;
   }
-  return rc;
+  return setup.Rc();
 }
 
 int PerfMofNRecoverFin(void *pTestInfo) {
@@ -101,9 +99,7 @@ int PerfMofNRecoverFin(void *pTestInfo) {
 int PerfMofNThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_MOFN_INFO *>(pThreadInfo);
   info->hSession = nullptr;
-  const int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[PerfMofNThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  return rc;
+  return PerfSetup("PerfMofNThreadInit").Connect(&info->ti, &info->hSession).Rc();
 }
 
 int PerfMofNThreadFin(void *pThreadInfo) {

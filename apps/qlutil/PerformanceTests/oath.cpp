@@ -54,47 +54,37 @@ int PerfOathSAAuthThreadFin(void *pThreadInfo) {
 
 int PerfOathSAAuthThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_OATH_SA_AUTH_INFO *>(pThreadInfo);
-  const char *tag = "PerfOathSAAuthThreadInit";
   info->hSession = nullptr;
   info->szUser[0] = '\0';
   info->qwCounter = 0;
-  int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
+  PerfSetup setup("PerfOathSAAuthThreadInit");
+  setup.Connect(&info->ti, &info->hSession);
   char name[kTempKeyNameSize];
-  if (rc == 0 && !GetTempKeyName(name, info->hSession, &rc)) {
-    ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
+  setup.TempKeyName(info->hSession, name);
+  setup.Do("QCreateUser", [&] {
     QL_USER_INFO user;
     std::memset(&user, 0, sizeof(user));
     std::snprintf(user.szUserId, sizeof(user.szUserId), "qo%.14s", name);
     std::snprintf(user.szPassword, sizeof(user.szPassword), "%s", info->pszUserPassword);
     user.dwAcl = kOathUserAcl;
-    rc = QCreateUser(info->hSession, &user);
-    if (rc != 0) {
-      ScreenOutput("[%s] Fail in QCreateUser. rc = %d\r\n", tag, rc);
-    } else {
-      std::memcpy(info->szUser, user.szUserId, sizeof(info->szUser));
-    }
-  }
-  if (rc == 0) {
-    rc = QGetRandom(info->hSession, info->pbSeed, kSeedLen);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0) {
-    rc = QAssignToken(info->hSession, info->szUser, info->dwType, info->pbSeed, kSeedLen,
-                      info->dwTimeStep, info->qwT0, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QAssignToken. rc = %d\r\n", tag, rc);
-  }
-  if (rc == 0 && info->bShowSeed) {
+    const int rc = QCreateUser(info->hSession, &user);
+    if (rc == 0) std::memcpy(info->szUser, user.szUserId, sizeof(info->szUser));
+    return rc;
+  });
+  setup.Random(info->hSession, info->pbSeed, kSeedLen);
+  setup.Do("QAssignToken", [&] {
+    return QAssignToken(info->hSession, info->szUser, info->dwType, info->pbSeed, kSeedLen,
+                        info->dwTimeStep, info->qwT0, 0);
+  });
+  if (setup.Ok() && info->bShowSeed) {
     char hex[2 * kSeedLen + 1];
     for (uint32_t i = 0; i < kSeedLen; ++i) {
       std::snprintf(hex + 2 * i, 3, "%02X", info->pbSeed[i]);
     }
-    ScreenOutput("[%s] User %s seed %s\r\n", tag, info->szUser, hex);
+    ScreenOutput("[%s] User %s seed %s\r\n", setup.Tag(), info->szUser, hex);
   }
-  if (rc != 0) PerfOathSAAuthThreadFin(info);
-  return rc;
+  if (!setup.Ok()) PerfOathSAAuthThreadFin(info);
+  return setup.Rc();
 }
 
 unsigned int PerfOathSAAuthThread(void *pThreadInfo) {

@@ -107,6 +107,18 @@ PerfSetup &PerfSetup::Connect(const THREAD_INFO *ti, SessionOwner *session) {
   return Do("ConnectEx", [&] { return ConnectEx(session->Put(), ti); });
 }
 
+PerfSetup &PerfSetup::Connect(const THREAD_INFO *ti, HSESSIONCTX *phSession) {
+  return Do("ConnectEx", [&] { return ConnectEx(phSession, ti); });
+}
+
+PerfSetup &PerfSetup::TempKeyName(HSESSIONCTX hSession, char *pszName) {
+  return Do("GetTempKeyName", [&] {
+    int rc = 0;
+    GetTempKeyName(pszName, hSession, &rc);
+    return rc;
+  });
+}
+
 PerfSetup &PerfSetup::Alloc(HeapBuffer *buffer, size_t size, const char *call) {
   return Do(call, [&] {
     *buffer = HeapBuffer(size);

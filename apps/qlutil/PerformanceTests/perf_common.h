@@ -165,6 +165,13 @@ class PerfSetup {
     return *this;
   }
 
+  // step() answers a code and prints its own failure line (GenTempKey and the like).
+  template <typename Step>
+  PerfSetup &Run(Step &&step) {
+    if (rc_ == 0) rc_ = step();
+    return *this;
+  }
+
   // A size query (a call given no buffer), which succeeds with 1005 and the length it needs;
   // any other answer fails, 0 as QL_ERR_PROTOCOL (a size query must name the size it needs).
   template <typename Query>
@@ -176,12 +183,15 @@ class PerfSetup {
     return *this;
   }
 
-  // The usual steps. Connect: ConnectEx with the record's connection options. Alloc: a zeroed
+  // The usual steps. Connect: ConnectEx with the record's connection options, into an owner
+  // or straight into a handle the record keeps. TempKeyName: GetTempKeyName. Alloc: a zeroed
   // heap buffer ("malloc" and -1 when there is none). HashData: QCreateHash of alg, then
   // QHashData of the data. SessionKey: an unnamed key of alg (QGenerateKey, no name).
   // UserKey: the key stored under name (QGetUserKey). TestKey: that key when shared, else a
   // SessionKey.
   PerfSetup &Connect(const THREAD_INFO *ti, SessionOwner *session);
+  PerfSetup &Connect(const THREAD_INFO *ti, HSESSIONCTX *phSession);
+  PerfSetup &TempKeyName(HSESSIONCTX hSession, char *pszName);
   PerfSetup &Alloc(HeapBuffer *buffer, size_t size, const char *call = "malloc");
   PerfSetup &Random(HSESSIONCTX hSession, unsigned char *data, uint32_t len);
   PerfSetup &CreateHash(HSESSIONCTX hSession, int alg, HashOwner *hash);

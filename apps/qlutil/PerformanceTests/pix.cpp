@@ -122,29 +122,27 @@ int PerfPIXFin(void *pTestInfo) {
 
 int PerfPIXInit(void *pTestInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pTestInfo);
-  const char *tag = "PerfPIXInit";
-  int rc = ConnectEx(&info->hSrcSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0 && info->pszKeyName == nullptr) rc = PIXDefaultObjects(tag, info, true);
-  if (rc == 0 && (info->Kind == kPixVerify || info->Kind == kPixJwsCheck)) {
-    rc = SignOnce(info, info->hSrcSession, &info->pbSigned, &info->dwSignedLen);
-    if (rc != 0) ScreenOutput("[%s] Fail in %s. rc = %d\r\n", tag, SignCallName(info), rc);
+  PerfSetup setup("PerfPIXInit");
+  setup.Connect(&info->ti, &info->hSrcSession);
+  if (info->pszKeyName == nullptr) {
+    setup.Run([&] { return PIXDefaultObjects(setup.Tag(), info, true); });
   }
-  if (rc == 0 && info->Kind == kPixRequest && info->pszDumpDir != nullptr &&
-      !DumpRequestFiles(info)) {
-    rc = QL_ERR_FILE_IO;
-    ScreenOutput("[%s] Fail in DumpRequestFiles. rc = %d\r\n", tag, rc);
+  if (info->Kind == kPixVerify || info->Kind == kPixJwsCheck) {
+    setup.Do(SignCallName(info), [&] {
+      return SignOnce(info, info->hSrcSession, &info->pbSigned, &info->dwSignedLen);
+    });
   }
-  if (rc != 0) PerfPIXFin(info);
-  return rc;
+  if (info->Kind == kPixRequest && info->pszDumpDir != nullptr) {
+    setup.Do("DumpRequestFiles", [&] { return DumpRequestFiles(info) ? 0 : QL_ERR_FILE_IO; });
+  }
+  if (!setup.Ok()) PerfPIXFin(info);
+  return setup.Rc();
 }
 
 int PerfPIXThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
   info->hSession = nullptr;
-  const int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[PerfPIXThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  return rc;
+  return PerfSetup("PerfPIXThreadInit").Connect(&info->ti, &info->hSession).Rc();
 }
 
 int PerfPIXThreadFin(void *pThreadInfo) {

@@ -83,15 +83,12 @@ int PerfXMLFin(void *pTestInfo) {
 int PerfXMLInit(void *pTestInfo) {
   auto *info = static_cast<PERF_XML_INFO *>(pTestInfo);
   if (info->pszKeyName != nullptr) return 0;
-  const char *tag = info->bVerify ? "PerfVerifyXMLInit" : "PerfSignXMLInit";
-  int rc = ConnectEx(&info->hSrcSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = InstallXMSigObjects(tag, info);
-    if (rc != 0) ScreenOutput("[%s] Fail in InstallXMSigObjects. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) PerfXMLFin(info);
-  return rc;
+  PerfSetup setup(info->bVerify ? "PerfVerifyXMLInit" : "PerfSignXMLInit");
+  setup.Connect(&info->ti, &info->hSrcSession);
+  // GenTempKey reports its own failure first.
+  setup.Do("InstallXMSigObjects", [&] { return InstallXMSigObjects(setup.Tag(), info); });
+  if (!setup.Ok()) PerfXMLFin(info);
+  return setup.Rc();
 }
 
 int PerfXMLThreadFin(void *pThreadInfo) {
@@ -105,25 +102,23 @@ int PerfXMLThreadFin(void *pThreadInfo) {
 
 int PerfXMLThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_XML_INFO *>(pThreadInfo);
-  const char *tag = info->bVerify ? "PerfVerifyXMLThreadInit" : "PerfSignXMLThreadInit";
   info->hSession = nullptr;
   info->hKey = nullptr;
   info->pbSigned = nullptr;
   info->dwSignedLen = 0;
-  int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGetUserKey(info->hSession, XmlKey(info), 0, &info->hKey);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetUserKey. rc = %d\r\n", tag, rc);
+  PerfSetup setup(info->bVerify ? "PerfVerifyXMLThreadInit" : "PerfSignXMLThreadInit");
+  setup.Connect(&info->ti, &info->hSession);
+  setup.Do("QGetUserKey",
+           [&] { return QGetUserKey(info->hSession, XmlKey(info), 0, &info->hKey); });
+  if (info->bVerify) {
+    setup.Do("QSignXml", [&] {
+      return QSignXml(info->hSession, static_cast<uint32_t>(info->HashAlgId), XmlKey(info),
+                      info->pszCertName, info->pszFilter, info->stXml.pvData, info->stXml.dwDataLen,
+                      &info->pbSigned, &info->dwSignedLen, 0);
+    });
   }
-  if (rc == 0 && info->bVerify) {
-    rc = QSignXml(info->hSession, static_cast<uint32_t>(info->HashAlgId), XmlKey(info),
-                  info->pszCertName, info->pszFilter, info->stXml.pvData, info->stXml.dwDataLen,
-                  &info->pbSigned, &info->dwSignedLen, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSignXml. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) PerfXMLThreadFin(info);
-  return rc;
+  if (!setup.Ok()) PerfXMLThreadFin(info);
+  return setup.Rc();
 }
 
 unsigned int PerfSignXMLThread(void *pThreadInfo) {
@@ -255,9 +250,7 @@ struct Pkcs7Record {
 int PerfPkcs7SignThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_PKCS7_SIGN_INFO *>(pThreadInfo);
   info->hSession = nullptr;
-  const int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[PerfPkcs7SignThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  return rc;
+  return PerfSetup("PerfPkcs7SignThreadInit").Connect(&info->ti, &info->hSession).Rc();
 }
 
 unsigned int PerfPkcs7SignThread(void *pThreadInfo) {

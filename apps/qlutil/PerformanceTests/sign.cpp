@@ -374,11 +374,7 @@ int PerfSignHashedDataThreadInit(void *pThreadInfo) {
   RemovedKeyOwner key;
   HashOwner hash;
   setup.Connect(&info->ti, &session);
-  setup.Do("GetTempKeyName", [&] {
-    int rc = 0;
-    GetTempKeyName(info->szKeyName, session.Get(), &rc);
-    return rc;
-  });
+  setup.TempKeyName(session.Get(), info->szKeyName);
   setup.Do("QGenerateKey", [&] {
     return QGenerateKey(session.Get(), info->szKeyName, static_cast<uint32_t>(info->KeyAlgId), 0,
                         key.Put());

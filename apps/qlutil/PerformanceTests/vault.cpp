@@ -53,27 +53,25 @@ int PerfSVaultFin(void *pTestInfo) {
 
 int PerfSVaultInit(void *pTestInfo) {
   auto *info = static_cast<PERF_SVAULT_INFO *>(pTestInfo);
-  const char *tag = info->bGetData ? "PerfSVaultGetDataInit" : "PerfSVaultTokenInit";
-  int rc = ConnectEx(&info->hSrcSession, &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) rc = GenerateTestKey(tag, info);
-  if (rc == 0 && info->bGetData) {
-    uint32_t token_len = kTokenLen;
-    info->dwBlobLen = kBlobLen;
-    rc = QSVaultGenToken(info->hSrcSession, info->szKeyName, &kTokenInfo, kTestSecret,
-                         info->szToken, &token_len, info->pbBlob, &info->dwBlobLen, 0);
-    if (rc != 0) ScreenOutput("[%s] Fail in QSVaultGenToken. rc = %d\r\n", tag, rc);
+  PerfSetup setup(info->bGetData ? "PerfSVaultGetDataInit" : "PerfSVaultTokenInit");
+  setup.Connect(&info->ti, &info->hSrcSession);
+  setup.Run([&] { return GenerateTestKey(setup.Tag(), info); });
+  if (info->bGetData) {
+    setup.Do("QSVaultGenToken", [&] {
+      uint32_t token_len = kTokenLen;
+      info->dwBlobLen = kBlobLen;
+      return QSVaultGenToken(info->hSrcSession, info->szKeyName, &kTokenInfo, kTestSecret,
+                             info->szToken, &token_len, info->pbBlob, &info->dwBlobLen, 0);
+    });
   }
-  if (rc != 0) PerfSVaultFin(info);
-  return rc;
+  if (!setup.Ok()) PerfSVaultFin(info);
+  return setup.Rc();
 }
 
 int PerfSVaultThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_SVAULT_INFO *>(pThreadInfo);
   info->hSession = nullptr;
-  const int rc = ConnectEx(&info->hSession, &info->ti);
-  if (rc != 0) ScreenOutput("[PerfSVaultThreadInit] Fail in ConnectEx. rc = %d\r\n", rc);
-  return rc;
+  return PerfSetup("PerfSVaultThreadInit").Connect(&info->ti, &info->hSession).Rc();
 }
 
 int PerfSVaultThreadFin(void *pThreadInfo) {
