@@ -10,7 +10,6 @@
 
 namespace {
 
-const char *const kBchainExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
 constexpr uint32_t kBchainKeyType = 1;   // secp256k1 BIP32 extended key
 constexpr uint32_t kBchainHashMode = 1;  // the digest is SHA-256
 constexpr uint32_t kSeedLen = 32;
@@ -136,8 +135,5 @@ int PerfBchainSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("                    thread.\r\n");
   ScreenOutput("     --exp          [OPTIONAL] Exportable keys.\r\n");
   ScreenOutput("     --tmp          [OPTIONAL] Session keys (one per thread only).\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p bchain-sign-hash -t 5 -i 10\r\n", kBchainExampleHead);
-  ScreenOutput("     %s -p bchain-sign-hash -t 5 -i 10 --key-per-test\r\n", kBchainExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("bchain-sign-hash", {"-t 5 -i 10", "-t 5 -i 10 --key-per-test"});
 }

@@ -23,8 +23,6 @@ constexpr uint32_t kEncryptBufferLen = 8192;
 constexpr uint32_t kDecryptPieceLen = 2048;
 constexpr uint32_t kDecryptSlack = 128;
 
-const char *const kCipherExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
-
 void ShowHelpCipherOptions() {
   ScreenOutput("     -k      Key algorithm:\r\n");
   ShowHelpSymmetricAlgorithms();
@@ -159,10 +157,8 @@ int PerfEncrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   ShowHelpCipherOptions();
   ScreenOutput("     -ops    [OPTIONAL] 1: Report operations per second instead of bytes per\r\n");
   ScreenOutput("             second.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p encrypt -t 5 -i 10 -k aes256 -m 1024 -pa pkcs5_padding -mo ecb\r\n",
-               kCipherExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("encrypt",
+                                 {"-t 5 -i 10 -k aes256 -m 1024 -pa pkcs5_padding -mo ecb"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -264,8 +260,6 @@ int PerfDecrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   PerfHelpDescription({"Symmetric decryption performance test.",
                        "This test returns the number of bytes decrypted per second."});
   ShowHelpCipherOptions();
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p decrypt -t 5 -i 10 -k aes256 -m 1024 -pa pkcs5_padding -mo ecb\r\n",
-               kCipherExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("decrypt",
+                                 {"-t 5 -i 10 -k aes256 -m 1024 -pa pkcs5_padding -mo ecb"});
 }

@@ -10,7 +10,6 @@
 
 namespace {
 
-const char *const kMofNExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
 constexpr uint32_t kDefaultSecretLen = 32;
 
 // A secret or a set of parts from a switch: hexadecimal text (the default) or a file
@@ -186,10 +185,7 @@ int RunMofNTest(TEST_PARAMETER *pTestParam, int nParameters, bool recover) {
     ScreenOutput("     --partsform  [OPTIONAL] Form of --parts:\r\n");
     ShowHelpDataInformParameters();
   }
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10 -m 2 -n 3\r\n", kMofNExampleHead,
-               recover ? "mofn-recover" : "mofn-split");
-  return kResultUsage;
+  return PerfHelpCommandExamples(recover ? "mofn-recover" : "mofn-split", {"-t 5 -i 10 -m 2 -n 3"});
 }
 
 }  // namespace

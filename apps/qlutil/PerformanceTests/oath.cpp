@@ -13,7 +13,6 @@
 
 namespace {
 
-const char *const kOathExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
 constexpr const char kDefaultOathPassword[] = "12345678";
 constexpr uint32_t kOathEvent = 2;
 constexpr uint32_t kOathTime = 3;
@@ -182,9 +181,6 @@ int PerfOathSAAuth(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("     -oathsc     [OPTIONAL] -sc of the one-time password logins.\r\n");
   ScreenOutput("     -oathtls    [OPTIONAL] -tls of the one-time password logins.\r\n");
   ScreenOutput("     -showseed   [OPTIONAL] Print each test user's seed.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p oath-sa-auth -t 5 -i 10\r\n", kOathExampleHead);
-  ScreenOutput("     %s -p oath-sa-auth -t 5 -i 10 -oathtype time -sleep 1000\r\n",
-               kOathExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("oath-sa-auth",
+                                 {"-t 5 -i 10", "-t 5 -i 10 -oathtype time -sleep 1000"});
 }

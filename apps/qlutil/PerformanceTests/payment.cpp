@@ -15,8 +15,6 @@
 
 namespace {
 
-const char *const kPayExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
-
 // SPB message flags.
 constexpr uint32_t kSpbFlagGen01 = 1u << 1;  // --gen01
 constexpr uint32_t kSpbFlagV3 = 1u << 2;     // --v3: version 3 message (else version 2)
@@ -268,11 +266,8 @@ int PerfSPBEncode(TEST_PARAMETER *pTestParam, int nParameters) {
                        "This test returns the number of SPB messages encoded per second."});
   ShowHelpSpbOptions();
   ScreenOutput("     --gen01 [OPTIONAL] Encode as a GEN0001 message.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p spb-encode -t 5 -i 10 -m 1024\r\n", kPayExampleHead);
-  ScreenOutput("     %s -p spb-encode -t 5 -i 10 -m 1024 --si 11111111 --di 22222222 --v3\r\n",
-               kPayExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples(
+      "spb-encode", {"-t 5 -i 10 -m 1024", "-t 5 -i 10 -m 1024 --si 11111111 --di 22222222 --v3"});
 }
 
 typedef struct tag_PERF_SPB_DECODE_INFO {
@@ -400,9 +395,7 @@ int PerfSPBDecode(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("     --aexp  [OPTIONAL] Accept an expired sender certificate.\r\n");
   ScreenOutput("     --autocer [OPTIONAL] Update the sender certificate from the message.\r\n");
   ScreenOutput("     --pad   [OPTIONAL] The message carries padding.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p spb-decode -t 5 -i 10 -m 1024\r\n", kPayExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("spb-decode", {"-t 5 -i 10 -m 1024"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -497,9 +490,7 @@ int RunCardKeyTest(TEST_PARAMETER *pTestParam, int nParameters, int operation,
                                   PerfCardKeyThreadFin, &info, sizeof(info));
   }
   PerfHelpDescription(description);
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kPayExampleHead, command);
-  return kResultUsage;
+  return PerfHelpCommandExamples(command, {"-t 5 -i 10"});
 }
 
 }  // namespace
@@ -601,9 +592,7 @@ int PerfVerifyPINBlock(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput(
       "     -ptk    [OPTIONAL] Name of the PIN translation key. A session key of each\r\n");
   ScreenOutput("             thread by default.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p verify-pin-block -t 5 -i 10\r\n", kPayExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("verify-pin-block", {"-t 5 -i 10"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -691,9 +680,7 @@ int PerfPINBlockTranslate(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("     -dstpek [OPTIONAL] Name of the destination PIN encryption key.\r\n");
   ScreenOutput(
       "             Each thread makes the keys not given and removes them at the end.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p pin-block-translate -t 5 -i 10\r\n", kPayExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("pin-block-translate", {"-t 5 -i 10"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -761,9 +748,7 @@ int PerfGenerateDUKPT(TEST_PARAMETER *pTestParam, int nParameters) {
   PerfHelpDescription({"DUKPT generation performance test.",
                        "This test returns the number of DUKPT keys derived (and removed) per",
                        "second from a base derivation key of each thread."});
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p generate-dukpt -t 5 -i 10\r\n", kPayExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("generate-dukpt", {"-t 5 -i 10"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -962,10 +947,8 @@ int RunTr31Test(TEST_PARAMETER *pTestParam, int nParameters, bool import) {
                          "This test returns the number of TR-31 key blocks exported per second."});
   }
   ShowHelpTr31Options(!import);
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10 --kbpk-alg aes256 --key-alg aes192\r\n", kPayExampleHead,
-               import ? "import-tr31" : "export-tr31");
-  return kResultUsage;
+  return PerfHelpCommandExamples(import ? "import-tr31" : "export-tr31",
+                                 {"-t 5 -i 10 --kbpk-alg aes256 --key-alg aes192"});
 }
 
 }  // namespace

@@ -93,6 +93,14 @@ int PerfHelpExamples(std::initializer_list<const char *> lines) {
   return kResultUsage;
 }
 
+int PerfHelpCommandExamples(const char *command, std::initializer_list<const char *> options) {
+  ScreenOutput("\r\nEXAMPLE\r\n");
+  for (const char *opts : options) {
+    ScreenOutput("     qlutil -a 10.10.10.10 -u master -w 24681357 -p %s %s\r\n", command, opts);
+  }
+  return kResultUsage;
+}
+
 int PerfPassFailed(const char *tag, const char *call, int rc, unsigned long counter) {
   ScreenOutput("[%s] Fail in %s rc = %d. Iteration = %lu\r\n", tag, call, rc, counter);
   return rc;

@@ -211,3 +211,6 @@ class PerfSetup {
 // prints "EXAMPLE" and its lines and returns -1 (kResultUsage), the entry's answer.
 void PerfHelpDescription(std::initializer_list<const char *> lines);
 int PerfHelpExamples(std::initializer_list<const char *> lines);
+// The same with the usual command line, one line per option text:
+// "     qlutil -a 10.10.10.10 -u master -w 24681357 -p <command> <options>\r\n".
+int PerfHelpCommandExamples(const char *command, std::initializer_list<const char *> options);

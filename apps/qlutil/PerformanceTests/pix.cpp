@@ -17,8 +17,6 @@
 
 namespace {
 
-const char *const kPixExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
-
 // The document signed when -x names none.
 constexpr const char kDefaultPixXml[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
@@ -303,10 +301,7 @@ int RunPixXmlTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, bool di
   }
   ScreenOutput("     -x      [OPTIONAL] XML file to sign. A sample message by default.\r\n");
   ScreenOutput("     --rns   [OPTIONAL] Remove the namespace before signing.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kPixExampleHead, command);
-  ScreenOutput("     %s -p %s -t 5 -i 10 -x pacs008.xml\r\n", kPixExampleHead, command);
-  return kResultUsage;
+  return PerfHelpCommandExamples(command, {"-t 5 -i 10", "-t 5 -i 10 -x pacs008.xml"});
 }
 
 int RunPixJwsTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, const char *command,
@@ -338,9 +333,7 @@ int RunPixJwsTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, const c
   ScreenOutput("     --header  [OPTIONAL] JWS protected header (JSON).\r\n");
   ScreenOutput("     --payload [OPTIONAL] JWS payload (JSON).\r\n");
   ScreenOutput("     --flags   [OPTIONAL] JWS flags, a number. 0 (default).\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kPixExampleHead, command);
-  return kResultUsage;
+  return PerfHelpCommandExamples(command, {"-t 5 -i 10"});
 }
 
 }  // namespace
@@ -424,8 +417,6 @@ int PerfRequestPIX(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("     --chain [OPTIONAL] Name of the chain that verifies the service.\r\n");
   ScreenOutput("     --tmout [OPTIONAL] Timeout in ms. 30000 (default).\r\n");
   ScreenOutput("     --dump  [OPTIONAL] Folder where the request's files are written.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p pix-request -t 2 -i 10 --url https://pix.example/api/v1/dict -r get\r\n",
-               kPixExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("pix-request",
+                                 {"-t 2 -i 10 --url https://pix.example/api/v1/dict -r get"});
 }

@@ -9,7 +9,6 @@
 
 namespace {
 
-const char *const kPkiExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
 constexpr const char kDefaultXml[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
     "<document><header><id>QLUTIL-PERF-0001</id></header>"
@@ -191,12 +190,9 @@ int RunXmlTest(TEST_PARAMETER *pTestParam, int nParameters, bool verify) {
   }
   ScreenOutput("     -ft     [OPTIONAL] Filter: the element to sign.\r\n");
   ScreenOutput("     -x      [OPTIONAL] XML file. A sample document by default.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10 -h sha256\r\n", kPkiExampleHead,
-               verify ? "verify-xml" : "sign-xml");
-  ScreenOutput("     %s -p %s -t 5 -i 10 -h sha256 -kn xmlkey -c xmlcert -x doc.xml\r\n",
-               kPkiExampleHead, verify ? "verify-xml" : "sign-xml");
-  return kResultUsage;
+  return PerfHelpCommandExamples(
+      verify ? "verify-xml" : "sign-xml",
+      {"-t 5 -i 10 -h sha256", "-t 5 -i 10 -h sha256 -kn xmlkey -c xmlcert -x doc.xml"});
 }
 
 }  // namespace
@@ -299,8 +295,6 @@ int PerfPkcs7Sign(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("     -keycert    Name of the signer certificate.\r\n");
   ScreenOutput("     -certchain  [OPTIONAL] Name of the certificate chain to include.\r\n");
   ShowHelpP7SignAttributesParameters();
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p pkcs7-sign -t 5 -i 10 -filein data.txt -kn p7key -keycert p7cert\r\n",
-               kPkiExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("pkcs7-sign",
+                                 {"-t 5 -i 10 -filein data.txt -kn p7key -keycert p7cert"});
 }

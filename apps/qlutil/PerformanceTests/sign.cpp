@@ -21,8 +21,6 @@ constexpr size_t kMaxKeyNameCopy = 49;
 constexpr uint32_t kBatchRandomLen = 1024;
 constexpr uint32_t kMaxHashLen = 64;
 
-const char *const kSignExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
-
 // Releases the key a test shares between its threads and the session that made it.
 void ReleaseSharedKey(HSESSIONCTX *phSession, HKEYCTX *phKey, uint32_t dwDestroyFlags) {
   DestroyRecordKey(phKey, dwDestroyFlags);
@@ -195,10 +193,8 @@ int PerfSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("             The key is never removed.\r\n");
   ScreenOutput("     --tg    [OPTIONAL] One key for the whole test instead of one per thread.\r\n");
   ScreenOutput("     --disable_legacy_sign [OPTIONAL] Refuse the legacy RSA signature form.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p sign-hash -t 5 -i 10 -h sha256 -k rsa2048 --tg\r\n", kSignExampleHead);
-  ScreenOutput("     %s -p sign-hash -t 5 -i 10 -h sha256 --kn rsa\r\n", kSignExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples(
+      "sign-hash", {"-t 5 -i 10 -h sha256 -k rsa2048 --tg", "-t 5 -i 10 -h sha256 --kn rsa"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -337,12 +333,8 @@ int PerfBatchSign(TEST_PARAMETER *pTestParam, int nParameters) {
   ShowHelpRSAAlgorithms();
   ScreenOutput("     -bc     Batch count: signatures per request.\r\n");
   ScreenOutput("     -tg     [OPTIONAL] One key for the whole test instead of one per thread.\r\n");
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p batch-sign -t 5 -i 10 -h sha256 -k rsa2048 -bc 100\r\n",
-               kSignExampleHead);
-  ScreenOutput("     %s -p batch-sign -t 5 -i 10 -h sha256 -k rsa2048 -bc 100 -tg\r\n",
-               kSignExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("batch-sign", {"-t 5 -i 10 -h sha256 -k rsa2048 -bc 100",
+                                                "-t 5 -i 10 -h sha256 -k rsa2048 -bc 100 -tg"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -444,9 +436,7 @@ int PerfSignHashedData(TEST_PARAMETER *pTestParam, int nParameters) {
   ShowHelpHashAlgorithms();
   ScreenOutput("     -k      Key algorithm:\r\n");
   ShowHelpAsymSigAlgorithms();
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p sign-hashed-data -t 5 -i 10 -h sha256 -k rsa2048\r\n", kSignExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples("sign-hashed-data", {"-t 5 -i 10 -h sha256 -k rsa2048"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -533,9 +523,6 @@ int PerfVerifyHash(TEST_PARAMETER *pTestParam, int nParameters) {
   ShowHelpHashAlgorithms();
   ScreenOutput("     -k      Key algorithm:\r\n");
   ShowHelpAsymSigAlgorithms();
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p verify-hash -t 5 -i 10 -h sha256 -k rsa2048\r\n", kSignExampleHead);
-  ScreenOutput("     %s -p verify-hash -t 5 -i 10 -h sha256 -k ecc_secp256r1\r\n",
-               kSignExampleHead);
-  return kResultUsage;
+  return PerfHelpCommandExamples(
+      "verify-hash", {"-t 5 -i 10 -h sha256 -k rsa2048", "-t 5 -i 10 -h sha256 -k ecc_secp256r1"});
 }

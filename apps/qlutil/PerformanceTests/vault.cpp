@@ -9,7 +9,6 @@
 
 namespace {
 
-const char *const kVaultExampleHead = "qlutil -a 10.10.10.10 -u master -w 24681357";
 constexpr const char kTestSecret[] = "4111111111111111";
 constexpr uint32_t kTokenLen = 256;
 constexpr uint32_t kBlobLen = 1024;
@@ -116,10 +115,7 @@ int RunVaultTest(TEST_PARAMETER *pTestParam, int nParameters, bool get_data) {
     PerfHelpDescription({"SVault token generation performance test.",
                          "This test returns the number of tokens generated per second."});
   }
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("     %s -p %s -t 5 -i 10\r\n", kVaultExampleHead,
-               get_data ? "svault-get-data" : "svault-gen-token");
-  return kResultUsage;
+  return PerfHelpCommandExamples(get_data ? "svault-get-data" : "svault-gen-token", {"-t 5 -i 10"});
 }
 
 }  // namespace
