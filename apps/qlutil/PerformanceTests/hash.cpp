@@ -41,30 +41,23 @@ typedef struct _PERF_HASH_INFO {
 
 int PerfHashThreadInit(void *pThreadInfo) {
   auto *info = static_cast<PERF_HASH_INFO *>(pThreadInfo);
-  const char *tag = "PerfHashThreadInit";
   info->hSession = nullptr;
   info->hKey = nullptr;
   info->pbData = nullptr;
 
-  HeapBuffer data(info->dwDataLen);
-  if (!data) {
-    ScreenOutput("[%s] Fail in malloc. rc = %d\r\n", tag, -1);
-    return -1;
-  }
+  PerfSetup setup("PerfHashThreadInit");
+  HeapBuffer data;
+  setup.Alloc(&data, info->dwDataLen);
+  if (!setup.Ok()) return setup.Rc();
   SessionOwner session;
   KeyOwner key;
-  int rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
-  if (rc == 0) {
-    rc = QGetRandom(session.Get(), data.Get(), info->dwDataLen);
-    if (rc != 0) ScreenOutput("[%s] Fail in QGetRandom. rc = %d\r\n", tag, rc);
+  setup.Connect(&info->ti, &session);
+  setup.Random(session.Get(), data.Get(), info->dwDataLen);
+  if (IsKeyedHashAlg(info->HashAlgId)) {
+    setup.SessionKey(session.Get(), static_cast<int>(KeyAlgForHash(info->HashAlgId)),
+                     QL_KEY_EXPORTABLE | QL_KEY_TEMPORARY, &key);
   }
-  if (rc == 0 && IsKeyedHashAlg(info->HashAlgId)) {
-    rc = QGenerateKey(session.Get(), nullptr, KeyAlgForHash(info->HashAlgId),
-                      QL_KEY_EXPORTABLE | QL_KEY_TEMPORARY, key.Put());
-    if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
-  }
-  if (rc != 0) return rc;
+  if (!setup.Ok()) return setup.Rc();
   info->pbData = data.Release();
   info->hKey = key.Detach();
   info->hSession = session.Detach();
@@ -151,7 +144,6 @@ int PerfHash(TEST_PARAMETER *pTestParam, int nParameters) {
   ShowHelpCmacAlgorithms();
   ScreenOutput("     -m      [OPTIONAL] Size of the data to hash, in bytes. 64 (default).\r\n");
   ScreenOutput("     --print-time [OPTIONAL] Each thread prints its mean time per hash.\r\n");
-  return PerfHelpExamples(
-      {"qlutil -a 10.10.10.10 -u master -w 24681357 -p hash -t 5 -i 1000 -h sha256 -m 1024",
-       "qlutil -a 10.10.10.10 -u master -w 24681357 -p hash -t 5 -i 1000 -h hmac_sha2_256"});
+  return PerfHelpCommandExamples(
+      "hash", {"-t 5 -i 1000 -h sha256 -m 1024", "-t 5 -i 1000 -h hmac_sha2_256"});
 }

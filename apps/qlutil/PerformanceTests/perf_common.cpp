@@ -87,12 +87,6 @@ void PerfHelpDescription(std::initializer_list<const char *> lines) {
   ShowHelpGlobalPerfParameters();
 }
 
-int PerfHelpExamples(std::initializer_list<const char *> lines) {
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  for (const char *line : lines) ScreenOutput("     %s\r\n", line);
-  return kResultUsage;
-}
-
 int PerfHelpCommandExamples(const char *command, std::initializer_list<const char *> options) {
   ScreenOutput("\r\nEXAMPLE\r\n");
   for (const char *opts : options) {

@@ -207,10 +207,9 @@ class PerfSetup {
 };
 
 // The help page of a performance test: "DESCRIPTION" with its lines, "OPTIONS" with the global
-// performance options; the caller prints its own options, then calls PerfHelpExamples, which
-// prints "EXAMPLE" and its lines and returns -1 (kResultUsage), the entry's answer.
+// performance options; the caller prints its own options, then calls PerfHelpCommandExamples,
+// which prints "EXAMPLE" and its lines and returns -1 (kResultUsage), the entry's answer.
 void PerfHelpDescription(std::initializer_list<const char *> lines);
-int PerfHelpExamples(std::initializer_list<const char *> lines);
-// The same with the usual command line, one line per option text:
+// One example line per option text:
 // "     qlutil -a 10.10.10.10 -u master -w 24681357 -p <command> <options>\r\n".
 int PerfHelpCommandExamples(const char *command, std::initializer_list<const char *> options);
