@@ -19,12 +19,12 @@ typedef struct _JOB_ATOKEN_INFO {
 namespace {
 
 void ShowJobIssueATokenHelp() {
-  JobHelpHeader(false, {"Issue an access token for the logged-in user. The token is printed in",
-                        "base64, the form -at and -atf read."});
-  ScreenOutput(
-      "     -ttl    [OPTIONAL] Lifetime in seconds. If not defined, it never expires.\r\n");
-  ScreenOutput("     --out   [OPTIONAL] Also write the token to this file.\r\n");
-  JobHelpExamples("issue-atoken", {"-ttl 3600 --out token.b64"});
+  JobHelpPage("issue-atoken",
+              {"Issue an access token for the logged-in user. The token is printed in",
+               "base64, the form -at and -atf read."},
+              {"-ttl    [OPTIONAL] Lifetime in seconds. If not defined, it never expires.",
+               "--out   [OPTIONAL] Also write the token to this file."},
+              {"-ttl 3600 --out token.b64"});
 }
 
 void ShowJobRevokeATokenHelp() {

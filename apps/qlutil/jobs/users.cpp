@@ -164,12 +164,12 @@ int JobUnblockUser(TEST_PARAMETER *pTestParam, int nParameters) {
 namespace {
 
 void ShowJobSetPasswordHelp() {
-  JobHelpHeader(false,
-                {"Change the password of the logged-in user, or (operators) of another", "user."});
-  ScreenOutput("     -newpwd New password (at most 16 characters)\r\n");
-  ScreenOutput("     -un     [OPTIONAL] The user whose password changes. If not defined,\r\n");
-  ScreenOutput("             the logged-in user's.\r\n");
-  JobHelpExamples("set-pwd", {"-newpwd 87654321", "-un alice -newpwd 87654321"});
+  JobHelpPage("set-pwd",
+              {"Change the password of the logged-in user, or (operators) of another", "user."},
+              {"-newpwd New password (at most 16 characters)",
+               "-un     [OPTIONAL] The user whose password changes. If not defined,",
+               "        the logged-in user's."},
+              {"-newpwd 87654321", "-un alice -newpwd 87654321"});
 }
 
 }  // namespace
