@@ -115,9 +115,7 @@ unsigned int PerfBchainSignHashThread(void *pThreadInfo) {
 
 int PerfBchainSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_BCHAIN_SIGN_HASH_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.bKeyPerTest = IsParameterDefined(pTestParam, nParameters, "--key-per-test") != 0;
   info.bExportable = IsParameterDefined(pTestParam, nParameters, "--exp") != 0;
   // A key shared by the threads is stored: a session key would be seen by Init's session only.

@@ -140,9 +140,8 @@ int PerfEncryptThreadFin(void *pThreadInfo) {
 
 int PerfEncrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_ENCRYPT_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = GetParameterInt(pTestParam, nParameters, "-ops") == 1 ? 1 : 2;
+  LoadPerfRecord(&info, pTestParam, nParameters,
+                 GetParameterInt(pTestParam, nParameters, "-ops") == 1 ? 1 : 2);
   const bool options_ok = LoadCipherOptions(&info.ti, &info.KeyAlgId, &info.Mode, &info.Padding,
                                             pTestParam, nParameters);
 
@@ -246,9 +245,7 @@ int PerfDecryptThreadFin(void *pThreadInfo) {
 
 int PerfDecrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_DECRYPT_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 2;
+  LoadPerfRecord(&info, pTestParam, nParameters, 2);
   const bool options_ok = LoadCipherOptions(&info.ti, &info.KeyAlgId, &info.Mode, &info.Padding,
                                             pTestParam, nParameters);
 

@@ -117,9 +117,7 @@ int PerfHashThreadFin(void *pThreadInfo) {
 
 int PerfHash(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_HASH_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.HashAlgId = GetParameterAlg(pTestParam, nParameters, "-h");
   info.bPrintTime = IsParameterDefined(pTestParam, nParameters, "--print-time") != 0;
   int data_len = kDefaultHashDataLen;

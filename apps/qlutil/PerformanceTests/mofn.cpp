@@ -137,9 +137,7 @@ namespace {
 
 int RunMofNTest(TEST_PARAMETER *pTestParam, int nParameters, bool recover) {
   PERF_MOFN_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   const int m = GetParameterInt(pTestParam, nParameters, "-m");
   const int n = GetParameterInt(pTestParam, nParameters, "-n");
   info.dwM = m > 0 ? static_cast<uint32_t>(m) : 0;

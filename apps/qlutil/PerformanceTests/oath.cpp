@@ -128,9 +128,7 @@ uint32_t GetOtpSessionFlags(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int PerfOathSAAuth(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_OATH_SA_AUTH_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.pszUserPassword = GetParameterStr(pTestParam, nParameters, "-oathusrpwd");
   if (info.pszUserPassword == nullptr || info.pszUserPassword[0] == '\0') {
     info.pszUserPassword = kDefaultOathPassword;

@@ -611,9 +611,7 @@ void ShowHelpP11SignMechanisms() {
 
 int PerfP11SignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_P11_SIGN_HASH_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.MechanismId = GetParameterP11Mechanism(pTestParam, nParameters);
   info.KeyAlgId = GetParameterP11KeyAlg(pTestParam, nParameters);
   const bool has_module = LoadP11ModuleParams(&info.stP11, pTestParam, nParameters);
@@ -749,9 +747,8 @@ int PerfP11EncTestFin(void *pTestInfo) {
 
 int PerfP11Enc(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_P11_ENC_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = GetParameterInt(pTestParam, nParameters, "-ops") == 1 ? 1 : 2;
+  LoadPerfRecord(&info, pTestParam, nParameters,
+                 GetParameterInt(pTestParam, nParameters, "-ops") == 1 ? 1 : 2);
   info.ti.MessageSize = GetParameterInt(pTestParam, nParameters, "-m");
   info.KeyAlgId = GetParameterP11KeyAlg(pTestParam, nParameters);
   const bool has_module = LoadP11ModuleParams(&info.stP11, pTestParam, nParameters);
@@ -869,9 +866,7 @@ namespace {
 // p11-gen-key (a symmetric one).
 int RunP11GenKeyTest(TEST_PARAMETER *pTestParam, int nParameters, bool pair) {
   PERF_P11_GEN_KEY_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.KeyAlgId = GetParameterP11KeyAlg(pTestParam, nParameters);
   const bool has_module = LoadP11ModuleParams(&info.stP11, pTestParam, nParameters);
   const bool alg_ok = pair ? IsP11AsymmetricAlg(info.KeyAlgId) : IsP11SymmetricAlg(info.KeyAlgId);

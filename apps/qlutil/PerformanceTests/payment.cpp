@@ -248,9 +248,7 @@ int PerfSPBEncodeThreadFin(void *pThreadInfo) {
 
 int PerfSPBEncode(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_SPB_ENCODE_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   LoadSpbOptions(&info.spb, pTestParam, nParameters);
   if (IsParameterDefined(pTestParam, nParameters, "--v3")) info.spb.dwFlags |= kSpbFlagV3;
   if (IsParameterDefined(pTestParam, nParameters, "--gen01")) info.spb.dwFlags |= kSpbFlagGen01;
@@ -372,9 +370,7 @@ int PerfSPBDecodeThreadFin(void *pThreadInfo) {
 
 int PerfSPBDecode(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_SPB_DECODE_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   LoadSpbOptions(&info.spb, pTestParam, nParameters);
   info.bAcceptExpired = IsParameterDefined(pTestParam, nParameters, "--aexp") ? 1 : 0;
   info.bAutoUpdateCert = IsParameterDefined(pTestParam, nParameters, "--autocer") ? 1 : 0;
@@ -481,9 +477,7 @@ namespace {
 int RunCardKeyTest(TEST_PARAMETER *pTestParam, int nParameters, int operation,
                    std::initializer_list<const char *> description, const char *command) {
   PERF_CARD_KEY_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.Operation = operation;
   if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfCardKeyThread, nullptr, nullptr, PerfCardKeyThreadInit,
@@ -575,9 +569,7 @@ int PerfVerifyPINBlockThreadFin(void *pThreadInfo) {
 
 int PerfVerifyPINBlock(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_VERIFY_PIN_BLOCK_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.pszPtkName = GetParameterStr(pTestParam, nParameters, "-ptk");
   if (info.pszPtkName != nullptr && info.pszPtkName[0] == '\0') info.pszPtkName = nullptr;
 
@@ -660,9 +652,7 @@ unsigned int PerfPINBlockTranslateThread(void *pThreadInfo) {
 
 int PerfPINBlockTranslate(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_PIN_BLOCK_TRANSLATE_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.pszSrcPek = GetParameterStr(pTestParam, nParameters, "-srcpek");
   info.pszDstPek = GetParameterStr(pTestParam, nParameters, "-dstpek");
   if (info.pszSrcPek != nullptr && info.pszSrcPek[0] == '\0') info.pszSrcPek = nullptr;
@@ -737,9 +727,7 @@ unsigned int PerfGenerateDUKPTThread(void *pThreadInfo) {
 
 int PerfGenerateDUKPT(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_GENERATE_DUKPT_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfGenerateDUKPTThread, nullptr, nullptr,
                                   PerfGenerateDUKPTThreadInit, PerfGenerateDUKPTThreadFin, &info,
@@ -929,9 +917,7 @@ namespace {
 
 int RunTr31Test(TEST_PARAMETER *pTestParam, int nParameters, bool import) {
   PERF_EXPORT_TR31 info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   const bool options_ok = ReadTr31Options(&info, pTestParam, nParameters);
   if (IsValidTestCountersConfig(&info.ti) && options_ok && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(import ? PerfImportTR31Thread : PerfExportTR31Thread,

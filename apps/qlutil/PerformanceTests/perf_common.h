@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <utility>
 
@@ -51,6 +52,15 @@ inline void PublishPerfThreadError(THREAD_INFO *ti, int rc) {
 // True once another thread announced a failure.
 inline bool PerfRunFailed(THREAD_INFO *ti) {
   return IsErrorEventSignaled(ti->phErrorEvent);
+}
+
+// The start of a member's entry: the record zeroed, the common options loaded
+// (LoadGenericParameters) and the kind of figure set (Metric: 1 operations, 2 bytes per second).
+template <typename Record>
+void LoadPerfRecord(Record *info, TEST_PARAMETER *pTestParam, int nParameters, int metric) {
+  std::memset(info, 0, sizeof(*info));
+  LoadGenericParameters(&info->ti, pTestParam, nParameters);
+  info->ti.Metric = metric;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -153,9 +153,7 @@ int PerfSignHashFin(void *pTestInfo) {
 
 int PerfSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_SIGN_HASH_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.HashAlgId = GetParameterAlg(pTestParam, nParameters, "-h");
   info.KeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
   info.nDataLen = kDefaultSignDataLen;
@@ -305,9 +303,7 @@ int PerfBatchSignFin(void *pTestInfo) {
 
 int PerfBatchSign(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_BATCH_SIGN_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.HashAlgId = GetParameterAlg(pTestParam, nParameters, "-h");
   info.KeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
   info.bIsGenKeyPerTest = IsParameterDefined(pTestParam, nParameters, "-tg");
@@ -416,9 +412,7 @@ int PerfSignHashedDataThreadFin(void *pThreadInfo) {
 
 int PerfSignHashedData(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_SIGN_HASHED_DATA_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.HashAlgId = GetParameterAlg(pTestParam, nParameters, "-h");
   info.KeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
 
@@ -505,9 +499,7 @@ int PerfVerifyHashThreadFin(void *pThreadInfo) {
 
 int PerfVerifyHash(TEST_PARAMETER *pTestParam, int nParameters) {
   PERF_VERIFY_HASH_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.HashAlgId = GetParameterAlg(pTestParam, nParameters, "-h");
   info.KeyAlgId = GetParameterAlg(pTestParam, nParameters, "-k");
 

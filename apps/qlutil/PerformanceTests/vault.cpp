@@ -99,9 +99,7 @@ namespace {
 
 int RunVaultTest(TEST_PARAMETER *pTestParam, int nParameters, bool get_data) {
   PERF_SVAULT_INFO info;
-  std::memset(&info, 0, sizeof(info));
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadPerfRecord(&info, pTestParam, nParameters, 1);
   info.bGetData = get_data;
   if (IsValidTestCountersConfig(&info.ti) && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfSVaultThread, PerfSVaultInit, PerfSVaultFin,
