@@ -1,6 +1,8 @@
 #pragma once
-// Pieces shared by the performance tests (-p): temporary object names, the loop's failure
-// report, the owners of the buffers a record holds, and the frame of every help page.
+// Pieces shared by the performance tests (-p): the start of an entry (LoadPerfRecord), the
+// steps of Init and ThreadInit (PerfSetup), the thread body's loop (RunPerfLoop), temporary
+// object names, the owners of the buffers a record holds, and the frame of every help page.
+// A member states only its options, its set-up steps, its pass and its help lines.
 //
 // A test record is copied byte for byte by the runner, so it holds raw handles and pointers;
 // ThreadInit acquires them through owners (QLUniquePtr, HeapBuffer) and hands them over to the

@@ -128,7 +128,7 @@ unsigned int PerfSignHashThread(void *pThreadInfo) {
   return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t len = info->dwSignatureLen;
     const int rc = QSignHash(info->hHash, info->hKey, info->dwFlags, info->pbSignature, &len);
-    // The tag is the original one of this message.
+    // "[QHashData]" is this message's tag, as it has always read.
     return rc == 0 ? 0 : PerfPassFailed("QHashData", "QSignHash", rc, counter);
   });
 }
