@@ -66,6 +66,9 @@ void Connection::OnFirstByte(const asio::error_code &ec) {
     return Finish();
   }
   SSL_set_mode(ssl_.get(), SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  // A record's header and body in one receive; records read ahead stay in OpenSSL's buffer,
+  // which Pump() drains before it waits on the socket.
+  SSL_set_read_ahead(ssl_.get(), 1);
   SSL_set_accept_state(ssl_.get());
   Handshake();
 }

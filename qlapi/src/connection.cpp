@@ -220,6 +220,8 @@ Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, in
   if (bio == nullptr) return Status(QL_ERR_TLS_FAILED);
   BIO_set_data(bio, reinterpret_cast<void *>(static_cast<intptr_t>(fd)));
   SSL_set_bio(conn->ssl_.get(), bio, bio);
+  // A record's header and body in one receive (and any records behind it).
+  SSL_set_read_ahead(conn->ssl_.get(), 1);
   if (SSL_connect(conn->ssl_.get()) != 1) {
     ERR_clear_error();
     return Status(QL_ERR_TLS_FAILED);
