@@ -61,6 +61,9 @@ Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
                                                  std::to_string(options.port) + ": " +
                                                  ec.message());
 
+  // A client that hangs up while its answer is being written must cost only its connection:
+  // OpenSSL writes TLS records with write(2), which raises SIGPIPE on a closed socket.
+  std::signal(SIGPIPE, SIG_IGN);
   srv->signals_.add(SIGINT);
   srv->signals_.add(SIGTERM);
   Server *raw = srv.get();

@@ -238,6 +238,18 @@ TEST_F(Daemon, PipelinedFramesInAnyPiecesAreAnsweredInOrder) {
   ExpectStillServing(*hsm_);
 }
 
+// Clients that hang up while their answers are being written (over TLS, whose records the daemon
+// writes with write(2)) cost only their own connections.
+TEST_F(Daemon, ClientsHangingUpMidAnswerLeaveTheDaemonServing) {
+  for (bool tls : {true, false}) {
+    for (int round = 0; round < 5; ++round) {
+      auto c = LoggedIn(*hsm_, tls);
+      for (int i = 0; i < 16; ++i) ASSERT_TRUE(c->Send(RandomReq(1 << 16)));
+    }  // closed with a megabyte of answers on their way
+  }
+  ExpectStillServing(*hsm_);
+}
+
 TEST_F(Daemon, UnknownRequestIsNotSupportedAndTheConnectionStays) {
   auto c = LoggedIn(*hsm_);
   Request empty;  // no body: a request this server does not know
