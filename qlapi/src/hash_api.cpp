@@ -6,28 +6,46 @@ using namespace qlapi;
 
 namespace qlapi {
 
+namespace {
+
+// A digest fetched from its provider once for the process (kept until exit): handed EVP_sha256()
+// and the like, EVP_DigestInit_ex looks the implementation up again on every call.
+const EVP_MD *Fetched(const EVP_MD *builtin) {
+  EVP_MD *md = EVP_MD_fetch(nullptr, EVP_MD_get0_name(builtin), nullptr);
+  return md ? md : builtin;
+}
+
+}  // namespace
+
 const EVP_MD *LocalDigest(uint32_t algorithm) {
+  static const EVP_MD
+      *const md5 = Fetched(EVP_md5()),
+             *const sha1 = Fetched(EVP_sha1()), *const sha224 = Fetched(EVP_sha224()),
+             *const sha256 = Fetched(EVP_sha256()), *const sha384 = Fetched(EVP_sha384()),
+             *const sha512 = Fetched(EVP_sha512()), *const sha3_224 = Fetched(EVP_sha3_224()),
+             *const sha3_256 = Fetched(EVP_sha3_256()), *const sha3_384 = Fetched(EVP_sha3_384()),
+             *const sha3_512 = Fetched(EVP_sha3_512());
   switch (algorithm) {
     case QL_ALG_MD5:
-      return EVP_md5();
+      return md5;
     case QL_ALG_SHA1:
-      return EVP_sha1();
+      return sha1;
     case QL_ALG_SHA224:
-      return EVP_sha224();
+      return sha224;
     case QL_ALG_SHA256:
-      return EVP_sha256();
+      return sha256;
     case QL_ALG_SHA384:
-      return EVP_sha384();
+      return sha384;
     case QL_ALG_SHA512:
-      return EVP_sha512();
+      return sha512;
     case QL_ALG_SHA3_224:
-      return EVP_sha3_224();
+      return sha3_224;
     case QL_ALG_SHA3_256:
-      return EVP_sha3_256();
+      return sha3_256;
     case QL_ALG_SHA3_384:
-      return EVP_sha3_384();
+      return sha3_384;
     case QL_ALG_SHA3_512:
-      return EVP_sha3_512();
+      return sha3_512;
     default:
       return nullptr;
   }
@@ -43,8 +61,8 @@ Status HashValue(HashHandle &hash, std::string *value) {
     return Status::Ok();
   }
   if (hash.md) {
-    // Finish a copy, so the hash itself goes on.
-    std::unique_ptr<EVP_MD_CTX, EvpMdCtxDeleter> copy(EVP_MD_CTX_new());
+    // Finish a copy, so the hash itself goes on; the copy's context is the calling thread's.
+    thread_local std::unique_ptr<EVP_MD_CTX, EvpMdCtxDeleter> copy(EVP_MD_CTX_new());
     unsigned char md[EVP_MAX_MD_SIZE];
     unsigned int len = 0;
     if (!copy || EVP_MD_CTX_copy_ex(copy.get(), hash.md.get()) != 1 ||
