@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "hsm_fixture.h"
+#include "password_record.h"
 #include "qlapi.h"
 
 namespace {
@@ -31,22 +32,11 @@ constexpr const char *kAesKey = "bench_aes256";
 qltest::HsmProcess *g_hsm = nullptr;
 uint32_t g_transport = QL_SESSION_ENCRYPTED;
 
-template <std::size_t N>
-void CopyField(char (&field)[N], const std::string &text) {
-  std::memset(field, 0, N);
-  std::memcpy(field, text.data(), std::min(text.size(), N));
-}
-
 // One session and the handles a thread uses, released on every path.
 class ThreadSession {
  public:
   ThreadSession() {
-    AUTH_PWD_EX r;
-    std::memset(&r, 0, sizeof r);
-    CopyField(r.szAddr, g_hsm->address());
-    r.nPort = g_hsm->port();
-    std::strcpy(r.szUserId, "master");
-    CopyField(r.szPassword, g_hsm->master_password());
+    AUTH_PWD_EX r = qltest::PasswordRecord(*g_hsm);
     rc_ = QOpenSession(&session_, QL_AUTH_USER_PWD, &r, sizeof r,
                        g_transport | QL_SESSION_BYPASS_CACHE);
   }

@@ -16,28 +16,15 @@
 #include <thread>
 
 #include "hsm_fixture.h"
+#include "password_record.h"
 #include "qlapi.h"
 
 namespace {
 
-// Copies text into a fixed record field, zero-padded, cut at the field's size (a field filled to
-// the brim has no terminator, as the records allow).
-template <std::size_t N>
-void CopyField(char (&field)[N], const std::string &text) {
-  std::memset(field, 0, N);
-  std::memcpy(field, text.data(), std::min(text.size(), N));
-}
-
 qltest::HsmProcess *g_hsm = nullptr;
 
 AUTH_PWD_EX Record() {
-  AUTH_PWD_EX r;
-  std::memset(&r, 0, sizeof r);
-  CopyField(r.szAddr, g_hsm->address());
-  r.nPort = g_hsm->port();
-  std::strcpy(r.szUserId, "master");
-  CopyField(r.szPassword, g_hsm->master_password());
-  return r;
+  return qltest::PasswordRecord(*g_hsm);
 }
 
 void OpenClose(benchmark::State &state, uint32_t flags) {

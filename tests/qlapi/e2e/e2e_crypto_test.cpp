@@ -12,17 +12,10 @@
 #include <vector>
 
 #include "hsm_fixture.h"
+#include "password_record.h"
 #include "qlapi.h"
 
 namespace {
-
-// Copies text into a fixed record field, zero-padded, cut at the field's size (a field filled to
-// the brim has no terminator, as the records allow).
-template <std::size_t N>
-void CopyField(char (&field)[N], const std::string &text) {
-  std::memset(field, 0, N);
-  std::memcpy(field, text.data(), std::min(text.size(), N));
-}
 
 qltest::HsmProcess &Hsm() {
   return qltest::HsmEnvironment::hsm();
@@ -31,12 +24,7 @@ qltest::HsmProcess &Hsm() {
 class Session {
  public:
   Session() {
-    AUTH_PWD_EX r;
-    std::memset(&r, 0, sizeof r);
-    CopyField(r.szAddr, Hsm().address());
-    r.nPort = Hsm().port();
-    std::strcpy(r.szUserId, "master");
-    CopyField(r.szPassword, Hsm().master_password());
+    AUTH_PWD_EX r = qltest::PasswordRecord(Hsm());
     EXPECT_EQ(QOpenSession(&s_, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
   }
   ~Session() { QCloseSession(&s_, 0); }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hsm_fixture.h"
+#include "password_record.h"
 #include "qlapi.h"
 
 namespace {
@@ -25,13 +26,7 @@ qltest::HsmProcess &Hsm() {
 }
 
 AUTH_PWD_EX PwdRecord(const std::string &user, const std::string &pwd) {
-  AUTH_PWD_EX r;
-  std::memset(&r, 0, sizeof r);
-  std::strncpy(r.szAddr, Hsm().address().c_str(), sizeof r.szAddr);
-  r.nPort = Hsm().port();
-  std::strncpy(r.szUserId, user.c_str(), sizeof r.szUserId);
-  std::strncpy(r.szPassword, pwd.c_str(), sizeof r.szPassword);
-  return r;
+  return qltest::PasswordRecord(Hsm(), user, pwd);
 }
 
 // A session, closed at the end of the scope: as master, as another user, or anonymous.

@@ -12,32 +12,19 @@
 
 #include "credential_store.h"
 #include "hsm_fixture.h"
+#include "password_record.h"
 #include "qlapi.h"
 #include "qlapi_credstore.h"
 #include "session_cache.h"
 
 namespace {
 
-// Copies text into a fixed record field, zero-padded, cut at the field's size (a field filled to
-// the brim has no terminator, as the records allow).
-template <std::size_t N>
-void CopyField(char (&field)[N], const std::string &text) {
-  std::memset(field, 0, N);
-  std::memcpy(field, text.data(), std::min(text.size(), N));
-}
-
 qltest::HsmProcess &Hsm() {
   return qltest::HsmEnvironment::hsm();
 }
 
 AUTH_PWD_EX PwdRecord(const std::string &user, const std::string &pwd) {
-  AUTH_PWD_EX r;
-  std::memset(&r, 0, sizeof r);
-  CopyField(r.szAddr, Hsm().address());
-  r.nPort = Hsm().port();
-  CopyField(r.szUserId, user);
-  CopyField(r.szPassword, pwd);
-  return r;
+  return qltest::PasswordRecord(Hsm(), user, pwd);
 }
 
 int Open(HSESSIONCTX *s, const std::string &user, const std::string &pwd, uint32_t flags) {
@@ -62,7 +49,7 @@ QL_USER_INFO UserRecord(const std::string &name, const std::string &pwd, uint32_
   QL_USER_INFO u;
   std::memset(&u, 0, sizeof u);
   std::memcpy(u.szUserId, name.data(), std::min(name.size(), sizeof u.szUserId));
-  CopyField(u.szPassword, pwd);
+  qltest::CopyField(u.szPassword, pwd);
   u.dwAcl = acl;
   return u;
 }
