@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "option_usage.h"
 
 #ifdef _WIN32
 #include <windows.h>
@@ -58,14 +59,19 @@ int RunDriver(int argc, const char *const *argv, const TEST_FUNCTION *pFunctions
   int nParameters = 0;
   ParseParameters(argc, argv, &pRaw, &nParameters);
   const std::unique_ptr<TEST_PARAMETER[], ParamsDeleter> pTestParam(pRaw);
+  BeginCommandOptions(pTestParam.get(), nParameters);
+  struct OptionsEnd {
+    ~OptionsEnd() { EndCommandOptions(); }
+  } options_end;
 
   const bool bWriteToFile = IsParameterDefined(pTestParam.get(), nParameters, "--retfiles") != 0;
 
   if (nParameters == 0) {
     g_nFunctionRet = kResultUsage;
   } else {
-    const pfn_TestFunction TestFunction =
-        FindFunction(pTestParam.get(), nParameters, functions.data(), nFunctions);
+    const TEST_FUNCTION *row =
+        FindCommandRow(pTestParam.get(), nParameters, functions.data(), nFunctions);
+    const pfn_TestFunction TestFunction = row == nullptr ? nullptr : row->pFunction;
     if (TestFunction == nullptr) {
       g_nFunctionRet = kResultUsage;
     } else {
@@ -77,6 +83,7 @@ int RunDriver(int argc, const char *const *argv, const TEST_FUNCTION *pFunctions
       SetFooterFormat(pszPrintOption != nullptr && strncmp(pszPrintOption, "time", 4) == 0
                           ? kFooterTimeOnly
                           : kFooterFull);
+      SetCommandRow(row);
       QInitialize(0);
       const int nRet = TestFunction(pTestParam.get(), nParameters);
       g_nFunctionRet = nRet;
@@ -203,6 +210,12 @@ void FreeParameters(TEST_PARAMETER *pTestParam) {
 
 pfn_TestFunction FindFunction(TEST_PARAMETER *pTestParam, int nParameters,
                               const TEST_FUNCTION *pFunctions, int nFunctions) {
+  const TEST_FUNCTION *row = FindCommandRow(pTestParam, nParameters, pFunctions, nFunctions);
+  return row == nullptr ? nullptr : row->pFunction;
+}
+
+const TEST_FUNCTION *FindCommandRow(TEST_PARAMETER *pTestParam, int nParameters,
+                                    const TEST_FUNCTION *pFunctions, int nFunctions) {
   if (pTestParam == nullptr || pFunctions == nullptr) {
     return nullptr;
   }
@@ -220,7 +233,7 @@ pfn_TestFunction FindFunction(TEST_PARAMETER *pTestParam, int nParameters,
   for (int i = 0; i < nFunctions; ++i) {
     if (pFunctions[i].FunctionType == kind && pFunctions[i].pszFunctionName != nullptr &&
         strcmp(pFunctions[i].pszFunctionName, typeSwitch->szValue) == 0) {
-      return pFunctions[i].pFunction;
+      return &pFunctions[i];
     }
   }
   return nullptr;

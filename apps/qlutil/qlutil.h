@@ -3,8 +3,10 @@
 // parameter getters, the driver and the help printers.
 //
 // Every getter takes the parameter array and its length first and the switch name (dashes
-// included) third. Getters never print and never change the array; absence, emptiness, a bad
-// number or an unknown word shows only in the result.
+// included) third. Getters never change the array, and absence, emptiness, a bad number or an
+// unknown word shows only in the result; but every switch a getter finds is marked as read (see
+// option_usage.h), and an input file that is missing or empty, or hex that does not parse, gets
+// one line on standard error saying which.
 
 #include <cstddef>
 #include <cstdint>
@@ -40,7 +42,12 @@ typedef struct tag_TEST_FUNCTION {
   const char *pszFunctionName;  // matched against the type switch's value
   pfn_TestFunction pFunction;
   const char *pszDescription;  // summary and usage; not printed by the help screen
+  uint32_t dwFlags = 0;        // kCommand* bits
 } TEST_FUNCTION;
+
+// A row flag: the command removes, resets or replaces something in the HSM. Given a switch it
+// does not read, such a command refuses to run instead of ignoring the switch.
+constexpr uint32_t kCommandDestructive = 1;
 
 // One row of a word table: an accepted option word and the number it stands for.
 typedef struct tag_COMMAND_OPTION_TYPE {
@@ -85,6 +92,9 @@ void FreeParameters(TEST_PARAMETER *pTestParam);
 // and its value, or null. Kind letters and names are case-sensitive.
 pfn_TestFunction FindFunction(TEST_PARAMETER *pTestParam, int nParameters,
                               const TEST_FUNCTION *pFunctions, int nFunctions);
+// The row FindFunction picks, or null.
+const TEST_FUNCTION *FindCommandRow(TEST_PARAMETER *pTestParam, int nParameters,
+                                    const TEST_FUNCTION *pFunctions, int nFunctions);
 
 // The whole run of one invocation: parse, dispatch between QInitialize and QFinalize, help,
 // output file, result file. Returns the process exit code. main() calls it with kCommandTable;

@@ -5,9 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "Output.h"
 #include "common/ql_string_helper.h"
+#include "option_usage.h"
 #include "qlutil.h"
 
 namespace {
@@ -48,6 +50,7 @@ int FindParameter(TEST_PARAMETER *pTestParam, int nParameters, const char *pszNa
   }
   for (int i = 0; i < nParameters; ++i) {
     if (strcmp(pTestParam[i].szParameter, pszName) == 0) {
+      MarkOptionRead(pTestParam, i);
       if (ppszValue != nullptr) {
         *ppszValue = pTestParam[i].szValue;
       }
@@ -111,7 +114,12 @@ std::vector<unsigned char> GetParameterHex(TEST_PARAMETER *pTestParam, int nPara
   if (pszValue == nullptr) {
     return {};
   }
-  return ConvertHexStrToByteVector(pszValue);
+  std::vector<unsigned char> bytes;
+  if (!TryConvertHexStrToByteVector(pszValue, &bytes)) {
+    const std::string text = std::string(pszName) + " is not valid hex";
+    ReportOptionValue(pszName, text.c_str());
+  }
+  return bytes;  // empty when the text is not valid hex
 }
 
 char *GetParameterFileContent(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName,
@@ -124,9 +132,13 @@ char *GetParameterFileContent(TEST_PARAMETER *pTestParam, int nParameters, const
   pBlob->dwDataLen = 0;
   const std::unique_ptr<FILE, FileCloser> file(fopen(pszFile, "rb"));
   if (!file || fseek(file.get(), 0, SEEK_END) != 0) {
+    ReportInputFile(pszName, pszFile, "cannot be read");
     return pszFile;
   }
   const long size = ftell(file.get());
+  if (size == 0) {
+    ReportInputFile(pszName, pszFile, "is empty");
+  }
   // An empty file gives an empty blob; a file of 4 GiB or more does not fit a DBLOB.
   if (size <= 0 || static_cast<unsigned long long>(size) > 0xFFFFFFFFull ||
       fseek(file.get(), 0, SEEK_SET) != 0) {

@@ -1,10 +1,13 @@
 // Connection options, authentication records and session opening.
+#include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "Output.h"
+#include "option_usage.h"
 #include "ql_win_helper.h"
 #include "util.h"
 
@@ -18,8 +21,32 @@ std::string FieldText(const char *field, size_t field_len) {
   return std::string(field, strnlen(field, field_len));
 }
 
-int PortOrDefault(int port) {
-  return port == -1 ? kDefaultHsmPort : port;
+// --port: absent, empty or -1 mean 4433 and 1-65535 is the port. Any other value is refused
+// (0 is answered and the connection is left unloaded, so the command shows its help page):
+// credentials must never go to another HSM because of a typo.
+int LoadPortParam(TEST_PARAMETER *param, int param_count) {
+  char *value = nullptr;
+  if (!FindParameter(param, param_count, "--port", &value)) return kDefaultHsmPort;
+  std::string text = value;
+  // "--port -5": a value starting with a dash was parsed as a switch of its own. It is the port's
+  // value all the same, so that "-1" keeps meaning 4433 and "-5" is refused.
+  const auto *entry = reinterpret_cast<const TEST_PARAMETER *>(
+      reinterpret_cast<const char *>(value) - offsetof(TEST_PARAMETER, szValue));
+  const int index = static_cast<int>(entry - param);
+  if (text.empty() && index + 1 < param_count) {
+    const char *next = param[index + 1].szParameter;
+    if (next[0] == '-' && next[1] >= '0' && next[1] <= '9' && param[index + 1].szValue[0] == '\0') {
+      text = next;
+      MarkOptionRead(param, index + 1);
+    }
+  }
+  if (text.empty() || text == "-1") return kDefaultHsmPort;
+  const int port = atoi(text.c_str());
+  if (port >= 1 && port <= 65535) return port;
+  const std::string line =
+      "--port " + text + " is not a port number (1-65535, or -1 for 4433); refused";
+  ReportOptionValue("--port", line.c_str());
+  return 0;
 }
 
 // Reads the whole file into a QAlloc buffer one byte longer than the file, that
@@ -60,7 +87,8 @@ void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_c
   const char *password = GetParameterStr(param, param_count, "-w");
   const char *address = GetParameterStr(param, param_count, "-a");
   const char *user = GetParameterStr(param, param_count, "-u");
-  const int port = PortOrDefault(GetParameterInt(param, param_count, "--port"));
+  const int port = LoadPortParam(param, param_count);
+  if (port == 0) return;
 
   if (IsUserPwdConnection(address, user, password)) {
     SetupUserPwdConnection(ti, address, user, password, port);
@@ -81,9 +109,11 @@ void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_c
 }
 
 void LoadAnonymousConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
+  const int port = LoadPortParam(param, param_count);
+  // A refused port leaves the address empty: the command cannot connect.
   CopyFixedField(ti->stAuthPwdEx.szAddr, sizeof ti->stAuthPwdEx.szAddr,
-                 GetParameterStr(param, param_count, "-a"));
-  ti->stAuthPwdEx.nPort = PortOrDefault(GetParameterInt(param, param_count, "--port"));
+                 port == 0 ? nullptr : GetParameterStr(param, param_count, "-a"));
+  ti->stAuthPwdEx.nPort = port;
   ti->dwAuthParam = kAuthAnonymous;
   ti->stAuthPwdEx.pbStrongAuth = nullptr;
   ti->stAuthPwdEx.nStrongAuthLen = 0;

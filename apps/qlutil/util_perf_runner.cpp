@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "option_usage.h"
 #include "util.h"
 #include "util_report.h"
 
@@ -52,6 +53,8 @@ class StatsSampler {
 int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback InitializeTest,
                            pfn_InitFinCallback FinalizeTest, pfn_InitializeThread InitializeThread,
                            pfn_FinalizeThread FinalizeThread, void *pTestInfo, size_t cbTestInfo) {
+  // Switches the command never read are reported before anything reaches the HSM.
+  if (CheckUnreadOptions()) return kResultUsage;
   runner_detail::EnsureHsmVersionQuery();
   auto *ti = static_cast<THREAD_INFO *>(pTestInfo);
   int ErrorCode = kRunnerNoError;

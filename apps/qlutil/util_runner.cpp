@@ -4,12 +4,15 @@
 #include <memory>
 #include <vector>
 
+#include "option_usage.h"
 #include "util.h"
 #include "util_report.h"
 
 using runner_detail::CopyAt;
 
 int ExecuteTestThreads(pfn_TestThread ThreadFunc, void *pTestInfo, size_t cbTestInfo) {
+  // Switches the command never read are reported before anything reaches the HSM.
+  if (CheckUnreadOptions()) return kResultUsage;
   runner_detail::EnsureHsmVersionQuery();
   auto *ti = static_cast<THREAD_INFO *>(pTestInfo);
   int ErrorCode = kRunnerNoError;

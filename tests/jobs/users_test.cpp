@@ -93,6 +93,22 @@ TEST_F(UserJobs, Refusals) {
   EXPECT_NE(r.out.find(ErrorLine("BlockUser", 5020)), std::string::npos) << r.out;
 }
 
+TEST_F(UserJobs, MisspeltSwitchRemovesNobody) {
+  MustRun("create-user", {"-un", "dave", "-pwd", "12345678"});
+  // remove-user has no -dryrun: it refuses with its help page instead of removing.
+  RunResult r = Job("remove-user", {"-un", "dave", "-dryrun"});
+  EXPECT_EQ(r.exitCode, ExitOf(-1));
+  EXPECT_NE(r.out.find("DESCRIPTION"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("removed"), std::string::npos) << r.out;
+  EXPECT_NE(MustRun("list-users").find("dave\r\n"), std::string::npos);
+  // A refused --port sends nothing anywhere: the user is still there.
+  r = RunCommand(std::string(QLUTIL_BIN) + " -j remove-user -a 127.0.0.1 --port -5 -u master -w " +
+                 kMasterPassword + " -un dave");
+  EXPECT_EQ(r.exitCode, ExitOf(-1)) << r.out;
+  EXPECT_NE(MustRun("list-users").find("dave\r\n"), std::string::npos);
+  MustRun("remove-user", {"-un", "dave"});
+}
+
 TEST_F(UserJobs, OperatorSwitchGivesOperatorOnly) {
   EXPECT_NE(MustRun("create-user", {"-un", "op", "-pwd", "12345678", "-operator", "-usr_list"})
                 .find("(access mask 0x00000080)"),

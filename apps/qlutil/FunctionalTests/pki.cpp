@@ -10,6 +10,7 @@
 #include "Output.h"
 #include "PerformanceTests/perf_common.h"
 #include "func_common.h"
+#include "option_usage.h"
 
 using namespace qlfunc;
 
@@ -237,7 +238,10 @@ const char *GetPkcs12FileParameter(TEST_PARAMETER *pTestParam, int nParameters) 
   bool seenKind = false;
   for (int i = 0; i < nParameters; ++i) {
     if (strcmp(pTestParam[i].szParameter, "-f") != 0) continue;
-    if (seenKind) return pTestParam[i].szValue;
+    if (seenKind) {
+      MarkOptionRead(pTestParam, i);
+      return pTestParam[i].szValue;
+    }
     seenKind = true;
   }
   return nullptr;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <memory>
 
+#include "option_usage.h"
+
 uint32_t LoadGenericKeyFlagsParameters(TEST_PARAMETER *pTestParam, int nParameters) {
   uint32_t flags = 0;
   if (GetParameterInt(pTestParam, nParameters, "-exp") == 1) flags |= QL_KEY_EXPORTABLE;
@@ -27,7 +29,7 @@ void ForceSingleJobRun(THREAD_INFO *ti) {
 int StartJob(pfn_TestThread routine, THREAD_INFO *ti, size_t record_size, bool is_anonymous,
              bool options_ok, void (*show_help)()) {
   int result = kResultSuccess;
-  if (CheckConnectionFlags(ti, is_anonymous) && options_ok) {
+  if (CheckConnectionFlags(ti, is_anonymous) && options_ok && !CheckUnreadOptions()) {
     result = kResultJobStarting;
     result = ExecuteTestThreads(routine, ti, record_size);
     return result;
@@ -100,7 +102,12 @@ bool ReadJobData(TEST_PARAMETER *pTestParam, int nParameters, const char *pszNam
   if (inform != kFile) return false;
   const char *path = GetParameterStr(pTestParam, nParameters, pszName);
   if (path == nullptr || *path == '\0') return false;
-  return ReadLocalFile(path, data) && !data->empty();
+  if (!ReadLocalFile(path, data)) {
+    ReportInputFile(pszName, path, "cannot be read");
+    return false;
+  }
+  if (data->empty()) ReportInputFile(pszName, path, "is empty");
+  return !data->empty();
 }
 
 bool WriteLocalFile(const char *path, const unsigned char *data, size_t len) {

@@ -8,6 +8,7 @@
 
 #include "job.h"
 #include "jobs/job_frame.h"
+#include "option_usage.h"
 
 typedef struct _JOB_ATOKEN_INFO {
   THREAD_INFO ti;
@@ -170,7 +171,11 @@ int JobRevokeAToken(TEST_PARAMETER *pTestParam, int nParameters) {
   const char *token_file = GetParameterStr(pTestParam, nParameters, "-tkf");
   if (IsGivenText(token_file)) {
     Bytes data;
-    ok = ok && ReadLocalFile(token_file, &data);
+    if (!ReadLocalFile(token_file, &data))
+      ReportInputFile("-tkf", token_file, "cannot be read");
+    else if (data.empty())
+      ReportInputFile("-tkf", token_file, "is empty");
+    ok = ok && !data.empty();
     text.assign(data.begin(), data.end());
   } else if (IsGivenText(token)) {
     text = token;
