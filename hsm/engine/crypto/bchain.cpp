@@ -35,20 +35,7 @@ const secp256k1_context *Ctx() {
 }
 
 Result<SecretBytes> HmacSha512(ByteView key, ByteView data) {
-  EVP_MAC *mac = ossl::Mac("HMAC");
-  if (mac == nullptr) return Status(Code::kNotSupported, "HMAC");
-  ossl::MacCtxPtr ctx(EVP_MAC_CTX_new(mac));
-  OSSL_PARAM params[2] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, const_cast<char *>("SHA512"), 0),
-      OSSL_PARAM_construct_end()};
-  SecretBytes out(64);
-  size_t len = 0;
-  if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1 ||
-      EVP_MAC_update(ctx.get(), data.data(), data.size()) != 1 ||
-      EVP_MAC_final(ctx.get(), out.data(), &len, out.size()) != 1) {
-    return ossl::Fail("HMAC-SHA512");
-  }
-  return out;
+  return ossl::ComputeMac("HMAC", OSSL_MAC_PARAM_DIGEST, "SHA512", key, {data});
 }
 
 bool ParsePoint(ByteView bytes, secp256k1_pubkey *point) {

@@ -29,21 +29,13 @@ Result<std::string> Hotp(ByteView seed, uint64_t counter, unsigned digits, OathH
   if (digest == nullptr) return Status(Code::kBadArgument, "unknown OTP hash");
   if (digits < 6 || digits > 8) return Status(Code::kBadArgument, "OTPs have 6 to 8 digits");
   if (seed.empty()) return Status(Code::kBadLength, "empty seed");
-  EVP_MAC *mac = ossl::Mac("HMAC");
-  if (mac == nullptr) return Status(Code::kNotSupported, "HMAC");
-  ossl::MacCtxPtr ctx(EVP_MAC_CTX_new(mac));
-  OSSL_PARAM params[2] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, const_cast<char *>(digest), 0),
-      OSSL_PARAM_construct_end()};
   uint8_t message[8];
   for (int i = 7; i >= 0; --i, counter >>= 8) message[i] = static_cast<uint8_t>(counter);
-  uint8_t out[64];
-  size_t len = 0;
-  if (!ctx || EVP_MAC_init(ctx.get(), seed.data(), seed.size(), params) != 1 ||
-      EVP_MAC_update(ctx.get(), message, sizeof message) != 1 ||
-      EVP_MAC_final(ctx.get(), out, &len, sizeof out) != 1) {
-    return ossl::Fail("HMAC");
-  }
+  Result<SecretBytes> mac =
+      ossl::ComputeMac("HMAC", OSSL_MAC_PARAM_DIGEST, digest, seed, {message});
+  if (!mac.ok()) return mac.status();
+  const uint8_t *out = mac->data();
+  const size_t len = mac->size();
   const size_t offset = out[len - 1] & 0x0F;
   const uint32_t code = (static_cast<uint32_t>(out[offset] & 0x7F) << 24) |
                         (static_cast<uint32_t>(out[offset + 1]) << 16) |

@@ -99,6 +99,26 @@ EVP_MAC *Mac(const std::string &name) {
   return Ctx().Cached(Ctx().macs_, name, EVP_MAC_fetch);
 }
 
+Result<SecretBytes> ComputeMac(const char *name, const char *param, const char *value, ByteView key,
+                               std::initializer_list<ByteView> parts) {
+  EVP_MAC *mac = Mac(name);
+  if (mac == nullptr) return Status(Code::kNotSupported, name);
+  MacCtxPtr ctx(EVP_MAC_CTX_new(mac));
+  OSSL_PARAM params[2] = {OSSL_PARAM_construct_utf8_string(param, const_cast<char *>(value), 0),
+                          OSSL_PARAM_construct_end()};
+  if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1) {
+    return Fail("EVP_MAC_init");
+  }
+  for (ByteView part : parts) {
+    if (EVP_MAC_update(ctx.get(), part.data(), part.size()) != 1) return Fail("EVP_MAC_update");
+  }
+  SecretBytes out(EVP_MAX_MD_SIZE);
+  size_t len = 0;
+  if (EVP_MAC_final(ctx.get(), out.data(), &len, out.size()) != 1) return Fail("EVP_MAC_final");
+  out.resize(len);
+  return out;
+}
+
 Status Fail(const char *what) {
   std::string detail = what;
   unsigned long err;

@@ -9,6 +9,7 @@
 #include <openssl/evp.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <span>
 #include <string>
@@ -49,6 +50,11 @@ bool HasLegacy();
 const EVP_CIPHER *Cipher(const std::string &name);
 const EVP_MD *Digest(const std::string &name);
 EVP_MAC *Mac(const std::string &name);
+
+// One MAC over the parts, one after the other: "HMAC" with `param` OSSL_MAC_PARAM_DIGEST, or
+// "CMAC" with OSSL_MAC_PARAM_CIPHER, and `value` the digest or cipher name.
+Result<SecretBytes> ComputeMac(const char *name, const char *param, const char *value, ByteView key,
+                               std::initializer_list<ByteView> parts);
 
 // An internal-error status naming the failed step, with OpenSSL's error queue drained into it.
 Status Fail(const char *what);

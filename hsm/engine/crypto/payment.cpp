@@ -132,21 +132,10 @@ Result<SecretBytes> RunCipher(const char *name, ByteView key, ByteView iv, ByteV
 }
 
 Result<Bytes> RunCmac(const char *cipher_name, ByteView key, ByteView data) {
-  EVP_MAC *mac = ossl::Mac("CMAC");
-  if (mac == nullptr) return Status(Code::kNotSupported, "CMAC");
-  ossl::MacCtxPtr ctx(EVP_MAC_CTX_new(mac));
-  OSSL_PARAM params[2] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_CIPHER, const_cast<char *>(cipher_name), 0),
-      OSSL_PARAM_construct_end()};
-  Bytes out(16);
-  size_t len = 0;
-  if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1 ||
-      EVP_MAC_update(ctx.get(), data.data(), data.size()) != 1 ||
-      EVP_MAC_final(ctx.get(), out.data(), &len, out.size()) != 1) {
-    return ossl::Fail("CMAC");
-  }
-  out.resize(len);
-  return out;
+  Result<SecretBytes> mac =
+      ossl::ComputeMac("CMAC", OSSL_MAC_PARAM_CIPHER, cipher_name, key, {data});
+  if (!mac.ok()) return mac.status();
+  return Bytes(mac->begin(), mac->end());
 }
 
 // The 12 PAN digits left of the check digit, zero-filled on the left for short PANs.

@@ -95,21 +95,7 @@ const EVP_CIPHER *GcmCipher(size_t key_len) {
 }
 
 Result<SecretBytes> HmacSha256(ByteView key, ByteView a, ByteView b) {
-  EVP_MAC *mac = ossl::Mac("HMAC");
-  if (mac == nullptr) return Status(Code::kNotSupported, "HMAC");
-  ossl::MacCtxPtr ctx(EVP_MAC_CTX_new(mac));
-  OSSL_PARAM params[2] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, const_cast<char *>("SHA256"), 0),
-      OSSL_PARAM_construct_end()};
-  SecretBytes out(32);
-  size_t len = 0;
-  if (!ctx || EVP_MAC_init(ctx.get(), key.data(), key.size(), params) != 1 ||
-      EVP_MAC_update(ctx.get(), a.data(), a.size()) != 1 ||
-      EVP_MAC_update(ctx.get(), b.data(), b.size()) != 1 ||
-      EVP_MAC_final(ctx.get(), out.data(), &len, out.size()) != 1) {
-    return ossl::Fail("HMAC");
-  }
-  return out;
+  return ossl::ComputeMac("HMAC", OSSL_MAC_PARAM_DIGEST, "SHA256", key, {a, b});
 }
 
 }  // namespace

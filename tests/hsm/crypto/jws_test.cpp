@@ -21,15 +21,17 @@ BIGNUM *Bn(std::string_view b64url) {
   return BN_bin2bn(b.data(), static_cast<int>(b.size()), nullptr);
 }
 
-KeyPtr ToKey(EVP_PKEY *pkey, AlgId alg) {
-  PKCS8_PRIV_KEY_INFO *p8 = EVP_PKEY2PKCS8(pkey);
-  unsigned char *der = nullptr;
-  const int len = i2d_PKCS8_PRIV_KEY_INFO(p8, &der);
-  const Bytes pkcs8(der, der + len);
-  OPENSSL_free(der);
-  PKCS8_PRIV_KEY_INFO_free(p8);
-  EVP_PKEY_free(pkey);
-  return *Key::FromPkcs8(alg, pkcs8, true);
+// A key pair of the type from the parameters; frees the builder.
+EVP_PKEY *KeyPairFromParams(const char *type, OSSL_PARAM_BLD *bld) {
+  OSSL_PARAM *params = OSSL_PARAM_BLD_to_param(bld);
+  EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr);
+  EVP_PKEY *pkey = nullptr;
+  EVP_PKEY_fromdata_init(pctx);
+  EVP_PKEY_fromdata(pctx, &pkey, EVP_PKEY_KEYPAIR, params);
+  EVP_PKEY_CTX_free(pctx);
+  OSSL_PARAM_free(params);
+  OSSL_PARAM_BLD_free(bld);
+  return pkey;
 }
 
 // RFC 7515 Appendix A.2's RSA key, from its primes (n is checked against the published one).
@@ -71,17 +73,10 @@ KeyPtr Rfc7515RsaKey() {
   OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_EXPONENT1, dp);
   OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_EXPONENT2, dq);
   OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_RSA_COEFFICIENT1, qi);
-  OSSL_PARAM *params = OSSL_PARAM_BLD_to_param(bld);
-  EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr);
-  EVP_PKEY *pkey = nullptr;
-  EVP_PKEY_fromdata_init(pctx);
-  EVP_PKEY_fromdata(pctx, &pkey, EVP_PKEY_KEYPAIR, params);
-  EVP_PKEY_CTX_free(pctx);
-  OSSL_PARAM_free(params);
-  OSSL_PARAM_BLD_free(bld);
+  EVP_PKEY *pkey = KeyPairFromParams("RSA", bld);
   for (BIGNUM *bn : {p, q, e, n, d, p1, q1, phi, dp, dq, qi}) BN_free(bn);
   BN_CTX_free(ctx);
-  return ToKey(pkey, alg::kRsa2048);
+  return testing::KeyFromPkey(pkey, alg::kRsa2048);
 }
 
 // RFC 7515 Appendix A.3's P-256 key.
@@ -96,16 +91,9 @@ KeyPtr Rfc7515EcKey() {
   OSSL_PARAM_BLD_push_utf8_string(bld, OSSL_PKEY_PARAM_GROUP_NAME, "prime256v1", 0);
   OSSL_PARAM_BLD_push_octet_string(bld, OSSL_PKEY_PARAM_PUB_KEY, pub.data(), pub.size());
   OSSL_PARAM_BLD_push_BN(bld, OSSL_PKEY_PARAM_PRIV_KEY, d);
-  OSSL_PARAM *params = OSSL_PARAM_BLD_to_param(bld);
-  EVP_PKEY_CTX *pctx = EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr);
-  EVP_PKEY *pkey = nullptr;
-  EVP_PKEY_fromdata_init(pctx);
-  EVP_PKEY_fromdata(pctx, &pkey, EVP_PKEY_KEYPAIR, params);
-  EVP_PKEY_CTX_free(pctx);
-  OSSL_PARAM_free(params);
-  OSSL_PARAM_BLD_free(bld);
+  EVP_PKEY *pkey = KeyPairFromParams("EC", bld);
   BN_free(d);
-  return ToKey(pkey, alg::kSecp256r1);
+  return testing::KeyFromPkey(pkey, alg::kSecp256r1);
 }
 
 const std::string kPayload =

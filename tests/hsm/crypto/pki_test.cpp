@@ -71,15 +71,8 @@ openssl req -x509 -newkey rsa:2048 -nodes -keyout other.key -out other.pem -subj
     const Bytes pem = ReadAll(dir_ / name);
     BIO *bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
     EVP_PKEY *pkey = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
-    PKCS8_PRIV_KEY_INFO *p8 = EVP_PKEY2PKCS8(pkey);
-    unsigned char *der = nullptr;
-    const int len = i2d_PKCS8_PRIV_KEY_INFO(p8, &der);
-    const Bytes pkcs8(der, der + len);
-    OPENSSL_free(der);
-    PKCS8_PRIV_KEY_INFO_free(p8);
-    EVP_PKEY_free(pkey);
     BIO_free(bio);
-    return *Key::FromPkcs8(alg::kRsa2048, pkcs8, true);
+    return testing::KeyFromPkey(pkey, alg::kRsa2048);
   }
   static bool Openssl(const std::string &args) {
     const std::string cmd = "cd '" + dir_.string() + "' && openssl " + args + " >/dev/null 2>&1";

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <openssl/x509.h>
 
 #include <fstream>
 #include <sstream>
@@ -77,6 +78,21 @@ inline KeyPtr DataRsaKey(unsigned bits) {
   while (!b64.empty() && b64[b64.size() - 1 - pad] == '=') ++pad;
   der.resize(static_cast<size_t>(len) - pad);
   auto key = Key::FromPkcs8(0, der, false);
+  EXPECT_TRUE(key.ok()) << key.status().detail();
+  return key.ok() ? *key : nullptr;
+}
+
+// A key made by OpenSSL elsewhere (a PEM file, key parameters), taken over through PKCS#8.
+// Frees `pkey`.
+inline KeyPtr KeyFromPkey(EVP_PKEY *pkey, AlgId alg) {
+  PKCS8_PRIV_KEY_INFO *p8 = EVP_PKEY2PKCS8(pkey);
+  unsigned char *der = nullptr;
+  const int len = i2d_PKCS8_PRIV_KEY_INFO(p8, &der);
+  const Bytes pkcs8(der, der + (len > 0 ? len : 0));
+  OPENSSL_free(der);
+  PKCS8_PRIV_KEY_INFO_free(p8);
+  EVP_PKEY_free(pkey);
+  auto key = Key::FromPkcs8(alg, pkcs8, true);
   EXPECT_TRUE(key.ok()) << key.status().detail();
   return key.ok() ? *key : nullptr;
 }
