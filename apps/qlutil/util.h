@@ -41,6 +41,8 @@ constexpr int kDefaultHsmPort = 4433;
 constexpr int kRunnerNoError = 9999;
 // Recorded in the first copy's Error when a thread clean-up throws.
 constexpr int kRunnerCleanupException = 555555;
+// A performance run whose threads could not all be started (the ones started are stopped).
+constexpr int kRunnerThreadStartFailed = 1;
 // Default HSM statistics sampling interval.
 constexpr uint32_t kDefaultStatsIntervalMs = 500;
 
@@ -232,7 +234,10 @@ int ExecuteTestThreads(pfn_TestThread ThreadFunc, void *pTestInfo, size_t cbTest
 
 // The performance runner: InitializeTest (may be null) on the record; per copy, in index order,
 // InitializeThread; the threads, timed; FinalizeThread per copy; FinalizeTest (may be null).
-// Samples the HSM's load alongside when asked. Returns 100000 or an error code.
+// Samples the HSM's load alongside when asked. Every copy whose InitializeThread succeeded gets
+// its FinalizeThread and, once InitializeTest succeeded, FinalizeTest is called, whatever failed
+// in between. Any failing callback or thread start fails the run (the error footer and row):
+// the result is the first such code, else the lowest-indexed thread's Error; 100000 on success.
 int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback InitializeTest,
                            pfn_InitFinCallback FinalizeTest, pfn_InitializeThread InitializeThread,
                            pfn_FinalizeThread FinalizeThread, void *pTestInfo, size_t cbTestInfo);

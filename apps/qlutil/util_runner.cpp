@@ -10,6 +10,8 @@
 using runner_detail::CopyAt;
 
 int ExecuteTestThreads(pfn_TestThread ThreadFunc, void *pTestInfo, size_t cbTestInfo) {
+  // Checks of the command line as a whole go here: nothing has been started or asked of the
+  // HSM yet.
   runner_detail::EnsureHsmVersionQuery();
   auto *ti = static_cast<THREAD_INFO *>(pTestInfo);
   int ErrorCode = kRunnerNoError;

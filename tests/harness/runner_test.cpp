@@ -219,58 +219,52 @@ TEST_F(RunnerTest, PerfTestInitFailureStopsEverything) {
   EXPECT_EQ(ReadFile("out.csv"), "") << "nothing goes to the result file";
 }
 
-TEST_F(RunnerTest, PerfThreadInitFailureStartsNoThreadAndFinalizesNoCopy) {
+TEST_F(RunnerTest, PerfThreadInitFailureStartsNoThreadYetReleasesTheCopiesSetUp) {
   record_.thread_init_fail_at = 1;
-  record_.test_fin_result = 0;
-  // Without FinalizeTest: the error path with the code.
-  EXPECT_EQ(RunPerf(false), 9);
-  EXPECT_EQ(out_, "Failed to initialize test thread: 9\n\r\nError during the test!\r\n");
-  EXPECT_EQ(shared_.calls, (std::vector<std::string>{"ThreadInit0", "ThreadInit1"}));
-  EXPECT_EQ(TotalOperations(), 0);
-}
-
-TEST_F(RunnerTest, PerfThreadInitFailureWithCleanFinalizeTestTakesTheSuccessPathYetFails) {
-  record_.thread_init_fail_at = 1;
-  SetFooterFormat(kFooterTimeOnly);
+  ASSERT_TRUE(OpenFileOutput("out.csv"));
   EXPECT_EQ(RunPerf(), 9);
-  EXPECT_EQ(shared_.calls,
-            (std::vector<std::string>{"TestInit", "ThreadInit0", "ThreadInit1", "TestFin"}));
-  // FinalizeTest's 0 cleared nRet: a footer over no measured time.
-  EXPECT_EQ(out_.rfind("Failed to initialize test thread: 9\n", 0), 0u) << out_;
-  EXPECT_FALSE(Contains(out_, "Error during the test!"));
+  EXPECT_EQ(shared_.calls, (std::vector<std::string>{"TestInit", "ThreadInit0", "ThreadInit1",
+                                                     "ThreadFin0", "TestFin"}));
+  EXPECT_EQ(TotalOperations(), 0);
+  EXPECT_EQ(out_, "Failed to initialize test thread: 9\n\r\nError during the test!\r\n");
+  CloseFileOutput();
+  EXPECT_TRUE(Contains(ReadFile("out.csv"), "\"9\"")) << "the row carries the failure";
 }
 
-TEST_F(RunnerTest, PerfThreadFinFailureStopsTheFinalizeLoop) {
+TEST_F(RunnerTest, PerfThreadFinFailureStillReleasesTheOtherCopies) {
   record_.thread_fin_fail_at = 1;
   EXPECT_EQ(RunPerf(false), 5);
   EXPECT_EQ(shared_.calls, (std::vector<std::string>{"ThreadInit0", "ThreadInit1", "ThreadInit2",
-                                                     "ThreadFin0", "ThreadFin1"}));
+                                                     "ThreadFin0", "ThreadFin1", "ThreadFin2"}));
   EXPECT_EQ(out_, "Failed to finalize test thread: 5\n\r\nError during the test!\r\n");
 }
 
-TEST_F(RunnerTest, PerfThreadFinExceptionMarksTheFirstCopy) {
-  record_.thread_fin_fail_at = 2;
+TEST_F(RunnerTest, PerfThreadFinExceptionMarksTheFirstCopyAndTheRestAreReleased) {
+  record_.thread_fin_fail_at = 0;
   record_.thread_fin_throws = true;
-  EXPECT_EQ(RunPerf(false), 555555);
+  EXPECT_EQ(RunPerf(), 555555);
+  EXPECT_EQ(shared_.calls,
+            (std::vector<std::string>{"TestInit", "ThreadInit0", "ThreadInit1", "ThreadInit2",
+                                      "ThreadFin0", "ThreadFin1", "ThreadFin2", "TestFin"}));
   EXPECT_EQ(out_, "*** Exception ***\r\n\r\nError during the test!\r\n");
 }
 
-TEST_F(RunnerTest, PerfFinalizeTestFailureHidesTheFooterAndReturnsSuccess) {
+TEST_F(RunnerTest, PerfFinalizeTestFailureFailsTheRun) {
   record_.test_fin_result = 7;
   ASSERT_TRUE(OpenFileOutput("out.csv"));
-  EXPECT_EQ(RunPerf(), kResultSuccess);
-  EXPECT_EQ(out_, "Failed to finalize test: 7\n");
+  EXPECT_EQ(RunPerf(), 7);
+  EXPECT_EQ(out_, "Failed to finalize test: 7\n\r\nError during the test!\r\n");
   CloseFileOutput();
-  EXPECT_EQ(ReadFile("out.csv"), "");
+  EXPECT_TRUE(Contains(ReadFile("out.csv"), "\"7\"")) << "the row carries the failure";
 }
 
-TEST_F(RunnerTest, PerfFinalizeTestResultReplacesAThreadFinFailure) {
+TEST_F(RunnerTest, PerfFirstFailureWinsOverALaterFinalizeTestFailure) {
   record_.thread_fin_fail_at = 0;
-  record_.test_fin_result = 0;
-  SetFooterFormat(kFooterTimeOnly);
-  EXPECT_EQ(RunPerf(), kResultSuccess);
-  EXPECT_EQ(out_.rfind("Failed to finalize test thread: 5\n", 0), 0u);
-  EXPECT_FALSE(Contains(out_, "Error during the test!"));
+  record_.test_fin_result = 7;
+  EXPECT_EQ(RunPerf(), 5);
+  EXPECT_EQ(out_,
+            "Failed to finalize test thread: 5\nFailed to finalize test: 7\n\r\nError during the "
+            "test!\r\n");
 }
 
 TEST_F(RunnerTest, PerfLowestIndexedErrorWins) {

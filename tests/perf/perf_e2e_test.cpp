@@ -55,8 +55,7 @@ std::string QlutilPath() {
 // A master session of the test's own, for probes and object listings.
 class Session {
  public:
-  Session() {
-    qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
+  explicit Session(const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
     AUTH_PWD_EX auth;
     std::memset(&auth, 0, sizeof(auth));
     std::snprintf(auth.szAddr, sizeof(auth.szAddr), "%s", hsm.address().c_str());
@@ -83,8 +82,9 @@ int CollectName(void *param, const char *name, int last) {
   return 0;
 }
 
-std::vector<std::string> ListObjects() {
-  Session s;
+std::vector<std::string> ListObjects(
+    const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
+  Session s(hsm);
   std::vector<std::string> names;
   if (s.rc() != 0 || QListObjs(s.get(), CollectName, &names) != 0) return {"<listing failed>"};
   std::sort(names.begin(), names.end());
@@ -225,8 +225,8 @@ class PerfE2E : public ::testing::Test {
   void TearDown() override { std::filesystem::remove_all(dir_); }
 
   // qlutil in the test's folder, connected to the shared daemon as master.
-  RunResult Run(const std::string &args, const std::string &password = kMasterPassword) {
-    qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
+  RunResult Run(const std::string &args, const std::string &password = kMasterPassword,
+                const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
     const std::string cmd = "cd '" + dir_.string() + "' && '" + QlutilPath() + "' -a " +
                             hsm.address() + " --port " + std::to_string(hsm.port()) +
                             " -u master -w '" + password + "' " + args;
@@ -546,6 +546,21 @@ TEST_F(PerfE2E, WrongPasswordPrintsTheConnectMessageAndExitsWithTheLibraryCode) 
     EXPECT_EQ(r.out.substr(0, r.out.find('\n') + 1), c.first_line) << r.out;
     EXPECT_EQ(Read("qlutil_result"), "5001");
   }
+}
+
+TEST_F(PerfE2E, ThreadsSetUpBeforeAFailingOneLeaveNoKeyBehind) {
+  // One session at a time: the second thread cannot connect once the first holds its session
+  // and its temporary key.
+  qltest::HsmOptions options;
+  options.master_password = kMasterPassword;
+  options.serve_args = {"--max-sessions", "1"};
+  qltest::HsmProcess hsm(options);
+  const RunResult r =
+      Run("-p sign-hashed-data -t 2 -i 5 -h sha256 -k rsa1024", kMasterPassword, hsm);
+  EXPECT_NE(r.exit_code, 0) << r.out;
+  EXPECT_EQ(r.out.rfind("[PerfSignHashedDataThreadInit] Fail in ConnectEx. rc = ", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("\r\nError during the test!\r\n"), std::string::npos) << r.out;
+  EXPECT_EQ(ListObjects(hsm), std::vector<std::string>{}) << r.out;
 }
 
 TEST_F(PerfE2E, KeyNamedWithKnIsUsedAndSurvives) {
