@@ -10,7 +10,7 @@
 #include "Output.h"
 #include "fake_qlapi.h"
 #include "harness_test_util.h"
-#include "util.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 #include "jobs/obj_info.h"
 
 namespace {

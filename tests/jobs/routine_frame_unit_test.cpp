@@ -8,7 +8,7 @@
 #include <string>
 
 #include "arch.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -18,10 +18,9 @@
 
 #include "ACLTests.h"
 #include "ACLTests/acl_tables.h"
-#include "FunctionalTests/func_common.h"
+#include "harness/harness.h"
 #include "Output.h"
 
-using namespace qlfunc;
 
 namespace {
 

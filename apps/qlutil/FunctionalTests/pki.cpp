@@ -8,10 +8,8 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "PerformanceTests/perf_common.h"
-#include "func_common.h"
+#include "harness/harness.h"
 
-using namespace qlfunc;
 
 namespace {
 

@@ -8,9 +8,8 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "func_common.h"
+#include "harness/harness.h"
 
-using namespace qlfunc;
 
 namespace {
 

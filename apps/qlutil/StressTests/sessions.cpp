@@ -4,12 +4,10 @@
 #include <cstring>
 #include <vector>
 
-#include "FunctionalTests/func_common.h"
+#include "harness/harness.h"
 #include "Output.h"
 #include "StressTests.h"
-#include "StressTests/stress_common.h"
 
-using namespace qlfunc;
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 #include "section_table.h"
 
 typedef struct _JOB_ADMIN_INFO {
@@ -19,7 +19,7 @@ typedef struct _JOB_ADMIN_INFO {
 
 namespace {
 
-int OpenSession(THREAD_INFO *ti, JobSessionOwner *session, bool anonymous) {
+int OpenSession(THREAD_INFO *ti, SessionOwner *session, bool anonymous) {
   const int rc = anonymous ? ConnectAnonymous(session->Put(), ti) : ConnectEx(session->Put(), ti);
   if (rc != 0) PrintJobError("ConnectEx", rc);
   return rc;
@@ -46,7 +46,7 @@ int CountName(void *param, const char *name, int last) {
 }
 
 int InfoWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session, false);
   if (rc != 0) return rc;
   QL_HSM_INFO info{};
@@ -116,7 +116,7 @@ void ShowJobBackupHelp() {
 }
 
 int BackupWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session, false);
   if (rc != 0) return rc;
   rc = QBackupData(session.Get(), job->pszFile, job->pszPin, 0);
@@ -139,7 +139,7 @@ void ShowJobProbeHelp() {
 }
 
 int ProbeWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session, true);
   if (rc != 0) return rc;
   uint32_t state = 0;
@@ -201,7 +201,7 @@ bool ParseDateTime(const char *text, uint64_t *seconds) {
 }
 
 int SetDateTimeWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session, false);
   if (rc != 0) return rc;
   rc = QAdmOperation(session.Get(), QL_ADM_SET_DATE_TIME, &job->qwTime, sizeof job->qwTime, nullptr,

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 
 namespace {
 
@@ -34,13 +34,13 @@ bool IsModeWord(uint32_t mode) {
   }
 }
 
-int OpenSession(THREAD_INFO *ti, JobSessionOwner *session) {
+int OpenSession(THREAD_INFO *ti, SessionOwner *session) {
   const int rc = ConnectEx(session->Put(), ti);
   if (rc != 0) PrintJobError("ConnectEx", rc);
   return rc;
 }
 
-int OpenKey(HSESSIONCTX session, const char *name, JobKeyOwner *key) {
+int OpenKey(HSESSIONCTX session, const char *name, KeyOwner *key) {
   const int rc = QGetUserKey(session, name, 0, key->Put());
   if (rc != 0) PrintJobError("QGetUserKey", rc);
   return rc;
@@ -69,7 +69,7 @@ void PrintSignInformHelp() {
 
 // A hash of the job's data: hashed here through the library, or a value computed elsewhere.
 int MakeHash(HSESSIONCTX session, uint32_t alg, const Bytes &data, bool is_hash,
-             JobHashOwner *hash) {
+             HashOwner *hash) {
   int rc = QCreateHash(session, alg, nullptr, 0, hash->Put());
   if (rc != 0) {
     PrintJobError("QCreateHash", rc);
@@ -108,7 +108,7 @@ void ShowJobGenRandHelp() {
 }
 
 int GenRandWork(JOB_GEN_RAND_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session);
   if (rc != 0) return rc;
   Bytes data(job->dwLen);
@@ -168,15 +168,15 @@ void ShowJobHashHelp() {
 }
 
 int HashWork(JOB_HASH_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session);
   if (rc != 0) return rc;
-  JobKeyOwner key;
+  KeyOwner key;
   if (job->pszKeyName != nullptr) {
     rc = OpenKey(session.Get(), job->pszKeyName, &key);
     if (rc != 0) return rc;
   }
-  JobHashOwner hash;
+  HashOwner hash;
   rc = QCreateHash(session.Get(), job->nHashAlgId, key.Get(), 0, hash.Put());
   if (rc != 0) {
     PrintJobError("QCreateHash", rc);
@@ -269,13 +269,13 @@ void ShowJobVerifyHashHelp() {
 }
 
 int SignHashWork(JOB_SIGN_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session);
   if (rc != 0) return rc;
-  JobKeyOwner key;
+  KeyOwner key;
   rc = OpenKey(session.Get(), job->pszKeyName, &key);
   if (rc != 0) return rc;
-  JobHashOwner hash;
+  HashOwner hash;
   rc = MakeHash(session.Get(), job->nHashAlgId, *job->pData, job->bIsHash != 0, &hash);
   if (rc != 0) return rc;
   uint32_t len = 0;
@@ -295,10 +295,10 @@ int SignHashWork(JOB_SIGN_INFO *job) {
 }
 
 int VerifyHashWork(JOB_SIGN_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session);
   if (rc != 0) return rc;
-  JobKeyOwner key;
+  KeyOwner key;
   if (job->pszKeyName != nullptr) {
     rc = OpenKey(session.Get(), job->pszKeyName, &key);
   } else {
@@ -308,7 +308,7 @@ int VerifyHashWork(JOB_SIGN_INFO *job) {
     if (rc != 0) PrintJobError("QImportKey", rc);
   }
   if (rc != 0) return rc;
-  JobHashOwner hash;
+  HashOwner hash;
   rc = MakeHash(session.Get(), job->nHashAlgId, *job->pData, job->bIsHash != 0, &hash);
   if (rc != 0) return rc;
   rc = QVerifySignature(hash.Get(), job->pSignature->data(),
@@ -431,10 +431,10 @@ int SetCryptParam(HKEYCTX key, uint32_t param, const void *data, uint32_t len) {
 }
 
 int CryptWork(JOB_CRYPT_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = OpenSession(&job->ti, &session);
   if (rc != 0) return rc;
-  JobKeyOwner key;
+  KeyOwner key;
   rc = OpenKey(session.Get(), job->pszKeyName, &key);
   if (rc != 0) return rc;
   if (job->bSetMode && (rc = SetCryptParam(key.Get(), QKP_MODE, &job->dwMode, 4)) != 0) return rc;

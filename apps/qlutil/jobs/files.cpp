@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 
 typedef struct _JOB_FILE_INFO {
   THREAD_INFO ti;
@@ -40,7 +40,7 @@ int AppendChunk(void *param, const unsigned char *chunk, uint32_t len) {
 }
 
 int ReadFileWork(JOB_FILE_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
@@ -56,7 +56,7 @@ int ReadFileWork(JOB_FILE_INFO *job) {
 }
 
 int WriteFileWork(JOB_FILE_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);

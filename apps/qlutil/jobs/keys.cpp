@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ bool IsBlobType(uint32_t type) {
 }
 
 // Opens the key-encryption key when one is named. 0, or the code after its error line.
-int OpenKek(HSESSIONCTX session, const char *kek_name, JobKeyOwner *kek) {
+int OpenKek(HSESSIONCTX session, const char *kek_name, KeyOwner *kek) {
   if (!IsGivenText(kek_name)) return 0;
   const int rc = QGetUserKey(session, kek_name, 0, kek->Put());
   if (rc != 0) PrintJobError("QGetUserKey", rc);
@@ -66,13 +66,13 @@ unsigned int JobGenKeyThread(void *p) {
   auto *job = static_cast<JOB_GEN_KEY_INFO *>(p);
   int rc = 0;
   {
-    JobSessionOwner session;
+    SessionOwner session;
     rc = ConnectEx(session.Put(), &job->ti);
     if (rc != 0) {
       PrintJobError("ConnectEx", rc);
     } else {
       // A temporary key lives as long as this handle: it ends with the routine.
-      JobKeyOwner key;
+      KeyOwner key;
       rc = QGenerateKey(session.Get(), job->pszKeyName, job->nAlgId, job->dwKeyFlags, key.Put());
       if (rc != 0) PrintJobError("QGenerateKey", rc);
     }
@@ -119,19 +119,19 @@ void ShowJobExportKeyHelp() {
 }
 
 int ExportKeyWork(JOB_EXPORT_KEY_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
     return rc;
   }
-  JobKeyOwner key;
+  KeyOwner key;
   rc = QGetUserKey(session.Get(), job->pszKeyName, 0, key.Put());
   if (rc != 0) {
     PrintJobError("QGetUserKey", rc);
     return rc;
   }
-  JobKeyOwner kek;
+  KeyOwner kek;
   rc = OpenKek(session.Get(), job->pszKekName, &kek);
   if (rc != 0) return rc;
   uint32_t len = 0;
@@ -207,16 +207,16 @@ void ShowJobImportKeyHelp() {
 }
 
 int ImportKeyWork(JOB_IMPORT_KEY_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
     return rc;
   }
-  JobKeyOwner kek;
+  KeyOwner kek;
   rc = OpenKek(session.Get(), job->pszKekName, &kek);
   if (rc != 0) return rc;
-  JobKeyOwner key;
+  KeyOwner key;
   rc = QImportKey(session.Get(), job->pszKeyName, kek.Get(), job->pBlob->data(),
                   static_cast<uint32_t>(job->pBlob->size()), job->dwBlobType, job->nAlgId,
                   job->dwKeyFlags, key.Put());
@@ -295,7 +295,7 @@ void ShowJobGenEcdhHelp() {
 }
 
 int GenEcdhWork(JOB_GEN_ECDH_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
@@ -405,7 +405,7 @@ void ShowJobExportPkcs8Help() {
 }
 
 int ImportPkcs8Work(JOB_PKCS8_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
@@ -418,13 +418,13 @@ int ImportPkcs8Work(JOB_PKCS8_INFO *job) {
 }
 
 int ExportPkcs8Work(JOB_PKCS8_INFO *job) {
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
     return rc;
   }
-  JobLibBuffer data;
+  LibBuffer data;
   uint32_t len = 0;
   rc = QPKCS8ExportKey(session.Get(), job->pszKeyName, job->pszPassword, data.Put(), &len);
   if (rc != 0) {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 #include "jobs/obj_info.h"
 #include "quelta_client.h"
 #include "section_table.h"
@@ -70,7 +70,7 @@ int RemoveByName(JOB_REMOVE_INFO *job, HSESSIONCTX list_session, HSESSIONCTX rem
       ScreenOutput("Would remove user %s\r\n", job->pszName);
       return 0;
     }
-    JobKeyOwner key;
+    KeyOwner key;
     int rc = QGetUserKey(list_session, job->pszName, 0, key.Put());
     if (rc == QL_ERR_OBJ_NOT_FOUND) return 0;
     if (rc != 0) {
@@ -127,13 +127,13 @@ int RemoveFiltered(JOB_REMOVE_INFO *job, HSESSIONCTX list_session, HSESSIONCTX r
 }
 
 int JobRemoveWork(JOB_REMOVE_INFO *job) {
-  JobSessionOwner list_session;
+  SessionOwner list_session;
   int rc = ConnectEx(list_session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
     return rc;
   }
-  JobSessionOwner remove_session;
+  SessionOwner remove_session;
   rc = ConnectEx(remove_session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx(2)", rc);
@@ -224,7 +224,7 @@ void DumpObjs(HSESSIONCTX session, std::vector<ObjInfo> &objects, const char *ou
 
 unsigned int JobListObjectsThread(void *p) {
   auto *job = static_cast<JOB_LIST_OBJ_INFO *>(p);
-  JobSessionOwner session;
+  SessionOwner session;
   int rc = ConnectEx(session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx", rc);
@@ -294,7 +294,7 @@ unsigned int JobObjInfoThread(void *p) {
   auto *job = static_cast<JOB_OBJ_INFO_INFO *>(p);
   int rc = 0;
   {
-    JobSessionOwner session;
+    SessionOwner session;
     rc = ConnectEx(session.Put(), &job->ti);
     if (rc != 0) {
       PrintJobError("ConnectEx", rc);
@@ -421,7 +421,7 @@ unsigned int JobRenameObjThread(void *p) {
   auto *job = static_cast<JOB_RENAME_OBJ_INFO *>(p);
   int rc = 0;
   {
-    JobSessionOwner session;
+    SessionOwner session;
     rc = ConnectEx(session.Put(), &job->ti);
     if (rc != 0) {
       PrintJobError("ConnectEx", rc);

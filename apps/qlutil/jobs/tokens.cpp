@@ -7,7 +7,7 @@
 #include <string>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 
 typedef struct _JOB_ATOKEN_INFO {
   THREAD_INFO ti;

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "job.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 #include "quelta_client.h"
 
 namespace {

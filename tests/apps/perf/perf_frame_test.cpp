@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "PerformanceTests/perf_common.h"
+#include "harness/harness.h"
 #include "arch.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "PerformanceTests.h"
-#include "PerformanceTests/perf_common.h"
+#include "harness/harness.h"
 #include "qlutil.h"
 
 namespace {

@@ -1,12 +1,14 @@
-// Connection options, authentication records and session opening.
+// Login records, the session flags and session opening.
+#include "harness/connection.h"
+
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "Output.h"
+#include "harness/thread_info.h"
 #include "ql_win_helper.h"
-#include "util.h"
 
 namespace {
 
@@ -16,10 +18,6 @@ namespace {
 // A field that may lack its terminator, as a string.
 std::string FieldText(const char *field, size_t field_len) {
   return std::string(field, strnlen(field, field_len));
-}
-
-int PortOrDefault(int port) {
-  return port == -1 ? kDefaultHsmPort : port;
 }
 
 // Reads the whole file into a QAlloc buffer one byte longer than the file, that
@@ -43,71 +41,7 @@ bool ReadTextFile(const char *path, DBLOB *blob) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Loading
-
-void LoadLibConnectionFlagsParam(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  auto zero_or_one = [&](const char *name, int fallback) {
-    const int value = GetParameterInt(param, param_count, name);
-    return value == 0 || value == 1 ? value : fallback;
-  };
-  ti->UseLoadBalance = zero_or_one("-lb", 0);
-  ti->SessionCache = zero_or_one("-sc", 1);
-  ti->UseTLS = zero_or_one("-tls", 1);
-}
-
-void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  LoadLibConnectionFlagsParam(ti, param, param_count);
-  const char *password = GetParameterStr(param, param_count, "-w");
-  const char *address = GetParameterStr(param, param_count, "-a");
-  const char *user = GetParameterStr(param, param_count, "-u");
-  const int port = PortOrDefault(GetParameterInt(param, param_count, "--port"));
-
-  if (IsUserPwdConnection(address, user, password)) {
-    SetupUserPwdConnection(ti, address, user, password, port);
-    return;
-  }
-  // -b is the old name of --cm; scripts still use it.
-  const char *target = GetParameterStr(param, param_count, "--cm");
-  if (target == nullptr) target = GetParameterStr(param, param_count, "-b");
-  if (IsWinCredentialsConnection(target)) {
-    SetupWinCredentialsConnection(ti, target, port);
-    return;
-  }
-  const char *token = GetParameterStr(param, param_count, "-at");
-  const char *token_file = GetParameterStr(param, param_count, "-atf");
-  if (IsAtokenConnection(token, token_file)) {
-    SetupAtokenConnection(ti, address, port, token, token_file);
-  }
-}
-
-void LoadAnonymousConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  CopyFixedField(ti->stAuthPwdEx.szAddr, sizeof ti->stAuthPwdEx.szAddr,
-                 GetParameterStr(param, param_count, "-a"));
-  ti->stAuthPwdEx.nPort = PortOrDefault(GetParameterInt(param, param_count, "--port"));
-  ti->dwAuthParam = kAuthAnonymous;
-  ti->stAuthPwdEx.pbStrongAuth = nullptr;
-  ti->stAuthPwdEx.nStrongAuthLen = 0;
-  ti->stAuthPwdEx.dwAuthType = 0;
-}
-
-void LoadUserCreationParams(char **password, uint32_t *acl, TEST_PARAMETER *param,
-                            int param_count) {
-  *password = GetParameterStr(param, param_count, "-pwd");
-  *acl = 0;
-  if (IsParameterDefined(param, param_count, "-operator")) {
-    *acl = 128;
-    return;
-  }
-  static constexpr struct {
-    const char *name;
-    uint32_t bit;
-  } kSwitches[] = {{"-usr_create", 16},      {"-usr_list", 64},     {"-remote_log", 32},
-                   {"-backup", 256},         {"-firm_update", 512}, {"-ns_auth", 1024},
-                   {"-cold_partition", 2048}};
-  for (const auto &entry : kSwitches) {
-    if (IsParameterDefined(param, param_count, entry.name)) *acl |= entry.bit;
-  }
-}
+// Login records
 
 bool IsUserPwdConnection(const char *address, const char *user, const char *password) {
   return address != nullptr && user != nullptr && password != nullptr;
@@ -247,6 +181,13 @@ int THREAD_INFO::GetPort() const {
 
 // ---------------------------------------------------------------------------------------------
 // Checking and opening
+
+uint32_t GetConnectionFlags(const THREAD_INFO *ti) {
+  uint32_t flags = ti->UseTLS != 0 ? kSessionEncrypted : kSessionUnencrypted;
+  if (ti->UseLoadBalance == 0) flags += kSessionBypassLoadBalance;
+  if (ti->SessionCache == 0) flags += kSessionBypassCache;
+  return flags;
+}
 
 bool CheckConnectionFlags(const THREAD_INFO *test_info, bool is_anonymous) {
   const std::string address = test_info->GetAddress();

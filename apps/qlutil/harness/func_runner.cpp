@@ -4,8 +4,9 @@
 #include <memory>
 #include <vector>
 
-#include "util.h"
-#include "util_report.h"
+#include "harness/connection.h"
+#include "harness/report.h"
+#include "harness/runners.h"
 
 using runner_detail::CopyAt;
 

@@ -10,8 +10,11 @@
 #include <vector>
 
 #include "Output.h"
-#include "util.h"
-#include "util_report.h"
+#include "harness/connection.h"
+#include "harness/report.h"
+#include "harness/runners.h"
+#include "harness/sampling.h"
+#include "harness/threads.h"
 
 using runner_detail::CopyAt;
 
