@@ -10,7 +10,6 @@
 #include "Output.h"
 #include "harness/harness.h"
 
-
 namespace {
 
 typedef struct tag_FUNC_SIGN_HASH_INFO {
@@ -154,9 +153,7 @@ int ShowFuncSignHashHelp() {
 
 int FuncSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_SIGN_HASH_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   GetParameterOpSleepInfo(pTestParam, nParameters, "-opsleep", &info.ti.stOpSleepInfo);
   info.nHashAlg = GetParameterAlg(pTestParam, nParameters, "-h");
   info.nKeyAlg = GetParameterAlg(pTestParam, nParameters, "-k");
