@@ -60,15 +60,18 @@ void PrintJobError(const char *call, int rc);
 // The answer of a library call: printed with PrintJobError when it is not 0. Answers rc.
 int CheckJobCall(const char *call, int rc);
 
-// A routine on one session: opens it with ConnectEx (printing "Error in ConnectEx" on a
-// failure), runs work(session), which answers 0 or the code of its failing call, closes the
-// session, then publishes a non-zero code (PublishJobError). Answers 1, the routine's answer.
+// A routine on one session: opens it (ConnectEx, or ConnectAnonymous for kAnonymousSession;
+// "Error in ConnectEx" on a failure), runs work(session), which answers 0 or the code of its
+// failing call, closes the session, then publishes a non-zero code (PublishJobError). Answers 1,
+// the routine's answer.
+constexpr bool kAnonymousSession = true;
 template <typename Work>
-unsigned int RunSessionJob(THREAD_INFO *ti, Work &&work) {
+unsigned int RunSessionJob(THREAD_INFO *ti, Work &&work, bool anonymous = false) {
   int rc = 0;
   {
     SessionOwner session;
-    rc = CheckJobCall("ConnectEx", ConnectEx(session.Put(), ti));
+    rc = CheckJobCall("ConnectEx", anonymous ? ConnectAnonymous(session.Put(), ti)
+                                             : ConnectEx(session.Put(), ti));
     if (rc == 0) rc = work(session.Get());
   }
   PublishJobError(ti, rc);

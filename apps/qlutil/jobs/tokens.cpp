@@ -6,8 +6,8 @@
 #include <ctime>
 #include <string>
 
-#include "job.h"
 #include "harness/harness.h"
+#include "job.h"
 
 typedef struct _JOB_ATOKEN_INFO {
   THREAD_INFO ti;

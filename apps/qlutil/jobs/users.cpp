@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "job.h"
 #include "harness/harness.h"
+#include "job.h"
 #include "quelta_client.h"
 
 namespace {
