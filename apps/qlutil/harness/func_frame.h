@@ -26,7 +26,7 @@
 constexpr int kResultCheckFailed = 100004;
 
 // -keepalive and -ignoreerror: 0 or 1; absent or any other value gives 1, although the help
-// calls 0 the default (the behaviour scripts rely on).
+// calls 0 the default.
 int GetParameterSwitch01(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName);
 
 // True once another thread announced a failure.

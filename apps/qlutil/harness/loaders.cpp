@@ -81,7 +81,7 @@ void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_c
     SetupUserPwdConnection(ti, address, user, password, port);
     return;
   }
-  // -b is the old name of --cm; scripts still use it.
+  // -b is another name of --cm.
   const char *target = GetParameterStr(param, param_count, "--cm");
   if (target == nullptr) target = GetParameterStr(param, param_count, "-b");
   if (IsWinCredentialsConnection(target)) {

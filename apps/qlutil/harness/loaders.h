@@ -23,7 +23,7 @@ void LoadGenericJobParameters(THREAD_INFO *ti, TEST_PARAMETER *param, int param_
 // -lb, -sc, -tls: 0 or 1 each; anything else gives the defaults 0, 1, 1.
 void LoadLibConnectionFlagsParam(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count);
 // The connection of tests and most jobs: -a/-u/-w, else a credential target (--cm, or its
-// old alias -b), else an access token (-at, -atf); --port (4433 when absent).
+// other name -b), else an access token (-at, -atf); --port (4433 when absent).
 void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count);
 // -a and --port only, kind 1. The connection flags are left as they are.
 void LoadAnonymousConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count);

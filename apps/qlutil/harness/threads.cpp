@@ -22,7 +22,7 @@ uint32_t QlOperationSleepMs(OP_SLEEP_INFO *pstOpSleepInfo) {
   // Equal bounds leave no range to draw from: the pause is the bound itself.
   if (end == 0 || end == init) return init * 1000u;
   // The upper bound itself is never drawn. A range given upside down wraps in
-  // unsigned arithmetic, as it always has.
+  // unsigned arithmetic.
   srand(++pstOpSleepInfo->uiRandomSeed);
   const uint32_t r = static_cast<uint32_t>(rand());
   return ((r % (end - init)) + init) * 1000u;

@@ -76,7 +76,7 @@ TEST(Help, GlobalParameters) {
           "                        1: Use loadbalance\r\n") +
       kResultFileLines;
   EXPECT_EQ(CaptureStdout(ShowHelpGlobalParameters), expected);
-  EXPECT_EQ(CaptureStdout(ShowHelpResultFileslParameters), kResultFileLines);
+  EXPECT_EQ(CaptureStdout(ShowHelpResultFilesParameters), kResultFileLines);
 }
 
 const char kPortLine[] =
@@ -188,7 +188,7 @@ TEST(Help, WordLists) {
       {"eddsa", ShowHelpEDDSAAlgorithms,
        "ed448 ed25519 Obs: for ed448 and ed25519 the hash MUST be idfunc.", 19},
       {"xecdh", ShowHelpXECDHAlgorithms, "x448 x25519", 19},
-      {"ecx", ShowHelpECXlgorithms,
+      {"ecx", ShowHelpECXAlgorithms,
        "ed448 ed25519 Obs: for ed448 and ed25519 the hash MUST be idfunc. x448 x25519", 19},
       {"hsmpub", ShowHelpHSMPubKeyAlgorithms,
        "publicKeyBlob rsaPubKeyBlob eccPubKeyBlob spkiRsaPubKeyBlob", 19},
@@ -248,7 +248,7 @@ TEST(Help, CompositeAlgorithmLists) {
   const std::string rsa = CaptureStdout(ShowHelpRSAAlgorithms);
   const std::string ecc = CaptureStdout(ShowHelpECCAlgorithms);
   const std::string eddsa = CaptureStdout(ShowHelpEDDSAAlgorithms);
-  const std::string ecx = CaptureStdout(ShowHelpECXlgorithms);
+  const std::string ecx = CaptureStdout(ShowHelpECXAlgorithms);
   EXPECT_EQ(CaptureStdout(ShowHelpAsymmetricAlgorithms), rsa + ecc + ecx);
   EXPECT_EQ(CaptureStdout(ShowHelpAsymSigAlgorithms), rsa + ecc + eddsa);
   for (const char *w : {"ecc_secp112r1", "ecc_secp521r1", "ecc_x9_62_prime192v1",
