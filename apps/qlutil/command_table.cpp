@@ -9,7 +9,8 @@
 //      handler, and a description "Summary:\r\nqlutil -<kind> <name> <options>".
 //   3. Implement the handler in its family's files; while it is not built, give it a line in
 //      pending_handlers.cpp instead.
-//   4. The command-table test checks the row counts per kind: update them.
+//   4. Capture what the new command prints: run the golden test (tests/golden) with
+//      QL_GOLDEN_UPDATE=1 and review the new pages in the diff.
 // The handler validates its own options and prints its usage page (returning -1) when they are
 // wrong; it returns 100000 on success.
 

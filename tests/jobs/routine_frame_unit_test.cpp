@@ -81,20 +81,4 @@ TEST(JobRoutineFrame, UnreachableHsm) {
   }
 }
 
-TEST(JobRoutineFrame, HelpPageOfPlainLines) {
-  testing::internal::CaptureStdout();
-  JobHelpPage("revoke-atoken", {"Revoke an access token."}, {"-tk     The token in base64"},
-              {"-tkf token.b64", ""});
-  const std::string page = testing::internal::GetCapturedStdout();
-  const std::string head = "\r\nDESCRIPTION\r\n     Revoke an access token.\r\n\r\nOPTIONS\r\n";
-  const std::string tail =
-      "     -tk     The token in base64\r\n"
-      "\r\nEXAMPLE\r\n"
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -j revoke-atoken -tkf token.b64\r\n"
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -j revoke-atoken\r\n";
-  ASSERT_GT(page.size(), head.size() + tail.size());
-  EXPECT_EQ(page.substr(0, head.size()), head);
-  EXPECT_EQ(page.substr(page.size() - tail.size()), tail);
-}
-
 }  // namespace

@@ -700,13 +700,6 @@ TEST_F(PerfE2E, EcdhRefusalsAreReportedFromTheLoop) {
   }
 }
 
-TEST_F(PerfE2E, UsagePageWithoutTouchingTheHsm) {
-  const RunResult r = RunClean("-p sign-hash -t 2 -i 5 -h sha256");
-  EXPECT_EQ(r.exit_code, 255) << r.out;
-  EXPECT_EQ(r.out.rfind("\r\nDESCRIPTION\r\n     Hash signature performance test.\r\n", 0), 0u)
-      << r.out;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {

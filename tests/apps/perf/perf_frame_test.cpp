@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "harness/harness.h"
 #include "arch.h"
+#include "harness/harness.h"
 
 namespace {
 
