@@ -40,7 +40,6 @@ const std::regex kOpsFooter(
 const std::regex kBytesFooter(
     R"(Total time: \d+\.\d\d ms \(\d+\.\d\d seg\) Total message size: \d+\.\d\d (bytes|KB|MB|GB) )"
     R"(\[\d+\.\d\d (bytes|KB|MB|GB)/sec\]\n\r)");
-const std::regex kTimeOnlyFooter(R"(\d+\n\r)");
 
 // The process exit status of a handler result (POSIX keeps the low 8 bits).
 int ExitStatusOf(int code) {
@@ -492,32 +491,6 @@ TEST_F(PerfE2E, EveryMemberRunsOrReportsTheNotSupportedCode) {
   }
   std::printf("[ perf     ] %d members ran for real, %d answered a library refusal\n", served,
               unserved);
-}
-
-TEST_F(PerfE2E, PrintTimeGivesTheBareFigure) {
-  struct Case {
-    const char *args;
-    const std::regex *footer;
-    std::function<int()> probe;
-  };
-  const Case cases[] = {
-      {"-p hash -t 2 -i 20 -h sha256 -print time", &kTimeOnlyFooter, [] { return 0; }},
-      {"-p sign-hash -t 2 -i 5 -h sha256 -k rsa1024 -print time", &kTimeOnlyFooter,
-       [] { return ProbeSign(QL_ALG_RSA1024); }},
-      {"-p encrypt -t 2 -i 5 -k aes256 -m 8192 -print time", &kTimeOnlyFooter,
-       [] { return ProbeEncrypt(); }},
-      {"-p decrypt -t 1 -i 5 -k aes256 -m 4096 -mo cbc -pa pkcs5_padding -print time",
-       &kTimeOnlyFooter, [] { return ProbeEncrypt(QL_MODE_CBC, QL_PAD_PKCS5); }},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.args);
-    if (c.probe() != 0) continue;  // the previous test covers the unserved answer
-    const RunResult r = RunClean(std::string(c.args) + " --retfiles");
-    EXPECT_EQ(r.exit_code, 0) << r.out;
-    EXPECT_TRUE(std::regex_match(r.out, *c.footer)) << r.out;
-    // The time file holds the same figure as the screen.
-    EXPECT_EQ(Read("qlutil_time") + "\n\r", r.out);
-  }
 }
 
 TEST_F(PerfE2E, WrongPasswordPrintsTheConnectMessageAndExitsWithTheLibraryCode) {
