@@ -9,8 +9,8 @@
 
 #include "Output.h"
 #include "fake_qlapi.h"
-#include "harness_test_util.h"
 #include "harness/harness.h"
+#include "harness_test_util.h"
 
 namespace {
 
@@ -397,6 +397,87 @@ TEST(ErrorSignaling, PublishesOnlyANonzeroCode) {
   EXPECT_TRUE(IsErrorEventSignaled(&event));
   CloseEventHandle(&event);
   EXPECT_EQ(event, nullptr);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The thread frame of -f, -s and the access-control tests
+
+namespace {
+
+struct FuncFrameRecord {
+  THREAD_INFO ti;
+};
+
+// Runs body on a one-thread record with a user/password login, its error event set up as the
+// runner would; answers the record's Error and whether the event was set.
+template <typename Body>
+std::pair<int, bool> RunFrame(int iterations, Body &&body) {
+  FuncFrameRecord record{};
+  SetupUserPwdConnection(&record.ti, "127.0.0.1", "u", "p", 4433);
+  record.ti.Iterations = iterations;
+  QL_EVENT_HANDLE event = nullptr;
+  InitEvent(&event);
+  record.ti.phErrorEvent = &event;
+  EXPECT_EQ(body(&record.ti), 1u);
+  const std::pair<int, bool> result{record.ti.Error, IsErrorEventSignaled(&event)};
+  CloseEventHandle(&event);
+  return result;
+}
+
+TEST(FuncFrame, LoopRunsEveryPassAndPublishesTheFirstFailure) {
+  std::vector<unsigned long> seen;
+  auto ok = RunFrame(3, [&](THREAD_INFO *ti) {
+    return RunFuncLoop(ti, [&](unsigned long counter) {
+      seen.push_back(counter);
+      return 0;
+    });
+  });
+  EXPECT_EQ(seen, (std::vector<unsigned long>{1, 2, 3}));
+  EXPECT_EQ(ok, std::make_pair(0, false));
+
+  seen.clear();
+  auto failed = RunFrame(5, [&](THREAD_INFO *ti) {
+    return RunFuncLoop(ti, [&](unsigned long counter) {
+      seen.push_back(counter);
+      return counter == 2 ? 77 : 0;
+    });
+  });
+  EXPECT_EQ(seen, (std::vector<unsigned long>{1, 2}));
+  EXPECT_EQ(failed, std::make_pair(77, true));
+}
+
+TEST(FuncFrame, SessionLoopClosesItsSessionAndReportsAFailedConnect) {
+  FakeLibrary::Get().Reset();
+  int passes = 0;
+  auto ok = RunFrame(2, [&](THREAD_INFO *ti) {
+    return RunFuncSessionLoop(
+        ti, [](int) { ADD_FAILURE() << "connected"; },
+        [&](HSESSIONCTX session, unsigned long) {
+          EXPECT_NE(session, nullptr);
+          ++passes;
+          return 0;
+        });
+  });
+  EXPECT_EQ(passes, 2);
+  EXPECT_EQ(ok, std::make_pair(0, false));
+  EXPECT_EQ(FakeLibrary::Get().Opens().size(), 1u) << "one session for every pass";
+  EXPECT_EQ(FakeLibrary::Get().Closes().size(), 1u);
+
+  FakeLibrary::Get().Reset();
+  FakeLibrary::Get().open_result = 5001;
+  int reported = 0;
+  auto refused = RunFrame(2, [&](THREAD_INFO *ti) {
+    return RunFuncSessionLoop(
+        ti, [&](int rc) { reported = rc; },
+        [&](HSESSIONCTX, unsigned long) {
+          ADD_FAILURE() << "a pass without a session";
+          return 0;
+        });
+  });
+  EXPECT_EQ(reported, 5001);
+  EXPECT_EQ(refused, std::make_pair(5001, true));
 }
 
 }  // namespace
