@@ -11,6 +11,8 @@
 //      pending_handlers.cpp instead.
 //   4. A command that removes, resets or replaces something in the HSM gets kCommandDestructive
 //      as a fifth member: given a switch it does not read, it refuses to run.
+//   5. Capture what the new command prints: run the golden test (tests/golden) with
+//      QL_GOLDEN_UPDATE=1 and review the new pages in the diff.
 // The handler validates its own options and prints its usage page (returning -1) when they are
 // wrong; it returns 100000 on success.
 

@@ -51,7 +51,7 @@ void ShowHelp(const TEST_FUNCTION *pFunctions, int nFunctions) {
   ScreenOutput("\r\n\r\n");
 }
 
-void ShowHelpResultFileslParameters() {
+void ShowHelpResultFilesParameters() {
   ScreenOutput("     %s  If defined, write return code and run time in files\r\n", "--retfiles");
   ScreenOutput("                 (%s and %s). Placed at\r\n", kResultFileName, kTimeFileName);
   ScreenOutput("                 the current folder.\r\n");
@@ -77,7 +77,7 @@ void ShowHelpGlobalParameters() {
   ScreenOutput("                        1: Encrypt communication (default)\r\n");
   ScreenOutput("     -lb     [OPTIONAL] 0: Bypass loadbalance (default)\r\n");
   ScreenOutput("                        1: Use loadbalance\r\n");
-  ShowHelpResultFileslParameters();
+  ShowHelpResultFilesParameters();
 }
 
 namespace {
@@ -124,12 +124,11 @@ void ShowHelpAnonymousConnectionParameters() {
 
 void ShowHelpGlobalPerfParameters() {
   ShowHelpConnectionParameters();
-  ShowHelpResultFileslParameters();
+  ShowHelpResultFilesParameters();
   ScreenOutput("     -t      Number of threads\r\n");
   ScreenOutput("     -i      [OPTIONAL] Number of iterations per thread. If not defined it\r\n");
   ScreenOutput("             will enter in an infinite loop.\r\n");
   OutPrintTcLines();
-  // This interleaving of -tls and -sc is the order the page has always had.
   ScreenOutput("     -tls    [OPTIONAL] 0: Do not encrypt communication\r\n");
   ScreenOutput("     -sc     [OPTIONAL] 0: Bypass session cache\r\n");
   ScreenOutput("                        1: Use session cache (default)\r\n");
@@ -150,7 +149,7 @@ void ShowHelpGlobalJobParameters(bool bAnonymous) {
   } else {
     ShowHelpConnectionParameters();
   }
-  ShowHelpResultFileslParameters();
+  ShowHelpResultFilesParameters();
   OutPrintTcLines();
   ScreenOutput("     -sc     [OPTIONAL] 0: Bypass session cache\r\n");
   ScreenOutput("                        1: Use session cache (default)\r\n");

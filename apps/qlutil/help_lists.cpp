@@ -97,7 +97,7 @@ void ShowHelpXECDHAlgorithms() {
   WideList({"x448 x25519"});
 }
 
-void ShowHelpECXlgorithms() {
+void ShowHelpECXAlgorithms() {
   ShowHelpEDDSAAlgorithms();
   ShowHelpXECDHAlgorithms();
 }
@@ -105,7 +105,7 @@ void ShowHelpECXlgorithms() {
 void ShowHelpAsymmetricAlgorithms() {
   ShowHelpRSAAlgorithms();
   ShowHelpECCAlgorithms();
-  ShowHelpECXlgorithms();
+  ShowHelpECXAlgorithms();
 }
 
 void ShowHelpAsymSigAlgorithms() {

@@ -109,7 +109,7 @@ void ShowHelpHeader();
 void ShowHelp(const TEST_FUNCTION *pFunctions, int nFunctions);
 
 void ShowHelpGlobalParameters();
-void ShowHelpResultFileslParameters();
+void ShowHelpResultFilesParameters();
 void ShowHelpConnectionParameters();
 void ShowHelpAnonymousConnectionParameters();
 void ShowHelpGlobalPerfParameters();
@@ -136,7 +136,7 @@ void ShowHelpRSAAlgorithms();
 void ShowHelpECCAlgorithms();
 void ShowHelpEDDSAAlgorithms();
 void ShowHelpXECDHAlgorithms();
-void ShowHelpECXlgorithms();
+void ShowHelpECXAlgorithms();
 void ShowHelpAsymmetricAlgorithms();
 void ShowHelpAsymSigAlgorithms();
 void ShowHelpHSMPubKeyAlgorithms();

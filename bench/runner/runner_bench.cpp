@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "Output.h"
-#include "util.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -75,12 +75,6 @@ TEST(FuncNop, PassesAndAFailureStopsOnlyWithIgnoreErrorZero) {
       << r.out;
 }
 
-TEST(FuncKeepAlive, Passes) {
-  RunResult r = RunQlutil(With(SharedHsm(), {"-f", "keep-alive", "-t", "2", "-i", "5"}));
-  EXPECT_EQ(r.exit_code, 0) << r.out;
-  EXPECT_FALSE(Contains(r.out, "Fail in")) << r.out;
-}
-
 TEST(FuncCnt, UnknownInterfacesAreNotTestedAndABadOneFails) {
   RunResult r = RunQlutil(With(SharedHsm(), {"-f", "cnt", "-t", "1", "-i", "1"}));
   EXPECT_EQ(r.exit_code, 0) << r.out;
@@ -176,24 +170,6 @@ TEST(FuncLaterServices, PassOrReportNotSupported) {
     EXPECT_TRUE(Contains(r.out, c.not_supported_line)) << c.args[1] << "\n" << r.out;
   }
   remove(pfx_path.c_str());
-}
-
-TEST(FuncSVaultGenToken, PrintsTheCollisionsAfterTheThreads) {
-  RunResult r = RunQlutil(With(SharedHsm(), {"-f", "svault-gen-token", "-t", "2", "-i", "2"}));
-  EXPECT_TRUE(Contains(r.out, "Total collisions: 0\r\nCollisions rate: 0.00000%\r\n")) << r.out;
-}
-
-TEST(FuncUsage, MissingMandatoryOptionsPrintTheUsagePage) {
-  for (std::vector<std::string> args : std::vector<std::vector<std::string>>{
-           {"-f", "sign-hash", "-t", "1", "-i", "1", "-h", "sha256"},
-           {"-f", "enc-dec", "-t", "1", "-i", "1", "-k", "aes128", "-mo", "cbc", "-pa",
-            "no_padding"},
-           {"-f", "pkcs12", "-t", "1", "-i", "1", "-p", "x"}}) {
-    RunResult r = RunQlutil(With(SharedHsm(), args));
-    EXPECT_EQ(r.exit_code, 255) << args[1];
-    EXPECT_TRUE(Contains(r.out, "\r\nDESCRIPTION\r\n")) << args[1] << r.out;
-    EXPECT_TRUE(Contains(r.out, "\r\nEXAMPLE\r\n")) << args[1] << r.out;
-  }
 }
 
 }  // namespace

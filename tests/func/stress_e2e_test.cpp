@@ -63,16 +63,6 @@ TEST(StressCreateUserPTL, PrintsTheReplicationState) {
   EXPECT_EQ(CountWithPrefix(ListUsers(SharedHsm()), "ptl"), 4u);
 }
 
-TEST(StressSession, ThreadsAndSessionOpening) {
-  RunResult r = RunQlutil(With(SharedHsm(), {"-s", "session", "-t", "2", "-i", "3"}));
-  EXPECT_EQ(r.exit_code, 0) << r.out;
-  r = RunQlutil(With(SharedHsm(), {"-s", "session-opening", "-t", "2", "-i", "3"}));
-  EXPECT_EQ(r.exit_code, 0) << r.out;
-  r = RunQlutil(With(SharedHsm(), {"-s", "session-opening", "-t", "1", "-i", "2", "--disable-probe",
-                                   "--sleep-duration", "10"}));
-  EXPECT_EQ(r.exit_code, 0) << r.out;
-}
-
 TEST(StressSession, MaxReportsHowManySessionsItOpened) {
   qltest::HsmOptions options;
   options.serve_args = {"--max-sessions", "3"};

@@ -10,7 +10,7 @@
 #include "harness_test_util.h"
 #include "ql_win_helper.h"
 #include "quelta_client.h"
-#include "util.h"
+#include "harness/harness.h"
 
 namespace {
 

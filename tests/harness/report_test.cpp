@@ -8,8 +8,8 @@
 #include "Output.h"
 #include "fake_qlapi.h"
 #include "harness_test_util.h"
-#include "util.h"
-#include "util_report.h"
+#include "harness/harness.h"
+#include "harness/report.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "Output.h"
 #include "fake_qlapi.h"
+#include "harness/harness.h"
 #include "harness_test_util.h"
-#include "util.h"
 
 namespace {
 
@@ -219,58 +219,52 @@ TEST_F(RunnerTest, PerfTestInitFailureStopsEverything) {
   EXPECT_EQ(ReadFile("out.csv"), "") << "nothing goes to the result file";
 }
 
-TEST_F(RunnerTest, PerfThreadInitFailureStartsNoThreadAndFinalizesNoCopy) {
+TEST_F(RunnerTest, PerfThreadInitFailureStartsNoThreadYetReleasesTheCopiesSetUp) {
   record_.thread_init_fail_at = 1;
-  record_.test_fin_result = 0;
-  // Without FinalizeTest: the error path with the code.
-  EXPECT_EQ(RunPerf(false), 9);
-  EXPECT_EQ(out_, "Failed to initialize test thread: 9\n\r\nError during the test!\r\n");
-  EXPECT_EQ(shared_.calls, (std::vector<std::string>{"ThreadInit0", "ThreadInit1"}));
-  EXPECT_EQ(TotalOperations(), 0);
-}
-
-TEST_F(RunnerTest, PerfThreadInitFailureWithCleanFinalizeTestTakesTheSuccessPathYetFails) {
-  record_.thread_init_fail_at = 1;
-  SetFooterFormat(kFooterTimeOnly);
+  ASSERT_TRUE(OpenFileOutput("out.csv"));
   EXPECT_EQ(RunPerf(), 9);
-  EXPECT_EQ(shared_.calls,
-            (std::vector<std::string>{"TestInit", "ThreadInit0", "ThreadInit1", "TestFin"}));
-  // FinalizeTest's 0 cleared nRet: a footer over no measured time.
-  EXPECT_EQ(out_.rfind("Failed to initialize test thread: 9\n", 0), 0u) << out_;
-  EXPECT_FALSE(Contains(out_, "Error during the test!"));
+  EXPECT_EQ(shared_.calls, (std::vector<std::string>{"TestInit", "ThreadInit0", "ThreadInit1",
+                                                     "ThreadFin0", "TestFin"}));
+  EXPECT_EQ(TotalOperations(), 0);
+  EXPECT_EQ(out_, "Failed to initialize test thread: 9\n\r\nError during the test!\r\n");
+  CloseFileOutput();
+  EXPECT_TRUE(Contains(ReadFile("out.csv"), "\"9\"")) << "the row carries the failure";
 }
 
-TEST_F(RunnerTest, PerfThreadFinFailureStopsTheFinalizeLoop) {
+TEST_F(RunnerTest, PerfThreadFinFailureStillReleasesTheOtherCopies) {
   record_.thread_fin_fail_at = 1;
   EXPECT_EQ(RunPerf(false), 5);
   EXPECT_EQ(shared_.calls, (std::vector<std::string>{"ThreadInit0", "ThreadInit1", "ThreadInit2",
-                                                     "ThreadFin0", "ThreadFin1"}));
+                                                     "ThreadFin0", "ThreadFin1", "ThreadFin2"}));
   EXPECT_EQ(out_, "Failed to finalize test thread: 5\n\r\nError during the test!\r\n");
 }
 
-TEST_F(RunnerTest, PerfThreadFinExceptionMarksTheFirstCopy) {
-  record_.thread_fin_fail_at = 2;
+TEST_F(RunnerTest, PerfThreadFinExceptionMarksTheFirstCopyAndTheRestAreReleased) {
+  record_.thread_fin_fail_at = 0;
   record_.thread_fin_throws = true;
-  EXPECT_EQ(RunPerf(false), 555555);
+  EXPECT_EQ(RunPerf(), 555555);
+  EXPECT_EQ(shared_.calls,
+            (std::vector<std::string>{"TestInit", "ThreadInit0", "ThreadInit1", "ThreadInit2",
+                                      "ThreadFin0", "ThreadFin1", "ThreadFin2", "TestFin"}));
   EXPECT_EQ(out_, "*** Exception ***\r\n\r\nError during the test!\r\n");
 }
 
-TEST_F(RunnerTest, PerfFinalizeTestFailureHidesTheFooterAndReturnsSuccess) {
+TEST_F(RunnerTest, PerfFinalizeTestFailureFailsTheRun) {
   record_.test_fin_result = 7;
   ASSERT_TRUE(OpenFileOutput("out.csv"));
-  EXPECT_EQ(RunPerf(), kResultSuccess);
-  EXPECT_EQ(out_, "Failed to finalize test: 7\n");
+  EXPECT_EQ(RunPerf(), 7);
+  EXPECT_EQ(out_, "Failed to finalize test: 7\n\r\nError during the test!\r\n");
   CloseFileOutput();
-  EXPECT_EQ(ReadFile("out.csv"), "");
+  EXPECT_TRUE(Contains(ReadFile("out.csv"), "\"7\"")) << "the row carries the failure";
 }
 
-TEST_F(RunnerTest, PerfFinalizeTestResultReplacesAThreadFinFailure) {
+TEST_F(RunnerTest, PerfFirstFailureWinsOverALaterFinalizeTestFailure) {
   record_.thread_fin_fail_at = 0;
-  record_.test_fin_result = 0;
-  SetFooterFormat(kFooterTimeOnly);
-  EXPECT_EQ(RunPerf(), kResultSuccess);
-  EXPECT_EQ(out_.rfind("Failed to finalize test thread: 5\n", 0), 0u);
-  EXPECT_FALSE(Contains(out_, "Error during the test!"));
+  record_.test_fin_result = 7;
+  EXPECT_EQ(RunPerf(), 5);
+  EXPECT_EQ(out_,
+            "Failed to finalize test thread: 5\nFailed to finalize test: 7\n\r\nError during the "
+            "test!\r\n");
 }
 
 TEST_F(RunnerTest, PerfLowestIndexedErrorWins) {
@@ -403,6 +397,87 @@ TEST(ErrorSignaling, PublishesOnlyANonzeroCode) {
   EXPECT_TRUE(IsErrorEventSignaled(&event));
   CloseEventHandle(&event);
   EXPECT_EQ(event, nullptr);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The thread frame of -f, -s and the access-control tests
+
+namespace {
+
+struct FuncFrameRecord {
+  THREAD_INFO ti;
+};
+
+// Runs body on a one-thread record with a user/password login, its error event set up as the
+// runner would; answers the record's Error and whether the event was set.
+template <typename Body>
+std::pair<int, bool> RunFrame(int iterations, Body &&body) {
+  FuncFrameRecord record{};
+  SetupUserPwdConnection(&record.ti, "127.0.0.1", "u", "p", 4433);
+  record.ti.Iterations = iterations;
+  QL_EVENT_HANDLE event = nullptr;
+  InitEvent(&event);
+  record.ti.phErrorEvent = &event;
+  EXPECT_EQ(body(&record.ti), 1u);
+  const std::pair<int, bool> result{record.ti.Error, IsErrorEventSignaled(&event)};
+  CloseEventHandle(&event);
+  return result;
+}
+
+TEST(FuncFrame, LoopRunsEveryPassAndPublishesTheFirstFailure) {
+  std::vector<unsigned long> seen;
+  auto ok = RunFrame(3, [&](THREAD_INFO *ti) {
+    return RunFuncLoop(ti, [&](unsigned long counter) {
+      seen.push_back(counter);
+      return 0;
+    });
+  });
+  EXPECT_EQ(seen, (std::vector<unsigned long>{1, 2, 3}));
+  EXPECT_EQ(ok, std::make_pair(0, false));
+
+  seen.clear();
+  auto failed = RunFrame(5, [&](THREAD_INFO *ti) {
+    return RunFuncLoop(ti, [&](unsigned long counter) {
+      seen.push_back(counter);
+      return counter == 2 ? 77 : 0;
+    });
+  });
+  EXPECT_EQ(seen, (std::vector<unsigned long>{1, 2}));
+  EXPECT_EQ(failed, std::make_pair(77, true));
+}
+
+TEST(FuncFrame, SessionLoopClosesItsSessionAndReportsAFailedConnect) {
+  FakeLibrary::Get().Reset();
+  int passes = 0;
+  auto ok = RunFrame(2, [&](THREAD_INFO *ti) {
+    return RunFuncSessionLoop(
+        ti, [](int) { ADD_FAILURE() << "connected"; },
+        [&](HSESSIONCTX session, unsigned long) {
+          EXPECT_NE(session, nullptr);
+          ++passes;
+          return 0;
+        });
+  });
+  EXPECT_EQ(passes, 2);
+  EXPECT_EQ(ok, std::make_pair(0, false));
+  EXPECT_EQ(FakeLibrary::Get().Opens().size(), 1u) << "one session for every pass";
+  EXPECT_EQ(FakeLibrary::Get().Closes().size(), 1u);
+
+  FakeLibrary::Get().Reset();
+  FakeLibrary::Get().open_result = 5001;
+  int reported = 0;
+  auto refused = RunFrame(2, [&](THREAD_INFO *ti) {
+    return RunFuncSessionLoop(
+        ti, [&](int rc) { reported = rc; },
+        [&](HSESSIONCTX, unsigned long) {
+          ADD_FAILURE() << "a pass without a session";
+          return 0;
+        });
+  });
+  EXPECT_EQ(reported, 5001);
+  EXPECT_EQ(refused, std::make_pair(5001, true));
 }
 
 }  // namespace

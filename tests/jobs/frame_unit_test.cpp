@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 #include "jobs/obj_info.h"
 
 namespace {
@@ -189,22 +189,6 @@ TEST(JobFrame, PublishJobError) {
   EXPECT_EQ(ti.Error, 5004);
   EXPECT_TRUE(IsErrorEventSignaled(&event));
   CloseEventHandle(&event);
-}
-
-TEST(JobFrame, HelpLayout) {
-  testing::internal::CaptureStdout();
-  JobHelpHeader(true, {"First line", "Second line"});
-  JobHelpExamples("probe", {"", "-op rnm_probe"});
-  const std::string out = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(
-      out.rfind("\r\nDESCRIPTION\r\n     First line\r\n     Second line\r\n\r\nOPTIONS\r\n", 0), 0u)
-      << out;
-  const std::string examples =
-      "\r\nEXAMPLE\r\n"
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -j probe\r\n"
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -j probe -op rnm_probe\r\n";
-  ASSERT_GE(out.size(), examples.size());
-  EXPECT_EQ(out.substr(out.size() - examples.size()), examples);
 }
 
 }  // namespace

@@ -121,29 +121,5 @@ TEST(JobHelp, NoConnectionPrintsHelp) {
   }
 }
 
-// The two pages the job frame tells in full.
-TEST(JobHelp, RemovePage) {
-  const RunResult r = RunCommand(Quote(QLUTIL_BIN) + " -j remove -a 127.0.0.1 -u a -w b");
-  EXPECT_EQ(r.exitCode, 255);
-  EXPECT_NE(r.out.find("\r\nDESCRIPTION\r\n     Remove the desired objects/user from HSM\r\n"
-                       "\r\nOPTIONS\r\n"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("             CAUTION: This function will remove all objects where\r\n"
-                       "             the filter matches part of the object name.\r\n"),
-            std::string::npos);
-  EXPECT_NE(r.out.find("     --retfiles  "), std::string::npos) << "the global job options";
-}
-
-TEST(JobHelp, GenKeyPage) {
-  const RunResult r = RunCommand(Quote(QLUTIL_BIN) + " -j gen-key -a 127.0.0.1 -u a -w b");
-  EXPECT_EQ(r.exitCode, 255);
-  EXPECT_NE(r.out.find("\r\nEXAMPLE\r\n     qlutil -a 10.10.10.10 -u master -w 24681357 -j "
-                       "gen-key -k rsa1024 -kn myrsa -exp 0 -tmp 0\r\n"),
-            std::string::npos)
-      << r.out;
-  EXPECT_NE(r.out.find("rsa512 rsa1024 rsa2048 rsa4096"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace jobs_test

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "arch.h"
-#include "jobs/job_frame.h"
+#include "harness/harness.h"
 
 namespace {
 
@@ -79,22 +79,6 @@ TEST(JobRoutineFrame, UnreachableHsm) {
     EXPECT_TRUE(record.Signalled());
     EXPECT_EQ(out, c.line + std::to_string(record.ti()->Error) + "\r\n");
   }
-}
-
-TEST(JobRoutineFrame, HelpPageOfPlainLines) {
-  testing::internal::CaptureStdout();
-  JobHelpPage("revoke-atoken", {"Revoke an access token."}, {"-tk     The token in base64"},
-              {"-tkf token.b64", ""});
-  const std::string page = testing::internal::GetCapturedStdout();
-  const std::string head = "\r\nDESCRIPTION\r\n     Revoke an access token.\r\n\r\nOPTIONS\r\n";
-  const std::string tail =
-      "     -tk     The token in base64\r\n"
-      "\r\nEXAMPLE\r\n"
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -j revoke-atoken -tkf token.b64\r\n"
-      "     qlutil -a 10.10.10.10 -u master -w 24681357 -j revoke-atoken\r\n";
-  ASSERT_GT(page.size(), head.size() + tail.size());
-  EXPECT_EQ(page.substr(0, head.size()), head);
-  EXPECT_EQ(page.substr(page.size() - tail.size()), tail);
 }
 
 }  // namespace

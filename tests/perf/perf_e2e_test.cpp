@@ -40,7 +40,6 @@ const std::regex kOpsFooter(
 const std::regex kBytesFooter(
     R"(Total time: \d+\.\d\d ms \(\d+\.\d\d seg\) Total message size: \d+\.\d\d (bytes|KB|MB|GB) )"
     R"(\[\d+\.\d\d (bytes|KB|MB|GB)/sec\]\n\r)");
-const std::regex kTimeOnlyFooter(R"(\d+\n\r)");
 
 // The process exit status of a handler result (POSIX keeps the low 8 bits).
 int ExitStatusOf(int code) {
@@ -55,8 +54,7 @@ std::string QlutilPath() {
 // A master session of the test's own, for probes and object listings.
 class Session {
  public:
-  Session() {
-    qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
+  explicit Session(const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
     AUTH_PWD_EX auth;
     std::memset(&auth, 0, sizeof(auth));
     std::snprintf(auth.szAddr, sizeof(auth.szAddr), "%s", hsm.address().c_str());
@@ -83,8 +81,9 @@ int CollectName(void *param, const char *name, int last) {
   return 0;
 }
 
-std::vector<std::string> ListObjects() {
-  Session s;
+std::vector<std::string> ListObjects(
+    const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
+  Session s(hsm);
   std::vector<std::string> names;
   if (s.rc() != 0 || QListObjs(s.get(), CollectName, &names) != 0) return {"<listing failed>"};
   std::sort(names.begin(), names.end());
@@ -225,8 +224,8 @@ class PerfE2E : public ::testing::Test {
   void TearDown() override { std::filesystem::remove_all(dir_); }
 
   // qlutil in the test's folder, connected to the shared daemon as master.
-  RunResult Run(const std::string &args, const std::string &password = kMasterPassword) {
-    qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
+  RunResult Run(const std::string &args, const std::string &password = kMasterPassword,
+                const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
     const std::string cmd = "cd '" + dir_.string() + "' && '" + QlutilPath() + "' -a " +
                             hsm.address() + " --port " + std::to_string(hsm.port()) +
                             " -u master -w '" + password + "' " + args;
@@ -494,32 +493,6 @@ TEST_F(PerfE2E, EveryMemberRunsOrReportsTheNotSupportedCode) {
               unserved);
 }
 
-TEST_F(PerfE2E, PrintTimeGivesTheBareFigure) {
-  struct Case {
-    const char *args;
-    const std::regex *footer;
-    std::function<int()> probe;
-  };
-  const Case cases[] = {
-      {"-p hash -t 2 -i 20 -h sha256 -print time", &kTimeOnlyFooter, [] { return 0; }},
-      {"-p sign-hash -t 2 -i 5 -h sha256 -k rsa1024 -print time", &kTimeOnlyFooter,
-       [] { return ProbeSign(QL_ALG_RSA1024); }},
-      {"-p encrypt -t 2 -i 5 -k aes256 -m 8192 -print time", &kTimeOnlyFooter,
-       [] { return ProbeEncrypt(); }},
-      {"-p decrypt -t 1 -i 5 -k aes256 -m 4096 -mo cbc -pa pkcs5_padding -print time",
-       &kTimeOnlyFooter, [] { return ProbeEncrypt(QL_MODE_CBC, QL_PAD_PKCS5); }},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.args);
-    if (c.probe() != 0) continue;  // the previous test covers the unserved answer
-    const RunResult r = RunClean(std::string(c.args) + " --retfiles");
-    EXPECT_EQ(r.exit_code, 0) << r.out;
-    EXPECT_TRUE(std::regex_match(r.out, *c.footer)) << r.out;
-    // The time file holds the same figure as the screen.
-    EXPECT_EQ(Read("qlutil_time") + "\n\r", r.out);
-  }
-}
-
 TEST_F(PerfE2E, WrongPasswordPrintsTheConnectMessageAndExitsWithTheLibraryCode) {
   struct Case {
     const char *args;
@@ -546,6 +519,21 @@ TEST_F(PerfE2E, WrongPasswordPrintsTheConnectMessageAndExitsWithTheLibraryCode) 
     EXPECT_EQ(r.out.substr(0, r.out.find('\n') + 1), c.first_line) << r.out;
     EXPECT_EQ(Read("qlutil_result"), "5001");
   }
+}
+
+TEST_F(PerfE2E, ThreadsSetUpBeforeAFailingOneLeaveNoKeyBehind) {
+  // One session at a time: the second thread cannot connect once the first holds its session
+  // and its temporary key.
+  qltest::HsmOptions options;
+  options.master_password = kMasterPassword;
+  options.serve_args = {"--max-sessions", "1"};
+  qltest::HsmProcess hsm(options);
+  const RunResult r =
+      Run("-p sign-hashed-data -t 2 -i 5 -h sha256 -k rsa1024", kMasterPassword, hsm);
+  EXPECT_NE(r.exit_code, 0) << r.out;
+  EXPECT_EQ(r.out.rfind("[PerfSignHashedDataThreadInit] Fail in ConnectEx. rc = ", 0), 0u) << r.out;
+  EXPECT_NE(r.out.find("\r\nError during the test!\r\n"), std::string::npos) << r.out;
+  EXPECT_EQ(ListObjects(hsm), std::vector<std::string>{}) << r.out;
 }
 
 TEST_F(PerfE2E, KeyNamedWithKnIsUsedAndSurvives) {
@@ -683,13 +671,6 @@ TEST_F(PerfE2E, EcdhRefusalsAreReportedFromTheLoop) {
         << r.out;
     EXPECT_EQ(Read("qlutil_result"), std::to_string(c.code));
   }
-}
-
-TEST_F(PerfE2E, UsagePageWithoutTouchingTheHsm) {
-  const RunResult r = RunClean("-p sign-hash -t 2 -i 5 -h sha256");
-  EXPECT_EQ(r.exit_code, 255) << r.out;
-  EXPECT_EQ(r.out.rfind("\r\nDESCRIPTION\r\n     Hash signature performance test.\r\n", 0), 0u)
-      << r.out;
 }
 
 }  // namespace

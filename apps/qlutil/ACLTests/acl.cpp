@@ -18,10 +18,8 @@
 
 #include "ACLTests.h"
 #include "ACLTests/acl_tables.h"
-#include "FunctionalTests/func_common.h"
 #include "Output.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -389,22 +387,21 @@ int TestSysACL(const ACL_TEST_INFO *info) {
 
 unsigned int FuncACLThread(void *pvInfo) {
   auto *info = static_cast<ACL_TEST_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  rc = TestUsrACL(info);
-  if (rc == 0) rc = TestObjACL(info);
-  if (rc == 0) rc = TestSysACL(info);
-  return 1;
+  // One pass: the entry runs one thread and one iteration.
+  return RunFuncLoop(&info->ti, [info](unsigned long) {
+    int rc = TestUsrACL(info);
+    if (rc == 0) rc = TestObjACL(info);
+    if (rc == 0) rc = TestSysACL(info);
+    return rc;
+  });
 }
 
 }  // namespace
 
 int FuncACL(TEST_PARAMETER *pTestParam, int nParameters) {
   ACL_TEST_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.nVerbose = GetParameterInt(pTestParam, nParameters, "-v") == 1 ? 1 : 0;
-  info.ti.Metric = 1;
   info.ti.Threads = 1;
   info.ti.Iterations = 1;
   if (!CheckConnectionFlags(&info.ti, false)) {

@@ -8,9 +8,7 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "func_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -268,20 +266,9 @@ int WrapUnwrapRound(FUNC_WRAP_UNWRAP_INFO *info, HSESSIONCTX hSession) {
 
 unsigned int FuncWrapUnwrapThread(void *pvInfo) {
   auto *info = static_cast<FUNC_WRAP_UNWRAP_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("Error in ConnectEx. Err = %d", rc);
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    rc = WrapUnwrapRound(info, session.Get());
-    if (rc != 0 || RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti, [](int rc) { ScreenOutput("Error in ConnectEx. Err = %d", rc); },
+      [info](HSESSIONCTX session, unsigned long) { return WrapUnwrapRound(info, session); });
 }
 
 int ShowFuncWrapUnwrapHelp() {
@@ -304,9 +291,7 @@ int ShowFuncWrapUnwrapHelp() {
 
 int FuncEncDec(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_ENC_DEC_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.nKeyAlg = GetParameterAlg(pTestParam, nParameters, "-k");
   info.nMode = GetParameterAlg(pTestParam, nParameters, "-mo");
   info.nPadding = GetParameterAlg(pTestParam, nParameters, "-pa");
@@ -320,9 +305,7 @@ int FuncEncDec(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int FuncWrapUnwrap(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_WRAP_UNWRAP_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.nKeyAlg = GetParameterAlg(pTestParam, nParameters, "-k");
   info.nWrapKeyAlg = GetParameterAlg(pTestParam, nParameters, "-wk");
   if (info.nWrapKeyAlg == -1) info.nWrapKeyAlg = QL_ALG_RSA2048;

@@ -16,9 +16,7 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "func_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -78,21 +76,13 @@ int CvvRound(FUNC_CVV_INFO *info, HSESSIONCTX hSession) {
 
 unsigned int FuncGenVerCVVThread(void *pvInfo) {
   auto *info = static_cast<FUNC_CVV_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("[FuncGenVerCVVThread] Error in ConnectEx. Err = %lu\r\n",
-                 static_cast<unsigned long>(rc));
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    rc = CvvRound(info, session.Get());
-    if (rc != 0 || RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti,
+      [](int rc) {
+        ScreenOutput("[FuncGenVerCVVThread] Error in ConnectEx. Err = %lu\r\n",
+                     static_cast<unsigned long>(rc));
+      },
+      [info](HSESSIONCTX session, unsigned long) { return CvvRound(info, session); });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -245,29 +235,16 @@ int PinRound(FUNC_PIN_INFO *info, HSESSIONCTX hSession) {
 
 unsigned int FuncPINBlockTranslateThread(void *pvInfo) {
   auto *info = static_cast<FUNC_PIN_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("Error in ConnectEx. Err = %d\r\n", rc);
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    rc = PinRound(info, session.Get());
-    if (rc != 0 || RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti, [](int rc) { ScreenOutput("Error in ConnectEx. Err = %d\r\n", rc); },
+      [info](HSESSIONCTX session, unsigned long) { return PinRound(info, session); });
 }
 
 }  // namespace
 
 int FuncGenVerCVV(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_CVV_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.nKeyAlg = GetParameterAlg(pTestParam, nParameters, "-k");
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || info.nKeyAlg == -1 ||
       !CheckConnectionFlags(&info.ti, false)) {
@@ -284,9 +261,7 @@ int FuncGenVerCVV(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int FuncPINBlockTranslate(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_PIN_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || !CheckConnectionFlags(&info.ti, false)) {
     FuncHelpDescription({"     Functional PIN block translation test. Known PIN blocks are\r\n",
                          "     translated between known keys and compared with their expected\r\n",

@@ -8,11 +8,8 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "PerformanceTests/perf_common.h"
-#include "func_common.h"
+#include "harness/harness.h"
 #include "option_usage.h"
-
-using namespace qlfunc;
 
 namespace {
 
@@ -175,21 +172,13 @@ int SignXmlRound(FUNC_SIGN_XML_INFO *info, HSESSIONCTX hSession) {
 
 unsigned int FuncSignXMLThread(void *pvInfo) {
   auto *info = static_cast<FUNC_SIGN_XML_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("[FuncSignXMLThread] Error in ConnectEx. Err = %lu\r\n",
-                 static_cast<unsigned long>(rc));
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    rc = SignXmlRound(info, session.Get());
-    if (rc != 0 || RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti,
+      [](int rc) {
+        ScreenOutput("[FuncSignXMLThread] Error in ConnectEx. Err = %lu\r\n",
+                     static_cast<unsigned long>(rc));
+      },
+      [info](HSESSIONCTX session, unsigned long) { return SignXmlRound(info, session); });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -203,34 +192,29 @@ typedef struct tag_FUNC_PKCS12_INFO {
 
 unsigned int FuncImpPkcs12Thread(void *pvInfo) {
   auto *info = static_cast<FUNC_PKCS12_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("[FuncSignXMLThread] Error in ConnectEx. Err = %lu\r\n",
-                 static_cast<unsigned long>(rc));
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    char keyName[kTempKeyNameSize];
-    char certName[kTempKeyNameSize];
-    if (!GetTempKeyName(keyName, session.Get(), &rc) ||
-        !GetTempKeyName(certName, session.Get(), &rc)) {
-      ScreenOutput("[FuncImpPkcs12Thread] Fail in QGetRandom. rc = %d\r\n", rc);
-      break;
-    }
-    rc = QImportPKCS12(session.Get(), info->szFile, info->szPassword, keyName, certName, 0);
-    if (rc != 0) {
-      ScreenOutput("[FuncSignXMLThread] Fail in QImportPKCS12. rc = %d\r\n", rc);
-      break;
-    }
-    QRemoveObj(session.Get(), keyName);
-    QRemoveObj(session.Get(), certName);
-    if (RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti,
+      [](int rc) {
+        ScreenOutput("[FuncSignXMLThread] Error in ConnectEx. Err = %lu\r\n",
+                     static_cast<unsigned long>(rc));
+      },
+      [info](HSESSIONCTX session, unsigned long) {
+        int rc = 0;
+        char keyName[kTempKeyNameSize];
+        char certName[kTempKeyNameSize];
+        if (!GetTempKeyName(keyName, session, &rc) || !GetTempKeyName(certName, session, &rc)) {
+          ScreenOutput("[FuncImpPkcs12Thread] Fail in QGetRandom. rc = %d\r\n", rc);
+          return rc;
+        }
+        rc = QImportPKCS12(session, info->szFile, info->szPassword, keyName, certName, 0);
+        if (rc != 0) {
+          ScreenOutput("[FuncSignXMLThread] Fail in QImportPKCS12. rc = %d\r\n", rc);
+          return rc;
+        }
+        QRemoveObj(session, keyName);
+        QRemoveObj(session, certName);
+        return 0;
+      });
 }
 
 // The value of the second "-f" switch: the first one names the command kind.
@@ -251,9 +235,7 @@ const char *GetPkcs12FileParameter(TEST_PARAMETER *pTestParam, int nParameters) 
 
 int FuncSignXML(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_SIGN_XML_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.nHashAlg = GetParameterAlg(pTestParam, nParameters, "-h");
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || info.nHashAlg == -1 ||
       !CheckConnectionFlags(&info.ti, false)) {
@@ -276,9 +258,7 @@ int FuncSignXML(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int FuncImpPkcs12(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_PKCS12_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   const char *file = GetPkcs12FileParameter(pTestParam, nParameters);
   const char *password = GetParameterStr(pTestParam, nParameters, "-p");
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || file == nullptr || file[0] == '\0' ||

@@ -4,9 +4,7 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "func_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -25,32 +23,30 @@ typedef struct tag_FUNC_KEEP_ALIVE_INFO {
 unsigned int FuncKeepAliveThread(void *pvInfo) {
   auto *info = static_cast<FUNC_KEEP_ALIVE_INFO *>(pvInfo);
   const unsigned tid = static_cast<unsigned>(info->ti.ThreadId);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("[FuncKeepAliveThread] [%u] Error in ConnectEx. Err = %lu\r\n", tid,
-                 static_cast<unsigned long>(rc));
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    rc = SendKeepAlive(session.Get());
-    for (int retry = 0; rc == QL_ERR_BUSY_RETRY && retry < kMaxBusyRetries; ++retry) {
-      ScreenOutput("[FuncKeepAliveThread] [%u] QAdmOperation Retry rc = %d. Iteration = %lu\r\n",
-                   tid, rc, counter);
-      QlSleep(kBusyRetryPauseMs);
-      rc = SendKeepAlive(session.Get());
-    }
-    if (rc != 0) {
-      ScreenOutput("[FuncKeepAliveThread] [%u] Fail in QAdmOperation rc = %d. Iteration = %lu\r\n",
-                   tid, rc, counter);
-      break;
-    }
-    if (RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti,
+      [&](int rc) {
+        ScreenOutput("[FuncKeepAliveThread] [%u] Error in ConnectEx. Err = %lu\r\n", tid,
+                     static_cast<unsigned long>(rc));
+      },
+      [&](HSESSIONCTX session, unsigned long counter) {
+        int rc = 0;
+        rc = SendKeepAlive(session);
+        for (int retry = 0; rc == QL_ERR_BUSY_RETRY && retry < kMaxBusyRetries; ++retry) {
+          ScreenOutput(
+              "[FuncKeepAliveThread] [%u] QAdmOperation Retry rc = %d. Iteration = %lu\r\n", tid,
+              rc, counter);
+          QlSleep(kBusyRetryPauseMs);
+          rc = SendKeepAlive(session);
+        }
+        if (rc != 0) {
+          ScreenOutput(
+              "[FuncKeepAliveThread] [%u] Fail in QAdmOperation rc = %d. Iteration = %lu\r\n", tid,
+              rc, counter);
+          return rc;
+        }
+        return 0;
+      });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -67,10 +63,7 @@ unsigned int FuncNopThread(void *pvInfo) {
   THREAD_INFO *ti = &info->ti;
   const unsigned long tid = static_cast<unsigned long>(ti->ThreadId);
   const bool ignore = info->nIgnoreError == 1;
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, *ti);
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, ti->Iterations)) {
+  return RunFuncLoop(ti, [&](unsigned long counter) {
     HSESSIONCTX hSession = nullptr;
     int step = ConnectEx(&hSession, ti);
     if (step != 0) {
@@ -92,13 +85,8 @@ unsigned int FuncNopThread(void *pvInfo) {
         if (step == 0) step = closed;
       }
     }
-    if (step != 0 && !ignore) {
-      rc = step;
-      break;
-    }
-    if (RunFailed(ti)) break;
-  }
-  return 1;
+    return ignore ? 0 : step;
+  });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -116,13 +104,11 @@ unsigned int FuncCntThread(void *pvInfo) {
   auto *info = static_cast<FUNC_CNT_INFO *>(pvInfo);
   THREAD_INFO *ti = &info->ti;
   const int tid = ti->ThreadId;
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, *ti);
   const std::string user = ti->GetUserId();
   const std::string password = ti->GetPassword();
   const uint32_t flags = GetConnectionFlags(ti);
-  unsigned long counter = 0;
-  while (rc == 0 && !ShouldStopPerfTestLoop(&counter, ti->Iterations)) {
+  return RunFuncLoop(ti, [&](unsigned long) {
+    int rc = 0;
     for (int i = 0; i < kCntInterfaces && rc == 0; ++i) {
       const unsigned long iface = static_cast<unsigned long>(i + 1);
       const char *address = info->szAddress[i];
@@ -144,18 +130,15 @@ unsigned int FuncCntThread(void *pvInfo) {
                      address, static_cast<unsigned long>(rc));
       }
     }
-    if (RunFailed(ti)) break;
-  }
-  return 1;
+    return rc;
+  });
 }
 
 }  // namespace
 
 int FuncKeepAlive(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_KEEP_ALIVE_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || !CheckConnectionFlags(&info.ti, false)) {
     FuncHelpDescription({"     Functional keep alive test. Each thread sends keep alive\r\n",
                          "     requests in one session; a busy HSM is asked again.\r\n"});
@@ -167,9 +150,7 @@ int FuncKeepAlive(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int FuncNop(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_NOP_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   GetParameterOpSleepInfo(pTestParam, nParameters, "-opsleep", &info.ti.stOpSleepInfo);
   info.nKeepAlive = GetParameterSwitch01(pTestParam, nParameters, "-keepalive");
   info.nIgnoreError = GetParameterSwitch01(pTestParam, nParameters, "-ignoreerror");
@@ -192,9 +173,7 @@ int FuncNop(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int FuncCnt(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_CNT_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   CopyFixedField(info.szAddress[0], sizeof info.szAddress[0] - 1, info.ti.GetAddress().c_str());
   const char *extra[] = {"-a2", "-a3", "-a4"};
   for (int i = 0; i < 3; ++i) {

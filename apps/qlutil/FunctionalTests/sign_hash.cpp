@@ -8,9 +8,7 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "func_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -155,9 +153,7 @@ int ShowFuncSignHashHelp() {
 
 int FuncSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_SIGN_HASH_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   GetParameterOpSleepInfo(pTestParam, nParameters, "-opsleep", &info.ti.stOpSleepInfo);
   info.nHashAlg = GetParameterAlg(pTestParam, nParameters, "-h");
   info.nKeyAlg = GetParameterAlg(pTestParam, nParameters, "-k");

@@ -8,10 +8,7 @@
 
 #include "FunctionalTests.h"
 #include "Output.h"
-#include "PerformanceTests/perf_common.h"
-#include "func_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -58,55 +55,46 @@ void RemoveSVaultTestKey(FUNC_SVAULT_INFO *info) {
 
 unsigned int FuncSVaultGenTokenThread(void *pvInfo) {
   auto *info = static_cast<FUNC_SVAULT_INFO *>(pvInfo);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, info->ti);
-  SessionOwner session;
-  rc = ConnectEx(session.Put(), &info->ti);
-  if (rc != 0) {
-    ScreenOutput("Error in ConnectEx. Err = %d\r\n", rc);
-    return 1;
-  }
-  unsigned long counter = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
-    // A 16-digit secret, like a card number.
-    unsigned char random[16];
-    rc = QGetRandom(session.Get(), random, sizeof random);
-    if (rc != 0) {
-      ScreenOutput("[FuncSVaultGenTokenThread] Fail in QGetRandom. rc = %d\r\n", rc);
-      break;
-    }
-    char secret[17];
-    for (int i = 0; i < 16; ++i) secret[i] = static_cast<char>('0' + random[i] % 10);
-    secret[16] = '\0';
-    char token[128] = {};
-    uint32_t tokenLen = sizeof token;
-    unsigned char blob[1024];
-    uint32_t blobLen = sizeof blob;
-    rc = QSVaultGenToken(session.Get(), info->szKeyName, &info->stTokenInfo, secret, token,
-                         &tokenLen, blob, &blobLen, 0);
-    if (rc != 0) {
-      ScreenOutput("[FuncSVaultGenTokenThread] Fail in QSVaultGenToken. rc = %d\r\n", rc);
-      break;
-    }
-    TokenSet *set = info->pTokens;
-    LockObject(&set->lock);
-    ++set->total;
-    if (!set->tokens.insert(std::string(token, strnlen(token, sizeof token))).second) {
-      ++set->collisions;
-    }
-    UnlockObject(&set->lock);
-    if (RunFailed(&info->ti)) break;
-  }
-  return 1;
+  return RunFuncSessionLoop(
+      &info->ti, [](int rc) { ScreenOutput("Error in ConnectEx. Err = %d\r\n", rc); },
+      [info](HSESSIONCTX session, unsigned long) {
+        int rc = 0;
+        // A 16-digit secret, like a card number.
+        unsigned char random[16];
+        rc = QGetRandom(session, random, sizeof random);
+        if (rc != 0) {
+          ScreenOutput("[FuncSVaultGenTokenThread] Fail in QGetRandom. rc = %d\r\n", rc);
+          return rc;
+        }
+        char secret[17];
+        for (int i = 0; i < 16; ++i) secret[i] = static_cast<char>('0' + random[i] % 10);
+        secret[16] = '\0';
+        char token[128] = {};
+        uint32_t tokenLen = sizeof token;
+        unsigned char blob[1024];
+        uint32_t blobLen = sizeof blob;
+        rc = QSVaultGenToken(session, info->szKeyName, &info->stTokenInfo, secret, token, &tokenLen,
+                             blob, &blobLen, 0);
+        if (rc != 0) {
+          ScreenOutput("[FuncSVaultGenTokenThread] Fail in QSVaultGenToken. rc = %d\r\n", rc);
+          return rc;
+        }
+        TokenSet *set = info->pTokens;
+        LockObject(&set->lock);
+        ++set->total;
+        if (!set->tokens.insert(std::string(token, strnlen(token, sizeof token))).second) {
+          ++set->collisions;
+        }
+        UnlockObject(&set->lock);
+        return 0;
+      });
 }
 
 }  // namespace
 
 int FuncSVaultGenToken(TEST_PARAMETER *pTestParam, int nParameters) {
   FUNC_SVAULT_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   LoadSVaultGenTokenParams(&info, pTestParam, nParameters);
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || !CheckConnectionFlags(&info.ti, false)) {
     FuncHelpDescription({"     Functional token generation test. Tokens of random secrets are\r\n",

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "PerformanceTests.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 
 namespace {
 

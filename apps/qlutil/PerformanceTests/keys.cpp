@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "PerformanceTests.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "Output.h"
 #include "PerformanceTests.h"
-#include "util.h"
+#include "harness/harness.h"
 
 namespace {
 

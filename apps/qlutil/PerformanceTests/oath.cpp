@@ -9,7 +9,7 @@
 #include <ctime>
 
 #include "PerformanceTests.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -16,9 +16,8 @@
 #include "Output.h"
 #include "PerformanceTests.h"
 #include "loadpkcs11.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 #include "qlutil.h"
-#include "util.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "PerformanceTests.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "PerformanceTests.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "PerformanceTests.h"
-#include "perf_common.h"
+#include "harness/harness.h"
 
 namespace {
 
@@ -27,18 +27,21 @@ void ReleaseSharedKey(HSESSIONCTX *phSession, HKEYCTX *phKey, uint32_t dwDestroy
   CloseRecordSession(phSession);
 }
 
+// GenSharedKey's answer when no temporary name could be drawn: success, so that the test goes on
+// without a shared key and each thread reports its own failing QGetUserKey instead.
+constexpr int kGoOnWithoutSharedKey = 0;
+
 // Init of a test whose threads share one key: a session of its own, a temporary name and a
-// stored key of alg under it. A failing GetTempKeyName is kept lenient on purpose: reported
-// with the code of ConnectEx, it lets the test go on without a shared key, and the threads
-// then report the failure of QGetUserKey.
+// stored key of alg under it.
 int GenSharedKey(const char *tag, const THREAD_INFO *ti, int alg, HSESSIONCTX *phSession,
                  char *pszKeyName, HKEYCTX *phKey) {
   int rc = ConnectEx(phSession, ti);
   if (rc != 0) {
     ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
   } else if (!GetTempKeyName(pszKeyName, *phSession)) {
+    // The line shows rc as it stands, ConnectEx's 0: the name's own code is not kept.
     ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
-    return 0;
+    return kGoOnWithoutSharedKey;
   } else {
     rc = QGenerateKey(*phSession, pszKeyName, alg, kTestKeyFlags, phKey);
     if (rc != 0) ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
@@ -128,7 +131,7 @@ unsigned int PerfSignHashThread(void *pThreadInfo) {
   return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     uint32_t len = info->dwSignatureLen;
     const int rc = QSignHash(info->hHash, info->hKey, info->dwFlags, info->pbSignature, &len);
-    // "[QHashData]" is this message's tag, as it has always read.
+    // The line's tag is "[QHashData]", not the thread's name.
     return rc == 0 ? 0 : PerfPassFailed("QHashData", "QSignHash", rc, counter);
   });
 }

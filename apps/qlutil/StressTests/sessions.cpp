@@ -4,12 +4,9 @@
 #include <cstring>
 #include <vector>
 
-#include "FunctionalTests/func_common.h"
 #include "Output.h"
 #include "StressTests.h"
-#include "StressTests/stress_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -74,15 +71,12 @@ unsigned int StressSessionThread(void *pvInfo) {
   auto *info = static_cast<STRESS_SESSION_INFO *>(pvInfo);
   THREAD_INFO *ti = &info->ti;
   const unsigned long tid = static_cast<unsigned long>(ti->ThreadId);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, *ti);
-  for (unsigned long iteration = 1; iteration <= static_cast<unsigned long>(ti->Iterations);
-       ++iteration) {
+  return RunFuncLoop(ti, [&](unsigned long iteration) {
     SessionOwner session;
-    rc = ConnectEx(session.Put(), ti);
+    int rc = ConnectEx(session.Put(), ti);
     if (rc != 0) {
       ScreenOutput("Error in ConnectEx. Err: %d Thread: %lu\r\n", rc, tid);
-      return 1;
+      return rc;
     }
     if (info->nKeep >= 0) {
       // The session is kept alive until something fails.
@@ -96,15 +90,13 @@ unsigned int StressSessionThread(void *pvInfo) {
               "Error in QAdmOperation. Err = %d [Thread %lu / Iteration %lu / Keepalive "
               "iteration: %lu / Total keepalive time: %lu]\r\n",
               rc, tid, iteration, keepalives, keepalives * static_cast<unsigned long>(info->nKeep));
-          return 1;
+          return rc;
         }
-        if (RunFailed(ti)) return 1;
+        if (RunFailed(ti)) return 0;
       }
     }
-    session.CleanUp();
-    if (RunFailed(ti)) break;
-  }
-  return 1;
+    return 0;
+  });
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -141,9 +133,7 @@ unsigned int SessionOpeningThread(void *pvInfo) {
 
 int StressSession(TEST_PARAMETER *pTestParam, int nParameters) {
   STRESS_SESSION_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.bMax = IsParameterDefined(pTestParam, nParameters, "-max");
   info.bNoThread = IsParameterDefined(pTestParam, nParameters, "-nothread");
   info.nKeep = GetParameterInt(pTestParam, nParameters, "-keep");
@@ -175,9 +165,7 @@ int StressSession(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int SessionOpening(TEST_PARAMETER *pTestParam, int nParameters) {
   SESSION_OPENING_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.bAutoReconnect = IsParameterDefined(pTestParam, nParameters, "--auto-reconnect") != 0;
   info.bDisableProbe = IsParameterDefined(pTestParam, nParameters, "--disable-probe") != 0;
   info.nSleepMs = GetParameterInt(pTestParam, nParameters, "--sleep-duration");

@@ -4,12 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "FunctionalTests/func_common.h"
 #include "Output.h"
 #include "StressTests.h"
-#include "StressTests/stress_common.h"
-
-using namespace qlfunc;
+#include "harness/harness.h"
 
 namespace {
 
@@ -153,9 +150,7 @@ int GetReplicationInfo(const THREAD_INFO *ti, QL_HSM_INFO *pInfo) {
 
 int StressUser(TEST_PARAMETER *pTestParam, int nParameters) {
   STRESS_USER_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || !CheckConnectionFlags(&info.ti, false)) {
     FuncHelpDescription({"     User generation stress test.\r\n"});
     return FuncHelpExample(
@@ -166,9 +161,7 @@ int StressUser(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int StressCreateUser(TEST_PARAMETER *pTestParam, int nParameters) {
   STRESS_CREATE_USER_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.nTotalUsers = GetParameterInt(pTestParam, nParameters, "-tu");
   const bool options = LoadCreateUserOptions(&info, pTestParam, nParameters);
   if (info.ti.Threads == -1 || info.nTotalUsers < 0 || !options ||
@@ -189,9 +182,7 @@ int StressCreateUser(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int StressCreateUserPTL(TEST_PARAMETER *pTestParam, int nParameters) {
   STRESS_CREATE_USER_INFO info;
-  memset(&info, 0, sizeof info);
-  LoadGenericParameters(&info.ti, pTestParam, nParameters);
-  info.ti.Metric = 1;
+  LoadFuncRecord(&info, pTestParam, nParameters);
   info.bPtl = true;
   const bool options = LoadCreateUserOptions(&info, pTestParam, nParameters);
   if (info.ti.Threads == -1 || info.ti.Iterations == -1 || !options ||

@@ -4,8 +4,8 @@
 #include <ctime>
 #include <string>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 #include "section_table.h"
 
 typedef struct _JOB_ADMIN_INFO {
@@ -18,12 +18,6 @@ typedef struct _JOB_ADMIN_INFO {
 } JOB_ADMIN_INFO;
 
 namespace {
-
-int OpenSession(THREAD_INFO *ti, JobSessionOwner *session, bool anonymous) {
-  const int rc = anonymous ? ConnectAnonymous(session->Put(), ti) : ConnectEx(session->Put(), ti);
-  if (rc != 0) PrintJobError("ConnectEx", rc);
-  return rc;
-}
 
 // ---------------------------------------------------------------------------------------------
 // info
@@ -45,12 +39,10 @@ int CountName(void *param, const char *name, int last) {
   return 0;
 }
 
-int InfoWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session, false);
-  if (rc != 0) return rc;
+int InfoWork(HSESSIONCTX session) {
+  int rc = 0;
   QL_HSM_INFO info{};
-  rc = QGetHsmInfo(session.Get(), &info);
+  rc = QGetHsmInfo(session, &info);
   if (rc != 0) {
     PrintJobError("QGetHsmInfo", rc);
     return rc;
@@ -67,13 +59,13 @@ int InfoWork(JOB_ADMIN_INFO *job) {
 
   char user[QL_MAX_USER_NAME + 1] = {};
   uint32_t len = sizeof user - 1;
-  const int user_rc = QGetSessionParam(session.Get(), QL_SP_USER_NAME, user, &len, 0);
+  const int user_rc = QGetSessionParam(session, QL_SP_USER_NAME, user, &len, 0);
   uint32_t acl = 0;
   len = sizeof acl;
-  const int acl_rc = QGetSessionParam(session.Get(), QL_SP_ACL, &acl, &len, 0);
+  const int acl_rc = QGetSessionParam(session, QL_SP_ACL, &acl, &len, 0);
   uint32_t tls = 0;
   len = sizeof tls;
-  const int tls_rc = QGetSessionParam(session.Get(), QL_SP_TLS, &tls, &len, 0);
+  const int tls_rc = QGetSessionParam(session, QL_SP_TLS, &tls, &len, 0);
   char acl_text[16];
   snprintf(acl_text, sizeof acl_text, "0x%08X", acl);
   SectionTable me("Session", 16);
@@ -84,12 +76,12 @@ int InfoWork(JOB_ADMIN_INFO *job) {
   ScreenOutput("\r\n");
 
   uint64_t log_size = 0;
-  const int log_rc = QGetStatLogSize(session.Get(), &log_size);
+  const int log_rc = QGetStatLogSize(session, &log_size);
   unsigned long users = 0;
-  const int users_rc = QListUsers(session.Get(), &CountName, &users);
+  const int users_rc = QListUsers(session, &CountName, &users);
   uint32_t sessions = 0, cpu = 0, unit = 0, mem_total = 0, mem_used = 0;
   const int stat_rc =
-      QGetStatInfo(session.Get(), &sessions, &cpu, &unit, &mem_total, &mem_used, nullptr, nullptr);
+      QGetStatInfo(session, &sessions, &cpu, &unit, &mem_total, &mem_used, nullptr, nullptr);
   SectionTable figures("Figures", 16);
   figures.AddRow("Log size", "%s",
                  FigureOrReason(log_rc, std::to_string(log_size) + " bytes").c_str());
@@ -115,11 +107,9 @@ void ShowJobBackupHelp() {
   JobHelpExamples("backup", {"-file hsm.bkp -pin 1234567890"});
 }
 
-int BackupWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session, false);
-  if (rc != 0) return rc;
-  rc = QBackupData(session.Get(), job->pszFile, job->pszPin, 0);
+int BackupWork(JOB_ADMIN_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  rc = QBackupData(session, job->pszFile, job->pszPin, 0);
   if (rc != 0) {
     PrintJobError("QBackupData", rc);
     return rc;
@@ -138,13 +128,11 @@ void ShowJobProbeHelp() {
   JobHelpExamples("probe", {"", "-op rnm_probe"});
 }
 
-int ProbeWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session, true);
-  if (rc != 0) return rc;
+int ProbeWork(JOB_ADMIN_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
   uint32_t state = 0;
   uint32_t len = sizeof state;
-  rc = QAdmOperation(session.Get(), QL_ADM_PROBE, job->bHasProbeOp ? &job->bProbeOp : nullptr,
+  rc = QAdmOperation(session, QL_ADM_PROBE, job->bHasProbeOp ? &job->bProbeOp : nullptr,
                      job->bHasProbeOp ? 1 : 0, &state, &len, 0);
   if (rc != 0) {
     PrintJobError("QAdmOperation", rc);
@@ -200,11 +188,9 @@ bool ParseDateTime(const char *text, uint64_t *seconds) {
   return true;
 }
 
-int SetDateTimeWork(JOB_ADMIN_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session, false);
-  if (rc != 0) return rc;
-  rc = QAdmOperation(session.Get(), QL_ADM_SET_DATE_TIME, &job->qwTime, sizeof job->qwTime, nullptr,
+int SetDateTimeWork(JOB_ADMIN_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  rc = QAdmOperation(session, QL_ADM_SET_DATE_TIME, &job->qwTime, sizeof job->qwTime, nullptr,
                      nullptr, 0);
   if (rc != 0) {
     PrintJobError("QAdmOperation", rc);
@@ -218,39 +204,35 @@ int SetDateTimeWork(JOB_ADMIN_INFO *job) {
 
 unsigned int JobInfoThread(void *p) {
   auto *job = static_cast<JOB_ADMIN_INFO *>(p);
-  PublishJobError(&job->ti, InfoWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [](HSESSIONCTX session) { return InfoWork(session); });
 }
 
 unsigned int JobBackupThread(void *p) {
   auto *job = static_cast<JOB_ADMIN_INFO *>(p);
-  PublishJobError(&job->ti, BackupWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return BackupWork(job, session); });
 }
 
 unsigned int JobProbeThread(void *p) {
   auto *job = static_cast<JOB_ADMIN_INFO *>(p);
-  PublishJobError(&job->ti, ProbeWork(job));
-  return 1;
+  return RunSessionJob(
+      &job->ti, [job](HSESSIONCTX session) { return ProbeWork(job, session); }, kAnonymousSession);
 }
 
 unsigned int JobSetDateTimeThread(void *p) {
   auto *job = static_cast<JOB_ADMIN_INFO *>(p);
-  PublishJobError(&job->ti, SetDateTimeWork(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return SetDateTimeWork(job, session); });
 }
 
 int JobInfo(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_ADMIN_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   return StartJob(&JobInfoThread, &job.ti, sizeof job, false, true, &ShowJobInfoHelp);
 }
 
 int JobBackup(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_ADMIN_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszFile = GetParameterStr(pTestParam, nParameters, "-file");
   job.pszPin = GetParameterStr(pTestParam, nParameters, "-pin");
   const bool ok = IsGivenText(job.pszFile) && IsGivenText(job.pszPin);
@@ -259,8 +241,7 @@ int JobBackup(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int JobProbe(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_ADMIN_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, true);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, true);
   bool ok = true;
   if (IsParameterDefined(pTestParam, nParameters, "-op")) {
     const int op = GetParameterAlg(pTestParam, nParameters, "-op");
@@ -276,8 +257,7 @@ int JobProbe(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int JobSetDateTime(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_ADMIN_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   const bool ok = ParseDateTime(GetParameterStr(pTestParam, nParameters, "-dt"), &job.qwTime);
   return StartJob(&JobSetDateTimeThread, &job.ti, sizeof job, false, ok, &ShowJobSetDateTimeHelp);
 }

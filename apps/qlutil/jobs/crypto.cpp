@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 
 namespace {
 
@@ -34,13 +34,7 @@ bool IsModeWord(uint32_t mode) {
   }
 }
 
-int OpenSession(THREAD_INFO *ti, JobSessionOwner *session) {
-  const int rc = ConnectEx(session->Put(), ti);
-  if (rc != 0) PrintJobError("ConnectEx", rc);
-  return rc;
-}
-
-int OpenKey(HSESSIONCTX session, const char *name, JobKeyOwner *key) {
+int OpenKey(HSESSIONCTX session, const char *name, KeyOwner *key) {
   const int rc = QGetUserKey(session, name, 0, key->Put());
   if (rc != 0) PrintJobError("QGetUserKey", rc);
   return rc;
@@ -68,8 +62,7 @@ void PrintSignInformHelp() {
 }
 
 // A hash of the job's data: hashed here through the library, or a value computed elsewhere.
-int MakeHash(HSESSIONCTX session, uint32_t alg, const Bytes &data, bool is_hash,
-             JobHashOwner *hash) {
+int MakeHash(HSESSIONCTX session, uint32_t alg, const Bytes &data, bool is_hash, HashOwner *hash) {
   int rc = QCreateHash(session, alg, nullptr, 0, hash->Put());
   if (rc != 0) {
     PrintJobError("QCreateHash", rc);
@@ -107,12 +100,10 @@ void ShowJobGenRandHelp() {
   JobHelpExamples("gen-rand", {"-len 32", "-len 1024 --out rand.bin"});
 }
 
-int GenRandWork(JOB_GEN_RAND_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session);
-  if (rc != 0) return rc;
+int GenRandWork(JOB_GEN_RAND_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
   Bytes data(job->dwLen);
-  rc = QGetRandom(session.Get(), data.data(), job->dwLen);
+  rc = QGetRandom(session, data.data(), job->dwLen);
   if (rc != 0) {
     PrintJobError("QGetRandom", rc);
     return rc;
@@ -124,14 +115,12 @@ int GenRandWork(JOB_GEN_RAND_INFO *job) {
 
 unsigned int JobGenRandThread(void *p) {
   auto *job = static_cast<JOB_GEN_RAND_INFO *>(p);
-  PublishJobError(&job->ti, GenRandWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return GenRandWork(job, session); });
 }
 
 int JobGenRand(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_GEN_RAND_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
   const bool ok = GetJobNumber(pTestParam, nParameters, "-len", &job.dwLen) && job.dwLen > 0 &&
                   IsOptionalTextGood(pTestParam, nParameters, "--out");
@@ -167,17 +156,15 @@ void ShowJobHashHelp() {
                   {"-h sha256 -in data.bin", "-h hmac_sha2_256 -kn myhmac -inform hex -in 616263"});
 }
 
-int HashWork(JOB_HASH_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session);
-  if (rc != 0) return rc;
-  JobKeyOwner key;
+int HashWork(JOB_HASH_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  KeyOwner key;
   if (job->pszKeyName != nullptr) {
-    rc = OpenKey(session.Get(), job->pszKeyName, &key);
+    rc = OpenKey(session, job->pszKeyName, &key);
     if (rc != 0) return rc;
   }
-  JobHashOwner hash;
-  rc = QCreateHash(session.Get(), job->nHashAlgId, key.Get(), 0, hash.Put());
+  HashOwner hash;
+  rc = QCreateHash(session, job->nHashAlgId, key.Get(), 0, hash.Put());
   if (rc != 0) {
     PrintJobError("QCreateHash", rc);
     return rc;
@@ -201,14 +188,12 @@ int HashWork(JOB_HASH_INFO *job) {
 
 unsigned int JobHashThread(void *p) {
   auto *job = static_cast<JOB_HASH_INFO *>(p);
-  PublishJobError(&job->ti, HashWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return HashWork(job, session); });
 }
 
 int JobHash(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_HASH_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.nHashAlgId = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-h"));
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
@@ -268,15 +253,13 @@ void ShowJobVerifyHashHelp() {
                                   "-pub pub.der -k rsa2048 -h sha256 -in data.bin -sig data.sig"});
 }
 
-int SignHashWork(JOB_SIGN_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session);
+int SignHashWork(JOB_SIGN_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  KeyOwner key;
+  rc = OpenKey(session, job->pszKeyName, &key);
   if (rc != 0) return rc;
-  JobKeyOwner key;
-  rc = OpenKey(session.Get(), job->pszKeyName, &key);
-  if (rc != 0) return rc;
-  JobHashOwner hash;
-  rc = MakeHash(session.Get(), job->nHashAlgId, *job->pData, job->bIsHash != 0, &hash);
+  HashOwner hash;
+  rc = MakeHash(session, job->nHashAlgId, *job->pData, job->bIsHash != 0, &hash);
   if (rc != 0) return rc;
   uint32_t len = 0;
   rc = QSignHash(hash.Get(), key.Get(), 0, nullptr, &len);
@@ -294,22 +277,20 @@ int SignHashWork(JOB_SIGN_INFO *job) {
   return WriteJobOutput(job->pszOutFile, signature.data(), len) ? 0 : QL_ERR_FILE_IO;
 }
 
-int VerifyHashWork(JOB_SIGN_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session);
-  if (rc != 0) return rc;
-  JobKeyOwner key;
+int VerifyHashWork(JOB_SIGN_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  KeyOwner key;
   if (job->pszKeyName != nullptr) {
-    rc = OpenKey(session.Get(), job->pszKeyName, &key);
+    rc = OpenKey(session, job->pszKeyName, &key);
   } else {
-    rc = QImportKey(session.Get(), nullptr, nullptr, job->pPubKey->data(),
+    rc = QImportKey(session, nullptr, nullptr, job->pPubKey->data(),
                     static_cast<uint32_t>(job->pPubKey->size()), QL_PUBLICKEY_BLOB,
                     job->nKeyAlgId | QL_ALG_PUBLIC_KEY_BIT, 0, key.Put());
     if (rc != 0) PrintJobError("QImportKey", rc);
   }
   if (rc != 0) return rc;
-  JobHashOwner hash;
-  rc = MakeHash(session.Get(), job->nHashAlgId, *job->pData, job->bIsHash != 0, &hash);
+  HashOwner hash;
+  rc = MakeHash(session, job->nHashAlgId, *job->pData, job->bIsHash != 0, &hash);
   if (rc != 0) return rc;
   rc = QVerifySignature(hash.Get(), job->pSignature->data(),
                         static_cast<uint32_t>(job->pSignature->size()), key.Get());
@@ -322,8 +303,7 @@ int VerifyHashWork(JOB_SIGN_INFO *job) {
 }
 
 bool LoadSignJob(JOB_SIGN_INFO *job, TEST_PARAMETER *pTestParam, int nParameters, Bytes *data) {
-  LoadGenericJobParameters(&job->ti, pTestParam, nParameters, false);
-  job->ti.Metric = 1;
+  LoadJobParameters(&job->ti, pTestParam, nParameters, false);
   job->pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job->nHashAlgId = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-h"));
   job->pData = data;
@@ -335,14 +315,13 @@ bool LoadSignJob(JOB_SIGN_INFO *job, TEST_PARAMETER *pTestParam, int nParameters
 
 unsigned int JobSignHashThread(void *p) {
   auto *job = static_cast<JOB_SIGN_INFO *>(p);
-  PublishJobError(&job->ti, SignHashWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return SignHashWork(job, session); });
 }
 
 unsigned int JobVerifyHashThread(void *p) {
   auto *job = static_cast<JOB_SIGN_INFO *>(p);
-  PublishJobError(&job->ti, VerifyHashWork(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return VerifyHashWork(job, session); });
 }
 
 int JobSignHash(TEST_PARAMETER *pTestParam, int nParameters) {
@@ -430,12 +409,10 @@ int SetCryptParam(HKEYCTX key, uint32_t param, const void *data, uint32_t len) {
   return rc;
 }
 
-int CryptWork(JOB_CRYPT_INFO *job) {
-  JobSessionOwner session;
-  int rc = OpenSession(&job->ti, &session);
-  if (rc != 0) return rc;
-  JobKeyOwner key;
-  rc = OpenKey(session.Get(), job->pszKeyName, &key);
+int CryptWork(JOB_CRYPT_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  KeyOwner key;
+  rc = OpenKey(session, job->pszKeyName, &key);
   if (rc != 0) return rc;
   if (job->bSetMode && (rc = SetCryptParam(key.Get(), QKP_MODE, &job->dwMode, 4)) != 0) return rc;
   if (job->bSetPadding && (rc = SetCryptParam(key.Get(), QKP_PADDING, &job->dwPadding, 4)) != 0)
@@ -469,8 +446,7 @@ int CryptWork(JOB_CRYPT_INFO *job) {
 
 int StartCrypt(TEST_PARAMETER *pTestParam, int nParameters, bool encrypt) {
   JOB_CRYPT_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.bEncrypt = encrypt ? 1 : 0;
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
@@ -501,8 +477,7 @@ int StartCrypt(TEST_PARAMETER *pTestParam, int nParameters, bool encrypt) {
 
 unsigned int JobEncryptThread(void *p) {
   auto *job = static_cast<JOB_CRYPT_INFO *>(p);
-  PublishJobError(&job->ti, CryptWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return CryptWork(job, session); });
 }
 
 int JobEncrypt(TEST_PARAMETER *pTestParam, int nParameters) {

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 
 typedef struct _JOB_FILE_INFO {
   THREAD_INFO ti;
@@ -39,15 +39,10 @@ int AppendChunk(void *param, const unsigned char *chunk, uint32_t len) {
   return 0;
 }
 
-int ReadFileWork(JOB_FILE_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
+int ReadFileWork(JOB_FILE_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
   Bytes data;
-  rc = QReadFile(session.Get(), job->pszObjName, &AppendChunk, &data);
+  rc = QReadFile(session, job->pszObjName, &AppendChunk, &data);
   if (rc != 0) {
     PrintJobError("QReadFile", rc);
     return rc;
@@ -55,14 +50,9 @@ int ReadFileWork(JOB_FILE_INFO *job) {
   return WriteJobOutput(job->pszOutFile, data.data(), data.size()) ? 0 : QL_ERR_FILE_IO;
 }
 
-int WriteFileWork(JOB_FILE_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
-  rc = QWriteFileBuffer(session.Get(), job->pszObjName, job->pData->data(),
+int WriteFileWork(JOB_FILE_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  rc = QWriteFileBuffer(session, job->pszObjName, job->pData->data(),
                         static_cast<uint32_t>(job->pData->size()), job->dwFlags);
   if (rc != 0) {
     PrintJobError("QWriteFileBuffer", rc);
@@ -77,20 +67,18 @@ int WriteFileWork(JOB_FILE_INFO *job) {
 
 unsigned int JobReadFileThread(void *p) {
   auto *job = static_cast<JOB_FILE_INFO *>(p);
-  PublishJobError(&job->ti, ReadFileWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return ReadFileWork(job, session); });
 }
 
 unsigned int JobWriteFileThread(void *p) {
   auto *job = static_cast<JOB_FILE_INFO *>(p);
-  PublishJobError(&job->ti, WriteFileWork(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return WriteFileWork(job, session); });
 }
 
 int JobReadFile(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_FILE_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
   const bool ok =
@@ -101,8 +89,7 @@ int JobReadFile(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int JobWriteFile(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_FILE_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.dwFlags = IsParameterDefined(pTestParam, nParameters, "-replace") ? QL_WRITE_FILE_REPLACE : 0;
   const char *word = GetParameterStr(pTestParam, nParameters, "-inform");

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ bool IsBlobType(uint32_t type) {
 }
 
 // Opens the key-encryption key when one is named. 0, or the code after its error line.
-int OpenKek(HSESSIONCTX session, const char *kek_name, JobKeyOwner *kek) {
+int OpenKek(HSESSIONCTX session, const char *kek_name, KeyOwner *kek) {
   if (!IsGivenText(kek_name)) return 0;
   const int rc = QGetUserKey(session, kek_name, 0, kek->Put());
   if (rc != 0) PrintJobError("QGetUserKey", rc);
@@ -64,27 +64,19 @@ void ShowJobGenKeyHelp() {
 
 unsigned int JobGenKeyThread(void *p) {
   auto *job = static_cast<JOB_GEN_KEY_INFO *>(p);
-  int rc = 0;
-  {
-    JobSessionOwner session;
-    rc = ConnectEx(session.Put(), &job->ti);
-    if (rc != 0) {
-      PrintJobError("ConnectEx", rc);
-    } else {
-      // A temporary key lives as long as this handle: it ends with the routine.
-      JobKeyOwner key;
-      rc = QGenerateKey(session.Get(), job->pszKeyName, job->nAlgId, job->dwKeyFlags, key.Put());
-      if (rc != 0) PrintJobError("QGenerateKey", rc);
-    }
-  }
-  PublishJobError(&job->ti, rc);
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    int rc = 0;
+    // A temporary key lives as long as this handle: it ends with the routine.
+    KeyOwner key;
+    rc = QGenerateKey(session, job->pszKeyName, job->nAlgId, job->dwKeyFlags, key.Put());
+    if (rc != 0) PrintJobError("QGenerateKey", rc);
+    return rc;
+  });
 }
 
 int JobGenKey(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_GEN_KEY_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.nAlgId = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-k"));
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.dwKeyFlags = LoadGenericKeyFlagsParameters(pTestParam, nParameters);
@@ -118,21 +110,16 @@ void ShowJobExportKeyHelp() {
   JobHelpExamples("export-key", {"-kn myrsa -bt publickey_blob --out myrsa_pub.der"});
 }
 
-int ExportKeyWork(JOB_EXPORT_KEY_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
-  JobKeyOwner key;
-  rc = QGetUserKey(session.Get(), job->pszKeyName, 0, key.Put());
+int ExportKeyWork(JOB_EXPORT_KEY_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  KeyOwner key;
+  rc = QGetUserKey(session, job->pszKeyName, 0, key.Put());
   if (rc != 0) {
     PrintJobError("QGetUserKey", rc);
     return rc;
   }
-  JobKeyOwner kek;
-  rc = OpenKek(session.Get(), job->pszKekName, &kek);
+  KeyOwner kek;
+  rc = OpenKek(session, job->pszKekName, &kek);
   if (rc != 0) return rc;
   uint32_t len = 0;
   rc = QExportKey(key.Get(), kek.Get(), job->dwBlobType, 0, nullptr, &len);
@@ -153,14 +140,13 @@ int ExportKeyWork(JOB_EXPORT_KEY_INFO *job) {
 
 unsigned int JobExportKeyThread(void *p) {
   auto *job = static_cast<JOB_EXPORT_KEY_INFO *>(p);
-  PublishJobError(&job->ti, ExportKeyWork(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return ExportKeyWork(job, session); });
 }
 
 int JobExportKey(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_EXPORT_KEY_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszKekName = GetParameterStr(pTestParam, nParameters, "-kek");
   job.dwBlobType = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-bt"));
@@ -206,18 +192,13 @@ void ShowJobImportKeyHelp() {
                                  "-kn peer -bt publickey_blob -k rsa2048 -pubobj -in pub.der"});
 }
 
-int ImportKeyWork(JOB_IMPORT_KEY_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
-  JobKeyOwner kek;
-  rc = OpenKek(session.Get(), job->pszKekName, &kek);
+int ImportKeyWork(JOB_IMPORT_KEY_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  KeyOwner kek;
+  rc = OpenKek(session, job->pszKekName, &kek);
   if (rc != 0) return rc;
-  JobKeyOwner key;
-  rc = QImportKey(session.Get(), job->pszKeyName, kek.Get(), job->pBlob->data(),
+  KeyOwner key;
+  rc = QImportKey(session, job->pszKeyName, kek.Get(), job->pBlob->data(),
                   static_cast<uint32_t>(job->pBlob->size()), job->dwBlobType, job->nAlgId,
                   job->dwKeyFlags, key.Put());
   if (rc != 0) PrintJobError("QImportKey", rc);
@@ -228,14 +209,13 @@ int ImportKeyWork(JOB_IMPORT_KEY_INFO *job) {
 
 unsigned int JobImportKeyThread(void *p) {
   auto *job = static_cast<JOB_IMPORT_KEY_INFO *>(p);
-  PublishJobError(&job->ti, ImportKeyWork(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return ImportKeyWork(job, session); });
 }
 
 int JobImportKey(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_IMPORT_KEY_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszKekName = GetParameterStr(pTestParam, nParameters, "-kek");
   job.dwBlobType = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-bt"));
@@ -294,18 +274,13 @@ void ShowJobGenEcdhHelp() {
                    "aes256"});
 }
 
-int GenEcdhWork(JOB_GEN_ECDH_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
+int GenEcdhWork(JOB_GEN_ECDH_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
   const bool keep = IsGivenText(job->pszTargetName);
   Bytes out(keep ? 0 : (job->dwOutLen > 1024 ? job->dwOutLen : 1024));
   uint32_t out_len = keep ? job->dwOutLen : static_cast<uint32_t>(out.size());
   auto call = [&] {
-    return QGenEcdhKey(session.Get(), job->dwKdf, job->pszKeyName, job->pPeerPub->data(),
+    return QGenEcdhKey(session, job->dwKdf, job->pszKeyName, job->pPeerPub->data(),
                        static_cast<uint32_t>(job->pPeerPub->size()),
                        job->pSharedInfo->empty() ? nullptr : job->pSharedInfo->data(),
                        static_cast<uint32_t>(job->pSharedInfo->size()), job->pszTargetName,
@@ -332,14 +307,12 @@ int GenEcdhWork(JOB_GEN_ECDH_INFO *job) {
 
 unsigned int JobGenEcdhThread(void *p) {
   auto *job = static_cast<JOB_GEN_ECDH_INFO *>(p);
-  PublishJobError(&job->ti, GenEcdhWork(job));
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) { return GenEcdhWork(job, session); });
 }
 
 int JobGenEcdh(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_GEN_ECDH_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.dwKdf = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-kdf"));
   job.pszTargetName = GetParameterStr(pTestParam, nParameters, "-tkn");
@@ -404,29 +377,19 @@ void ShowJobExportPkcs8Help() {
   JobHelpExamples("export-pkcs8", {"-kn myrsa -pwd 12345678 --out myrsa.p8"});
 }
 
-int ImportPkcs8Work(JOB_PKCS8_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
-  rc = QPKCS8ImportKey(session.Get(), job->pszKeyName, job->pszPassword, job->pData->data(),
+int ImportPkcs8Work(JOB_PKCS8_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  rc = QPKCS8ImportKey(session, job->pszKeyName, job->pszPassword, job->pData->data(),
                        static_cast<uint32_t>(job->pData->size()), job->dwKeyFlags);
   if (rc != 0) PrintJobError("QPKCS8ImportKey", rc);
   return rc;
 }
 
-int ExportPkcs8Work(JOB_PKCS8_INFO *job) {
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
-  JobLibBuffer data;
+int ExportPkcs8Work(JOB_PKCS8_INFO *job, HSESSIONCTX session) {
+  int rc = 0;
+  LibBuffer data;
   uint32_t len = 0;
-  rc = QPKCS8ExportKey(session.Get(), job->pszKeyName, job->pszPassword, data.Put(), &len);
+  rc = QPKCS8ExportKey(session, job->pszKeyName, job->pszPassword, data.Put(), &len);
   if (rc != 0) {
     PrintJobError("QPKCS8ExportKey", rc);
     return rc;
@@ -438,20 +401,19 @@ int ExportPkcs8Work(JOB_PKCS8_INFO *job) {
 
 unsigned int JobImportPkcs8Thread(void *p) {
   auto *job = static_cast<JOB_PKCS8_INFO *>(p);
-  PublishJobError(&job->ti, ImportPkcs8Work(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return ImportPkcs8Work(job, session); });
 }
 
 unsigned int JobExportPkcs8Thread(void *p) {
   auto *job = static_cast<JOB_PKCS8_INFO *>(p);
-  PublishJobError(&job->ti, ExportPkcs8Work(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return ExportPkcs8Work(job, session); });
 }
 
 int JobImportPkcs8(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_PKCS8_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszPassword = GetParameterStr(pTestParam, nParameters, "-pwd");
   job.dwKeyFlags = LoadGenericKeyFlagsParameters(pTestParam, nParameters);
@@ -466,8 +428,7 @@ int JobImportPkcs8(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int JobExportPkcs8(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_PKCS8_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszPassword = GetParameterStr(pTestParam, nParameters, "-pwd");
   job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");

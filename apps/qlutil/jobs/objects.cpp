@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 #include "jobs/obj_info.h"
 #include "quelta_client.h"
 #include "section_table.h"
@@ -70,7 +70,7 @@ int RemoveByName(JOB_REMOVE_INFO *job, HSESSIONCTX list_session, HSESSIONCTX rem
       ScreenOutput("Would remove user %s\r\n", job->pszName);
       return 0;
     }
-    JobKeyOwner key;
+    KeyOwner key;
     int rc = QGetUserKey(list_session, job->pszName, 0, key.Put());
     if (rc == QL_ERR_OBJ_NOT_FOUND) return 0;
     if (rc != 0) {
@@ -126,29 +126,23 @@ int RemoveFiltered(JOB_REMOVE_INFO *job, HSESSIONCTX list_session, HSESSIONCTX r
   return 0;
 }
 
-int JobRemoveWork(JOB_REMOVE_INFO *job) {
-  JobSessionOwner list_session;
-  int rc = ConnectEx(list_session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    return rc;
-  }
-  JobSessionOwner remove_session;
-  rc = ConnectEx(remove_session.Put(), &job->ti);
+int JobRemoveWork(JOB_REMOVE_INFO *job, HSESSIONCTX list_session) {
+  SessionOwner remove_session;
+  const int rc = ConnectEx(remove_session.Put(), &job->ti);
   if (rc != 0) {
     PrintJobError("ConnectEx(2)", rc);
     return rc;
   }
-  if (job->pszName != nullptr) return RemoveByName(job, list_session.Get(), remove_session.Get());
-  return RemoveFiltered(job, list_session.Get(), remove_session.Get());
+  if (job->pszName != nullptr) return RemoveByName(job, list_session, remove_session.Get());
+  return RemoveFiltered(job, list_session, remove_session.Get());
 }
 
 }  // namespace
 
 unsigned int JobRemoveThread(void *p) {
   auto *job = static_cast<JOB_REMOVE_INFO *>(p);
-  PublishJobError(&job->ti, JobRemoveWork(job));
-  return 1;
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return JobRemoveWork(job, session); });
 }
 
 int JobRemove(TEST_PARAMETER *pTestParam, int nParameters) {
@@ -224,29 +218,22 @@ void DumpObjs(HSESSIONCTX session, std::vector<ObjInfo> &objects, const char *ou
 
 unsigned int JobListObjectsThread(void *p) {
   auto *job = static_cast<JOB_LIST_OBJ_INFO *>(p);
-  JobSessionOwner session;
-  int rc = ConnectEx(session.Put(), &job->ti);
-  if (rc != 0) {
-    PrintJobError("ConnectEx", rc);
-    PublishJobError(&job->ti, rc);
-    return 1;
-  }
-  std::vector<ObjInfo> objects;
-  rc = QListObjs(session.Get(), &AppendObjInfo, &objects);
-  if (rc != 0) {
-    // This job's own message style; the listing failure is reported, not stored, as the job has
-    // always done. The session is still released by its owner.
-    ScreenOutput("[JobListObjectsThread] Fail in QListObjs. rc = %d\r\n", rc);
-    return 1;
-  }
-  DumpObjs(session.Get(), objects, job->pszOutFile, job->eOutform, job->bAttr != 0);
-  return 1;
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    std::vector<ObjInfo> objects;
+    const int rc = QListObjs(session, &AppendObjInfo, &objects);
+    if (rc != 0) {
+      // This job's own message style; the listing failure is reported, not stored in the record.
+      ScreenOutput("[JobListObjectsThread] Fail in QListObjs. rc = %d\r\n", rc);
+      return 0;
+    }
+    DumpObjs(session, objects, job->pszOutFile, job->eOutform, job->bAttr != 0);
+    return 0;
+  });
 }
 
 int JobListObjects(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_LIST_OBJ_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
   job.eOutform = GetParameterFileOutform(pTestParam, nParameters, "--outform", kOriginal);
   job.bAttr = IsParameterDefined(pTestParam, nParameters, "--attr") ? 1 : 0;
@@ -292,41 +279,33 @@ std::string TimeText(uint64_t seconds) {
 
 unsigned int JobObjInfoThread(void *p) {
   auto *job = static_cast<JOB_OBJ_INFO_INFO *>(p);
-  int rc = 0;
-  {
-    JobSessionOwner session;
-    rc = ConnectEx(session.Put(), &job->ti);
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    int rc = 0;
+    QL_OBJ_INFO info{};
+    rc = QGetObjInfo(session, job->pszObjName, &info);
     if (rc != 0) {
-      PrintJobError("ConnectEx", rc);
+      PrintJobError("QGetObjInfo", rc);
     } else {
-      QL_OBJ_INFO info{};
-      rc = QGetObjInfo(session.Get(), job->pszObjName, &info);
-      if (rc != 0) {
-        PrintJobError("QGetObjInfo", rc);
-      } else {
-        SectionTable table("Object", 10);
-        table.AddRow("Name", "%s", info.szName);
-        table.AddRow("Owner", "%s", info.szOwner);
-        table.AddRow("Type", "%s", ObjInfo::TypeWord(info.dwType).c_str());
-        table.AddRow("Algorithm", "%s", ObjInfo::AlgorithmWord(info.dwType).c_str());
-        table.AddRow("Flags", "0x%08X", info.dwFlags);
-        table.AddRow("Blocked", "%s", info.dwBlocked ? "yes" : "no");
-        table.AddRow("Created", "%s", TimeText(info.stStats.qwCreated).c_str());
-        table.AddRow("Modified", "%s", TimeText(info.stStats.qwModified).c_str());
-        table.AddRow("Size", "%u", info.stStats.dwSize);
-        table.AddRow("Use count", "%u", info.stStats.dwUseCount);
-        table.Print();
-      }
+      SectionTable table("Object", 10);
+      table.AddRow("Name", "%s", info.szName);
+      table.AddRow("Owner", "%s", info.szOwner);
+      table.AddRow("Type", "%s", ObjInfo::TypeWord(info.dwType).c_str());
+      table.AddRow("Algorithm", "%s", ObjInfo::AlgorithmWord(info.dwType).c_str());
+      table.AddRow("Flags", "0x%08X", info.dwFlags);
+      table.AddRow("Blocked", "%s", info.dwBlocked ? "yes" : "no");
+      table.AddRow("Created", "%s", TimeText(info.stStats.qwCreated).c_str());
+      table.AddRow("Modified", "%s", TimeText(info.stStats.qwModified).c_str());
+      table.AddRow("Size", "%u", info.stStats.dwSize);
+      table.AddRow("Use count", "%u", info.stStats.dwUseCount);
+      table.Print();
     }
-  }
-  PublishJobError(&job->ti, rc);
-  return 1;
+    return rc;
+  });
 }
 
 int JobObjInfo(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_OBJ_INFO_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   const bool ok = job.pszObjName != nullptr && *job.pszObjName != '\0';
   return StartJob(&JobObjInfoThread, &job.ti, sizeof job, false, ok, &ShowJobObjInfoHelp);
@@ -359,8 +338,7 @@ void ShowJobUnblockObjHelp() {
 
 int StartBlockObj(TEST_PARAMETER *pTestParam, int nParameters, bool block) {
   JOB_BLOCK_OBJ_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.bBlock = block ? 1 : 0;
   const bool ok = job.pszObjName != nullptr && *job.pszObjName != '\0';
@@ -372,21 +350,14 @@ int StartBlockObj(TEST_PARAMETER *pTestParam, int nParameters, bool block) {
 
 unsigned int JobBlockObjThread(void *p) {
   auto *job = static_cast<JOB_BLOCK_OBJ_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return 1;
-  }
-  rc = client.SetKeyBlockStatus(job->pszObjName, job->bBlock != 0);
-  if (rc != 0) {
-    PrintJobError("SetKeyBlockStatus", rc);
-    return 1;
-  }
-  ScreenOutput("Object %s %s.\r\n", job->pszObjName, job->bBlock ? "blocked" : "unblocked");
-  return 1;
+  return RunClientJob(&job->ti, [job](QueltaClient &client) {
+    const int rc = CheckJobCall("SetKeyBlockStatus",
+                                client.SetKeyBlockStatus(job->pszObjName, job->bBlock != 0));
+    if (rc == 0) {
+      ScreenOutput("Object %s %s.\r\n", job->pszObjName, job->bBlock ? "blocked" : "unblocked");
+    }
+    return rc;
+  });
 }
 
 int JobBlockObj(TEST_PARAMETER *pTestParam, int nParameters) {
@@ -419,29 +390,21 @@ void ShowJobRenameObjHelp() {
 
 unsigned int JobRenameObjThread(void *p) {
   auto *job = static_cast<JOB_RENAME_OBJ_INFO *>(p);
-  int rc = 0;
-  {
-    JobSessionOwner session;
-    rc = ConnectEx(session.Put(), &job->ti);
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    int rc = 0;
+    rc = QRenameObj(session, job->pszObjName, job->pszNewName);
     if (rc != 0) {
-      PrintJobError("ConnectEx", rc);
+      PrintJobError("QRenameObj", rc);
     } else {
-      rc = QRenameObj(session.Get(), job->pszObjName, job->pszNewName);
-      if (rc != 0) {
-        PrintJobError("QRenameObj", rc);
-      } else {
-        ScreenOutput("Object %s renamed to %s.\r\n", job->pszObjName, job->pszNewName);
-      }
+      ScreenOutput("Object %s renamed to %s.\r\n", job->pszObjName, job->pszNewName);
     }
-  }
-  PublishJobError(&job->ti, rc);
-  return 1;
+    return rc;
+  });
 }
 
 int JobRenameObj(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_RENAME_OBJ_INFO job{};
-  LoadGenericJobParameters(&job.ti, pTestParam, nParameters, false);
-  job.ti.Metric = 1;
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.pszNewName = GetParameterStr(pTestParam, nParameters, "-newkn");
   const bool ok = job.pszObjName != nullptr && *job.pszObjName != '\0' &&
@@ -489,8 +452,7 @@ void ShowJobSetMetadataJsonHelp() {
 }
 
 bool LoadMetadataJob(JOB_METADATA_JSON_INFO *job, TEST_PARAMETER *pTestParam, int nParameters) {
-  LoadGenericJobParameters(&job->ti, pTestParam, nParameters, false);
-  job->ti.Metric = 1;
+  LoadJobParameters(&job->ti, pTestParam, nParameters, false);
   job->pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   job->dwType = 0;
   if (IsParameterDefined(pTestParam, nParameters, "-type") &&

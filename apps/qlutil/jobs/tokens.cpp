@@ -6,8 +6,8 @@
 #include <ctime>
 #include <string>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 #include "option_usage.h"
 
 typedef struct _JOB_ATOKEN_INFO {

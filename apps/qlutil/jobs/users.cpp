@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "harness/harness.h"
 #include "job.h"
-#include "jobs/job_frame.h"
 #include "quelta_client.h"
 
 namespace {

@@ -9,8 +9,8 @@
 #include <string>
 
 #include "frontend_test_util.h"
+#include "harness/harness.h"
 #include "qlutil.h"
-#include "util.h"
 
 namespace {
 

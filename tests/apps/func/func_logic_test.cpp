@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "ACLTests/acl_tables.h"
-#include "FunctionalTests/func_common.h"
-#include "StressTests/stress_common.h"
+#include "harness/harness.h"
 
 namespace {
 
@@ -87,10 +86,10 @@ TEST(LoopGuards, StressMinusOneNeverStopsFuncZeroNeverStops) {
   counter = 0;
   for (int i = 0; i < 1000; ++i) ASSERT_FALSE(ShouldStopStressTestLoop(&counter, -1));
   counter = 0;
-  for (int i = 0; i < 1000; ++i) ASSERT_FALSE(qlfunc::ShouldStopFuncLoop(&counter, 0));
+  for (int i = 0; i < 1000; ++i) ASSERT_FALSE(ShouldStopFuncLoop(&counter, 0));
   counter = 0;
   runs = 0;
-  while (!qlfunc::ShouldStopFuncLoop(&counter, 2)) ++runs;
+  while (!ShouldStopFuncLoop(&counter, 2)) ++runs;
   EXPECT_EQ(runs, 2);
 }
 
@@ -110,7 +109,7 @@ TEST(GetParameterSwitch01, AbsentOrOutOfRangeGivesOne) {
       strcpy(params[1].szValue, c.value);
       n = 2;
     }
-    EXPECT_EQ(qlfunc::GetParameterSwitch01(params, n, "-keepalive"), c.expected)
+    EXPECT_EQ(GetParameterSwitch01(params, n, "-keepalive"), c.expected)
         << (c.value ? c.value : "(absent)");
   }
 }
@@ -226,15 +225,15 @@ TEST(AclOutput, VerboseLinesAndErrorLines) {
 TEST(FileCompare, EqualDifferentAndMissing) {
   const std::string a = testing::TempDir() + "func_cmp_a";
   const std::string b = testing::TempDir() + "func_cmp_b";
-  ASSERT_TRUE(qlfunc::WriteWholeFile(a, "abc", 3));
-  ASSERT_TRUE(qlfunc::WriteWholeFile(b, "abc", 3));
-  EXPECT_TRUE(qlfunc::FileCompare(a, b));
-  ASSERT_TRUE(qlfunc::WriteWholeFile(b, "abd", 3));
-  EXPECT_FALSE(qlfunc::FileCompare(a, b));
-  ASSERT_TRUE(qlfunc::WriteWholeFile(b, "abcd", 4));
-  EXPECT_FALSE(qlfunc::FileCompare(a, b));
+  ASSERT_TRUE(WriteWholeFile(a, "abc", 3));
+  ASSERT_TRUE(WriteWholeFile(b, "abc", 3));
+  EXPECT_TRUE(FileCompare(a, b));
+  ASSERT_TRUE(WriteWholeFile(b, "abd", 3));
+  EXPECT_FALSE(FileCompare(a, b));
+  ASSERT_TRUE(WriteWholeFile(b, "abcd", 4));
+  EXPECT_FALSE(FileCompare(a, b));
   remove(b.c_str());
-  EXPECT_FALSE(qlfunc::FileCompare(a, b));
+  EXPECT_FALSE(FileCompare(a, b));
   remove(a.c_str());
 }
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "PerformanceTests/perf_common.h"
 #include "arch.h"
+#include "harness/harness.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "PerformanceTests.h"
-#include "PerformanceTests/perf_common.h"
+#include "harness/harness.h"
 #include "qlutil.h"
 
 namespace {
@@ -110,42 +110,6 @@ TEST(PerfOptions, UsagePageOnlyForMissingOrBadOptions) {
       EXPECT_NE(outcome.out.find("\r\nEXAMPLE\r\n"), std::string::npos);
       EXPECT_EQ(outcome.out.find("Fail in"), std::string::npos) << "the HSM was reached";
     }
-  }
-}
-
-// The pages' own lines, as the operators' documentation quotes them.
-TEST(PerfOptions, HelpPagesOfTheMembersToldInFull) {
-  struct Page {
-    pfn_TestFunction handler;
-    std::vector<std::string> lines;
-  };
-  const std::string head = "     qlutil -a 10.10.10.10 -u master -w 24681357 -p ";
-  const Page pages[] = {
-      {PerfSignHash,
-       {"\r\nDESCRIPTION\r\n     Hash signature performance test.\r\n"
-        "     This test returns the number of signatures generated per second.\r\n"
-        "\r\nOPTIONS\r\n",
-        head + "sign-hash -t 5 -i 10 -h sha256 -k rsa2048 --tg\r\n",
-        head + "sign-hash -t 5 -i 10 -h sha256 --kn rsa\r\n"}},
-      {PerfEncrypt,
-       {"\r\nDESCRIPTION\r\n     Symmetric encryption performance test.\r\n"
-        "     This test returns the number of bytes encrypted per second or operations per "
-        "second.\r\n\r\nOPTIONS\r\n",
-        head + "encrypt -t 5 -i 10 -k aes256 -m 1024 -pa pkcs5_padding -mo ecb\r\n"}},
-      {PerfDecrypt,
-       {"\r\nDESCRIPTION\r\n     Symmetric decryption performance test.\r\n"
-        "     This test returns the number of bytes decrypted per second.\r\n\r\nOPTIONS\r\n"}},
-  };
-  for (const Page &page : pages) {
-    const Outcome outcome = Call(page.handler, "");
-    EXPECT_EQ(outcome.result, kResultUsage);
-    for (const std::string &line : page.lines) {
-      EXPECT_NE(outcome.out.find(line), std::string::npos) << line << "\nin:\n" << outcome.out;
-    }
-    // The page ends with its examples.
-    const size_t example = outcome.out.find("\r\nEXAMPLE\r\n");
-    ASSERT_NE(example, std::string::npos);
-    EXPECT_EQ(outcome.out.find("DESCRIPTION", example), std::string::npos);
   }
 }
 

@@ -140,12 +140,6 @@ TEST_F(NopE2E, ShortFooterAndTimeFile) {
   EXPECT_EQ(Read("qlutil_result"), "0");
 }
 
-TEST_F(NopE2E, MissingThreadCountPrintsTheHelp) {
-  RunResult run = Run({"-p", "nop", "-i", "10"});
-  EXPECT_EQ(run.exit_code, 255);  // -1
-  EXPECT_EQ(run.out.rfind("\r\nDESCRIPTION\r\n", 0), 0u) << run.out;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {

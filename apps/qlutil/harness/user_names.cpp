@@ -1,4 +1,4 @@
-#include "stress_common.h"
+#include "harness/user_names.h"
 
 #include <cstdio>
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <ctime>
 
-#include "util.h"
+#include "harness/thread_info.h"
 
 namespace runner_detail {
 

@@ -4,15 +4,18 @@
 #include <memory>
 #include <vector>
 
+#include "harness/connection.h"
+#include "harness/report.h"
+#include "harness/runners.h"
 #include "option_usage.h"
-#include "util.h"
-#include "util_report.h"
 
 using runner_detail::CopyAt;
 
 int ExecuteTestThreads(pfn_TestThread ThreadFunc, void *pTestInfo, size_t cbTestInfo) {
   // Switches the command never read are reported before anything reaches the HSM.
   if (CheckUnreadOptions()) return kResultUsage;
+  // Checks of the command line as a whole go here: nothing has been started or asked of the
+  // HSM yet.
   runner_detail::EnsureHsmVersionQuery();
   auto *ti = static_cast<THREAD_INFO *>(pTestInfo);
   int ErrorCode = kRunnerNoError;

@@ -1,15 +1,14 @@
-// Connection options, authentication records and session opening.
-#include <cstddef>
+// Login records, the session flags and session opening.
+#include "harness/connection.h"
+
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "Output.h"
-#include "option_usage.h"
+#include "harness/thread_info.h"
 #include "ql_win_helper.h"
-#include "util.h"
 
 namespace {
 
@@ -19,34 +18,6 @@ namespace {
 // A field that may lack its terminator, as a string.
 std::string FieldText(const char *field, size_t field_len) {
   return std::string(field, strnlen(field, field_len));
-}
-
-// --port: absent, empty or -1 mean 4433 and 1-65535 is the port. Any other value is refused
-// (0 is answered and the connection is left unloaded, so the command shows its help page):
-// credentials must never go to another HSM because of a typo.
-int LoadPortParam(TEST_PARAMETER *param, int param_count) {
-  char *value = nullptr;
-  if (!FindParameter(param, param_count, "--port", &value)) return kDefaultHsmPort;
-  std::string text = value;
-  // "--port -5": a value starting with a dash was parsed as a switch of its own. It is the port's
-  // value all the same, so that "-1" keeps meaning 4433 and "-5" is refused.
-  const auto *entry = reinterpret_cast<const TEST_PARAMETER *>(
-      reinterpret_cast<const char *>(value) - offsetof(TEST_PARAMETER, szValue));
-  const int index = static_cast<int>(entry - param);
-  if (text.empty() && index + 1 < param_count) {
-    const char *next = param[index + 1].szParameter;
-    if (next[0] == '-' && next[1] >= '0' && next[1] <= '9' && param[index + 1].szValue[0] == '\0') {
-      text = next;
-      MarkOptionRead(param, index + 1);
-    }
-  }
-  if (text.empty() || text == "-1") return kDefaultHsmPort;
-  const int port = atoi(text.c_str());
-  if (port >= 1 && port <= 65535) return port;
-  const std::string line =
-      "--port " + text + " is not a port number (1-65535, or -1 for 4433); refused";
-  ReportOptionValue("--port", line.c_str());
-  return 0;
 }
 
 // Reads the whole file into a QAlloc buffer one byte longer than the file, that
@@ -70,74 +41,7 @@ bool ReadTextFile(const char *path, DBLOB *blob) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Loading
-
-void LoadLibConnectionFlagsParam(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  auto zero_or_one = [&](const char *name, int fallback) {
-    const int value = GetParameterInt(param, param_count, name);
-    return value == 0 || value == 1 ? value : fallback;
-  };
-  ti->UseLoadBalance = zero_or_one("-lb", 0);
-  ti->SessionCache = zero_or_one("-sc", 1);
-  ti->UseTLS = zero_or_one("-tls", 1);
-}
-
-void LoadLibConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  LoadLibConnectionFlagsParam(ti, param, param_count);
-  const char *password = GetParameterStr(param, param_count, "-w");
-  const char *address = GetParameterStr(param, param_count, "-a");
-  const char *user = GetParameterStr(param, param_count, "-u");
-  const int port = LoadPortParam(param, param_count);
-  if (port == 0) return;
-
-  if (IsUserPwdConnection(address, user, password)) {
-    SetupUserPwdConnection(ti, address, user, password, port);
-    return;
-  }
-  // -b is the old name of --cm; scripts still use it.
-  const char *target = GetParameterStr(param, param_count, "--cm");
-  if (target == nullptr) target = GetParameterStr(param, param_count, "-b");
-  if (IsWinCredentialsConnection(target)) {
-    SetupWinCredentialsConnection(ti, target, port);
-    return;
-  }
-  const char *token = GetParameterStr(param, param_count, "-at");
-  const char *token_file = GetParameterStr(param, param_count, "-atf");
-  if (IsAtokenConnection(token, token_file)) {
-    SetupAtokenConnection(ti, address, port, token, token_file);
-  }
-}
-
-void LoadAnonymousConnectionParams(THREAD_INFO *ti, TEST_PARAMETER *param, int param_count) {
-  const int port = LoadPortParam(param, param_count);
-  // A refused port leaves the address empty: the command cannot connect.
-  CopyFixedField(ti->stAuthPwdEx.szAddr, sizeof ti->stAuthPwdEx.szAddr,
-                 port == 0 ? nullptr : GetParameterStr(param, param_count, "-a"));
-  ti->stAuthPwdEx.nPort = port;
-  ti->dwAuthParam = kAuthAnonymous;
-  ti->stAuthPwdEx.pbStrongAuth = nullptr;
-  ti->stAuthPwdEx.nStrongAuthLen = 0;
-  ti->stAuthPwdEx.dwAuthType = 0;
-}
-
-void LoadUserCreationParams(char **password, uint32_t *acl, TEST_PARAMETER *param,
-                            int param_count) {
-  *password = GetParameterStr(param, param_count, "-pwd");
-  *acl = 0;
-  if (IsParameterDefined(param, param_count, "-operator")) {
-    *acl = 128;
-    return;
-  }
-  static constexpr struct {
-    const char *name;
-    uint32_t bit;
-  } kSwitches[] = {{"-usr_create", 16},      {"-usr_list", 64},     {"-remote_log", 32},
-                   {"-backup", 256},         {"-firm_update", 512}, {"-ns_auth", 1024},
-                   {"-cold_partition", 2048}};
-  for (const auto &entry : kSwitches) {
-    if (IsParameterDefined(param, param_count, entry.name)) *acl |= entry.bit;
-  }
-}
+// Login records
 
 bool IsUserPwdConnection(const char *address, const char *user, const char *password) {
   return address != nullptr && user != nullptr && password != nullptr;
@@ -277,6 +181,13 @@ int THREAD_INFO::GetPort() const {
 
 // ---------------------------------------------------------------------------------------------
 // Checking and opening
+
+uint32_t GetConnectionFlags(const THREAD_INFO *ti) {
+  uint32_t flags = ti->UseTLS != 0 ? kSessionEncrypted : kSessionUnencrypted;
+  if (ti->UseLoadBalance == 0) flags += kSessionBypassLoadBalance;
+  if (ti->SessionCache == 0) flags += kSessionBypassCache;
+  return flags;
+}
 
 bool CheckConnectionFlags(const THREAD_INFO *test_info, bool is_anonymous) {
   const std::string address = test_info->GetAddress();

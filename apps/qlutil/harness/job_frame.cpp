@@ -1,4 +1,5 @@
-#include "jobs/job_frame.h"
+// The job frame: its loaders, start, error lines and data in and out.
+#include "harness/job_frame.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -57,29 +58,6 @@ void PrintJobError(const char *call, int rc) {
 int CheckJobCall(const char *call, int rc) {
   if (rc != 0) PrintJobError(call, rc);
   return rc;
-}
-
-void JobHelpHeader(bool is_anonymous, std::initializer_list<const char *> description) {
-  ScreenOutput("\r\nDESCRIPTION\r\n");
-  for (const char *line : description) ScreenOutput("     %s\r\n", line);
-  ScreenOutput("\r\nOPTIONS\r\n");
-  ShowHelpGlobalJobParameters(is_anonymous);
-}
-
-void JobHelpExamples(const char *job, std::initializer_list<const char *> options) {
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  for (const char *opts : options) {
-    ScreenOutput("     qlutil -a 10.10.10.10 -u master -w 24681357 -j %s%s%s\r\n", job,
-                 *opts ? " " : "", opts);
-  }
-}
-
-void JobHelpPage(const char *job, std::initializer_list<const char *> description,
-                 std::initializer_list<const char *> options,
-                 std::initializer_list<const char *> examples) {
-  JobHelpHeader(false, description);
-  for (const char *line : options) ScreenOutput("     %s\r\n", line);
-  JobHelpExamples(job, examples);
 }
 
 bool ReadLocalFile(const char *path, Bytes *data) {

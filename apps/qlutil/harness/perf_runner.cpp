@@ -2,7 +2,6 @@
 // sampler, and the preparation and clean-up kept outside the measured time.
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -11,9 +10,12 @@
 #include <vector>
 
 #include "Output.h"
+#include "harness/connection.h"
+#include "harness/report.h"
+#include "harness/runners.h"
+#include "harness/sampling.h"
+#include "harness/threads.h"
 #include "option_usage.h"
-#include "util.h"
-#include "util_report.h"
 
 using runner_detail::CopyAt;
 
@@ -55,9 +57,12 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
                            pfn_FinalizeThread FinalizeThread, void *pTestInfo, size_t cbTestInfo) {
   // Switches the command never read are reported before anything reaches the HSM.
   if (CheckUnreadOptions()) return kResultUsage;
+  // Checks of the command line as a whole go here: nothing has been started or asked of the
+  // HSM yet.
   runner_detail::EnsureHsmVersionQuery();
   auto *ti = static_cast<THREAD_INFO *>(pTestInfo);
   int ErrorCode = kRunnerNoError;
+  // The first failure of a callback or of a thread start; the run fails when it is set.
   int nRet = 0;
   runner_detail::RunTimes times;
   times.start_date = times.end_date = time(nullptr);
@@ -70,7 +75,8 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
   const int threads = ti->Threads > 0 ? ti->Threads : 0;
   std::vector<QL_THREAD_HANDLE> handles(static_cast<size_t>(threads), nullptr);
   std::unique_ptr<unsigned char[]> copies(new unsigned char[threads * cbTestInfo + 1]);
-  int copies_made = 0;
+  // Copies whose InitializeThread succeeded: each of them gets its FinalizeThread.
+  int copies_ready = 0;
 
   auto clean_up = [&]() {
     sampler.Stop();
@@ -93,36 +99,32 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
     THREAD_INFO *copy = CopyAt(copies.get(), cbTestInfo, i);
     std::memcpy(copy, pTestInfo, cbTestInfo);
     copy->ThreadId = i;
-    copies_made = i + 1;
     const int r = InitializeThread(copy);
     if (r != 0) {
       printf("Failed to initialize test thread: %d\n", r);
-      nRet = ErrorCode = r;
+      nRet = r;
       break;
     }
+    copies_ready = i + 1;
   }
 
-  if (IsStatsEnabled(ti)) sampler.Start(ti);
-
   if (nRet == 0) {
+    if (IsStatsEnabled(ti)) sampler.Start(ti);
     times.start_date = time(nullptr);
     const double start = ChronStart();
-    for (int i = 0; i < threads; ++i) {
-      handles[i] = CreateThreadNow(ThreadFunc, CopyAt(copies.get(), cbTestInfo, i));
-      if (handles[i] == nullptr) {
-        ScreenOutput("\n\nFailed to create thread. Count: %d Asked: %d\n\n", i, ti->Threads);
+    int started = 0;
+    for (; started < threads; ++started) {
+      handles[started] = CreateThreadNow(ThreadFunc, CopyAt(copies.get(), cbTestInfo, started));
+      if (handles[started] == nullptr) {
+        ScreenOutput("\n\nFailed to create thread. Count: %d Asked: %d\n\n", started, ti->Threads);
         ScreenOutput("Exiting! \n\n");
-        // Stop what already runs before leaving, so that nothing uses the
-        // copies any more.
+        // The threads already running stop at their next poll of the event.
         SignalErrorEvent(&hErrorEvent);
-        WaitForThreads(handles.data(), static_cast<uint32_t>(i));
-        for (QL_THREAD_HANDLE handle : handles) CloseThreadHandle(handle);
-        sampler.Stop();
-        fflush(stdout);
-        exit(1);
+        nRet = kRunnerThreadStartFailed;
+        break;
       }
     }
-    WaitForThreads(handles.data(), static_cast<uint32_t>(threads));
+    WaitForThreads(handles.data(), static_cast<uint32_t>(started));
     times.result_ms = ChronEndDelta(start) * 1000.0;
     times.end_date = time(nullptr);
     for (QL_THREAD_HANDLE &handle : handles) {
@@ -135,33 +137,30 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
       if (ti->pszStatsFile != nullptr) DumpStatistics2CSV(sampler.results(), ti->pszStatsFile);
       if (ti->printStatsOnScreen) PrintStatistics(sampler.results(), ti->statSleepIntervalMs);
     }
+  }
 
+  // Every copy that was set up is released, whatever failed after its set-up; the first
+  // failure is the run's.
+  for (int i = 0; i < copies_ready; ++i) {
     try {
-      for (int i = 0; i < threads; ++i) {
-        const int r = FinalizeThread(CopyAt(copies.get(), cbTestInfo, i));
-        if (r != 0) {
-          printf("Failed to finalize test thread: %d\n", r);
-          nRet = r;
-          break;
-        }
+      const int r = FinalizeThread(CopyAt(copies.get(), cbTestInfo, i));
+      if (r != 0) {
+        printf("Failed to finalize test thread: %d\n", r);
+        if (nRet == 0) nRet = r;
       }
     } catch (...) {
       ScreenOutput("*** Exception ***\r\n");
       SignalErrorEvent(&hErrorEvent);
       // The first copy carries the mark, whichever thread's clean-up threw.
-      if (threads > 0) CopyAt(copies.get(), cbTestInfo, 0)->Error = kRunnerCleanupException;
+      CopyAt(copies.get(), cbTestInfo, 0)->Error = kRunnerCleanupException;
     }
-  } else {
-    // A failed preparation runs no test: the sampler has nothing to watch.
-    sampler.Stop();
   }
 
   if (FinalizeTest != nullptr) {
-    // Its result replaces whatever nRet held, as it always has.
-    nRet = FinalizeTest(pTestInfo);
-    if (nRet != 0) {
-      printf("Failed to finalize test: %d\n", nRet);
-      return clean_up();
+    const int r = FinalizeTest(pTestInfo);
+    if (r != 0) {
+      printf("Failed to finalize test: %d\n", r);
+      if (nRet == 0) nRet = r;
     }
   }
 
@@ -175,7 +174,7 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
     runner_detail::ReportSuccess(ti, times, dwFlags);
   } else {
     ErrorCode = nRet != 0 ? nRet
-                          : runner_detail::FirstThreadError(copies.get(), cbTestInfo, copies_made,
+                          : runner_detail::FirstThreadError(copies.get(), cbTestInfo, copies_ready,
                                                             ErrorCode);
     runner_detail::ReportFailure(ti, ErrorCode, times, dwFlags);
   }

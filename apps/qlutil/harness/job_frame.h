@@ -20,31 +20,17 @@
 #include <vector>
 
 #include "Output.h"
+#include "harness/connection.h"
+#include "harness/handles.h"
+#include "harness/loaders.h"
+#include "harness/runners.h"
+#include "harness/threads.h"
 #include "ql_client_helper.h"
 #include "qlapi.h"
 #include "qlutil.h"
 #include "quelta_client.h"
-#include "util.h"
 
-using JobSessionOwner = QLUniquePtr<HSESSIONCTX, &CloseSession>;
-using JobKeyOwner = QLUniquePtr<HKEYCTX, &DestroyKeyHandle>;
-using JobHashOwner = QLUniquePtr<HHASHCTX, &DestroyHashHandle>;
 using Bytes = std::vector<unsigned char>;
-
-// A buffer the library handed out (QAlloc), freed with QFree.
-class JobLibBuffer {
- public:
-  JobLibBuffer() = default;
-  ~JobLibBuffer() { QFree(data_); }
-  JobLibBuffer(const JobLibBuffer &) = delete;
-  JobLibBuffer &operator=(const JobLibBuffer &) = delete;
-  unsigned char **Put() { return &data_; }
-  char **PutText() { return reinterpret_cast<char **>(&data_); }
-  unsigned char *Get() const { return data_; }
-
- private:
-  unsigned char *data_ = nullptr;
-};
 
 // The key flags of the key-making jobs, OR-ed: "-exp 1" 1 (exportable), "-tmp 1" 4 (temporary),
 // "-rsaexp3 1" 2048, "-nocrypt 1" 2, "-bchain" present 16384.
@@ -74,15 +60,18 @@ void PrintJobError(const char *call, int rc);
 // The answer of a library call: printed with PrintJobError when it is not 0. Answers rc.
 int CheckJobCall(const char *call, int rc);
 
-// A routine on one session: opens it with ConnectEx (printing "Error in ConnectEx" on a
-// failure), runs work(session), which answers 0 or the code of its failing call, closes the
-// session, then publishes a non-zero code (PublishJobError). Answers 1, the routine's answer.
+// A routine on one session: opens it (ConnectEx, or ConnectAnonymous for kAnonymousSession;
+// "Error in ConnectEx" on a failure), runs work(session), which answers 0 or the code of its
+// failing call, closes the session, then publishes a non-zero code (PublishJobError). Answers 1,
+// the routine's answer.
+constexpr bool kAnonymousSession = true;
 template <typename Work>
-unsigned int RunSessionJob(THREAD_INFO *ti, Work &&work) {
+unsigned int RunSessionJob(THREAD_INFO *ti, Work &&work, bool anonymous = false) {
   int rc = 0;
   {
-    JobSessionOwner session;
-    rc = CheckJobCall("ConnectEx", ConnectEx(session.Put(), ti));
+    SessionOwner session;
+    rc = CheckJobCall("ConnectEx", anonymous ? ConnectAnonymous(session.Put(), ti)
+                                             : ConnectEx(session.Put(), ti));
     if (rc == 0) rc = work(session.Get());
   }
   PublishJobError(ti, rc);
@@ -102,18 +91,6 @@ unsigned int RunClientJob(THREAD_INFO *ti, Work &&work) {
   if (rc == 0) rc = work(client);
   return 1;
 }
-
-// Help page pieces, in page order. Description: "\r\nDESCRIPTION\r\n", each line after five
-// blanks, "\r\nOPTIONS\r\n" and the connection options (ShowHelpGlobalJobParameters).
-void JobHelpHeader(bool is_anonymous, std::initializer_list<const char *> description);
-// "\r\nEXAMPLE\r\n" and one line per option text:
-// "     qlutil -a 10.10.10.10 -u master -w 24681357 -j <job> <options>\r\n".
-void JobHelpExamples(const char *job, std::initializer_list<const char *> options);
-// A whole page of a job that logs in, whose options are plain lines: JobHelpHeader, each option
-// line after five blanks, JobHelpExamples.
-void JobHelpPage(const char *job, std::initializer_list<const char *> description,
-                 std::initializer_list<const char *> options,
-                 std::initializer_list<const char *> examples);
 
 // Reads the data of an input switch: with inform kFile the value names a file read whole, with
 // kHexData it is a hex string. False (data empty) when the switch is absent, the file cannot be

@@ -1,4 +1,4 @@
-#include "util_report.h"
+#include "harness/report.h"
 
 #include <cstring>
 #include <string>

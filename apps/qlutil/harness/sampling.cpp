@@ -1,6 +1,9 @@
 // The HSM statistics sampler of the performance runner.
+#include "harness/sampling.h"
+
 #include "Output.h"
-#include "util.h"
+#include "harness/connection.h"
+#include "harness/handles.h"
 
 namespace {
 constexpr int kAccessDenied = 5002;

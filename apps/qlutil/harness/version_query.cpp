@@ -3,8 +3,9 @@
 #include <mutex>
 
 #include "Output.h"
-#include "util.h"
-#include "util_report.h"
+#include "harness/connection.h"
+#include "harness/report.h"
+#include "harness/runners.h"
 
 bool QueryHsmVersionTexts(const char *address, const char *user, const char *password,
                           unsigned flags, int port, char texts[6][512]) {

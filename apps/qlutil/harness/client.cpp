@@ -1,6 +1,6 @@
 // The client facade built from a thread descriptor.
+#include "harness/connection.h"
 #include "quelta_client.h"
-#include "util.h"
 
 QueltaClient GetQueltaClient(const THREAD_INFO *ti, bool is_anonymous) {
   uint32_t auth_type = 0, flags = 0, data_len = 0;

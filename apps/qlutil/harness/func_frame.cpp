@@ -1,12 +1,11 @@
-#include "func_common.h"
+// The functional test frame: switches, keep-alive, random bytes and files.
+#include "harness/func_frame.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 
 #include "Output.h"
-
-namespace qlfunc {
 
 int GetParameterSwitch01(TEST_PARAMETER *pTestParam, int nParameters, const char *pszName) {
   const int value = GetParameterInt(pTestParam, nParameters, pszName);
@@ -56,18 +55,3 @@ bool FileCompare(const std::string &path1, const std::string &path2) {
   std::string a, b;
   return ReadWholeFile(path1, &a) && ReadWholeFile(path2, &b) && a == b;
 }
-
-void FuncHelpDescription(std::initializer_list<const char *> lines) {
-  ScreenOutput("\r\nDESCRIPTION\r\n");
-  for (const char *line : lines) ScreenOutput("%s", line);
-  ScreenOutput("\r\nOPTIONS\r\n");
-  ShowHelpGlobalParameters();
-}
-
-int FuncHelpExample(const char *line) {
-  ScreenOutput("\r\nEXAMPLE\r\n");
-  ScreenOutput("%s", line);
-  return kResultUsage;
-}
-
-}  // namespace qlfunc

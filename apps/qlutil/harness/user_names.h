@@ -1,6 +1,6 @@
 #pragma once
-// Pieces of the stress tests (-s) that the user jobs share: the counter names of bulk-created
-// users and the division of a total between threads.
+// Names of bulk-created users (the user stress tests and the user jobs): counter names and the
+// division of a total between threads.
 
 #include <cstddef>
 #include <cstdint>
