@@ -121,22 +121,18 @@ unsigned int FuncEncDecThread(void *pvInfo) {
   // With session reuse one session holds every round (o stays 1, i counts); otherwise each
   // round has its own session (o counts, i stays 1).
   const bool reuse = ti->ReuseSession == 1;
-  unsigned long outer = 0;
-  while (rc == 0 && !ShouldStopPerfTestLoop(&outer, reuse ? 1 : ti->Iterations)) {
+  rc = FuncLoop(ti, reuse ? 1 : ti->Iterations, [&](unsigned long outer) {
     SessionOwner session;
-    rc = ConnectEx(session.Put(), ti);
-    if (rc != 0) {
+    const int connected = ConnectEx(session.Put(), ti);
+    if (connected != 0) {
       ScreenOutput("[FuncEncDecThread] Error in ConnectEx. Err = %lu\r\n",
-                   static_cast<unsigned long>(rc));
-      break;
+                   static_cast<unsigned long>(connected));
+      return connected;
     }
-    unsigned long inner = 0;
-    while (!ShouldStopPerfTestLoop(&inner, reuse ? ti->Iterations : 1)) {
-      rc = EncDecRound(info, session.Get(), files, outer, inner);
-      if (rc != 0 || RunFailed(ti)) break;
-    }
-    if (RunFailed(ti)) break;
-  }
+    return FuncLoop(ti, reuse ? ti->Iterations : 1, [&](unsigned long inner) {
+      return EncDecRound(info, session.Get(), files, outer, inner);
+    });
+  });
   for (const std::string &f : files) remove(f.c_str());
   return 1;
 }

@@ -86,11 +86,11 @@ unsigned int StressCreateUserThread(void *pvInfo) {
   auto *info = static_cast<STRESS_CREATE_USER_INFO *>(pvInfo);
   THREAD_INFO *ti = &info->ti;
   const unsigned long tid = static_cast<unsigned long>(ti->ThreadId);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, *ti);
   int first = 0;
   int count = 0;
   CalculateCreateCountUserRange(info->nTotalUsers, ti->Threads, ti->ThreadId, &first, &count);
+  int rc = 0;
+  ThreadErrorSignaling signaling(rc, *ti);
   SessionOwner session;
   rc = ConnectEx(session.Put(), ti);
   if (rc != 0) {
@@ -98,7 +98,9 @@ unsigned int StressCreateUserThread(void *pvInfo) {
                  tid);
     return 1;
   }
-  for (int counter = first; counter < first + count; ++counter) {
+  // One pass per user of the thread's share.
+  rc = FuncLoop(ti, count, [&](unsigned long pass) {
+    const int counter = first + static_cast<int>(pass) - 1;
     char name[64];
     GenCountUserName(info->szPrefix, counter, name, sizeof name);
     QL_USER_INFO record;
@@ -106,19 +108,18 @@ unsigned int StressCreateUserThread(void *pvInfo) {
     CopyFixedField(record.szUserId, sizeof record.szUserId, name);
     CopyFixedField(record.szPassword, sizeof record.szPassword, info->szPassword);
     record.dwAcl = info->dwAcl;
-    rc = QCreateUser(session.Get(), &record);
-    if (rc != 0) {
+    const int created = QCreateUser(session.Get(), &record);
+    if (created != 0) {
       if (info->bPtl) {
         ScreenOutput("Error in QCreateUser. Err: %lu User: %s Thread: %lu\r\n",
-                     static_cast<unsigned long>(rc), name, tid);
+                     static_cast<unsigned long>(created), name, tid);
       } else {
         ScreenOutput("Error in QCreateUser. Err: %lu Thread: %lu\r\n",
-                     static_cast<unsigned long>(rc), tid);
+                     static_cast<unsigned long>(created), tid);
       }
-      break;
     }
-    if (RunFailed(ti)) break;
-  }
+    return created;
+  });
   return 1;
 }
 

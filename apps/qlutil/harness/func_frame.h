@@ -43,27 +43,27 @@ inline bool ShouldStopFuncLoop(unsigned long *counter, int iterations) {
   return false;
 }
 
-// The thread loop: pass(counter) runs until Iterations passes are done (for ever without -i), a
-// pass answers a non-zero code or another thread announced a failure. Answers the last pass's
-// code.
+// The thread loop: pass(counter) runs until `passes` passes are done (for ever with -1), a pass
+// answers a non-zero code or another thread announced a failure; counter counts from 1. Answers
+// the last pass's code.
 template <typename Pass>
-int FuncLoop(THREAD_INFO *ti, Pass &&pass) {
+int FuncLoop(THREAD_INFO *ti, int passes, Pass &&pass) {
   unsigned long counter = 0;
   int rc = 0;
-  while (!ShouldStopPerfTestLoop(&counter, ti->Iterations)) {
+  while (!ShouldStopPerfTestLoop(&counter, passes)) {
     rc = pass(counter);
     if (rc != 0 || RunFailed(ti)) break;
   }
   return rc;
 }
 
-// The thread body of a test without a session of its own: FuncLoop, then a non-zero code is
-// published (ThreadErrorSignaling). Answers 1, the body's answer.
+// The thread body of a test without a session of its own: FuncLoop over Iterations, then a
+// non-zero code is published (ThreadErrorSignaling). Answers 1, the body's answer.
 template <typename Pass>
 unsigned int RunFuncLoop(THREAD_INFO *ti, Pass &&pass) {
   int rc = 0;
   ThreadErrorSignaling signaling(rc, *ti);
-  rc = FuncLoop(ti, pass);
+  rc = FuncLoop(ti, ti->Iterations, pass);
   return 1;
 }
 
@@ -80,7 +80,8 @@ unsigned int RunFuncSessionLoop(THREAD_INFO *ti, OnConnectError &&on_connect_err
     on_connect_error(rc);
     return 1;
   }
-  rc = FuncLoop(ti, [&](unsigned long counter) { return pass(session.Get(), counter); });
+  rc = FuncLoop(ti, ti->Iterations,
+                [&](unsigned long counter) { return pass(session.Get(), counter); });
   return 1;
 }
 

@@ -12,7 +12,8 @@
 //   handles.h      owners of sessions, keys, hashes and buffers (declared only here)
 //   temp_names.h   temporary object names and whole-test keys
 //   perf_frame.h   PerfSetup (the set-up chain) and RunPerfLoop
-//   func_frame.h   RunFuncLoop / RunFuncSessionLoop, for -f, -s and the access-control tests
+//   func_frame.h   FuncLoop, RunFuncLoop / RunFuncSessionLoop, for -f, -s and the access-control
+//                  tests
 //   job_frame.h    StartJob, RunSessionJob / RunClientJob, and the jobs' data in and out
 //   help_frame.h   the help page frame of each kind
 //   user_names.h   names of bulk-created users
@@ -36,7 +37,9 @@
 //         if (options wrong) { FuncHelpDescription({...}); ...; return FuncHelpExample(...); }
 //         return ExecuteTestThreads(FuncXThread, &info, sizeof info);
 //       The body is RunFuncSessionLoop(&info->ti, on_connect_error, pass(session, counter)) or,
-//       for a test that opens its own sessions, RunFuncLoop(&info->ti, pass(counter)).
+//       for a test that opens its own sessions, RunFuncLoop(&info->ti, pass(counter)); a body
+//       that counts its passes otherwise keeps a ThreadErrorSignaling and runs FuncLoop(ti,
+//       passes, pass).
 //
 //   -j  A record with THREAD_INFO ti first. The entry loads LoadJobParameters (or
 //       LoadGenericParameters then ForceSingleJobRun), reads its options and answers
