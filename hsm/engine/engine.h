@@ -143,12 +143,12 @@ class Engine {
   Status RenameObject(sessions::Session &s, std::string_view name, std::string_view new_name);
   Status SetObjectBlocked(sessions::Session &s, std::string_view name, bool blocked);
   // Object metadata as JSON (engine_meta.cpp). Writing: one JSON object in UTF-8 of at most
-  // QL_MAX_JSON_METADATA bytes (kBadLength, kBadJson), right ACL_OBJ_UPDATE. Reading: type
-  // QL_JSON_METADATA_OBJECT only (kBadArgument), the right to use the object; "{}" when never
+  // qlproto::kMaxJsonMetadata bytes (kBadLength, kBadJson), right ACL_OBJ_UPDATE. Reading: type
+  // qlproto::kJsonMetadataObject only (kBadArgument), the right to use the object; "{}" when never
   // written.
   Status SetObjectMetadata(sessions::Session &s, std::string_view name, std::string_view json);
   Result<std::string> GetObjectMetadata(sessions::Session &s, std::string_view name,
-                                        uint32_t type = QL_JSON_METADATA_OBJECT);
+                                        uint32_t type = qlproto::kJsonMetadataObject);
   // Creates a file object; with `replace`, an existing object of that name is overwritten, which
   // needs the update right (ACL_OBJ_UPDATE) besides the create right for a new one.
   Status WriteFile(sessions::Session &s, std::string_view name, const secure::Bytes &data,
@@ -159,7 +159,7 @@ class Engine {
                              uint32_t max_len);
 
   // --- keys (engine_keys.cpp) ---
-  // A temporary key (empty name or QL_KEY_TEMPORARY: no right needed, lives in the session) or a
+  // A temporary key (empty name or qlproto::kKeyTemporary: no right needed, lives in the session) or a
   // stored one (right ACL_OBJ_CREATE; a taken name answers 5022).
   Result<KeyDesc> GenerateKey(sessions::Session &s, std::string_view name, uint32_t algorithm,
                               uint32_t flags, bool want_handle);
@@ -186,7 +186,7 @@ class Engine {
   Result<secure::Bytes> Cipher(sessions::Session &s, const KeyArg &key, bool encrypt, bool final,
                                const secure::Bytes &data, size_t capacity, uint64_t *needed,
                                secure::Bytes *iv);
-  // Cipher parameters of a key handle: QKP_IV, QKP_MODE, QKP_PADDING, QKP_AAD, QKP_TAG_LEN.
+  // Cipher parameters of a key handle: qlproto::kKpIv, qlproto::kKpMode, qlproto::kKpPadding, qlproto::kKpAad, qlproto::kKpTagLen.
   Status SetCipherParam(sessions::Session &s, uint64_t handle, uint32_t param, uint64_t number,
                         const secure::Bytes &data);
   Result<uint64_t> GetCipherParam(sessions::Session &s, uint64_t handle, uint32_t param,
@@ -206,12 +206,12 @@ class Engine {
   // --- key material and key agreement (engine_derive.cpp) ---
   // Key material of `algorithm` made and handed out, never kept: a symmetric or HMAC key's secret
   // (DES keys with odd parity), an asymmetric key's PKCS#8 PrivateKeyInfo (DER). Like a temporary
-  // key it needs no right. Of the flags, QL_KEY_RSA_EXP3 is acted on; QL_KEY_BLOCKCHAIN answers
+  // key it needs no right. Of the flags, qlproto::kKeyRsaExp3 is acted on; qlproto::kKeyBlockchain answers
   // kNotSupported; the others describe a stored key and mean nothing here.
   Result<secure::Bytes> GenerateKeyMaterial(sessions::Session &s, uint32_t algorithm,
                                             uint32_t flags);
   struct EcdhArgs {
-    uint32_t kdf = 0;               // QL_GEN_KEY_KDF_RAW_SECRET or QL_GEN_KEY_X9_63_SHA256
+    uint32_t kdf = 0;               // qlproto::kGenKeyKdfRawSecret or qlproto::kGenKeyX963Sha256
     std::string private_key;        // a stored EC, X25519 or X448 private key
     secure::Bytes peer_public_key;  // SubjectPublicKeyInfo (DER) of the same algorithm
     secure::Bytes shared_info;      // X9.63 only

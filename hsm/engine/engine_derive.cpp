@@ -21,7 +21,7 @@ constexpr uint32_t kMaxDerived = 1024;
 Result<secure::Bytes> Engine::GenerateKeyMaterial(Session &s, uint32_t algorithm, uint32_t flags) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();
-  if (flags & QL_KEY_BLOCKCHAIN)
+  if (flags & qlproto::kKeyBlockchain)
     return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
   crypto::Result<crypto::SecretBytes> material = crypto::GenerateKeyMaterial(algorithm, flags);
   if (!material.ok()) return FromCrypto(material.status());
@@ -34,8 +34,8 @@ Result<secure::Bytes> Engine::GenEcdhKey(Session &s, const EcdhArgs &a, uint64_t
   if (!me.ok()) return me.status();
 
   // Arguments.
-  const bool raw = a.kdf == QL_GEN_KEY_KDF_RAW_SECRET;
-  if (!raw && a.kdf != QL_GEN_KEY_X9_63_SHA256)
+  const bool raw = a.kdf == qlproto::kGenKeyKdfRawSecret;
+  if (!raw && a.kdf != qlproto::kGenKeyX963Sha256)
     return Status::Error(Code::kBadAlgorithm, "unknown key-derivation function");
   if (a.private_key.empty()) return Status::Error(Code::kBadArgument, "no private key named");
   if (a.peer_public_key.empty()) return Status::Error(Code::kBadArgument, "no peer public key");
@@ -45,7 +45,7 @@ Result<secure::Bytes> Engine::GenEcdhKey(Session &s, const EcdhArgs &a, uint64_t
   if (raw && keep) return Status::Error(Code::kBadArgument, "the raw secret cannot be kept");
   if (!raw && (a.out_length == 0 || a.out_length > kMaxDerived))
     return Status::Error(Code::kBadLength, "X9.63 derives 1 to 1024 bytes");
-  if (keep && (a.flags & QL_KEY_BLOCKCHAIN))
+  if (keep && (a.flags & qlproto::kKeyBlockchain))
     return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
   if (keep) {
     Result<objects::ObjectRef> ref = Ref(s, a.target_name);
@@ -64,7 +64,7 @@ Result<secure::Bytes> Engine::GenEcdhKey(Session &s, const EcdhArgs &a, uint64_t
   if (!peer.ok()) return FromCrypto(peer.status());
 
   // Rights (every right before any existence), then existence and state of the private key.
-  const bool stored_target = keep && !(a.flags & QL_KEY_TEMPORARY);
+  const bool stored_target = keep && !(a.flags & qlproto::kKeyTemporary);
   if (stored_target && !access::Allowed(Request::kCreateObject, me->mask))
     return Done<secure::Bytes>(s, "ecdh", a.target_name,
                                Status::Error(Code::kAccessDenied, "access denied"), false);

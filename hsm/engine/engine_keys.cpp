@@ -85,7 +85,7 @@ KeyDesc Describe(const crypto::Key &key, uint32_t flags, uint64_t handle) {
   KeyDesc d;
   d.handle = handle;
   d.algorithm =
-      key.algorithm() | (key.has_private() || key.is_secret() ? 0 : QL_ALG_PUBLIC_KEY_BIT);
+      key.algorithm() | (key.has_private() || key.is_secret() ? 0 : qlproto::kAlgPublicKeyBit);
   d.flags = flags;
   d.key_length = static_cast<uint32_t>(key.length_bytes());
   return d;
@@ -164,7 +164,7 @@ Result<Engine::UsableKey> Engine::ResolveKey(Session &s, const KeyArg &arg, cons
 
 Result<KeyDesc> Engine::StoreOrHold(Session &s, std::string_view name, crypto::KeyPtr key,
                                     uint32_t flags, bool want_handle, const char *op) {
-  if (name.empty() || (flags & QL_KEY_TEMPORARY)) {
+  if (name.empty() || (flags & qlproto::kKeyTemporary)) {
     uint64_t h = want_handle ? s.AddTemp({key, flags}) : 0;
     return Describe(*key, flags, h);
   }
@@ -184,7 +184,7 @@ Result<KeyDesc> Engine::GenerateKey(Session &s, std::string_view name, uint32_t 
                                     uint32_t flags, bool want_handle) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();
-  bool temporary = name.empty() || (flags & QL_KEY_TEMPORARY);
+  bool temporary = name.empty() || (flags & qlproto::kKeyTemporary);
   if (!temporary) {
     Result<objects::ObjectRef> ref = Ref(s, name);
     if (!ref.ok()) return ref.status();
@@ -192,7 +192,7 @@ Result<KeyDesc> Engine::GenerateKey(Session &s, std::string_view name, uint32_t 
       return Done<KeyDesc>(s, "generate-key", name,
                            Status::Error(Code::kAccessDenied, "access denied"), false);
   }
-  if (flags & QL_KEY_BLOCKCHAIN)
+  if (flags & qlproto::kKeyBlockchain)
     return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
   crypto::Result<crypto::KeyPtr> key = crypto::Key::Generate(algorithm, flags);
   if (!key.ok()) return CryptoFailure(key);
@@ -218,7 +218,7 @@ Result<KeyDesc> Engine::ImportKey(Session &s, std::string_view name, const KeyAr
                                   uint32_t flags, bool want_handle) {
   Result<users::UserInfo> me = Caller(s);
   if (!me.ok()) return me.status();
-  bool temporary = name.empty() || (flags & QL_KEY_TEMPORARY);
+  bool temporary = name.empty() || (flags & qlproto::kKeyTemporary);
   if (blob.empty()) return Status::Error(Code::kBadArgument, "empty key blob");
   if (!temporary) {
     Result<objects::ObjectRef> ref = Ref(s, name);
@@ -244,7 +244,7 @@ Result<secure::Bytes> Engine::ExportKey(Session &s, const KeyArg &key, const Key
                                         uint32_t blob_type) {
   Result<UsableKey> k = ResolveKey(s, key, "export-key");
   if (!k.ok()) return k.status();
-  if (!IsPublicBlob(blob_type) && !(k->flags & QL_KEY_EXPORTABLE))
+  if (!IsPublicBlob(blob_type) && !(k->flags & qlproto::kKeyExportable))
     return Status::Error(Code::kNotExportable, "the key was made without the exportable flag");
   crypto::KeyPtr kek_key;
   if (!kek.empty()) {
@@ -303,7 +303,7 @@ Result<secure::Bytes> Engine::Cipher(Session &s, const KeyArg &key, bool encrypt
                                      secure::Bytes *iv) {
   Result<UsableKey> k = ResolveKey(s, key, encrypt ? "encrypt" : "decrypt");
   if (!k.ok()) return k.status();
-  if (k->flags & QL_KEY_NO_CRYPT)
+  if (k->flags & qlproto::kKeyNoCrypt)
     return Status::Error(Code::kBadKeyUsage, "the key was made without encryption");
   std::optional<crypto::CipherState> transient;
   crypto::CipherState *state = nullptr;
@@ -337,19 +337,19 @@ Status Engine::SetCipherParam(Session &s, uint64_t handle, uint32_t param, uint6
   crypto::ByteView view(data.data(), data.size());
   crypto::Status r;
   switch (param) {
-    case QKP_IV:
+    case qlproto::kKpIv:
       r = st->SetIv(view);
       break;
-    case QKP_AAD:
+    case qlproto::kKpAad:
       r = st->SetAad(view);
       break;
-    case QKP_MODE:
+    case qlproto::kKpMode:
       r = st->SetMode(static_cast<uint32_t>(number));
       break;
-    case QKP_PADDING:
+    case qlproto::kKpPadding:
       r = st->SetPadding(static_cast<uint32_t>(number));
       break;
-    case QKP_TAG_LEN:
+    case qlproto::kKpTagLen:
       r = st->SetTagLength(static_cast<size_t>(number));
       break;
     default:
@@ -364,14 +364,14 @@ Result<uint64_t> Engine::GetCipherParam(Session &s, uint64_t handle, uint32_t pa
   if (!k.ok()) return k.status();
   crypto::CipherState *st = StateFor(s, handle, k->key);
   switch (param) {
-    case QKP_IV:
+    case qlproto::kKpIv:
       data->assign(st->iv().begin(), st->iv().end());
       return uint64_t{0};
-    case QKP_MODE:
+    case qlproto::kKpMode:
       return uint64_t{st->mode()};
-    case QKP_PADDING:
+    case qlproto::kKpPadding:
       return uint64_t{st->padding()};
-    case QKP_TAG_LEN:
+    case qlproto::kKpTagLen:
       return uint64_t{st->tag_length()};
     default:
       return Status::Error(Code::kNotSupported, "key parameter not built yet");
@@ -401,7 +401,7 @@ Result<secure::Bytes> Engine::Pkcs8Export(Session &s, std::string_view name,
                                           std::string_view password) {
   Result<UsableKey> k = ResolveKey(s, KeyArg{0, std::string(name)}, "pkcs8-export");
   if (!k.ok()) return k.status();
-  if (!(k->flags & QL_KEY_EXPORTABLE))
+  if (!(k->flags & qlproto::kKeyExportable))
     return Status::Error(Code::kNotExportable, "the key was made without the exportable flag");
   crypto::Result<crypto::Bytes> der = crypto::ExportPkcs8Encrypted(*k->key, password);
   if (!der.ok()) return CryptoFailure(der);
@@ -422,7 +422,7 @@ Result<KeyDesc> Engine::Pkcs8Import(Session &s, std::string_view name, std::stri
       crypto::ImportPkcs8Encrypted(crypto::ByteView(der.data(), der.size()), password, 0);
   if (!key.ok()) return CryptoFailure(key);
   QL_RETURN_IF_ERROR(CryptoOk("pkcs8-import"));
-  return StoreOrHold(s, name, *key, flags & ~static_cast<uint32_t>(QL_KEY_TEMPORARY), false,
+  return StoreOrHold(s, name, *key, flags & ~static_cast<uint32_t>(qlproto::kKeyTemporary), false,
                      "pkcs8-import");
 }
 

@@ -10,7 +10,7 @@ using sessions::Session;
 
 namespace {
 
-constexpr size_t kMaxMetadataJson = QL_MAX_JSON_METADATA;
+constexpr size_t kMaxMetadataJson = qlproto::kMaxJsonMetadata;
 
 // Well-formed UTF-8 (RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF) without
 // NUL, which SQLite's JSON parser would take for the end of the text.
@@ -73,7 +73,7 @@ Result<std::string> Engine::GetObjectMetadata(Session &s, std::string_view name,
   if (!me.ok()) return me.status();
   Result<objects::ObjectRef> ref = Ref(s, name);
   if (!ref.ok()) return ref.status();
-  if (type != QL_JSON_METADATA_OBJECT)
+  if (type != qlproto::kJsonMetadataObject)
     return Status::Error(Code::kBadArgument, "unknown metadata type");
   if (!access::Allowed(Request::kUseObject, me->mask))
     return Done<std::string>(s, "get-metadata", name,

@@ -127,13 +127,13 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     const pb::Login &l = req.login();
     Status st;
     switch (l.kind()) {
-      case QL_AUTH_ANONYMOUS:
+      case qlproto::kAuthAnonymous:
         st = e.LoginAnonymous(s);
         break;
-      case QL_AUTH_USER_PWD:
+      case qlproto::kAuthUserPassword:
         st = e.Login(s, l.user(), l.password());
         break;
-      case QL_AUTH_ATOKEN:
+      case qlproto::kAuthToken:
         st = e.LoginToken(s, l.user(), ToBytes(l.token_key()));
         break;
       default:
@@ -165,21 +165,21 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       Status st = e.CheckSession(s);
       if (!st.ok()) return SetStatus(st, r);
       switch (req.get_session_param().param()) {
-        case QL_SP_OPERATING_MODE:
-          r->mutable_number()->set_value(QL_OP_MODE_NORMAL);
+        case qlproto::kSpOperatingMode:
+          r->mutable_number()->set_value(qlproto::kOpModeNormal);
           break;
-        case QL_SP_ACL: {
+        case qlproto::kSpAcl: {
           Result<users::UserInfo> me = e.GetUser(s, s.user());
           r->mutable_number()->set_value(me.ok() ? me->mask : 0);
           break;
         }
-        case QL_SP_SESSION_ID:
+        case qlproto::kSpSessionId:
           r->mutable_number()->set_value(s.id());
           break;
-        case QL_SP_USER_NAME:
+        case qlproto::kSpUserName:
           r->mutable_param()->set_text(s.user());
           break;
-        case QL_SP_TLS:
+        case qlproto::kSpTls:
           r->mutable_number()->set_value(state.tls ? 1 : 0);
           break;
         default:
@@ -189,17 +189,17 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kAdmOperation: {
       const pb::AdmOperation &op = req.adm_operation();
-      if (op.operation() == QL_ADM_KEEPALIVE) {
+      if (op.operation() == qlproto::kAdmKeepAlive) {
         Status st = e.KeepAlive(s);
         if (st.ok()) r->mutable_empty();
         return SetStatus(st, r);
       }
-      if (op.operation() == QL_ADM_PROBE) {
+      if (op.operation() == qlproto::kAdmProbe) {
         Status st = e.KeepAlive(s);
         if (st.ok()) r->mutable_number()->set_value(1);  // up
         return SetStatus(st, r);
       }
-      if (op.operation() == QL_ADM_SET_DATE_TIME) {
+      if (op.operation() == qlproto::kAdmSetDateTime) {
         Status st = e.SetDateTime(s, ToBytes(op.input()));
         if (st.ok()) r->mutable_empty();
         return SetStatus(st, r);
@@ -273,17 +273,17 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     case pb::Request::kSetUserParam: {
       const pb::SetUserParam &p = req.set_user_param();
       switch (p.param()) {
-        case QL_UP_PASSWORD:
+        case qlproto::kUpPassword:
           return SetStatus(e.SetUserPassword(s, s.user(), p.password()), r);
-        case QL_UP_USER_PASSWORD:
+        case qlproto::kUpUserPassword:
           return SetStatus(e.SetUserPassword(s, p.user(), p.password()), r);
-        case QL_UP_ACL:
+        case qlproto::kUpAcl:
           return SetStatus(e.SetUserMask(s, p.user(), p.acl()), r);
-        case QL_UP_BLOCK:
-        case QL_UP_UNBLOCK:
-          return SetStatus(e.SetUserBlocked(s, p.user(), p.param() == QL_UP_BLOCK), r);
-        case QL_UP_X509_ASSIGN:
-        case QL_UP_X509_UNASSIGN: {
+        case qlproto::kUpBlock:
+        case qlproto::kUpUnblock:
+          return SetStatus(e.SetUserBlocked(s, p.user(), p.param() == qlproto::kUpBlock), r);
+        case qlproto::kUpX509Assign:
+        case qlproto::kUpX509Unassign: {
           Status st = e.CheckSession(s);
           return SetStatus(
               st.ok() ? Status::Error(Code::kNotSupported, "certificate login is not built yet")
@@ -296,17 +296,17 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kGetUserParam: {
       const pb::GetUserParam &p = req.get_user_param();
-      if (p.param() == QL_UP_OBJ_COUNT) {
+      if (p.param() == qlproto::kUpObjCount) {
         Result<int64_t> n = e.CountOwnObjects(s);
         if (Failed(n, r)) return;
         r->mutable_number()->set_value(static_cast<uint64_t>(*n));
         return SetStatus(Status::Ok(), r);
       }
-      if (p.param() != QL_UP_ACL && p.param() != QL_UP_BLOCKED)
+      if (p.param() != qlproto::kUpAcl && p.param() != qlproto::kUpBlocked)
         return SetStatus(Status::Error(Code::kBadArgument, "unknown user parameter"), r);
       Result<users::UserInfo> u = e.GetUser(s, p.user());
       if (Failed(u, r)) return;
-      r->mutable_number()->set_value(p.param() == QL_UP_ACL ? u->mask : (u->blocked ? 1 : 0));
+      r->mutable_number()->set_value(p.param() == qlproto::kUpAcl ? u->mask : (u->blocked ? 1 : 0));
       return SetStatus(Status::Ok(), r);
     }
     case pb::Request::kGetUserAcl: {
@@ -317,7 +317,7 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kManageAtoken: {
       const pb::ManageAToken &m = req.manage_atoken();
-      if (m.operation() == QL_ATOKEN_ISSUE) {
+      if (m.operation() == qlproto::kTokenIssue) {
         if (m.expiration() > static_cast<uint64_t>(INT64_MAX))
           return SetStatus(Status::Error(Code::kBadArgument, "expiry out of range"), r);
         Result<secure::Bytes> key = e.IssueToken(s, static_cast<int64_t>(m.expiration()));
@@ -326,9 +326,9 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
         r->mutable_atoken()->set_key(ToString(*key));
         return SetStatus(Status::Ok(), r);
       }
-      if (m.operation() == QL_ATOKEN_REVOKE)
+      if (m.operation() == qlproto::kTokenRevoke)
         return SetStatus(e.RevokeToken(s, m.user(), ToBytes(m.key())), r);
-      if (m.operation() == QL_ATOKEN_LIST) {
+      if (m.operation() == qlproto::kTokenList) {
         auto tokens = e.ListTokens(s);
         if (Failed(tokens, r)) return;
         auto *reply = r->mutable_atoken();
@@ -346,8 +346,8 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     case pb::Request::kManageAtokenCache: {
       uint32_t op = req.manage_atoken_cache().operation();
       Result<int64_t> n =
-          op == QL_ATOKEN_CACHE_COUNT ? e.TokenCount(s)
-          : op == QL_ATOKEN_CACHE_GC
+          op == qlproto::kTokenCacheCount ? e.TokenCount(s)
+          : op == qlproto::kTokenCacheGc
               ? e.CollectTokenGarbage(s)
               : Result<int64_t>(Status::Error(Code::kBadArgument, "unknown token cache operation"));
       if (Failed(n, r)) return;
@@ -391,7 +391,7 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     case pb::Request::kWriteFile: {
       const pb::WriteFile &f = req.write_file();
       return SetStatus(
-          e.WriteFile(s, f.name(), ToBytes(f.data()), (f.flags() & QL_WRITE_FILE_REPLACE) != 0), r);
+          e.WriteFile(s, f.name(), ToBytes(f.data()), (f.flags() & qlproto::kWriteFileReplace) != 0), r);
     }
     case pb::Request::kGetObjMetadataJson: {
       const pb::GetObjMetadataJson &g = req.get_obj_metadata_json();
@@ -474,7 +474,7 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       const pb::SetKeyParam &p = req.set_key_param();
       Status st = e.CheckSession(s);
       if (!st.ok()) return SetStatus(st, r);
-      if (p.param() == QKP_BLOCKED) {
+      if (p.param() == qlproto::kKpBlocked) {
         Result<std::string> name = KeyName(p.key(), s);
         if (Failed(name, r)) return;
         if (!p.value().has_number())
@@ -489,14 +489,14 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     }
     case pb::Request::kGetKeyParam: {
       const pb::GetKeyParam &p = req.get_key_param();
-      if (p.param() == QKP_IV || p.param() == QKP_MODE || p.param() == QKP_PADDING ||
-          p.param() == QKP_TAG_LEN) {
+      if (p.param() == qlproto::kKpIv || p.param() == qlproto::kKpMode || p.param() == qlproto::kKpPadding ||
+          p.param() == qlproto::kKpTagLen) {
         if (!p.key().has_handle())
           return SetStatus(Status::Error(Code::kBadArgument, "cipher parameters need a handle"), r);
         secure::Bytes data;
         Result<uint64_t> v = e.GetCipherParam(s, p.key().handle(), p.param(), &data);
         if (Failed(v, r)) return;
-        if (p.param() == QKP_IV)
+        if (p.param() == qlproto::kKpIv)
           r->mutable_param()->set_data(ToString(data));
         else
           r->mutable_param()->set_number(*v);
@@ -505,25 +505,25 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       Result<Engine::KeyFacts> f = e.DescribeKey(s, ToKeyArg(p.key()));
       if (Failed(f, r)) return;
       switch (p.param()) {
-        case QKP_BLOCKED:
+        case qlproto::kKpBlocked:
           r->mutable_param()->set_number(f->blocked ? 1 : 0);
           break;
-        case QKP_ALGID:
+        case qlproto::kKpAlgId:
           r->mutable_param()->set_number(f->desc.algorithm);
           break;
-        case QKP_FLAGS:
+        case qlproto::kKpFlags:
           r->mutable_param()->set_number(f->desc.flags);
           break;
-        case QKP_KEYLEN:
+        case qlproto::kKpKeyLen:
           r->mutable_param()->set_number(f->desc.key_length);
           break;
-        case QKP_KEYBITS:
+        case qlproto::kKpKeyBits:
           r->mutable_param()->set_number(f->bits);
           break;
-        case QKP_OBJ_TYPE:
+        case qlproto::kKpObjType:
           r->mutable_param()->set_number(static_cast<uint32_t>(f->type));
           break;
-        case QKP_OBJ_ID:
+        case qlproto::kKpObjId:
           r->mutable_param()->set_text(f->full_name);
           break;
         default:
@@ -563,7 +563,7 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       Result<secure::Bytes> der =
           req.pkcs8_export().password().empty()
               ? e.ExportKey(s, KeyArg{0, req.pkcs8_export().name()}, KeyArg{},
-                            QL_PRIVATEKEY_BLOB_STRICT)
+                            qlproto::kPrivateKeyBlobStrict)
               : e.Pkcs8Export(s, req.pkcs8_export().name(), req.pkcs8_export().password());
       if (Failed(der, r)) return;
       r->mutable_blob()->set_data(ToString(*der));
@@ -573,14 +573,14 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
       const pb::Pkcs8Import &i = req.pkcs8_import();
       // Without a password: a PrivateKeyInfo in the clear (the strict private key blob, so a key
       // pair that does not check out is refused). The key is always stored, never temporary.
-      const uint32_t flags = i.flags() & ~static_cast<uint32_t>(QL_KEY_TEMPORARY);
+      const uint32_t flags = i.flags() & ~static_cast<uint32_t>(qlproto::kKeyTemporary);
       if (i.password().empty() && i.name().empty()) {
         Status st = e.CheckSession(s);
         return SetStatus(st.ok() ? Status::Error(Code::kBadName, "no key name") : st, r);
       }
       Result<KeyDesc> k =
           i.password().empty()
-              ? e.ImportKey(s, i.name(), KeyArg{}, ToBytes(i.data()), QL_PRIVATEKEY_BLOB_STRICT, 0,
+              ? e.ImportKey(s, i.name(), KeyArg{}, ToBytes(i.data()), qlproto::kPrivateKeyBlobStrict, 0,
                             flags, false)
               : e.Pkcs8Import(s, i.name(), i.password(), ToBytes(i.data()), i.flags());
       if (Failed(k, r)) return;
