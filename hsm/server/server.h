@@ -19,7 +19,7 @@ namespace qlhsm::server {
 struct ServerOptions {
   std::string data_dir;
   std::string host = "127.0.0.1";
-  uint16_t port = QL_DEFAULT_PORT;
+  uint16_t port = qlproto::kDefaultPort;
   uint32_t max_frame = 0;         // 0: the protocol's default (16 MiB)
   size_t max_connections = 4096;  // past it a connection gets QL_ERR_LIMIT_REACHED and closes
   size_t max_sessions = 0;        // 0: the store's setting or the engine's default (1024)

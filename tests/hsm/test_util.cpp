@@ -32,7 +32,7 @@ EngineFixture::EngineFixture(EngineOptions options) {
 std::unique_ptr<sessions::Session> EngineFixture::LoginAs(const std::string &user,
                                                           const std::string &pwd) {
   auto s = engine->NewSession();
-  Status st = engine->Login(*s, user, pwd);
+  Status st = engine->users().Login(*s, user, pwd);
   EXPECT_TRUE(st.ok()) << user << ": " << st.ToString();
   return s;
 }

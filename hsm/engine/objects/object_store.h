@@ -12,15 +12,15 @@
 #include "engine/clock.h"
 #include "engine/secure/secure.h"
 #include "engine/store/store.h"
-#include "qlapi.h"
+#include "wire_values.h"
 
 namespace qlhsm::objects {
 
 inline constexpr size_t kMaxObjectName = 64;
 
 enum class ObjectType : int {
-  kFile = QL_OBJ_FILE,
-  kCertificate = QL_OBJ_X509,
+  kFile = qlproto::kObjFile,
+  kCertificate = qlproto::kObjX509,
   // A key's type is its algorithm (QL_ALG_*).
 };
 
