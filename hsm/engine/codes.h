@@ -41,6 +41,8 @@ enum class Code : int {
   kPiecesRefused = QL_ERR_PIECES_REFUSED,
   kDigestTooLong = QL_ERR_DIGEST_TOO_LONG,
   kBadPadding = QL_ERR_BAD_PADDING,
+  kSessionExpired = QL_ERR_SESSION_EXPIRED,
+  kAddressRefused = QL_ERR_ADDRESS_REFUSED,
 };
 
 inline int ToWire(Code c) {

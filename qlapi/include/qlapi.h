@@ -142,6 +142,8 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+#define QL_ERR_SESSION_EXPIRED 5046    /* the session sat idle past the HSM's idle timeout */
+#define QL_ERR_ADDRESS_REFUSED 5047    /* the client's address may not connect (allow-list, plain) */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */

@@ -60,6 +60,8 @@ constexpr CodeText kCodes[] = {
     QL_CODE(QL_ERR_NOT_LOGGED_IN, "Not logged in."),
     QL_CODE(QL_ERR_BAD_JSON, "The metadata is not one JSON object in UTF-8."),
     QL_CODE(QL_ERR_UPACK_REFUSED, "Update package refused: its signature does not verify."),
+    QL_CODE(QL_ERR_SESSION_EXPIRED, "The session expired after sitting idle; open a new one."),
+    QL_CODE(QL_ERR_ADDRESS_REFUSED, "The HSM does not accept connections from this address."),
 };
 #undef QL_CODE
 
