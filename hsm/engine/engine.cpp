@@ -80,6 +80,8 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   e->objects_ = std::make_unique<objects::ObjectStore>(*e->store_, e->master_key_, &e->clock_);
   e->audit_ = std::make_unique<audit::AuditLog>(*e->store_, page, &e->clock_);
   QL_RETURN_IF_ERROR(e->audit_->Load());
+  e->ip_filter_ = std::make_unique<system::IpFilter>(*e->store_);
+  QL_RETURN_IF_ERROR(e->ip_filter_->Load());
   return e;
 }
 
@@ -122,11 +124,16 @@ Result<objects::ObjectRef> Engine::Ref(Session &s, std::string_view name) {
 
 // --- log in ---
 
-Status Engine::Login(Session &s, std::string_view user, std::string_view password) {
+Status Engine::Login(Session &s, std::string_view user, std::string_view password,
+                     std::string_view source, std::chrono::milliseconds *delay) {
   ResetSession(s);
+  const std::chrono::milliseconds wait = throttle_.Delay(user, source);
   Result<users::UserInfo> info = users_->Authenticate(user, password);
   Status st = info.ok() ? s.Attach(AuthKind::kPassword, std::string(user)) : info.status();
-  audit_->Append(user, "login", "-", ToWire(st.code()));
+  if (st.code() == Code::kAuthFailed) throttle_.Failed(user, source);
+  if (info.ok()) throttle_.Succeeded(user, source);
+  audit_->Append(user, "login", source.empty() ? std::string_view("-") : source, ToWire(st.code()));
+  if (delay) *delay = wait;
   return st;
 }
 

@@ -6,9 +6,11 @@
 // Session; a Session itself is used by one thread at a time.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -25,6 +27,8 @@
 #include "engine/stats/system_stats.h"
 #include "engine/status.h"
 #include "engine/store/store.h"
+#include "engine/system/ip_filter.h"
+#include "engine/users/login_throttle.h"
 #include "engine/users/tokens.h"
 #include "engine/users/user_directory.h"
 
@@ -100,8 +104,11 @@ class Engine {
   const sessions::SessionRegistry &registry() const { return registry_; }
 
   // --- log in ---
-  // kAuthFailed, kUserBlocked, kLimitReached.
-  Status Login(sessions::Session &s, std::string_view user, std::string_view password);
+  // kAuthFailed, kUserBlocked, kLimitReached. `source` (the client's address, may be empty) is
+  // counted with the user's failures; *delay (when given) receives how long the caller must hold
+  // the answer back (see users/login_throttle.h).
+  Status Login(sessions::Session &s, std::string_view user, std::string_view password,
+               std::string_view source = {}, std::chrono::milliseconds *delay = nullptr);
   Status LoginToken(sessions::Session &s, std::string_view user, const secure::Bytes &key);
   // Anonymous: only requests that need no right.
   Status LoginAnonymous(sessions::Session &s);
@@ -269,6 +276,16 @@ class Engine {
   // Seconds since 1970 by the HSM's time.
   int64_t Now() const { return clock_.Now(); }
 
+  // --- the network's allow-list (system/ip_filter_service.cpp) ---
+  // operation QL_IPF_LIST: the rules; QL_IPF_ADD / QL_IPF_REMOVE: one rule changed (nothing
+  // returned). Right ACL_SYS_OPERATOR for each; see system/ip_filter.h for the codes.
+  Result<std::vector<std::string>> IpFilterOperation(sessions::Session &s, uint32_t operation,
+                                                     std::string_view rule);
+  // The allow-list the daemon checks at accept.
+  const system::IpFilter &ip_filter() const { return *ip_filter_; }
+  // A stored setting, nothing when unset (the daemon reads its network limits here).
+  std::optional<std::string> Setting(const char *name) const;
+
   audit::AuditLog &audit() { return *audit_; }
   size_t max_random() const { return 1 << 16; }
 
@@ -318,6 +335,8 @@ class Engine {
   std::unique_ptr<objects::ObjectStore> objects_;
   std::unique_ptr<audit::AuditLog> audit_;
   sessions::SessionRegistry registry_;
+  users::LoginThrottle throttle_;
+  std::unique_ptr<system::IpFilter> ip_filter_;
   stats::CpuSampler cpu_;
   size_t max_objects_ = 100000;
   std::shared_mutex keys_mu_;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "frame.h"
+#include "server/network_requests.h"
 
 namespace qlhsm::server {
 
@@ -131,7 +132,7 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
         st = e.LoginAnonymous(s);
         break;
       case QL_AUTH_USER_PWD:
-        st = e.Login(s, l.user(), l.password());
+        st = e.Login(s, l.user(), l.password(), state.peer, &state.answer_delay);
         break;
       case QL_AUTH_ATOKEN:
         st = e.LoginToken(s, l.user(), ToBytes(l.token_key()));
@@ -639,6 +640,8 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
 
     case pb::Request::BODY_NOT_SET:
       return SetStatus(Status::Error(Code::kNotSupported, "unknown request"), r);
+    case pb::Request::kIpFilter:
+      return HandleIpFilter(e, s, req.ip_filter(), r);
     default: {
       // Key, hash, signature and cipher services come with the crypto services.
       Status st = e.CheckSession(s);
