@@ -5,7 +5,8 @@
 //   qlhsmd serve   --data-dir DIR [--listen HOST:PORT]  serves in the foreground (default
 //                                                       127.0.0.1:4433; port 0 picks a free port);
 //                                                       prints "listening on HOST:PORT" on stdout,
-//                                                       logs to stderr, stops on SIGINT/SIGTERM
+//                                                       logs to stderr, stops on SIGINT/SIGTERM;
+//                                                       limits and timeouts: hsm/README.md
 //   qlhsmd restore --data-dir DIR --backup FILE --pin PIN
 //                                                       a backup into a fresh data directory
 #include <google/protobuf/stubs/logging.h>
@@ -13,7 +14,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "engine/backup/backup.h"
@@ -78,10 +81,30 @@ int main(int argc, char **argv) {
 
   CLI::App *serve = app.add_subcommand("serve", "serve in the foreground");
   serve->add_option("--data-dir", data_dir, "the HSM's data directory")->required();
-  serve->add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one");
+  serve->add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a later one wins
   serve->add_option("--max-frame", serve_opts.max_frame, "largest frame in bytes");
   serve->add_option("--max-sessions", serve_opts.max_sessions, "most open sessions");
-  serve->add_option("--max-connections", serve_opts.max_connections, "most connections");
+  // The network's limits (server/limits.h); each also a stored setting of the same name.
+  serve->add_option("--max-connections", serve_opts.net.max_connections, "most connections");
+  serve->add_option("--max-pending", serve_opts.net.max_pending,
+                    "most connections not logged in yet (default 256)");
+  serve->add_option("--max-pending-per-address", serve_opts.net.max_pending_per_address,
+                    "most connections not logged in yet from one address (default 32)");
+  serve->add_option("--max-anonymous", serve_opts.net.max_anonymous,
+                    "most anonymous sessions (default 64)");
+  serve->add_option("--max-anonymous-per-address", serve_opts.net.max_anonymous_per_address,
+                    "most anonymous sessions from one address (default 8)");
+  uint64_t handshake_ms = 0, login_ms = 0, idle_ms = 0;
+  serve->add_option("--handshake-timeout-ms", handshake_ms,
+                    "first byte and TLS handshake within this, from accept (default 10000)");
+  serve->add_option("--login-timeout-ms", login_ms,
+                    "first login within this, from accept (default 30000)");
+  serve->add_option("--idle-timeout-ms", idle_ms,
+                    "a session without requests ends after this (default 1800000)");
+  std::string plain;
+  serve->add_option("--plain", plain,
+                    "plain (not TLS) connections from: loopback (default), any, off");
   serve->add_option("--threads", serve_opts.threads,
                     "event loops, one thread each (default 4 per core, at least 8)");
   std::string test_fault;
@@ -136,6 +159,18 @@ int main(int argc, char **argv) {
   }
 
   serve_opts.data_dir = data_dir;
+  serve_opts.net.handshake_timeout = std::chrono::milliseconds(handshake_ms);
+  serve_opts.net.login_timeout = std::chrono::milliseconds(login_ms);
+  serve_opts.net.idle_timeout = std::chrono::milliseconds(idle_ms);
+  if (!plain.empty()) {
+    std::optional<qlhsm::server::PlainPolicy> policy = qlhsm::server::ParsePlainPolicy(plain);
+    if (!policy) {
+      std::cerr << "qlhsmd: --plain takes loopback, any or off\n";
+      return 2;
+    }
+    serve_opts.net.plain = *policy;
+    serve_opts.plain_given = true;
+  }
   if (!ParseListen(listen, &serve_opts.host, &serve_opts.port)) {
     std::cerr << "qlhsmd: --listen takes HOST:PORT\n";
     return 2;

@@ -68,5 +68,9 @@
   X(kBadJson,          QL_ERR_BAD_JSON,             5027,                                          \
     "The metadata is not one JSON object in UTF-8.")                                               \
   X(kUpdateRefused,    QL_ERR_UPACK_REFUSED,        5034,                                          \
-    "Update package refused: its signature does not verify.")
+    "Update package refused: its signature does not verify.")                                      \
+  X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
+    "The session expired after sitting idle; open a new one.")                                     \
+  X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \
+    "The HSM does not accept connections from this address.")
 // clang-format on

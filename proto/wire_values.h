@@ -62,7 +62,10 @@
   X(kJsonMetadataObject,    QL_JSON_METADATA_OBJECT,   0)    \
   X(kMaxJsonMetadata,       QL_MAX_JSON_METADATA,      65536)\
   X(kGenKeyKdfRawSecret,    QL_GEN_KEY_KDF_RAW_SECRET, 1)    \
-  X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)
+  X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)    \
+  X(kIpFilterList,          QL_IPF_LIST,               1)    \
+  X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
+  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)
 // clang-format on
 
 namespace qlproto {

@@ -18,6 +18,8 @@
 #include "engine/stats/system_stats.h"
 #include "engine/status.h"
 #include "engine/store/store.h"
+#include "engine/system/ip_filter.h"
+#include "engine/users/login_throttle.h"
 #include "engine/users/tokens.h"
 #include "engine/users/user_directory.h"
 
@@ -59,6 +61,10 @@ struct Core {
   stats::CpuSampler cpu;
   size_t max_objects = 100000;
   KeyCache keys;
+  // Failed logins by name and by address, and the delay of the next answer.
+  users::LoginThrottle throttle;
+  // The addresses the daemon accepts connections from.
+  std::unique_ptr<system::IpFilter> ip_filter;
 
   // An object's name as the session's user sees it ("object" or "owner/object"): an argument
   // check, kBadName for a malformed name.

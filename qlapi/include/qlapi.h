@@ -142,6 +142,8 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+#define QL_ERR_SESSION_EXPIRED 5046    /* the session sat idle past the HSM's idle timeout */
+#define QL_ERR_ADDRESS_REFUSED 5047    /* the client's address may not connect (allow-list, plain) */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -658,7 +660,14 @@ typedef int (*PQL_LIST_CALLBACK)(void *pvParam, const char *szName, int bLast);
 QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
                                     void *pvParam);
 
-/* IP filter: dwOperation 1 list (callback per rule), 2 add szRule, 3 remove szRule. */
+/* IP filter: dwOperation 1 list (callback per rule), 2 add szRule, 3 remove szRule. A rule is an
+ * IPv4 or IPv6 address or network ("192.0.2.7", "192.0.2.0/24", "2001:db8::/32"); with rules
+ * listed, the HSM accepts connections only from the addresses they hold (and loopback); with
+ * none, from any address. Needs ACL_SYS_OPERATOR. Adding a listed rule answers
+ * QL_ERR_OBJ_EXISTS, removing an unlisted one QL_ERR_OBJ_NOT_FOUND. */
+#define QL_IPF_LIST 1
+#define QL_IPF_ADD 2
+#define QL_IPF_REMOVE 3
 QLAPI_EXPORT int QIPFilterOperation(HSESSIONCTX hSession, uint32_t dwOperation, const char *szRule,
                                     PQL_LIST_CALLBACK pfnCallback, void *pvParam);
 

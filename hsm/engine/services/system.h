@@ -67,6 +67,15 @@ class SystemService {
   // Reads the time offset from the settings into the clock.
   Status LoadTimeOffset();
 
+  // The network's allow-list: operation list (the rules), add or remove one rule (nothing
+  // returned). Needs the operator right; see system/ip_filter.h for the codes.
+  Result<std::vector<std::string>> IpFilterOperation(sessions::Session &s, uint32_t operation,
+                                                     std::string_view rule);
+  // The allow-list the daemon checks at accept.
+  const system::IpFilter &ip_filter() const { return *core_.ip_filter; }
+  // A stored setting, nothing when unset (the daemon reads its network limits here).
+  std::optional<std::string> Setting(const char *name) const;
+
   static size_t max_random() { return 1 << 16; }
 
  private:

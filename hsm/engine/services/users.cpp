@@ -24,11 +24,17 @@ bool Own(const Session &s, std::string_view name) {
 
 // --- log in ---
 
-Status UsersService::Login(Session &s, std::string_view user, std::string_view password) {
+Status UsersService::Login(Session &s, std::string_view user, std::string_view password,
+                           std::string_view source, std::chrono::milliseconds *delay) {
   ResetSession(s);
+  const std::chrono::milliseconds wait = core_.throttle.Delay(user, source);
   Result<users::UserInfo> info = core_.users->Authenticate(user, password);
   Status st = info.ok() ? s.Attach(AuthKind::kPassword, std::string(user)) : info.status();
-  core_.audit->Append(user, "login", "-", ToWire(st.code()));
+  if (st.code() == Code::kAuthFailed) core_.throttle.Failed(user, source);
+  if (info.ok()) core_.throttle.Succeeded(user, source);
+  core_.audit->Append(user, "login", source.empty() ? std::string_view("-") : source,
+                      ToWire(st.code()));
+  if (delay) *delay = wait;
   return st;
 }
 
@@ -59,14 +65,15 @@ Status UsersService::LoginAnonymous(Session &s) {
 }
 
 Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view user,
-                                     std::string_view password, const secure::Bytes &token_key) {
+                                     std::string_view password, const secure::Bytes &token_key,
+                                     std::string_view source, std::chrono::milliseconds *delay) {
   Status st;
   switch (kind) {
     case qlproto::kAuthAnonymous:
       st = LoginAnonymous(s);
       break;
     case qlproto::kAuthUserPassword:
-      st = Login(s, user, password);
+      st = Login(s, user, password, source, delay);
       break;
     case qlproto::kAuthToken:
       st = LoginToken(s, user, token_key);

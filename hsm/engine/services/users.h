@@ -1,6 +1,7 @@
 // Logins, users and access tokens.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -28,14 +29,19 @@ class UsersService {
   UsersService(Core &core, Guard &guard) : core_(core), guard_(guard) {}
 
   // --- log in ---
-  // kAuthFailed, kUserBlocked, kLimitReached.
-  Status Login(sessions::Session &s, std::string_view user, std::string_view password);
+  // kAuthFailed, kUserBlocked, kLimitReached. `source` (the client's address, may be empty) is
+  // counted with the user's failures; *delay (when given) receives how long the caller must hold
+  // the answer back (see users/login_throttle.h).
+  Status Login(sessions::Session &s, std::string_view user, std::string_view password,
+               std::string_view source = {}, std::chrono::milliseconds *delay = nullptr);
   Status LoginToken(sessions::Session &s, std::string_view user, const secure::Bytes &key);
   // Anonymous: only requests that need no right.
   Status LoginAnonymous(sessions::Session &s);
-  // A login of any kind (the wire's login kinds); the caller's mask on success.
+  // A login of any kind (the wire's login kinds); the caller's mask on success. `source` and
+  // `delay` as for Login (a password login is throttled).
   Result<uint32_t> LogIn(sessions::Session &s, uint32_t kind, std::string_view user,
-                         std::string_view password, const secure::Bytes &token_key);
+                         std::string_view password, const secure::Bytes &token_key,
+                         std::string_view source = {}, std::chrono::milliseconds *delay = nullptr);
   // Back to the state of a new connection: no login, no temporary objects.
   void ResetSession(sessions::Session &s);
 

@@ -107,5 +107,6 @@ void GetTlsCert(const pb::Request &, Call &, pb::Response *);
 void GetRandom(const pb::Request &, Call &, pb::Response *);
 void Backup(const pb::Request &, Call &, pb::Response *);
 void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
+void IpFilter(const pb::Request &, Call &, pb::Response *);
 
 }  // namespace qlhsm::server::handlers

@@ -81,6 +81,17 @@ void Backup(const pb::Request &req, Call &c, pb::Response *r) {
   Reply(blob, r, [&](const secure::Bytes &b) { r->mutable_blob()->set_data(ToString(b)); });
 }
 
+void IpFilter(const pb::Request &req, Call &c, pb::Response *r) {
+  const pb::IpFilter &f = req.ip_filter();
+  Reply(c.engine.system().IpFilterOperation(c.session, f.operation(), f.rule()), r,
+        [&](const std::vector<std::string> &rules) {
+          if (f.operation() == qlproto::kIpFilterList)
+            SetNames(rules, r);
+          else
+            r->mutable_empty();
+        });
+}
+
 void PushUpdatePackage(const pb::Request &req, Call &c, pb::Response *r) {
   SetStatus(c.engine.system().PushUpdatePackage(c.session, ToBytes(req.upack_push().package())), r);
 }

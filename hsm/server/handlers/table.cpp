@@ -67,6 +67,7 @@ constexpr Row kRows[] = {
     {R::kGetRandom, GetRandom},
     {R::kBackup, Backup},
     {R::kUpackPush, PushUpdatePackage},
+    {R::kIpFilter, IpFilter},
 };
 
 // Request kinds are the body's field numbers, all below this.
