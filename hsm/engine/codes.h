@@ -41,6 +41,7 @@ enum class Code : int {
   kPiecesRefused = QL_ERR_PIECES_REFUSED,
   kDigestTooLong = QL_ERR_DIGEST_TOO_LONG,
   kBadPadding = QL_ERR_BAD_PADDING,
+  kBadUtf8 = QL_ERR_BAD_UTF8,
 };
 
 inline int ToWire(Code c) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "frame.h"
+#include "server/caller_text.h"
 
 namespace qlhsm::server {
 
@@ -123,6 +124,10 @@ void RequestHandler::Dispatch(const pb::Request &req, ConnectionState &state, pb
     return;
   }
 
+  if (Status text = CheckCallerText(req); !text.ok()) {
+    SetStatus(text, r);
+    return;
+  }
   if (req.body_case() == pb::Request::kLogin) {
     const pb::Login &l = req.login();
     Status st;

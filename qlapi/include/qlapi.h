@@ -142,6 +142,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+#define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the HSM's certificate differs from the pinned one */
+#define QL_ERR_HSM_IDENTITY_UNKNOWN 5041    /* an HSM with no pinned certificate, in strict mode */
+#define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* the certificate or its address does not verify */
+#define QL_ERR_BAD_UTF8 5044                /* a user name or password that is not UTF-8 */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */

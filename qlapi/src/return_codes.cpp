@@ -60,6 +60,13 @@ constexpr CodeText kCodes[] = {
     QL_CODE(QL_ERR_NOT_LOGGED_IN, "Not logged in."),
     QL_CODE(QL_ERR_BAD_JSON, "The metadata is not one JSON object in UTF-8."),
     QL_CODE(QL_ERR_UPACK_REFUSED, "Update package refused: its signature does not verify."),
+    QL_CODE(QL_ERR_HSM_IDENTITY_CHANGED,
+            "The HSM's identity changed."),
+    QL_CODE(QL_ERR_HSM_IDENTITY_UNKNOWN,
+            "Unknown HSM: no certificate is pinned for this address (strict mode)."),
+    QL_CODE(QL_ERR_HSM_IDENTITY_UNVERIFIED,
+            "The HSM's identity could not be verified (certificate chain, address or pin file)."),
+    QL_CODE(QL_ERR_BAD_UTF8, "A user name or password that is not UTF-8 text."),
 };
 #undef QL_CODE
 

@@ -123,6 +123,10 @@ TEST(ReturnCodes, EveryNamedCodeHasItsOwnText) {
       QL_ERR_BAD_PIN,
       QL_ERR_NOT_LOGGED_IN,
       QL_ERR_UPACK_REFUSED,
+      QL_ERR_HSM_IDENTITY_CHANGED,
+      QL_ERR_HSM_IDENTITY_UNKNOWN,
+      QL_ERR_HSM_IDENTITY_UNVERIFIED,
+      QL_ERR_BAD_UTF8,
   };
   const std::string unknown = QGetReturnCodeString(-12345, QL_RC_STR_DESCRIPTION);
   std::set<std::string> texts, names;
