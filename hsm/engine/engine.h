@@ -20,6 +20,7 @@
 #include "engine/audit/audit_log.h"
 #include "engine/clock.h"
 #include "engine/objects/object_store.h"
+#include "engine/data_dir.h"
 #include "engine/secure/secure.h"
 #include "engine/sessions/session.h"
 #include "engine/stats/system_stats.h"
@@ -37,6 +38,9 @@ inline constexpr uint32_t kStatUnitMiB = 2;
 
 struct InitOptions {
   secure::KdfParams kdf;  // cost of password hashes; tests lower it
+  // The secret that seals the master key (data_dir.h), and the cost of deriving its key.
+  std::string unlock_secret;
+  secure::KdfParams unlock_kdf{kUnlockKdfCost, 8, 1};
 };
 
 // Limits and tunables. Each may also be stored in the settings table under the name in the
@@ -45,6 +49,7 @@ struct EngineOptions {
   size_t max_sessions = 0;     // "max_sessions", default 1024
   size_t audit_page_size = 0;  // "audit_page_size", default 4096
   size_t max_objects = 0;      // "max_objects", default 100000
+  std::string unlock_secret;   // the secret master.key was sealed under
 };
 
 struct StatInfo {

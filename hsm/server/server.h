@@ -25,6 +25,7 @@ struct ServerOptions {
   size_t max_sessions = 0;        // 0: the store's setting or the engine's default (1024)
   unsigned threads = 0;           // event loops, one thread each; 0: 4 per core, at least 8
                                   // (an engine call blocks its loop while it runs)
+  std::string unlock_secret;      // opens the sealed master key
 };
 
 class Server {
