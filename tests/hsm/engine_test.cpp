@@ -520,6 +520,20 @@ TEST(Engine, BackupRestoresIntoAFreshDataDir) {
   EXPECT_EQ((*restored)->UseObject(*s, "k").value(), secure::Bytes(24, 5));
 }
 
+TEST(Engine, OpensOnlyWithTheUnlockSecret) {
+  TempDir dir;
+  InitOptions init;
+  init.kdf = FastKdf();
+  init.unlock_kdf = FastKdf();
+  init.unlock_secret = "open sesame";
+  ASSERT_TRUE(Engine::Init(dir.path(), kMasterPassword, init).ok());
+  EngineOptions options;
+  options.unlock_secret = "open sesame!";
+  EXPECT_EQ(Engine::Open(dir.path(), options).status().code(), Code::kBadPin);
+  options.unlock_secret = "open sesame";
+  EXPECT_TRUE(Engine::Open(dir.path(), options).ok());
+}
+
 TEST(Engine, MasterKeyFileMustBePrivate) {
   EngineFixture f;
   f.master.reset();  // a session ends before its engine

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "engine/data_dir.h"
@@ -102,6 +103,73 @@ TEST_F(ObjectsTest, MaterialIsSealedAtRestAndBoundToTheMasterKey) {
   EXPECT_FALSE(wrong_key.ReadMaterial({"alice", "k"}).ok());
   ObjectStore right_key(**s, secure::Bytes(32, 7));
   EXPECT_EQ(right_key.ReadMaterial({"alice", "k"}).value(), secret);
+}
+
+// Runs one statement on the store's database behind the object store's back, as someone with
+// write access to store.db could.
+void Tamper(store::Store &store, const char *sql) {
+  Status st = store.Locked([&](store::Connection &conn) -> Status {
+    Result<store::Statement> stmt = conn.Prepare(sql);
+    if (!stmt.ok()) return stmt.status();
+    return stmt->Run();
+  });
+  ASSERT_TRUE(st.ok()) << st.ToString();
+}
+
+TEST_F(ObjectsTest, MaterialIsBoundToItsRow) {
+  const secure::Bytes a(48, 'a'), b(48, 'b');
+  ASSERT_TRUE(objects->Create(Info("alice", "ka"), a).ok());
+  ASSERT_TRUE(objects->Create(Info("alice", "kb"), b).ok());
+
+  // A blob moved to another row does not pass for that row's key.
+  Tamper(*store,
+         "UPDATE objects SET material = (SELECT material FROM objects o2 WHERE o2.owner = "
+         "objects.owner AND o2.name = CASE objects.name WHEN 'ka' THEN 'kb' ELSE 'ka' END) "
+         "WHERE owner = 'alice' AND name IN ('ka', 'kb')");
+  EXPECT_EQ(objects->ReadMaterial({"alice", "ka"}).status().code(), Code::kBadTag);
+  EXPECT_EQ(objects->ReadMaterial({"alice", "kb"}).status().code(), Code::kBadTag);
+  Tamper(*store,
+         "UPDATE objects SET material = (SELECT material FROM objects o2 WHERE o2.owner = "
+         "objects.owner AND o2.name = CASE objects.name WHEN 'ka' THEN 'kb' ELSE 'ka' END) "
+         "WHERE owner = 'alice' AND name IN ('ka', 'kb')");
+  EXPECT_EQ(objects->ReadMaterial({"alice", "ka"}).value(), a);
+
+  // Nor does a row whose kind was changed.
+  Tamper(*store, "UPDATE objects SET type = type + 1 WHERE name = 'kb'");
+  EXPECT_EQ(objects->ReadMaterial({"alice", "kb"}).status().code(), Code::kBadTag);
+}
+
+TEST_F(ObjectsTest, RenameAndRewriteSealForTheNewIdentity) {
+  const secure::Bytes a(40, 'x'), c(40, 'y');
+  ASSERT_TRUE(objects->Create(Info("alice", "old"), a).ok());
+  ASSERT_TRUE(objects->Rename({"alice", "old"}, "new").ok());
+  EXPECT_EQ(objects->ReadMaterial({"alice", "new"}).value(), a);
+  ASSERT_TRUE(objects->WriteMaterial({"alice", "new"}, c).ok());
+  EXPECT_EQ(objects->ReadMaterial({"alice", "new"}).value(), c);
+  // Moving the row back by name alone (no re-sealing) breaks it.
+  Tamper(*store, "UPDATE objects SET name = 'old' WHERE name = 'new'");
+  EXPECT_EQ(objects->ReadMaterial({"alice", "old"}).status().code(), Code::kBadTag);
+}
+
+TEST(SealedMasterKey, OpensOnlyWithItsUnlockSecret) {
+  TempDir dir;
+  ASSERT_TRUE(CreateMasterKey(dir.path(), "right secret", FastKdf()).ok());
+  auto key = LoadMasterKey(dir.path(), "right secret");
+  ASSERT_TRUE(key.ok()) << key.status().ToString();
+  EXPECT_EQ(key->size(), secure::kKeyLen);
+  EXPECT_EQ(LoadMasterKey(dir.path(), "wrong secret").status().code(), Code::kBadPin);
+  EXPECT_EQ(LoadMasterKey(dir.path(), "").status().code(), Code::kBadPin);
+
+  // The file alone does not hold the key in any readable form.
+  auto file = ReadFileBytes(DataPath(dir.path(), kMasterKeyFile));
+  ASSERT_TRUE(file.ok());
+  EXPECT_EQ(std::search(file->begin(), file->end(), key->begin(), key->end()), file->end());
+
+  // A damaged file is refused, not taken for a wrong secret.
+  secure::Bytes cut(file->begin(), file->end() - 1);
+  std::filesystem::remove(DataPath(dir.path(), kMasterKeyFile));
+  ASSERT_TRUE(WritePrivateFile(DataPath(dir.path(), kMasterKeyFile), cut).ok());
+  EXPECT_EQ(LoadMasterKey(dir.path(), "right secret").status().code(), Code::kBadArgument);
 }
 
 }  // namespace

@@ -227,7 +227,11 @@ HsmProcess::HsmProcess(HsmOptions options) : options_(std::move(options)) {
     std::call_once(once, [] { setenv("QLAPI_TLS_CA_FILE", TestCaFile().c_str(), 1); });
   }
   const std::string cert = root_ + "/issued.crt", key = root_ + "/issued.key";
-  if (options_.ca_issued_tls) IssueTestCertificate({address_, "localhost"}, cert, key);
+  if (options_.ca_issued_tls) {
+    std::vector<std::string> names = options_.tls_names;
+    if (names.empty()) names = {address_, "localhost"};
+    IssueTestCertificate(names, cert, key);
+  }
   if (!options_.existing_data_dir.empty()) {
     if (options_.ca_issued_tls) {
       // A restored HSM has a self-signed certificate of its own: the test CA's replaces it.

@@ -47,6 +47,8 @@ struct HsmOptions {
   std::string existing_data_dir;
   // A certificate of the test CA (see above) rather than the daemon's self-signed one.
   bool ca_issued_tls = true;
+  // The names that certificate is issued for; empty: the daemon's address and "localhost".
+  std::vector<std::string> tls_names;
 };
 
 // The unlock secret of every daemon the fixture makes.
