@@ -1,10 +1,9 @@
 #include "engine/data_dir.h"
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -117,8 +116,8 @@ Result<secure::Bytes> LoadMasterKey(const std::string &data_dir, std::string_vie
   secure::KdfParams kdf;
   kdf.n = GetU64(file->data() + 6);
   const uint64_t r = GetU64(file->data() + 14), p = GetU64(file->data() + 22);
-  if (kdf.n < 2 || kdf.n > (1u << 22) || (kdf.n & (kdf.n - 1)) != 0 || r == 0 || r > 32 ||
-      p == 0 || p > 16)
+  if (kdf.n < 2 || kdf.n > (1u << 22) || (kdf.n & (kdf.n - 1)) != 0 || r == 0 || r > 32 || p == 0 ||
+      p > 16)
     return Status::Error(Code::kBadArgument, path + " is damaged");
   kdf.r = static_cast<uint32_t>(r);
   kdf.p = static_cast<uint32_t>(p);

@@ -36,7 +36,8 @@ void SetPathForTesting(const std::string &path);
 Result<std::string> Lookup(const std::string &path, const std::string &endpoint);
 
 // Pins `fingerprint_hex` for `endpoint`, replacing any line for it.
-Status Pin(const std::string &path, const std::string &endpoint, const std::string &fingerprint_hex);
+Status Pin(const std::string &path, const std::string &endpoint,
+           const std::string &fingerprint_hex);
 
 // The check made before any request on a TLS connection whose certificate has `fingerprint_hex`:
 // the same pin passes, a different one is QL_ERR_HSM_IDENTITY_CHANGED; an unknown endpoint is

@@ -84,7 +84,8 @@ Cert MakeCert(EVP_PKEY *subject_key, const std::string &cn, X509 *issuer, EVP_PK
     std::string san;
     for (const std::string &n : names) {
       unsigned char buf[16];
-      const bool ip = inet_pton(AF_INET, n.c_str(), buf) == 1 || inet_pton(AF_INET6, n.c_str(), buf) == 1;
+      const bool ip =
+          inet_pton(AF_INET, n.c_str(), buf) == 1 || inet_pton(AF_INET6, n.c_str(), buf) == 1;
       san += (san.empty() ? "" : ",") + std::string(ip ? "IP:" : "DNS:") + n;
     }
     AddExt(cert.get(), iss, NID_basic_constraints, "critical,CA:FALSE");
@@ -243,10 +244,14 @@ HsmProcess::HsmProcess(HsmOptions options) : options_(std::move(options)) {
     Serve();
     return;
   }
-  std::vector<std::string> init = {"init",       "--data-dir",
-                                   data_dir_,    "--password",
-                                   options_.master_password, "--kdf-cost",
-                                   std::to_string(options_.kdf_cost), "--unlock-cost",
+  std::vector<std::string> init = {"init",
+                                   "--data-dir",
+                                   data_dir_,
+                                   "--password",
+                                   options_.master_password,
+                                   "--kdf-cost",
+                                   std::to_string(options_.kdf_cost),
+                                   "--unlock-cost",
                                    std::to_string(options_.kdf_cost)};
   if (options_.ca_issued_tls) {
     init.insert(init.end(), {"--tls-cert", cert, "--tls-key", key});

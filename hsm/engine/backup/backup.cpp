@@ -61,9 +61,8 @@ Result<secure::Bytes> MakeBackup(store::Store &store, const secure::Bytes &maste
   return out;
 }
 
-Status RestoreBackup(const secure::Bytes &backup, std::string_view pin,
-                     const std::string &data_dir, std::string_view unlock_secret,
-                     const secure::KdfParams &unlock_kdf) {
+Status RestoreBackup(const secure::Bytes &backup, std::string_view pin, const std::string &data_dir,
+                     std::string_view unlock_secret, const secure::KdfParams &unlock_kdf) {
   const size_t head = kMagic.size() + 24 + secure::kSaltLen;
   if (backup.size() < head + secure::kNonceLen + secure::kTagLen ||
       !std::equal(kMagic.begin(), kMagic.end(), backup.begin()))

@@ -66,7 +66,8 @@ Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material
     st->Bind(1, info.ref.owner).Bind(2, info.ref.name).Bind(3, int64_t{info.type});
     st->Bind(4, int64_t{info.algorithm}).Bind(5, int64_t{info.flags}).BindBlob(6, *sealed);
     st->Bind(7, int64_t{info.blocked ? 1 : 0});
-    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata).Bind(9, clock_->Now());
+    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata)
+        .Bind(9, clock_->Now());
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) {
       // The owner must exist (foreign key) and the name must be free; tell the two apart.
@@ -186,8 +187,8 @@ Status ObjectStore::Rename(const ObjectRef &from, std::string_view to_name) {
     Result<secure::Bytes> sealed = secure::Seal(master_key_, *plain, ObjectAad(to, row->type));
     OPENSSL_cleanse(plain->data(), plain->size());
     if (!sealed.ok()) return sealed.status();
-    Result<store::Statement> st = conn.Prepare(
-        "UPDATE objects SET name = ?3, material = ?4 WHERE owner = ?1 AND name = ?2");
+    Result<store::Statement> st =
+        conn.Prepare("UPDATE objects SET name = ?3, material = ?4 WHERE owner = ?1 AND name = ?2");
     if (!st.ok()) return st.status();
     st->Bind(1, from.owner).Bind(2, from.name).Bind(3, to_name).BindBlob(4, *sealed);
     Status s = st->Run();

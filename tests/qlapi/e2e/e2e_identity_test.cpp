@@ -177,8 +177,7 @@ TEST_F(Identity, FirstUsePinsAndARogueServerOnThePinnedPortGetsNoCredential) {
   AUTH_PWD_EX r = qltest::PasswordRecord(hsm);
   r.nPort = port;
   HSESSIONCTX s = nullptr;
-  EXPECT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, kNewTls),
-            QL_ERR_HSM_IDENTITY_CHANGED);
+  EXPECT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, kNewTls), QL_ERR_HSM_IDENTITY_CHANGED);
   EXPECT_EQ(s, nullptr);
   rogue.Finish();
   EXPECT_TRUE(rogue.handshake_done());
@@ -251,20 +250,20 @@ TEST_F(Identity, ACopyOfTheDataWithoutItsUnlockSecretDoesNotServe) {
 
   const std::string log = dir_ + "/serve.log";
   const std::string wrong = WriteSecretFile(dir_ + "/wrong", "not the secret\n", 0600);
-  EXPECT_NE(qltest::RunQlhsmd({"serve", "--data-dir", copy, "--listen", "127.0.0.1:0",
-                               "--unlock-file", wrong},
-                              log),
-            0);
+  EXPECT_NE(
+      qltest::RunQlhsmd(
+          {"serve", "--data-dir", copy, "--listen", "127.0.0.1:0", "--unlock-file", wrong}, log),
+      0);
   const std::string said = ReadText(log);
   EXPECT_NE(said.find("wrong unlock secret"), std::string::npos) << said;
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
 
   // An unlock file others may read is refused before anything else.
   const std::string loose = WriteSecretFile(dir_ + "/loose", qltest::kTestUnlockSecret, 0644);
-  EXPECT_NE(qltest::RunQlhsmd({"serve", "--data-dir", copy, "--listen", "127.0.0.1:0",
-                               "--unlock-file", loose},
-                              log),
-            0);
+  EXPECT_NE(
+      qltest::RunQlhsmd(
+          {"serve", "--data-dir", copy, "--listen", "127.0.0.1:0", "--unlock-file", loose}, log),
+      0);
 
   // With its secret (the fixture's, in the environment) the copy serves the same HSM.
   qltest::HsmOptions same;
@@ -306,12 +305,19 @@ TEST_F(Identity, UserNamesAndPasswordsThatAreNotUtf8AreRefusedSilently) {
     AUTH_PWD_EX master = qltest::PasswordRecord(hsm);
     ASSERT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &master, sizeof master, kNewTls), QL_OK);
     QL_USER_INFO u{};
-    qltest::CopyField(u.szUserId, "b\xe9" "b");  // Latin-1, not UTF-8
+    qltest::CopyField(u.szUserId,
+                      "b\xe9"
+                      "b");  // Latin-1, not UTF-8
     qltest::CopyField(u.szPassword, "pw123456");
     EXPECT_EQ(QCreateUser(s, &u), QL_ERR_BAD_UTF8);
-    qltest::CopyField(u.szUserId, "b\xc3\xa9" "b");  // the same name in UTF-8 is fine
+    qltest::CopyField(u.szUserId,
+                      "b\xc3\xa9"
+                      "b");  // the same name in UTF-8 is fine
     EXPECT_EQ(QCreateUser(s, &u), QL_OK);
-    EXPECT_EQ(QRemoveUser(s, "b\xc3\xa9" "b"), QL_OK);
+    EXPECT_EQ(QRemoveUser(s,
+                          "b\xc3\xa9"
+                          "b"),
+              QL_OK);
     QCloseSession(&s, 8);
   });
   EXPECT_EQ(printed, "");
