@@ -114,37 +114,38 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_VERSION_MISMATCH 1017     /* the HSM speaks another protocol version */
 
 /* HSM-side codes (5000..5099): the HSM refused or failed the request. */
-#define QL_ERR_AUTH_FAILED 5001             /* wrong user, password or access token */
-#define QL_ERR_ACCESS_DENIED 5002           /* the user's access mask lacks the right */
-#define QL_ERR_USER_BLOCKED 5003            /* the user is blocked */
-#define QL_ERR_OBJ_NOT_FOUND 5004           /* no such object */
-#define QL_ERR_OBJ_BLOCKED 5005             /* the object is blocked (key parameter 12) */
-#define QL_ERR_BAD_ALGORITHM 5006           /* an unknown algorithm, mode or padding */
-#define QL_ERR_NOT_SUPPORTED 5007           /* the service or combination is not built */
-#define QL_ERR_LIMIT_REACHED 5008           /* sessions, objects or frame size past a limit */
-#define QL_ERR_BUSY_RETRY 5009              /* the HSM is busy: retry the same request later */
-#define QL_ERR_BAD_TAG 5010                 /* an authentication tag (GCM) does not verify */
-#define QL_ERR_USER_NAME_TOO_LONG 5011      /* a user name longer than 16 characters */
-#define QL_ERR_INTERNAL 5012                /* an unexpected failure inside the HSM */
-#define QL_ERR_USER_EXISTS 5013             /* a user of that name exists */
-#define QL_ERR_BAD_KEY_USAGE 5014           /* the key cannot do that (no crypt, wrong type) */
-#define QL_ERR_BAD_LENGTH 5015              /* a data, key or block length that does not fit */
-#define QL_ERR_NOT_EXPORTABLE 5016          /* the key was made without the exportable flag */
-#define QL_ERR_BAD_SIGNATURE 5017           /* a signature that does not verify */
-#define QL_ERR_PIECES_REFUSED 5018          /* the mode needs the whole message in one call */
-#define QL_ERR_DIGEST_TOO_LONG 5019         /* the digest does not fit the key (RSA-512/SHA-512) */
-#define QL_ERR_USER_NOT_FOUND 5020          /* no such user */
-#define QL_ERR_BAD_NAME 5021                /* an empty, too long or malformed name */
-#define QL_ERR_OBJ_EXISTS 5022              /* an object of that name exists */
-#define QL_ERR_BAD_STATE 5023               /* the request does not fit the handle's state */
-#define QL_ERR_BAD_PADDING 5024             /* decrypted data whose padding is wrong */
-#define QL_ERR_BAD_PIN 5025                 /* a backup PIN that does not open the backup */
-#define QL_ERR_NOT_LOGGED_IN 5026           /* a request before login */
-#define QL_ERR_BAD_JSON 5027                /* metadata that is not one JSON object in UTF-8 */
-#define QL_ERR_UPACK_REFUSED 5034           /* an update package whose signature fails */
-#define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the HSM's certificate differs from the pinned one */
-#define QL_ERR_HSM_IDENTITY_UNKNOWN 5041    /* an HSM with no pinned certificate, in strict mode */
-#define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* the certificate or its address does not verify */
+#define QL_ERR_AUTH_FAILED 5001        /* wrong user, password or access token */
+#define QL_ERR_ACCESS_DENIED 5002      /* the user's access mask lacks the right */
+#define QL_ERR_USER_BLOCKED 5003       /* the user is blocked */
+#define QL_ERR_OBJ_NOT_FOUND 5004      /* no such object */
+#define QL_ERR_OBJ_BLOCKED 5005        /* the object is blocked (key parameter 12) */
+#define QL_ERR_BAD_ALGORITHM 5006      /* an unknown algorithm, mode or padding */
+#define QL_ERR_NOT_SUPPORTED 5007      /* the service or combination is not built */
+#define QL_ERR_LIMIT_REACHED 5008      /* sessions, objects or frame size past a limit */
+#define QL_ERR_BUSY_RETRY 5009         /* the HSM is busy: retry the same request later */
+#define QL_ERR_BAD_TAG 5010            /* an authentication tag (GCM) does not verify */
+#define QL_ERR_USER_NAME_TOO_LONG 5011 /* a user name longer than 16 characters */
+#define QL_ERR_INTERNAL 5012           /* an unexpected failure inside the HSM */
+#define QL_ERR_USER_EXISTS 5013        /* a user of that name exists */
+#define QL_ERR_BAD_KEY_USAGE 5014      /* the key cannot do that (no crypt, wrong type) */
+#define QL_ERR_BAD_LENGTH 5015         /* a data, key or block length that does not fit */
+#define QL_ERR_NOT_EXPORTABLE 5016     /* the key was made without the exportable flag */
+#define QL_ERR_BAD_SIGNATURE 5017      /* a signature that does not verify */
+#define QL_ERR_PIECES_REFUSED 5018     /* the mode needs the whole message in one call */
+#define QL_ERR_DIGEST_TOO_LONG 5019    /* the digest does not fit the key (RSA-512/SHA-512) */
+#define QL_ERR_USER_NOT_FOUND 5020     /* no such user */
+#define QL_ERR_BAD_NAME 5021           /* an empty, too long or malformed name */
+#define QL_ERR_OBJ_EXISTS 5022         /* an object of that name exists */
+#define QL_ERR_BAD_STATE 5023          /* the request does not fit the handle's state */
+#define QL_ERR_BAD_PADDING 5024        /* decrypted data whose padding is wrong */
+#define QL_ERR_BAD_PIN 5025            /* a backup PIN that does not open the backup */
+#define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
+#define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
+#define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+/* The HSM's identity, checked before any credential leaves, and the caller's text. */
+#define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the certificate differs from the one pinned */
+#define QL_ERR_HSM_IDENTITY_UNKNOWN 5041    /* no certificate pinned for the HSM (strict mode) */
+#define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* chain, address or pin file does not verify */
 #define QL_ERR_BAD_UTF8 5044                /* a user name or password that is not UTF-8 */
 
 /* QGetReturnCodeString formats. */
