@@ -14,6 +14,7 @@ namespace qlhsm {
 namespace {
 
 using testing::EngineFixture;
+using testing::FastKdf;
 using testing::kMasterPassword;
 using testing::TempDir;
 
