@@ -105,8 +105,8 @@ TEST_F(ObjectsTest, MaterialIsSealedAtRestAndBoundToTheMasterKey) {
   EXPECT_EQ(right_key.ReadMaterial({"alice", "k"}).value(), secret);
 }
 
-// Runs one statement on the store's database behind the object store's back, as someone with
-// write access to store.db could.
+// Changes the store's database behind the object store's back, as someone with write access to
+// store.db could.
 void Tamper(store::Store &store, const char *sql) {
   Status st = store.Locked([&](store::Connection &conn) -> Status {
     Result<store::Statement> stmt = conn.Prepare(sql);
@@ -116,23 +116,45 @@ void Tamper(store::Store &store, const char *sql) {
   ASSERT_TRUE(st.ok()) << st.ToString();
 }
 
+secure::Bytes SealedBlob(store::Store &store, const char *name) {
+  Result<secure::Bytes> blob = store.Locked([&](store::Connection &conn) -> Result<secure::Bytes> {
+    Result<store::Statement> st = conn.Prepare("SELECT material FROM objects WHERE name = ?1");
+    if (!st.ok()) return st.status();
+    st->Bind(1, std::string_view(name));
+    Result<bool> row = st->Step();
+    if (!row.ok()) return row.status();
+    if (!row.value()) return Status::Error(Code::kObjectNotFound, name);
+    return st->Blob(0);
+  });
+  EXPECT_TRUE(blob.ok()) << blob.status().ToString();
+  return blob.ok() ? *blob : secure::Bytes();
+}
+
+void SetSealedBlob(store::Store &store, const char *name, const secure::Bytes &blob) {
+  Status st = store.Locked([&](store::Connection &conn) -> Status {
+    Result<store::Statement> stmt = conn.Prepare("UPDATE objects SET material = ?2 WHERE name = ?1");
+    if (!stmt.ok()) return stmt.status();
+    stmt->Bind(1, std::string_view(name)).BindBlob(2, blob);
+    return stmt->Run();
+  });
+  ASSERT_TRUE(st.ok()) << st.ToString();
+}
+
 TEST_F(ObjectsTest, MaterialIsBoundToItsRow) {
   const secure::Bytes a(48, 'a'), b(48, 'b');
   ASSERT_TRUE(objects->Create(Info("alice", "ka"), a).ok());
   ASSERT_TRUE(objects->Create(Info("alice", "kb"), b).ok());
+  const secure::Bytes sealed_a = SealedBlob(*store, "ka"), sealed_b = SealedBlob(*store, "kb");
 
-  // A blob moved to another row does not pass for that row's key.
-  Tamper(*store,
-         "UPDATE objects SET material = (SELECT material FROM objects o2 WHERE o2.owner = "
-         "objects.owner AND o2.name = CASE objects.name WHEN 'ka' THEN 'kb' ELSE 'ka' END) "
-         "WHERE owner = 'alice' AND name IN ('ka', 'kb')");
+  // Blobs swapped between two rows do not pass for those rows' keys.
+  SetSealedBlob(*store, "ka", sealed_b);
+  SetSealedBlob(*store, "kb", sealed_a);
   EXPECT_EQ(objects->ReadMaterial({"alice", "ka"}).status().code(), Code::kBadTag);
   EXPECT_EQ(objects->ReadMaterial({"alice", "kb"}).status().code(), Code::kBadTag);
-  Tamper(*store,
-         "UPDATE objects SET material = (SELECT material FROM objects o2 WHERE o2.owner = "
-         "objects.owner AND o2.name = CASE objects.name WHEN 'ka' THEN 'kb' ELSE 'ka' END) "
-         "WHERE owner = 'alice' AND name IN ('ka', 'kb')");
-  EXPECT_EQ(objects->ReadMaterial({"alice", "ka"}).value(), a);
+  SetSealedBlob(*store, "ka", sealed_a);
+  SetSealedBlob(*store, "kb", sealed_b);
+  ASSERT_TRUE(objects->ReadMaterial({"alice", "ka"}).ok());
+  EXPECT_EQ(*objects->ReadMaterial({"alice", "ka"}), a);
 
   // Nor does a row whose kind was changed.
   Tamper(*store, "UPDATE objects SET type = type + 1 WHERE name = 'kb'");
@@ -143,9 +165,11 @@ TEST_F(ObjectsTest, RenameAndRewriteSealForTheNewIdentity) {
   const secure::Bytes a(40, 'x'), c(40, 'y');
   ASSERT_TRUE(objects->Create(Info("alice", "old"), a).ok());
   ASSERT_TRUE(objects->Rename({"alice", "old"}, "new").ok());
-  EXPECT_EQ(objects->ReadMaterial({"alice", "new"}).value(), a);
+  ASSERT_TRUE(objects->ReadMaterial({"alice", "new"}).ok());
+  EXPECT_EQ(*objects->ReadMaterial({"alice", "new"}), a);
   ASSERT_TRUE(objects->WriteMaterial({"alice", "new"}, c).ok());
-  EXPECT_EQ(objects->ReadMaterial({"alice", "new"}).value(), c);
+  ASSERT_TRUE(objects->ReadMaterial({"alice", "new"}).ok());
+  EXPECT_EQ(*objects->ReadMaterial({"alice", "new"}), c);
   // Moving the row back by name alone (no re-sealing) breaks it.
   Tamper(*store, "UPDATE objects SET name = 'old' WHERE name = 'new'");
   EXPECT_EQ(objects->ReadMaterial({"alice", "old"}).status().code(), Code::kBadTag);
