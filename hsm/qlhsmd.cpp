@@ -86,12 +86,13 @@ bool UnlockKdf(const UnlockOptions &o, qlhsm::secure::KdfParams *kdf) {
   return true;
 }
 
-// The new HSM's TLS identity: the operator's certificate and key, or a self-signed pair. Prints
-// the fingerprint that clients pin.
-int MakeTlsIdentity(const std::string &data_dir, const std::string &cert, const std::string &key) {
-  Status st = cert.empty() ? qlhsm::server::CreateTlsIdentity(data_dir, HostName())
-                           : qlhsm::server::ImportTlsIdentity(data_dir, cert, key);
-  if (!st.ok()) return Fail("TLS identity", st);
+// The new HSM's TLS identity, a self-signed pair unless the operator's certificate and key were
+// imported already. Prints the fingerprint that clients pin.
+int MakeTlsIdentity(const std::string &data_dir, bool imported) {
+  if (!imported) {
+    Status st = qlhsm::server::CreateTlsIdentity(data_dir, HostName());
+    if (!st.ok()) return Fail("TLS identity", st);
+  }
   auto fp = qlhsm::server::TlsFingerprint(data_dir);
   if (!fp.ok()) return Fail("TLS identity", fp.status());
   std::cout << "TLS certificate SHA-256: " << *fp << std::endl;
@@ -179,9 +180,15 @@ int main(int argc, char **argv) {
     auto secret = qlhsm::server::ReadUnlockSecret(unlock.file, true);
     if (!secret.ok()) return Fail("unlock secret", secret.status());
     io.unlock_secret = *secret;
+    if (!tls_cert.empty()) {
+      // The operator's certificate first, so that a wrong one leaves no half-made HSM behind.
+      Status st = qlhsm::EnsureDataDir(data_dir);
+      if (st.ok()) st = qlhsm::server::ImportTlsIdentity(data_dir, tls_cert, tls_key);
+      if (!st.ok()) return Fail("TLS identity", st);
+    }
     Status st = qlhsm::Engine::Init(data_dir, password, io);
     if (!st.ok()) return Fail("init", st);
-    if (int rc = MakeTlsIdentity(data_dir, tls_cert, tls_key); rc != 0) return rc;
+    if (int rc = MakeTlsIdentity(data_dir, !tls_cert.empty()); rc != 0) return rc;
     std::cerr << "qlhsmd: new HSM in " << data_dir << "\n";
     return 0;
   }
@@ -206,7 +213,7 @@ int main(int argc, char **argv) {
     Status st = qlhsm::backup::RestoreBackup(*blob, pin, data_dir, *secret, unlock_kdf);
     if (!st.ok()) return Fail("restore", st);
     // The TLS identity is the machine's, not the HSM's: a restored HSM gets a new one.
-    if (int rc = MakeTlsIdentity(data_dir, "", ""); rc != 0) return rc;
+    if (int rc = MakeTlsIdentity(data_dir, false); rc != 0) return rc;
     std::cerr << "qlhsmd: restored into " << data_dir << "\n";
     return 0;
   }
