@@ -69,6 +69,13 @@
     "The metadata is not one JSON object in UTF-8.")                                               \
   X(kUpdateRefused,    QL_ERR_UPACK_REFUSED,        5034,                                          \
     "Update package refused: its signature does not verify.")                                      \
+  X(kHsmIdentityChanged, QL_ERR_HSM_IDENTITY_CHANGED, 5040, "The HSM's identity changed.")        \
+  X(kHsmIdentityUnknown, QL_ERR_HSM_IDENTITY_UNKNOWN, 5041,                                        \
+    "Unknown HSM: no certificate is pinned for this address (strict mode).")                       \
+  X(kHsmIdentityUnverified, QL_ERR_HSM_IDENTITY_UNVERIFIED, 5042,                                  \
+    "The HSM's identity could not be verified (certificate chain, address or pin file).")          \
+  X(kBadUtf8,          QL_ERR_BAD_UTF8,             5044,                                          \
+    "A user name or password that is not UTF-8 text.")                                             \
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \

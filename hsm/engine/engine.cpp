@@ -33,7 +33,7 @@ Status Engine::Init(const std::string &data_dir, std::string_view master_passwor
   QL_RETURN_IF_ERROR(EnsureDataDir(data_dir));
   Result<std::unique_ptr<store::Store>> store = store::Store::Open(data_dir, true);
   if (!store.ok()) return store.status();
-  QL_RETURN_IF_ERROR(CreateMasterKey(data_dir));
+  QL_RETURN_IF_ERROR(CreateMasterKey(data_dir, options.unlock_secret, options.unlock_kdf));
   QL_RETURN_IF_ERROR((*store)->SetSetting("kdf_n", std::to_string(options.kdf.n)));
   Result<secure::Bytes> serial = secure::RandomBytes(6);
   if (!serial.ok()) return serial.status();
@@ -51,7 +51,7 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   std::unique_ptr<Engine> e(new Engine());
   Core &c = e->core_;
   c.data_dir = data_dir;
-  Result<secure::Bytes> key = LoadMasterKey(data_dir);
+  Result<secure::Bytes> key = LoadMasterKey(data_dir, options.unlock_secret);
   if (!key.ok()) return key.status();
   c.master_key = std::move(key.value());
   Result<std::unique_ptr<store::Store>> store = store::Store::Open(data_dir, false);

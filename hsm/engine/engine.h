@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "engine/core.h"
+#include "engine/data_dir.h"
 #include "engine/guard.h"
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
@@ -26,6 +27,9 @@ inline constexpr const char *kMasterUser = "master";
 
 struct InitOptions {
   secure::KdfParams kdf;  // cost of password hashes; tests lower it
+  // The secret that seals the master key (data_dir.h), and the cost of deriving its key.
+  std::string unlock_secret;
+  secure::KdfParams unlock_kdf{kUnlockKdfCost, 8, 1};
 };
 
 // Limits and tunables. Each may also be stored in the settings table under the name in the
@@ -34,6 +38,7 @@ struct EngineOptions {
   size_t max_sessions = 0;     // "max_sessions", default 1024
   size_t audit_page_size = 0;  // "audit_page_size", default 4096
   size_t max_objects = 0;      // "max_objects", default 100000
+  std::string unlock_secret;   // the secret master.key was sealed under
 };
 
 class Engine {

@@ -27,9 +27,10 @@ struct ServerOptions {
   // comes from the store's settings, else the defaults. Past a limit a connection gets
   // QL_ERR_LIMIT_REACHED and closes.
   NetLimits net = NetLimits::Unset();
-  bool plain_given = false;  // net.plain was given
-  unsigned threads = 0;      // event loops, one thread each; 0: 4 per core, at least 8
-                             // (an engine call blocks its loop while it runs)
+  bool plain_given = false;   // net.plain was given
+  unsigned threads = 0;       // event loops, one thread each; 0: 4 per core, at least 8
+                              // (an engine call blocks its loop while it runs)
+  std::string unlock_secret;  // opens the sealed master key
 };
 
 class Server {

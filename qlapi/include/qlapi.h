@@ -39,12 +39,12 @@
  *   address and port of the authentication record; port 0 or negative means 4433). TLS 1.3
  *   for session flag QL_SESSION_ENCRYPTED, for flags without either transport bit, and for
  *   both transport bits together; plain TCP for QL_SESSION_UNENCRYPTED alone.
- *   TLS certificate: the HSM presents a self-signed certificate made when it was initialised.
- *   The library accepts only TLS 1.3; OpenSSL checks that the peer holds the private key of the
- *   certificate it presents, but no chain is validated, because no authority vouches for the
- *   HSM. The encryption therefore protects against eavesdropping, not against an active man in
- *   the middle; a caller that needs the latter reads the certificate's SHA-256 fingerprint with
- *   QGetSessionParam(QL_SP_TLS_PEER_SHA256) and compares it with one it trusts.
+ *   The HSM's identity is checked before any credential is sent: with QLAPI_TLS_CA_FILE (a PEM
+ *   bundle) its chain and address must verify (else QL_ERR_HSM_IDENTITY_UNVERIFIED); otherwise
+ *   its certificate's SHA-256 is pinned per address:port in ~/.qlapi_known_hsms on first use
+ *   (QLAPI_TLS_STRICT=1 refuses an unknown HSM: QL_ERR_HSM_IDENTITY_UNKNOWN), and a changed one
+ *   is refused with QL_ERR_HSM_IDENTITY_CHANGED. Plain connections carry no certificate. TLS 1.3
+ *   only; QGetSessionParam(QL_SP_TLS_PEER_SHA256) reads the fingerprint of a session's HSM.
  *
  * Session cache. QCloseSession without QL_CLOSE_PHYSICAL gives an idle connection back to the
  *   library's cache, after the HSM has reset the session (its temporary keys and hashes are
@@ -142,8 +142,14 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
-#define QL_ERR_SESSION_EXPIRED 5046    /* the session sat idle past the HSM's idle timeout */
-#define QL_ERR_ADDRESS_REFUSED 5047    /* the client's address may not connect (allow-list, plain) */
+/* The HSM's identity (checked before any credential leaves), the caller's text, and the HSM's
+ * guard of its network. */
+#define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the certificate differs from the one pinned */
+#define QL_ERR_HSM_IDENTITY_UNKNOWN 5041    /* no certificate pinned for the HSM (strict mode) */
+#define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* chain, address or pin file does not verify */
+#define QL_ERR_BAD_UTF8 5044                /* a user name or password that is not UTF-8 */
+#define QL_ERR_SESSION_EXPIRED 5046         /* the session sat idle past the HSM's idle timeout */
+#define QL_ERR_ADDRESS_REFUSED 5047         /* the address may not connect (allow-list, plain) */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */

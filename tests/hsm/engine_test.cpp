@@ -14,6 +14,7 @@ namespace qlhsm {
 namespace {
 
 using testing::EngineFixture;
+using testing::FastKdf;
 using testing::kMasterPassword;
 using testing::TempDir;
 
@@ -543,6 +544,20 @@ TEST(Engine, BackupRestoresIntoAFreshDataDir) {
   auto s = (*restored)->NewSession();
   ASSERT_TRUE((*restored)->users().Login(*s, "kept", "pw").ok());
   EXPECT_EQ((*restored)->objects().UseObject(*s, "k").value(), secure::Bytes(24, 5));
+}
+
+TEST(Engine, OpensOnlyWithTheUnlockSecret) {
+  TempDir dir;
+  InitOptions init;
+  init.kdf = FastKdf();
+  init.unlock_kdf = FastKdf();
+  init.unlock_secret = "open sesame";
+  ASSERT_TRUE(Engine::Init(dir.path(), kMasterPassword, init).ok());
+  EngineOptions options;
+  options.unlock_secret = "open sesame!";
+  EXPECT_EQ(Engine::Open(dir.path(), options).status().code(), Code::kBadPin);
+  options.unlock_secret = "open sesame";
+  EXPECT_TRUE(Engine::Open(dir.path(), options).ok());
 }
 
 TEST(Engine, MasterKeyFileMustBePrivate) {

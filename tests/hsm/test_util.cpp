@@ -21,6 +21,7 @@ TempDir::~TempDir() {
 EngineFixture::EngineFixture(EngineOptions options) {
   InitOptions init;
   init.kdf = FastKdf();
+  init.unlock_kdf = FastKdf();
   Status st = Engine::Init(dir.path(), kMasterPassword, init);
   EXPECT_TRUE(st.ok()) << st.ToString();
   Result<std::unique_ptr<Engine>> e = Engine::Open(dir.path(), options);

@@ -11,6 +11,7 @@
 #include "PerformanceTests/perf_common.h"
 #include "func_common.h"
 #include "option_usage.h"
+#include "ql_arch.h"
 
 using namespace qlfunc;
 
@@ -119,7 +120,7 @@ int LoadKeyAndCert(FUNC_SIGN_XML_INFO *info) {
   unsigned char pfx[4096];
   uint32_t pfxLen = sizeof pfx;
   rc = QBase642ByteArray(kTestPkcs12Base64, sizeof kTestPkcs12Base64 - 1, pfx, &pfxLen);
-  if (rc != 0 || !WriteWholeFile(info->szPfxFile, pfx, pfxLen)) {
+  if (rc != 0 || WriteSecretFile(info->szPfxFile, pfx, pfxLen) != 0) {
     ScreenOutput("[LoadKeyAndCert] Error in fopen(%s).\r\n", info->szPfxFile);
     return rc != 0 ? rc : QL_ERR_FILE_IO;
   }

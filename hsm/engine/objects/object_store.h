@@ -73,6 +73,12 @@ class ObjectStore {
   Result<int64_t> Count();
 
  private:
+  struct SealedRow {
+    secure::Bytes sealed;
+    int64_t type = 0;
+  };
+  // The row's sealed material and kind; the caller holds the store's lock.
+  static Result<SealedRow> ReadSealed(store::Connection &conn, const ObjectRef &ref);
   Status UpdateOne(const ObjectRef &ref, const char *sql, int64_t value);
   store::Store &store_;
   secure::Bytes master_key_;

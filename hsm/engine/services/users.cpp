@@ -2,6 +2,7 @@
 #include "engine/services/users.h"
 
 #include "engine/services/objects.h"
+#include "engine/utf8.h"
 
 namespace qlhsm {
 
@@ -11,7 +12,21 @@ using sessions::Session;
 
 namespace {
 
+// User names and passwords reach the HSM as bytes; those that are not UTF-8 (NUL counts as not)
+// are refused before anything else is checked about them.
+Status CheckUtf8(std::string_view text) {
+  if (!IsUtf8(text, /*allow_nul=*/false))
+    return Status::Error(Code::kBadUtf8, "a user name or password that is not UTF-8");
+  return Status::Ok();
+}
+
+Status CheckName(std::string_view name) {
+  QL_RETURN_IF_ERROR(CheckUtf8(name));
+  return users::CheckUserName(name);
+}
+
 Status CheckPassword(std::string_view password) {
+  QL_RETURN_IF_ERROR(CheckUtf8(password));
   if (!users::ValidPassword(password)) return Status::Error(Code::kBadArgument, "bad password");
   return Status::Ok();
 }
@@ -26,6 +41,9 @@ bool Own(const Session &s, std::string_view name) {
 
 Status UsersService::Login(Session &s, std::string_view user, std::string_view password,
                            std::string_view source, std::chrono::milliseconds *delay) {
+  // Text that is not UTF-8 is refused before the session changes, unaudited and uncounted.
+  QL_RETURN_IF_ERROR(CheckUtf8(user));
+  QL_RETURN_IF_ERROR(CheckUtf8(password));
   ResetSession(s);
   const std::chrono::milliseconds wait = core_.throttle.Delay(user, source);
   Result<users::UserInfo> info = core_.users->Authenticate(user, password);
@@ -39,6 +57,7 @@ Status UsersService::Login(Session &s, std::string_view user, std::string_view p
 }
 
 Status UsersService::LoginToken(Session &s, std::string_view user, const secure::Bytes &key) {
+  QL_RETURN_IF_ERROR(CheckUtf8(user));
   ResetSession(s);
   Status st;
   Result<users::UserInfo> info = core_.users->Find(user);
@@ -99,7 +118,7 @@ Status UsersService::CreateUser(Session &s, std::string_view name, std::string_v
   return guard_.Run(
       s, op,
       [&] {
-        QL_RETURN_IF_ERROR(users::CheckUserName(name));
+        QL_RETURN_IF_ERROR(CheckName(name));
         return CheckPassword(password);
       },
       [&](const users::UserInfo &me) -> Status {
@@ -111,7 +130,7 @@ Status UsersService::CreateUser(Session &s, std::string_view name, std::string_v
 Status UsersService::RemoveUser(Session &s, std::string_view name) {
   Op op{"remove-user", name, Request::kRemoveUser, AuditMode::kChange};
   return guard_.Run(
-      s, op, [&] { return users::CheckUserName(name); },
+      s, op, [&] { return CheckName(name); },
       [&](const users::UserInfo &) -> Status {
         QL_RETURN_IF_ERROR(core_.users->Remove(name));
         core_.keys.ForgetAll();  // the user's objects went with it
@@ -131,7 +150,7 @@ Status UsersService::ChangeUser(Session &s, std::string_view op_name, std::strin
                                 Change &&change) {
   Op op{op_name, name, Request::kSetOtherUser, AuditMode::kChange};
   return guard_.Run(
-      s, op, [&] { return users::CheckUserName(name); },
+      s, op, [&] { return CheckName(name); },
       [&](const users::UserInfo &) -> Status { return change(); });
 }
 
@@ -141,7 +160,7 @@ Status UsersService::SetUserPassword(Session &s, std::string_view name, std::str
   return guard_.Run(
       s, op,
       [&] {
-        QL_RETURN_IF_ERROR(users::CheckUserName(name));
+        QL_RETURN_IF_ERROR(CheckName(name));
         return CheckPassword(password);
       },
       [&](const users::UserInfo &) { return core_.users->SetPassword(name, password); });
@@ -159,7 +178,7 @@ Status UsersService::SetUserBlocked(Session &s, std::string_view name, bool bloc
 Result<users::UserInfo> UsersService::GetUser(Session &s, std::string_view name) {
   Op op{"get-user", name, Own(s, name) ? Request::kFree : Request::kReadOtherUserMask};
   return guard_.Run(
-      s, op, [&] { return users::CheckUserName(name); },
+      s, op, [&] { return CheckName(name); },
       [&](const users::UserInfo &) { return core_.users->Find(name); });
 }
 
@@ -222,6 +241,7 @@ Status UsersService::RevokeToken(Session &s, std::string_view owner, const secur
   return guard_.Run(
       s, op,
       [&] {
+        QL_RETURN_IF_ERROR(CheckUtf8(owner));
         if (key.size() != users::kTokenKeyLen)
           return Status::Error(Code::kBadArgument, "bad token");
         return Status::Ok();
