@@ -19,9 +19,11 @@
 #include "engine/backup/backup.h"
 #include "engine/data_dir.h"
 #include "engine/engine.h"
-#include "engine/test_fault.h"
 #include "server/server.h"
 #include "server/tls_identity.h"
+#ifdef QLHSMD_TEST_BUILD
+#include "test_faults.h"
+#endif
 
 namespace {
 
@@ -84,10 +86,11 @@ int main(int argc, char **argv) {
   serve->add_option("--max-connections", serve_opts.max_connections, "most connections");
   serve->add_option("--threads", serve_opts.threads,
                     "event loops, one thread each (default 4 per core, at least 8)");
+#ifdef QLHSMD_TEST_BUILD
   std::string test_fault;
   serve->add_option("--test-fault", test_fault,
-                    "TESTS ONLY: answer wrongly on purpose (sign-bitflip, decrypt-corrupt, "
-                    "grant-rights)");
+                    "answer wrongly on purpose (sign-bitflip, decrypt-corrupt, grant-rights)");
+#endif
 
   CLI::App *restore = app.add_subcommand("restore", "restore a backup into a new data directory");
   restore->add_option("--data-dir", data_dir, "a new, empty data directory")->required();
@@ -125,15 +128,16 @@ int main(int argc, char **argv) {
     return 0;
   }
 
+#ifdef QLHSMD_TEST_BUILD
+  // Before any thread starts: the faults are read without a lock.
   if (!test_fault.empty()) {
-    qlhsm::TestFault fault;
-    if (!qlhsm::ParseTestFault(test_fault, &fault)) {
+    if (!qlhsm::InstallTestFault(test_fault)) {
       std::cerr << "qlhsmd: --test-fault takes sign-bitflip, decrypt-corrupt or grant-rights\n";
       return 2;
     }
-    qlhsm::SetTestFault(fault);
     std::cerr << "qlhsmd: TEST FAULT " << test_fault << ": this HSM answers wrongly on purpose\n";
   }
+#endif
 
   serve_opts.data_dir = data_dir;
   if (!ParseListen(listen, &serve_opts.host, &serve_opts.port)) {

@@ -57,7 +57,15 @@ int Wait(pid_t pid) {
 
 }  // namespace
 
-std::string QlhsmdPath() {
+std::string QlhsmdPath(bool test_build) {
+  if (test_build) {
+    if (const char *env = std::getenv("QLHSMD_TEST"); env && *env) return env;
+#ifdef QLHSMD_TEST_BIN
+    return QLHSMD_TEST_BIN;
+#else
+    return "qlhsmd_test";
+#endif
+  }
   if (const char *env = std::getenv("QLHSMD"); env && *env) return env;
 #ifdef QLHSMD_BIN
   return QLHSMD_BIN;
@@ -66,8 +74,8 @@ std::string QlhsmdPath() {
 #endif
 }
 
-int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path) {
-  std::vector<std::string> full = {QlhsmdPath()};
+int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path, bool test_build) {
+  std::vector<std::string> full = {QlhsmdPath(test_build)};
   full.insert(full.end(), args.begin(), args.end());
   pid_t pid = Spawn(full, -1, log_path);
   if (pid < 0) return -1;
@@ -87,7 +95,7 @@ HsmProcess::HsmProcess(HsmOptions options) : options_(std::move(options)) {
   }
   int rc = RunQlhsmd({"init", "--data-dir", data_dir_, "--password", options_.master_password,
                       "--kdf-cost", std::to_string(options_.kdf_cost)},
-                     log_path_);
+                     log_path_, options_.test_build);
   if (rc != 0) {
     std::string log = Tail(log_path_);
     std::error_code ec;
@@ -106,14 +114,18 @@ HsmProcess::~HsmProcess() {
 void HsmProcess::Serve() {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  std::vector<std::string> args = {QlhsmdPath(), "serve",    "--data-dir",
-                                   data_dir_,    "--listen", address_ + ":0"};
+  std::vector<std::string> args = {QlhsmdPath(options_.test_build),
+                                   "serve",
+                                   "--data-dir",
+                                   data_dir_,
+                                   "--listen",
+                                   address_ + ":0"};
   args.insert(args.end(), options_.serve_args.begin(), options_.serve_args.end());
   pid_ = Spawn(args, fds[1], log_path_);
   close(fds[1]);
   if (pid_ < 0) {
     close(fds[0]);
-    throw std::runtime_error("cannot start " + QlhsmdPath());
+    throw std::runtime_error("cannot start " + QlhsmdPath(options_.test_build));
   }
   // Read the "listening on HOST:PORT" line, waiting at most 30 s.
   std::string line;
