@@ -27,10 +27,12 @@
 #include "engine/backup/backup.h"
 #include "engine/data_dir.h"
 #include "engine/engine.h"
-#include "engine/test_fault.h"
 #include "server/server.h"
 #include "server/tls_identity.h"
 #include "server/unlock_secret.h"
+#ifdef QLHSMD_TEST_BUILD
+#include "test_faults.h"
+#endif
 
 namespace {
 
@@ -170,10 +172,11 @@ int main(int argc, char **argv) {
   serve->add_option("--threads", serve_opts.threads,
                     "event loops, one thread each (default 4 per core, at least 8)");
   AddUnlockOptions(serve, &unlock, false);
+#ifdef QLHSMD_TEST_BUILD
   std::string test_fault;
   serve->add_option("--test-fault", test_fault,
-                    "TESTS ONLY: answer wrongly on purpose (sign-bitflip, decrypt-corrupt, "
-                    "grant-rights)");
+                    "answer wrongly on purpose (sign-bitflip, decrypt-corrupt, grant-rights)");
+#endif
 
   CLI::App *restore = app.add_subcommand("restore", "restore a backup into a new data directory");
   restore->add_option("--data-dir", data_dir, "a new, empty data directory")->required();
@@ -241,15 +244,16 @@ int main(int argc, char **argv) {
     return 0;
   }
 
+#ifdef QLHSMD_TEST_BUILD
+  // Before any thread starts: the faults are read without a lock.
   if (!test_fault.empty()) {
-    qlhsm::TestFault fault;
-    if (!qlhsm::ParseTestFault(test_fault, &fault)) {
+    if (!qlhsm::InstallTestFault(test_fault)) {
       std::cerr << "qlhsmd: --test-fault takes sign-bitflip, decrypt-corrupt or grant-rights\n";
       return 2;
     }
-    qlhsm::SetTestFault(fault);
     std::cerr << "qlhsmd: TEST FAULT " << test_fault << ": this HSM answers wrongly on purpose\n";
   }
+#endif
 
   auto secret = qlhsm::server::ReadUnlockSecret(unlock.file, false);
   if (!secret.ok()) return Fail("unlock secret", secret.status());

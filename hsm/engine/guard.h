@@ -13,6 +13,7 @@
 
 #include "engine/access/rules.h"
 #include "engine/core.h"
+#include "engine/fault_points.h"
 
 namespace qlhsm {
 
@@ -58,12 +59,14 @@ class Guard {
     Result<users::UserInfo> me = Caller(s);
     if (!me.ok()) return R(me.status());
     if (Status st = args(); !st.ok()) return R(st);
-    for (access::Request right : {op.right, op.also}) {
-      Status st = access::Check(right, me->mask, s.auth() == sessions::AuthKind::kAnonymous);
-      if (!st.ok()) return Audit(s, op, R(st));
-    }
+    if (Status st = Right(s, op, *me); !st.ok()) return Audit(s, op, R(st));
     return Audit(s, op, body(*me));
   }
+
+  // The right step: op.right and op.also through the rules table.
+  Status Right(sessions::Session &s, const Op &op, const users::UserInfo &me) const;
+  // A mask the caller hands to a new user: only bits it holds, unless it is an operator.
+  Status Grant(const users::UserInfo &me, uint32_t mask) const;
 
   // The audit record of one outcome, by op.audit; returns the outcome.
   Status Audit(sessions::Session &s, const Op &op, Status st);

@@ -198,7 +198,15 @@ void IssueTestCertificate(const std::vector<std::string> &names, const std::stri
   WritePem(key_path, key.get(), nullptr);
 }
 
-std::string QlhsmdPath() {
+std::string QlhsmdPath(bool test_build) {
+  if (test_build) {
+    if (const char *env = std::getenv("QLHSMD_TEST"); env && *env) return env;
+#ifdef QLHSMD_TEST_BIN
+    return QLHSMD_TEST_BIN;
+#else
+    return "qlhsmd_test";
+#endif
+  }
   if (const char *env = std::getenv("QLHSMD"); env && *env) return env;
 #ifdef QLHSMD_BIN
   return QLHSMD_BIN;
@@ -207,8 +215,8 @@ std::string QlhsmdPath() {
 #endif
 }
 
-int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path) {
-  std::vector<std::string> full = {QlhsmdPath()};
+int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path, bool test_build) {
+  std::vector<std::string> full = {QlhsmdPath(test_build)};
   full.insert(full.end(), args.begin(), args.end());
   pid_t pid = Spawn(full, -1, log_path);
   if (pid < 0) return -1;
@@ -256,7 +264,7 @@ HsmProcess::HsmProcess(HsmOptions options) : options_(std::move(options)) {
   if (options_.ca_issued_tls) {
     init.insert(init.end(), {"--tls-cert", cert, "--tls-key", key});
   }
-  int rc = RunQlhsmd(init, log_path_);
+  int rc = RunQlhsmd(init, log_path_, options_.test_build);
   if (rc != 0) {
     std::string log = Tail(log_path_);
     std::error_code ec;
@@ -275,14 +283,18 @@ HsmProcess::~HsmProcess() {
 void HsmProcess::Serve() {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  std::vector<std::string> args = {QlhsmdPath(), "serve",    "--data-dir",
-                                   data_dir_,    "--listen", address_ + ":0"};
+  std::vector<std::string> args = {QlhsmdPath(options_.test_build),
+                                   "serve",
+                                   "--data-dir",
+                                   data_dir_,
+                                   "--listen",
+                                   address_ + ":0"};
   args.insert(args.end(), options_.serve_args.begin(), options_.serve_args.end());
   pid_ = Spawn(args, fds[1], log_path_);
   close(fds[1]);
   if (pid_ < 0) {
     close(fds[0]);
-    throw std::runtime_error("cannot start " + QlhsmdPath());
+    throw std::runtime_error("cannot start " + QlhsmdPath(options_.test_build));
   }
   // Read the "listening on HOST:PORT" line, waiting at most 30 s.
   std::string line;

@@ -42,6 +42,9 @@ struct HsmOptions {
   std::vector<std::string> serve_args;
   // scrypt cost of password hashes: low, since tests make many users and measure nothing.
   unsigned kdf_cost = 1024;
+  // Run the daemon's test build (qlhsmd_test, QLHSMD_TEST_BIN), which has the fault switches
+  // (`serve --test-fault NAME`), instead of the release daemon.
+  bool test_build = false;
   // When set: serve this data directory (made elsewhere, e.g. by `qlhsmd restore`) instead of
   // initialising a new one. It is left in place at the end.
   std::string existing_data_dir;
@@ -95,11 +98,12 @@ class HsmProcess {
   pid_t pid_ = -1;
 };
 
-// Path of the qlhsmd binary the tests use.
-std::string QlhsmdPath();
+// Path of the qlhsmd binary the tests use; with `test_build`, of the daemon's test build.
+std::string QlhsmdPath(bool test_build = false);
 
 // Runs qlhsmd with `args` and waits; returns its exit status (WEXITSTATUS) or -1.
-int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path);
+int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path,
+              bool test_build = false);
 
 // One daemon shared by every test of a binary.
 class HsmEnvironment : public ::testing::Environment {

@@ -6,7 +6,6 @@
 namespace qlhsm {
 
 using access::Request;
-using cryptomap::CryptoOk;
 using cryptomap::FromCrypto;
 using sessions::Session;
 
@@ -30,7 +29,6 @@ Result<uint64_t> HashesService::CreateHash(Session &s, uint32_t algorithm, const
         }
         crypto::Result<crypto::HashState> state = crypto::HashState::Create(algorithm, k);
         if (!state.ok()) return FromCrypto(state.status());
-        QL_RETURN_IF_ERROR(CryptoOk("create-hash"));
         return s.AddHash(std::move(state.value()));
       });
 }
@@ -41,7 +39,7 @@ Status HashesService::HashData(Session &s, uint64_t hash, const secure::Bytes &d
       [&](const users::UserInfo &) -> Status {
         crypto::Status st = s.FindHash(hash)->Update(crypto::ByteView(data.data(), data.size()));
         if (!st.ok()) return FromCrypto(st);
-        return CryptoOk("hash-data");
+        return Status::Ok();
       });
 }
 
@@ -51,7 +49,6 @@ Result<secure::Bytes> HashesService::GetHashValue(Session &s, uint64_t hash) {
       [&](const users::UserInfo &) -> Result<secure::Bytes> {
         crypto::Result<crypto::Bytes> v = s.FindHash(hash)->Value();
         if (!v.ok()) return FromCrypto(v.status());
-        QL_RETURN_IF_ERROR(CryptoOk("hash-value"));
         return secure::Bytes(std::move(v.value()));
       });
 }

@@ -12,13 +12,12 @@
 #include "crypto/key.h"
 #include "crypto/sign.h"
 #include "engine/crypto_result.h"
+#include "engine/fault_points.h"
 #include "engine/services/objects.h"
-#include "engine/test_fault.h"
 
 namespace qlhsm {
 
 using access::Request;
-using cryptomap::CryptoOk;
 using cryptomap::FromCrypto;
 using sessions::Session;
 
@@ -125,7 +124,6 @@ Result<KeyDesc> KeysService::GenerateKey(Session &s, std::string_view name, uint
           return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
         crypto::Result<crypto::KeyPtr> key = crypto::Key::Generate(algorithm, flags);
         if (!key.ok()) return FromCrypto(key.status());
-        QL_RETURN_IF_ERROR(CryptoOk("generate-key"));
         return StoreOrHold(s, name, *key, flags, want_handle);
       });
 }
@@ -168,7 +166,6 @@ Result<KeyDesc> KeysService::ImportKey(Session &s, std::string_view name, const 
         crypto::Result<crypto::KeyPtr> key = crypto::ImportKey(
             crypto::ByteView(blob.data(), blob.size()), blob_type, algorithm, kek_key);
         if (!key.ok()) return FromCrypto(key.status());
-        QL_RETURN_IF_ERROR(CryptoOk("import-key"));
         return StoreOrHold(s, name, *key, flags, want_handle);
       });
 }
@@ -197,7 +194,6 @@ Result<secure::Bytes> KeysService::ExportKey(Session &s, const KeyArg &key, cons
         }
         crypto::Result<crypto::SecretBytes> out = crypto::ExportKey(k->key, kek_key, blob_type);
         if (!out.ok()) return FromCrypto(out.status());
-        QL_RETURN_IF_ERROR(CryptoOk("export-key"));
         return secure::Bytes(out->begin(), out->end());
       });
 }
@@ -409,15 +405,15 @@ Result<secure::Bytes> KeysService::SignHash(Session &s, const KeyArg &key, uint3
         crypto::Result<crypto::Bytes> sig = crypto::Sign(
             *k->key, hash_algorithm, crypto::ByteView(digest.data(), digest.size()), flags);
         if (!sig.ok()) return FromCrypto(sig.status());
-        QL_RETURN_IF_ERROR(CryptoOk("sign"));
         // A key that just signed can always say how long its signatures get.
         crypto::Result<size_t> size = crypto::SignatureSize(*k->key);
         if (!size.ok()) return FromCrypto(size.status());
         if (longest) *longest = std::max(*size, sig->size());
         if (capacity != 0 && sig->size() > capacity)
           return Status::Error(Code::kBufferTooSmall, "signature longer than the buffer");
-        if (CurrentTestFault() == TestFault::kSignBitflip && !sig->empty()) sig->back() ^= 1;
-        return secure::Bytes(std::move(sig.value()));
+        secure::Bytes out(std::move(sig.value()));
+        if (const FaultPoints *f = InstalledFaults()) f->AlterSignature(out);
+        return out;
       });
 }
 
@@ -434,7 +430,7 @@ Status KeysService::VerifySignature(Session &s, const KeyArg &key, uint32_t hash
             crypto::Verify(*k->key, hash_algorithm, crypto::ByteView(digest.data(), digest.size()),
                            crypto::ByteView(signature.data(), signature.size()));
         if (!st.ok()) return FromCrypto(st);
-        return CryptoOk("verify");
+        return Status::Ok();
       });
 }
 
@@ -470,11 +466,10 @@ Result<secure::Bytes> KeysService::Cipher(Session &s, const KeyArg &key, bool en
             *needed = out.status().needed();
           return FromCrypto(out.status());
         }
-        QL_RETURN_IF_ERROR(CryptoOk(name));
         if (iv) iv->assign(state->iv().begin(), state->iv().end());
-        if (!encrypt && CurrentTestFault() == TestFault::kDecryptCorrupt && !out->empty())
-          out->front() ^= 1;
-        return secure::Bytes(std::move(out.value()));
+        secure::Bytes result(std::move(out.value()));
+        if (const FaultPoints *f = InstalledFaults(); f && !encrypt) f->AlterPlaintext(result);
+        return result;
       });
 }
 
@@ -498,7 +493,6 @@ Result<secure::Bytes> KeysService::BatchSign(Session &s, const KeyArg &key, uint
           if (!sig.ok()) return FromCrypto(sig.status());
           out.insert(out.end(), sig->begin(), sig->end());
         }
-        QL_RETURN_IF_ERROR(CryptoOk("batch-sign"));
         return out;
       });
 }
@@ -523,7 +517,6 @@ Result<secure::Bytes> KeysService::Pkcs8Export(Session &s, std::string_view name
                                "the key was made without the exportable flag");
         crypto::Result<crypto::Bytes> der = crypto::ExportPkcs8Encrypted(*k->key, password);
         if (!der.ok()) return FromCrypto(der.status());
-        QL_RETURN_IF_ERROR(CryptoOk("pkcs8-export"));
         return secure::Bytes(std::move(der.value()));
       });
 }
@@ -546,7 +539,6 @@ Result<KeyDesc> KeysService::Pkcs8Import(Session &s, std::string_view name,
         crypto::Result<crypto::KeyPtr> key =
             crypto::ImportPkcs8Encrypted(crypto::ByteView(der.data(), der.size()), password, 0);
         if (!key.ok()) return FromCrypto(key.status());
-        QL_RETURN_IF_ERROR(CryptoOk("pkcs8-import"));
         return StoreOrHold(s, name, *key, flags, false);
       });
 }
@@ -563,7 +555,6 @@ Result<secure::Bytes> KeysService::GenerateKeyMaterial(Session &s, uint32_t algo
                       crypto::Result<crypto::SecretBytes> material =
                           crypto::GenerateKeyMaterial(algorithm, flags);
                       if (!material.ok()) return FromCrypto(material.status());
-                      QL_RETURN_IF_ERROR(CryptoOk("generate-key-material"));
                       return secure::Bytes(material->begin(), material->end());
                     });
 }
@@ -618,7 +609,6 @@ Result<secure::Bytes> KeysService::GenEcdhKey(Session &s, const EcdhArgs &a, uin
             crypto::Derive(*k->key, *peer, static_cast<crypto::Kdf>(a.kdf), a.out_length,
                            crypto::ByteView(a.shared_info.data(), a.shared_info.size()));
         if (!secret.ok()) return FromCrypto(secret.status());
-        QL_RETURN_IF_ERROR(CryptoOk("ecdh"));
         if (!keep) {
           if (raw && a.out_length != 0 && secret->size() > a.out_length) {
             if (needed) *needed = secret->size();

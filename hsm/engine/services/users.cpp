@@ -122,7 +122,7 @@ Status UsersService::CreateUser(Session &s, std::string_view name, std::string_v
         return CheckPassword(password);
       },
       [&](const users::UserInfo &me) -> Status {
-        QL_RETURN_IF_ERROR(access::CheckGrant(me.mask, mask));
+        QL_RETURN_IF_ERROR(guard_.Grant(me, mask));
         return core_.users->Create(name, password, mask);
       });
 }
