@@ -64,6 +64,8 @@ void Memory(int connections, bool logged_in) {
   opts.serve_args = {"--max-connections",         n, "--max-pending",  n,
                      "--max-pending-per-address", n, "--max-sessions", n};
   HsmProcess hsm(opts);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  const long idle = StatusKiB(hsm.pid(), "VmRSS");
   std::vector<std::unique_ptr<RawClient>> clients;
   for (int i = 0; i < connections; ++i) {
     clients.push_back(std::make_unique<RawClient>(hsm.address(), hsm.port()));
@@ -92,10 +94,10 @@ void Memory(int connections, bool logged_in) {
   }
   const long peak = StatusKiB(hsm.pid(), "VmHWM");
   std::printf(
-      "%-13s %5d connections x 16 MiB announced: RSS %7.1f MiB -> %7.1f MiB (+%.1f MiB), "
-      "peak %.1f MiB",
-      logged_in ? "after login" : "before login", connections, before / 1024.0, after / 1024.0,
-      (after - before) / 1024.0, peak / 1024.0);
+      "%-13s %5d connections x 16 MiB announced: RSS idle %.1f MiB, connected %.1f MiB, "
+      "after the announcements %.1f MiB (+%.1f MiB over idle), peak %.1f MiB",
+      logged_in ? "after login" : "before login", connections, idle / 1024.0, before / 1024.0,
+      after / 1024.0, (after - idle) / 1024.0, peak / 1024.0);
   if (!logged_in) std::printf(", %d refused with QL_ERR_LIMIT_REACHED", refused);
   std::printf("\n");
 }

@@ -99,6 +99,12 @@ void Connection::ArmDeadline(Time when) {
   });
 }
 
+void Connection::ArmEarlier() {
+  // Moving the expiry cancels the wait in progress; its handler sees the cancellation.
+  const Time due = Due();
+  if (due < deadline_.expiry()) ArmDeadline(due);
+}
+
 void Connection::OnDeadline() {
   const Time now = std::chrono::steady_clock::now();
   const Time due = Due();
@@ -148,6 +154,7 @@ void Connection::OnFirstByte(const asio::error_code &ec) {
   in_.resize(kFirstBuffer);
   if (!state_.tls) {
     handshaken_ = true;
+    ArmEarlier();
     return Pump();
   }
   ssl_.reset(SSL_new(tls_ctx_));
@@ -169,6 +176,7 @@ void Connection::Handshake() {
   const Io io = TlsOutcome(SSL_do_handshake(ssl_.get()), 0, &unused);
   if (io == Io::kDone) {
     handshaken_ = true;
+    ArmEarlier();
     return Pump();
   }
   if (io == Io::kClosed) return Finish();
@@ -189,6 +197,7 @@ void Connection::AfterRequest() {
       state_.session ? state_.session->auth() : sessions::AuthKind::kNone;
   if (auth == sessions::AuthKind::kPassword || auth == sessions::AuthKind::kToken) {
     ReleaseQuotas();  // a user's connection counts against no quota of its own
+    ArmEarlier();
     return;
   }
   if (auth != sessions::AuthKind::kAnonymous || standing_ == Standing::kAnonymous) return;
@@ -201,6 +210,7 @@ void Connection::AfterRequest() {
   }
   admission_.quotas->LeavePending(admission_.address_key);
   standing_ = Standing::kAnonymous;
+  ArmEarlier();
 }
 
 bool Connection::ServeOne(std::size_t *wanted) {

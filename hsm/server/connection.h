@@ -93,6 +93,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // The timer: when the current phase ends, and what happens then.
   Time Due() const;
   void ArmDeadline(Time when);
+  // Re-arms the timer when the phase just entered ends before the one it was set for.
+  void ArmEarlier();
   void OnDeadline();
   // After the last answer: no more sending, and what the client still sends is read and dropped
   // for a moment, so that the answer is not lost to a reset.

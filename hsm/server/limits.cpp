@@ -1,5 +1,7 @@
 #include "server/limits.h"
 
+#include <algorithm>
+
 namespace qlhsm::server {
 
 std::optional<PlainPolicy> ParsePlainPolicy(std::string_view text) {
@@ -73,7 +75,9 @@ std::string AddressKey(const asio::ip::address &address) {
   const asio::ip::address_v6 v6 = address.to_v6();
   if (v6.is_v4_mapped()) return AddressKey(asio::ip::make_address_v4(asio::ip::v4_mapped, v6));
   const auto b = v6.to_bytes();
-  return "6" + std::string(reinterpret_cast<const char *>(b.data()), 8);
+  std::string key(1 + 8, '6');  // a mark, so no IPv6 key equals an IPv4 one, then the /64
+  std::copy(b.begin(), b.begin() + 8, key.begin() + 1);
+  return key;
 }
 
 bool Quotas::EnterPending(const std::string &key) {
