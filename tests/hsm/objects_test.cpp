@@ -132,7 +132,8 @@ secure::Bytes SealedBlob(store::Store &store, const char *name) {
 
 void SetSealedBlob(store::Store &store, const char *name, const secure::Bytes &blob) {
   Status st = store.Locked([&](store::Connection &conn) -> Status {
-    Result<store::Statement> stmt = conn.Prepare("UPDATE objects SET material = ?2 WHERE name = ?1");
+    Result<store::Statement> stmt =
+        conn.Prepare("UPDATE objects SET material = ?2 WHERE name = ?1");
     if (!stmt.ok()) return stmt.status();
     stmt->Bind(1, std::string_view(name)).BindBlob(2, blob);
     return stmt->Run();
