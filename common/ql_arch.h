@@ -22,3 +22,8 @@ void QL_Sleep(unsigned long ulMilliseconds);
 double ChronStart();
 // Seconds elapsed since a ChronStart() reading.
 double ChronEndDelta(double dStart);
+
+// Writes a file that holds a secret (a private or secret key, a password, a token): created, or
+// truncated, readable and writable by its owner only (0600; on Windows, no sharing and the
+// user's default private ACL). Returns 0, or nonzero when it cannot be written whole.
+int WriteSecretFile(const char *pszPath, const void *pvData, unsigned long long ullLen);

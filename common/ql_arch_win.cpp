@@ -45,3 +45,21 @@ double ChronStart() {
 double ChronEndDelta(double dStart) {
   return ChronStart() - dStart;
 }
+
+int WriteSecretFile(const char *pszPath, const void *pvData, unsigned long long ullLen) {
+  if (pszPath == nullptr || (pvData == nullptr && ullLen > 0)) return -1;
+  HANDLE h = CreateFileA(pszPath, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                         nullptr);
+  if (h == INVALID_HANDLE_VALUE) return -1;
+  const auto *p = static_cast<const unsigned char *>(pvData);
+  bool ok = true;
+  unsigned long long done = 0;
+  while (ok && done < ullLen) {
+    const unsigned long long left = ullLen - done;
+    DWORD chunk = left > 0x40000000ULL ? 0x40000000UL : static_cast<DWORD>(left);
+    DWORD written = 0;
+    ok = WriteFile(h, p + done, chunk, &written, nullptr) && written > 0;
+    done += written;
+  }
+  return CloseHandle(h) && ok ? 0 : -1;
+}

@@ -5,23 +5,34 @@
 //   qlhsmd serve   --data-dir DIR [--listen HOST:PORT]  serves in the foreground (default
 //                                                       127.0.0.1:4433; port 0 picks a free port);
 //                                                       prints "listening on HOST:PORT" on stdout,
-//                                                       logs to stderr, stops on SIGINT/SIGTERM
+//                                                       logs to stderr, stops on SIGINT/SIGTERM;
+//                                                       limits and timeouts: hsm/README.md
 //   qlhsmd restore --data-dir DIR --backup FILE --pin PIN
 //                                                       a backup into a fresh data directory
+//   qlhsmd fingerprint --data-dir DIR                   the SHA-256 of the TLS certificate, as
+//                                                       clients pin it
+//
+// init, serve and restore take the unlock secret that seals the master key: --unlock-file FILE,
+// else $QLHSMD_UNLOCK, else a prompt on the terminal. init and restore print the fingerprint.
 #include <google/protobuf/stubs/logging.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <iostream>
+#include <optional>
 #include <string>
 
 #include "engine/backup/backup.h"
 #include "engine/data_dir.h"
 #include "engine/engine.h"
-#include "engine/test_fault.h"
 #include "server/server.h"
 #include "server/tls_identity.h"
+#include "server/unlock_secret.h"
+#ifdef QLHSMD_TEST_BUILD
+#include "test_faults.h"
+#endif
 
 namespace {
 
@@ -55,6 +66,53 @@ std::string HostName() {
   return host;
 }
 
+// init, serve and restore: the unlock secret's options, and the identity options of init.
+struct UnlockOptions {
+  std::string file;
+  uint64_t cost = 0;
+};
+
+void AddUnlockOptions(CLI::App *cmd, UnlockOptions *o, bool with_cost) {
+  cmd->add_option("--unlock-file", o->file,
+                  "file holding the secret that seals the master key (else $QLHSMD_UNLOCK, else "
+                  "a prompt)");
+  if (with_cost) {
+    cmd->add_option("--unlock-cost", o->cost,
+                    "scrypt cost N of the key sealing the master key (a power of two; tests "
+                    "lower it)");
+  }
+}
+
+bool UnlockKdf(const UnlockOptions &o, qlhsm::secure::KdfParams *kdf) {
+  *kdf = qlhsm::secure::KdfParams{qlhsm::kUnlockKdfCost, 8, 1};
+  if (o.cost == 0) return true;
+  if (o.cost < 2 || (o.cost & (o.cost - 1)) != 0) return false;
+  kdf->n = o.cost;
+  return true;
+}
+
+// The new HSM's TLS identity, a self-signed pair unless the operator's certificate and key were
+// imported already. Prints the fingerprint that clients pin.
+int MakeTlsIdentity(const std::string &data_dir, bool imported) {
+  if (!imported) {
+    Status st = qlhsm::server::CreateTlsIdentity(data_dir, HostName());
+    if (!st.ok()) return Fail("TLS identity", st);
+  }
+  auto fp = qlhsm::server::TlsFingerprint(data_dir);
+  if (!fp.ok()) return Fail("TLS identity", fp.status());
+  std::cout << "TLS certificate SHA-256: " << *fp << std::endl;
+  return 0;
+}
+
+// A start refused for want of the right unlock secret says so in one line.
+int FailOpen(const std::string &what, const Status &st) {
+  if (st.code() == qlhsm::Code::kBadPin) {
+    std::cerr << "qlhsmd: wrong unlock secret: the master key does not open\n";
+    return 1;
+  }
+  return Fail(what, st);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -75,24 +133,60 @@ int main(int argc, char **argv) {
   init->add_option("--password", password, "the password of the user master")->required();
   init->add_option("--kdf-cost", kdf_n,
                    "scrypt cost N of password hashes (a power of two; tests lower it)");
+  UnlockOptions unlock;
+  AddUnlockOptions(init, &unlock, true);
+  std::string tls_cert, tls_key;
+  auto *cert_opt = init->add_option("--tls-cert", tls_cert,
+                                    "the HSM's certificate (PEM, a CA's; with intermediates) "
+                                    "instead of a self-signed one");
+  auto *key_opt = init->add_option("--tls-key", tls_key, "the certificate's private key (PEM)");
+  cert_opt->needs(key_opt);
+  key_opt->needs(cert_opt);
 
   CLI::App *serve = app.add_subcommand("serve", "serve in the foreground");
   serve->add_option("--data-dir", data_dir, "the HSM's data directory")->required();
-  serve->add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one");
+  serve->add_option("--listen", listen, "HOST:PORT to listen on; port 0 picks a free one")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a later one wins
   serve->add_option("--max-frame", serve_opts.max_frame, "largest frame in bytes");
   serve->add_option("--max-sessions", serve_opts.max_sessions, "most open sessions");
-  serve->add_option("--max-connections", serve_opts.max_connections, "most connections");
+  // The network's limits (server/limits.h); each also a stored setting of the same name.
+  serve->add_option("--max-connections", serve_opts.net.max_connections, "most connections");
+  serve->add_option("--max-pending", serve_opts.net.max_pending,
+                    "most connections not logged in yet (default 256)");
+  serve->add_option("--max-pending-per-address", serve_opts.net.max_pending_per_address,
+                    "most connections not logged in yet from one address (default 32)");
+  serve->add_option("--max-anonymous", serve_opts.net.max_anonymous,
+                    "most anonymous sessions (default 64)");
+  serve->add_option("--max-anonymous-per-address", serve_opts.net.max_anonymous_per_address,
+                    "most anonymous sessions from one address (default 8)");
+  uint64_t handshake_ms = 0, login_ms = 0, idle_ms = 0;
+  serve->add_option("--handshake-timeout-ms", handshake_ms,
+                    "first byte and TLS handshake within this, from accept (default 10000)");
+  serve->add_option("--login-timeout-ms", login_ms,
+                    "first login within this, from accept (default 30000)");
+  serve->add_option("--idle-timeout-ms", idle_ms,
+                    "a session without requests ends after this (default 1800000)");
+  std::string plain;
+  serve->add_option("--plain", plain,
+                    "plain (not TLS) connections from: loopback (default), any, off");
   serve->add_option("--threads", serve_opts.threads,
                     "event loops, one thread each (default 4 per core, at least 8)");
+  AddUnlockOptions(serve, &unlock, false);
+#ifdef QLHSMD_TEST_BUILD
   std::string test_fault;
   serve->add_option("--test-fault", test_fault,
-                    "TESTS ONLY: answer wrongly on purpose (sign-bitflip, decrypt-corrupt, "
-                    "grant-rights)");
+                    "answer wrongly on purpose (sign-bitflip, decrypt-corrupt, grant-rights)");
+#endif
 
   CLI::App *restore = app.add_subcommand("restore", "restore a backup into a new data directory");
   restore->add_option("--data-dir", data_dir, "a new, empty data directory")->required();
   restore->add_option("--backup", backup_file, "the backup file")->required();
   restore->add_option("--pin", pin, "the backup's PIN")->required();
+  AddUnlockOptions(restore, &unlock, true);
+
+  CLI::App *fingerprint =
+      app.add_subcommand("fingerprint", "print the SHA-256 of the HSM's TLS certificate");
+  fingerprint->add_option("--data-dir", data_dir, "the HSM's data directory")->required();
 
   CLI11_PARSE(app, argc, argv);
 
@@ -105,43 +199,84 @@ int main(int argc, char **argv) {
       }
       io.kdf.n = kdf_n;
     }
+    if (!UnlockKdf(unlock, &io.unlock_kdf)) {
+      std::cerr << "qlhsmd: --unlock-cost must be a power of two, at least 2\n";
+      return 2;
+    }
+    auto secret = qlhsm::server::ReadUnlockSecret(unlock.file, true);
+    if (!secret.ok()) return Fail("unlock secret", secret.status());
+    io.unlock_secret = *secret;
+    if (!tls_cert.empty()) {
+      // The operator's certificate first, so that a wrong one leaves no half-made HSM behind.
+      Status st = qlhsm::EnsureDataDir(data_dir);
+      if (st.ok()) st = qlhsm::server::ImportTlsIdentity(data_dir, tls_cert, tls_key);
+      if (!st.ok()) return Fail("TLS identity", st);
+    }
     Status st = qlhsm::Engine::Init(data_dir, password, io);
     if (!st.ok()) return Fail("init", st);
-    st = qlhsm::server::CreateTlsIdentity(data_dir, HostName());
-    if (!st.ok()) return Fail("TLS identity", st);
+    if (int rc = MakeTlsIdentity(data_dir, !tls_cert.empty()); rc != 0) return rc;
     std::cerr << "qlhsmd: new HSM in " << data_dir << "\n";
+    return 0;
+  }
+
+  if (fingerprint->parsed()) {
+    auto fp = qlhsm::server::TlsFingerprint(data_dir);
+    if (!fp.ok()) return Fail("fingerprint", fp.status());
+    std::cout << *fp << std::endl;
     return 0;
   }
 
   if (restore->parsed()) {
     auto blob = qlhsm::ReadFileBytes(backup_file);
     if (!blob.ok()) return Fail("reading the backup", blob.status());
-    Status st = qlhsm::backup::RestoreBackup(*blob, pin, data_dir);
+    qlhsm::secure::KdfParams unlock_kdf;
+    if (!UnlockKdf(unlock, &unlock_kdf)) {
+      std::cerr << "qlhsmd: --unlock-cost must be a power of two, at least 2\n";
+      return 2;
+    }
+    auto secret = qlhsm::server::ReadUnlockSecret(unlock.file, true);
+    if (!secret.ok()) return Fail("unlock secret", secret.status());
+    Status st = qlhsm::backup::RestoreBackup(*blob, pin, data_dir, *secret, unlock_kdf);
     if (!st.ok()) return Fail("restore", st);
     // The TLS identity is the machine's, not the HSM's: a restored HSM gets a new one.
-    st = qlhsm::server::CreateTlsIdentity(data_dir, HostName());
-    if (!st.ok()) return Fail("TLS identity", st);
+    if (int rc = MakeTlsIdentity(data_dir, false); rc != 0) return rc;
     std::cerr << "qlhsmd: restored into " << data_dir << "\n";
     return 0;
   }
 
+#ifdef QLHSMD_TEST_BUILD
+  // Before any thread starts: the faults are read without a lock.
   if (!test_fault.empty()) {
-    qlhsm::TestFault fault;
-    if (!qlhsm::ParseTestFault(test_fault, &fault)) {
+    if (!qlhsm::InstallTestFault(test_fault)) {
       std::cerr << "qlhsmd: --test-fault takes sign-bitflip, decrypt-corrupt or grant-rights\n";
       return 2;
     }
-    qlhsm::SetTestFault(fault);
     std::cerr << "qlhsmd: TEST FAULT " << test_fault << ": this HSM answers wrongly on purpose\n";
   }
+#endif
 
+  auto secret = qlhsm::server::ReadUnlockSecret(unlock.file, false);
+  if (!secret.ok()) return Fail("unlock secret", secret.status());
+  serve_opts.unlock_secret = *secret;
   serve_opts.data_dir = data_dir;
+  serve_opts.net.handshake_timeout = std::chrono::milliseconds(handshake_ms);
+  serve_opts.net.login_timeout = std::chrono::milliseconds(login_ms);
+  serve_opts.net.idle_timeout = std::chrono::milliseconds(idle_ms);
+  if (!plain.empty()) {
+    std::optional<qlhsm::server::PlainPolicy> policy = qlhsm::server::ParsePlainPolicy(plain);
+    if (!policy) {
+      std::cerr << "qlhsmd: --plain takes loopback, any or off\n";
+      return 2;
+    }
+    serve_opts.net.plain = *policy;
+    serve_opts.plain_given = true;
+  }
   if (!ParseListen(listen, &serve_opts.host, &serve_opts.port)) {
     std::cerr << "qlhsmd: --listen takes HOST:PORT\n";
     return 2;
   }
   auto server = qlhsm::server::Server::Create(serve_opts);
-  if (!server.ok()) return Fail("serve", server.status());
+  if (!server.ok()) return FailOpen("serve", server.status());
   auto ep = (*server)->local_endpoint();
   std::string host = ep.address().to_string();
   if (ep.address().is_v6()) host = "[" + host + "]";

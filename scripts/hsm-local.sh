@@ -6,7 +6,10 @@
 #   scripts/hsm-local.sh status   say whether it runs, and where
 #   scripts/hsm-local.sh stop     stop it (the data folder stays for the next start)
 #
-# The HSM lives in build/hsm-local/: data/ (its store), qlhsmd.log, qlhsmd.pid, qlhsmd.port.
+# The HSM lives in build/hsm-local/: data/ (its store), unlock (the secret that seals its master
+# key, made on first use, mode 0600), qlhsmd.log, qlhsmd.pid, qlhsmd.port. Each start pins the
+# HSM's certificate for 127.0.0.1:PORT in ~/.qlapi_known_hsms (scripts/pin-hsm.sh), so that
+# libqlapi knows it.
 # It is made with the user master and the password 24681357 (HSM_LOCAL_PASSWORD changes that
 # on first use) and listens on 127.0.0.1:4433, or on a free port when 4433 is taken
 # (HSM_LOCAL_PORT asks for another). The daemon is build/release/bin/qlhsmd, else the debug
@@ -19,6 +22,7 @@ data="$root/data"
 log="$root/qlhsmd.log"
 pid_file="$root/qlhsmd.pid"
 port_file="$root/qlhsmd.port"
+unlock_file="$root/unlock"
 password="${HSM_LOCAL_PASSWORD:-24681357}"
 wanted_port="${HSM_LOCAL_PORT:-4433}"
 
@@ -66,8 +70,15 @@ start() {
   local daemon
   daemon="$(find_daemon)"
   mkdir -p "$root"
+  if [[ -d "$data" && ! -f "$unlock_file" ]]; then
+    echo "hsm-local: $data has no unlock secret beside it ($unlock_file);" \
+      "remove $data to make a new HSM" >&2
+    return 1
+  fi
   if [[ ! -d "$data" ]]; then
-    "$daemon" init --data-dir "$data" --password "$password" >"$log" 2>&1 || {
+    (umask 077 && head -c 32 /dev/urandom | base64 >"$unlock_file")
+    "$daemon" init --data-dir "$data" --password "$password" --unlock-file "$unlock_file" \
+      >"$log" 2>&1 || {
       cat "$log" >&2
       return 1
     }
@@ -79,7 +90,8 @@ start() {
     port=0
   fi
   : >"$log"
-  nohup "$daemon" serve --data-dir "$data" --listen "127.0.0.1:$port" >>"$log" 2>&1 &
+  nohup "$daemon" serve --data-dir "$data" --listen "127.0.0.1:$port" \
+    --unlock-file "$unlock_file" >>"$log" 2>&1 &
   echo $! >"$pid_file"
   # Wait for the listening line (the daemon prints the port it got, which matters for port 0).
   local got=""
@@ -99,6 +111,7 @@ start() {
     return 1
   fi
   echo "$got" >"$port_file"
+  scripts/pin-hsm.sh "127.0.0.1:$got" "$("$daemon" fingerprint --data-dir "$data")"
   echo "hsm-local: qlhsmd running (pid $(cat "$pid_file"))"
   print_where
 }

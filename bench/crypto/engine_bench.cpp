@@ -18,6 +18,7 @@
 #include <system_error>
 
 #include "engine/engine.h"
+#include "qlapi.h"
 
 namespace {
 
@@ -42,12 +43,12 @@ struct CipherCtxFree {
 
 std::unique_ptr<qlhsm::sessions::Session> Login() {
   auto s = g_engine->NewSession();
-  if (!g_engine->Login(*s, qlhsm::kMasterUser, kPassword).ok()) return nullptr;
+  if (!g_engine->users().Login(*s, qlhsm::kMasterUser, kPassword).ok()) return nullptr;
   return s;
 }
 
 bool Open(qlhsm::sessions::Session &s, const char *name, uint64_t *handle) {
-  auto k = g_engine->OpenKey(s, name);
+  auto k = g_engine->keys().OpenKey(s, name);
   if (!k.ok()) return false;
   *handle = k->handle;
   return true;
@@ -64,7 +65,7 @@ void EngineSign(benchmark::State &state, const char *name) {
   const secure::Bytes digest(32, 0x42);
   for (auto _ : state) {
     size_t longest = 0;
-    auto sig = g_engine->SignHash(*s, key, QL_ALG_SHA256, digest, 0, &longest);
+    auto sig = g_engine->keys().SignHash(*s, key, QL_ALG_SHA256, digest, 0, 0, &longest);
     if (!sig.ok()) {
       state.SkipWithError("SignHash failed");
       break;
@@ -90,13 +91,13 @@ void EngineVerify(benchmark::State &state, const char *name) {
   }
   const KeyArg key{handle, ""};
   const secure::Bytes digest(32, 0x42);
-  auto sig = g_engine->SignHash(*s, key, QL_ALG_SHA256, digest, 0);
+  auto sig = g_engine->keys().SignHash(*s, key, QL_ALG_SHA256, digest, 0);
   if (!sig.ok()) {
     state.SkipWithError("SignHash failed");
     return;
   }
   for (auto _ : state) {
-    if (!g_engine->VerifySignature(*s, key, QL_ALG_SHA256, digest, *sig).ok()) {
+    if (!g_engine->keys().VerifySignature(*s, key, QL_ALG_SHA256, digest, *sig).ok()) {
       state.SkipWithError("VerifySignature failed");
       break;
     }
@@ -115,8 +116,8 @@ void BM_EngineEncryptAes256Cbc(benchmark::State &state) {
   auto s = Login();
   uint64_t handle = 0;
   if (!s || !Open(*s, "aes", &handle) ||
-      !g_engine->SetCipherParam(*s, handle, QKP_MODE, QL_MODE_CBC, {}).ok() ||
-      !g_engine->SetCipherParam(*s, handle, QKP_PADDING, QL_PAD_NONE, {}).ok()) {
+      !g_engine->keys().SetCipherParam(*s, handle, QKP_MODE, QL_MODE_CBC, {}).ok() ||
+      !g_engine->keys().SetCipherParam(*s, handle, QKP_PADDING, QL_PAD_NONE, {}).ok()) {
     state.SkipWithError("login, key open or cipher parameters failed");
     return;
   }
@@ -125,7 +126,7 @@ void BM_EngineEncryptAes256Cbc(benchmark::State &state) {
   for (auto _ : state) {
     uint64_t needed = 0;
     secure::Bytes iv;
-    auto out = g_engine->Cipher(*s, key, true, true, data, size, &needed, &iv);
+    auto out = g_engine->keys().Cipher(*s, key, true, true, data, size, &needed, &iv);
     if (!out.ok()) {
       state.SkipWithError("Cipher failed");
       break;
@@ -215,9 +216,9 @@ int main(int argc, char **argv) {
     if (engine) {
       g_engine = engine.get();
       auto s = Login();
-      bool made = s && g_engine->GenerateKey(*s, "rsa", QL_ALG_RSA2048, 0, false).ok() &&
-                  g_engine->GenerateKey(*s, "p256", QL_ALG_ECC_SECP256R1, 0, false).ok() &&
-                  g_engine->GenerateKey(*s, "aes", QL_ALG_AES256, 0, false).ok();
+      bool made = s && g_engine->keys().GenerateKey(*s, "rsa", QL_ALG_RSA2048, 0, false).ok() &&
+                  g_engine->keys().GenerateKey(*s, "p256", QL_ALG_ECC_SECP256R1, 0, false).ok() &&
+                  g_engine->keys().GenerateKey(*s, "aes", QL_ALG_AES256, 0, false).ok();
       s.reset();
       if (made) {
         benchmark::RunSpecifiedBenchmarks();

@@ -36,6 +36,9 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# The daemon's unlock secret travels in its environment; its certificate is pinned for the port
+# it gets, so that libqlapi knows it.
+export QLHSMD_UNLOCK="bench-$$-$RANDOM"
 "$qlhsmd" init --data-dir "$work/data" --password "$password" >"$work/init.log" 2>&1
 "$qlhsmd" serve --data-dir "$work/data" --listen 127.0.0.1:0 >"$work/hsm.log" 2>&1 &
 hsm_pid=$!
@@ -46,6 +49,7 @@ for _ in $(seq 1 100); do
   sleep 0.1
 done
 [[ -n $port ]] || { echo "qlhsmd did not start:" >&2; cat "$work/hsm.log" >&2; exit 1; }
+"$root/scripts/pin-hsm.sh" "127.0.0.1:$port" "$("$qlhsmd" fingerprint --data-dir "$work/data")"
 
 # qlutil's figure: -print time prints the bare rate (operations or bytes per second).
 ql() {

@@ -1,4 +1,4 @@
-// The HSM's time: this machine's clock plus an offset that an operator sets (QL_ADM_SET_DATE_TIME).
+// The HSM's time: this machine's clock plus an offset that an operator sets.
 // The HSM never changes the machine's clock. Every time the HSM stores or reports (object and user
 // creation, token issue and expiry checks, audit log stamps) is read from one Clock, so setting the
 // date and time moves them all at once. The engine keeps the offset in its settings

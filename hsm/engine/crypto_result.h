@@ -1,10 +1,8 @@
 // The crypto library's refusals as the engine's codes, for the engine's service files that call
-// hsm/engine/crypto. Every crypto outcome passes secure::CryptoOutcome(), the one place where the
-// test-only fault switch may turn it into a failure.
+// hsm/engine/crypto.
 #pragma once
 
 #include "crypto/status.h"
-#include "engine/secure/secure.h"
 #include "engine/status.h"
 
 namespace qlhsm::cryptomap {
@@ -46,15 +44,8 @@ inline Code CodeOf(crypto::Code c) {
 // A crypto refusal as an engine Status.
 inline Status FromCrypto(const crypto::Status &st) {
   if (st.ok()) return Status::Ok();
-  Status gated = secure::CryptoOutcome(true, crypto::CodeName(st.code()));
-  if (!gated.ok()) return gated;
   return Status::Error(CodeOf(st.code()),
                        st.detail().empty() ? crypto::CodeName(st.code()) : st.detail());
-}
-
-// A crypto success, through the fault switch under the operation's name.
-inline Status CryptoOk(const char *op) {
-  return secure::CryptoOutcome(true, op);
 }
 
 }  // namespace qlhsm::cryptomap

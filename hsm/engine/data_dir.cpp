@@ -1,9 +1,11 @@
 #include "engine/data_dir.h"
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -54,22 +56,78 @@ Status WriteFileBytes(const std::string &path, const secure::Bytes &data) {
   return Status::Ok();
 }
 
-Status CreateMasterKey(const std::string &data_dir) {
-  Result<secure::Bytes> key = secure::RandomBytes(secure::kKeyLen);
-  if (!key.ok()) return key.status();
-  return WritePrivateFile(DataPath(data_dir, kMasterKeyFile), *key);
+namespace {
+
+// master.key: magic, scrypt N, r, p (big-endian, 8 bytes each), salt, then the sealed key.
+constexpr std::string_view kMasterMagic = "QLMK1\n";
+constexpr std::string_view kMasterAad = "qlhsm.master-key.v1";
+constexpr size_t kMasterHead = 6 + 24 + secure::kSaltLen;
+
+void PutU64(secure::Bytes &out, uint64_t v) {
+  for (int i = 7; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
 }
 
-Result<secure::Bytes> LoadMasterKey(const std::string &data_dir) {
+uint64_t GetU64(const uint8_t *p) {
+  uint64_t v = 0;
+  for (int i = 0; i < 8; ++i) v = v << 8 | p[i];
+  return v;
+}
+
+}  // namespace
+
+Status WriteMasterKey(const std::string &data_dir, const secure::Bytes &key,
+                      std::string_view unlock_secret, const secure::KdfParams &kdf) {
+  Result<secure::Bytes> salt = secure::RandomBytes(secure::kSaltLen);
+  if (!salt.ok()) return salt.status();
+  Result<secure::Bytes> wrapping = secure::Scrypt(unlock_secret, *salt, kdf);
+  if (!wrapping.ok()) return wrapping.status();
+  Result<secure::Bytes> sealed = secure::Seal(*wrapping, key, kMasterAad);
+  OPENSSL_cleanse(wrapping->data(), wrapping->size());
+  if (!sealed.ok()) return sealed.status();
+  secure::Bytes file(kMasterMagic.begin(), kMasterMagic.end());
+  PutU64(file, kdf.n);
+  PutU64(file, kdf.r);
+  PutU64(file, kdf.p);
+  file.insert(file.end(), salt->begin(), salt->end());
+  file.insert(file.end(), sealed->begin(), sealed->end());
+  return WritePrivateFile(DataPath(data_dir, kMasterKeyFile), file);
+}
+
+Status CreateMasterKey(const std::string &data_dir, std::string_view unlock_secret,
+                       const secure::KdfParams &kdf) {
+  Result<secure::Bytes> key = secure::RandomBytes(secure::kKeyLen);
+  if (!key.ok()) return key.status();
+  Status st = WriteMasterKey(data_dir, *key, unlock_secret, kdf);
+  OPENSSL_cleanse(key->data(), key->size());
+  return st;
+}
+
+Result<secure::Bytes> LoadMasterKey(const std::string &data_dir, std::string_view unlock_secret) {
   std::string path = DataPath(data_dir, kMasterKeyFile);
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return Status::Error(Code::kBadArgument, "no " + path);
   if ((st.st_mode & (S_IRWXG | S_IRWXO)) != 0)
     return Status::Error(Code::kBadArgument, path + " is open to group or others; chmod 600 it");
-  Result<secure::Bytes> key = ReadFileBytes(path);
-  if (!key.ok()) return key.status();
-  if (key->size() != secure::kKeyLen)
+  Result<secure::Bytes> file = ReadFileBytes(path);
+  if (!file.ok()) return file.status();
+  if (file->size() != kMasterHead + secure::kNonceLen + secure::kKeyLen + secure::kTagLen ||
+      !std::equal(kMasterMagic.begin(), kMasterMagic.end(), file->begin()))
+    return Status::Error(Code::kBadArgument, path + " is damaged or not a sealed master key");
+  secure::KdfParams kdf;
+  kdf.n = GetU64(file->data() + 6);
+  const uint64_t r = GetU64(file->data() + 14), p = GetU64(file->data() + 22);
+  if (kdf.n < 2 || kdf.n > (1u << 22) || (kdf.n & (kdf.n - 1)) != 0 || r == 0 || r > 32 || p == 0 ||
+      p > 16)
     return Status::Error(Code::kBadArgument, path + " is damaged");
+  kdf.r = static_cast<uint32_t>(r);
+  kdf.p = static_cast<uint32_t>(p);
+  secure::Bytes salt(file->begin() + 30, file->begin() + kMasterHead);
+  Result<secure::Bytes> wrapping = secure::Scrypt(unlock_secret, salt, kdf);
+  if (!wrapping.ok()) return wrapping.status();
+  Result<secure::Bytes> key =
+      secure::Open(*wrapping, secure::Bytes(file->begin() + kMasterHead, file->end()), kMasterAad);
+  OPENSSL_cleanse(wrapping->data(), wrapping->size());
+  if (!key.ok()) return Status::Error(Code::kBadPin, "wrong unlock secret");
   return key;
 }
 

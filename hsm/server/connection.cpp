@@ -15,30 +15,112 @@ namespace pb = qlhsm::v1;
 
 namespace {
 constexpr unsigned char kTlsHandshakeRecord = 0x16;
-// The receive buffer a connection keeps between requests; a larger frame grows it for as long as
-// it is being read.
+// The receive buffer a connection starts with once its first byte has arrived; it doubles while
+// a frame's bytes keep arriving, up to the frame's length.
+constexpr std::size_t kFirstBuffer = 4 * 1024;
+// The receive buffer a connection may keep between requests; a larger frame grows it for as long
+// as it is being read.
 constexpr std::size_t kReadBuffer = 16 * 1024;
+// How long, and how much, a closing connection reads and drops after its last answer.
+constexpr std::chrono::milliseconds kDrainTime{1000};
+constexpr std::size_t kDrainBytes = 64 * 1024;
 }  // namespace
 
 Connection::Connection(asio::ip::tcp::socket socket, SSL_CTX *tls, ConnectionManager &manager,
-                       RequestHandler &handler, bool over_limit, std::atomic<int> *load)
+                       RequestHandler &handler, Admission admission, std::atomic<int> *load)
     : socket_(std::move(socket)),
       tls_ctx_(tls),
       manager_(manager),
       handler_(handler),
-      over_limit_(over_limit),
-      load_(load) {
+      admission_(std::move(admission)),
+      limits_(admission_.quotas->limits()),
+      standing_(admission_.refusal == Code::kOk ? Standing::kPending : Standing::kRefused),
+      load_(load),
+      deadline_(socket_.get_executor()),
+      later_(socket_.get_executor()) {
   if (load_) load_->fetch_add(1, std::memory_order_relaxed);
+  state_.peer = admission_.peer;
 }
 
 Connection::~Connection() {
+  ReleaseQuotas();
   if (load_) load_->fetch_sub(1, std::memory_order_relaxed);
 }
 
 void Connection::Start() {
   auto self = shared_from_this();
+  accepted_ = last_request_ = std::chrono::steady_clock::now();
+  ArmDeadline(Due());
   socket_.async_receive(asio::buffer(first_), asio::socket_base::message_peek,
                         [self](const asio::error_code &ec, size_t) { self->OnFirstByte(ec); });
+}
+
+void Connection::ReleaseQuotas() {
+  Quotas &q = *admission_.quotas;
+  switch (standing_) {
+    case Standing::kRefused:
+      q.LeaveRefusing();
+      break;
+    case Standing::kPending:
+      q.LeavePending(admission_.address_key);
+      break;
+    case Standing::kAnonymous:
+      q.LeaveAnonymous(admission_.address_key);
+      break;
+    case Standing::kUser:
+      break;
+  }
+  standing_ = Standing::kUser;
+}
+
+bool Connection::BecomeRefused(Code code, std::string detail) {
+  if (standing_ == Standing::kRefused) return true;  // the first reason stands
+  ReleaseQuotas();
+  if (!admission_.quotas->EnterRefusing()) return false;
+  standing_ = Standing::kRefused;
+  admission_.refusal = code;
+  admission_.refusal_detail = std::move(detail);
+  return true;
+}
+
+Connection::Time Connection::Due() const {
+  if (standing_ == Standing::kRefused || !handshaken_) return accepted_ + limits_.handshake_timeout;
+  if (standing_ == Standing::kPending) return accepted_ + limits_.login_timeout;
+  if (expired_) return expired_at_ + limits_.login_timeout;
+  return last_request_ + limits_.idle_timeout;
+}
+
+void Connection::ArmDeadline(Time when) {
+  auto self = shared_from_this();
+  deadline_.expires_at(when);
+  deadline_.async_wait([self](const asio::error_code &ec) {
+    if (ec || self->finished_) return;
+    self->OnDeadline();
+  });
+}
+
+void Connection::ArmEarlier() {
+  // Moving the expiry cancels the wait in progress; its handler sees the cancellation.
+  const Time due = Due();
+  if (due < deadline_.expiry()) ArmDeadline(due);
+}
+
+void Connection::OnDeadline() {
+  const Time now = std::chrono::steady_clock::now();
+  const Time due = Due();
+  // Requests since the timer was set move an idle deadline on.
+  if (now < due) return ArmDeadline(due);
+  const bool in_session = standing_ != Standing::kPending && standing_ != Standing::kRefused &&
+                          handshaken_ && !expired_ && state_.session &&
+                          state_.session->auth() != sessions::AuthKind::kNone;
+  if (!in_session) return Finish();
+  // The session ends now; the connection waits a little for a request to tell why.
+  handler_.engine().audit().Append(state_.session->user(), "session-expired", admission_.peer,
+                                   ToWire(Code::kSessionExpired));
+  state_.session->Reset();
+  expired_ = true;
+  expired_at_ = now;
+  ArmDeadline(Due());
 }
 
 void Connection::Stop() {
@@ -47,6 +129,8 @@ void Connection::Stop() {
 }
 
 void Connection::CloseNow() {
+  deadline_.cancel();
+  later_.cancel();
   asio::error_code ec;
   socket_.shutdown(asio::ip::tcp::socket::shutdown_both, ec);
   socket_.close(ec);
@@ -57,9 +141,22 @@ void Connection::OnFirstByte(const asio::error_code &ec) {
   asio::error_code nb;
   socket_.non_blocking(true, nb);
   if (nb) return Finish();
-  in_.resize(kReadBuffer);
   state_.tls = first_[0] == kTlsHandshakeRecord;
-  if (!state_.tls) return Pump();
+  if (!state_.tls && !admission_.loopback && limits_.plain != PlainPolicy::kAny) {
+    if (!BecomeRefused(Code::kAddressRefused, "plain connections are not served to this address"))
+      return Finish();
+  } else if (!state_.tls && limits_.plain == PlainPolicy::kOff) {
+    if (!BecomeRefused(Code::kAddressRefused, "plain connections are not served")) return Finish();
+  }
+  // A refused address gets no TLS work: a TLS client is closed without an answer.
+  if (state_.tls && standing_ == Standing::kRefused && admission_.refusal == Code::kAddressRefused)
+    return Finish();
+  in_.resize(kFirstBuffer);
+  if (!state_.tls) {
+    handshaken_ = true;
+    ArmEarlier();
+    return Pump();
+  }
   ssl_.reset(SSL_new(tls_ctx_));
   if (!ssl_ || SSL_set_fd(ssl_.get(), socket_.native_handle()) != 1) {
     ERR_clear_error();
@@ -77,9 +174,43 @@ void Connection::Handshake() {
   ERR_clear_error();  // SSL_get_error reads the thread's queue, which engine calls may have left
   std::size_t unused = 0;
   const Io io = TlsOutcome(SSL_do_handshake(ssl_.get()), 0, &unused);
-  if (io == Io::kDone) return Pump();
+  if (io == Io::kDone) {
+    handshaken_ = true;
+    ArmEarlier();
+    return Pump();
+  }
   if (io == Io::kClosed) return Finish();
   WaitFor(io, &Connection::Handshake);
+}
+
+void Connection::Refuse(std::string_view body, Code code, std::string_view detail) {
+  pb::Request request;
+  const bool parsed = qlproto::DecodeFrameBody(body, &request) == qlproto::FrameStatus::kOk;
+  RequestHandler::Refusal(code, detail, &response_);
+  if (parsed) response_.set_id(request.id());
+  state_.close_after = true;
+}
+
+void Connection::AfterRequest() {
+  if (standing_ != Standing::kPending && standing_ != Standing::kAnonymous) return;
+  const sessions::AuthKind auth =
+      state_.session ? state_.session->auth() : sessions::AuthKind::kNone;
+  if (auth == sessions::AuthKind::kPassword || auth == sessions::AuthKind::kToken) {
+    ReleaseQuotas();  // a user's connection counts against no quota of its own
+    ArmEarlier();
+    return;
+  }
+  if (auth != sessions::AuthKind::kAnonymous || standing_ == Standing::kAnonymous) return;
+  if (!admission_.quotas->EnterAnonymous(admission_.address_key)) {
+    state_.session->Reset();
+    const uint64_t id = response_.id();
+    RequestHandler::Refusal(Code::kLimitReached, "too many anonymous sessions", &response_);
+    response_.set_id(id);
+    return;
+  }
+  admission_.quotas->LeavePending(admission_.address_key);
+  standing_ = Standing::kAnonymous;
+  ArmEarlier();
 }
 
 bool Connection::ServeOne(std::size_t *wanted) {
@@ -89,15 +220,23 @@ bool Connection::ServeOne(std::size_t *wanted) {
   uint32_t length = 0;
   qlproto::FrameStatus fs = qlproto::DecodeFrameHeader(
       reinterpret_cast<const unsigned char *>(in_.data() + begin_), handler_.max_frame(), &length);
-  if (fs == qlproto::FrameStatus::kOk) {
+  // Until a user logs in, frames are small: a login needs no more.
+  const bool small_only = standing_ != Standing::kUser;
+  if (fs == qlproto::FrameStatus::kOk && small_only && length > limits_.max_frame_before_login) {
+    RequestHandler::Refusal(Code::kLimitReached, "frame too large before a login", &response_);
+    state_.close_after = true;
+  } else if (fs == qlproto::FrameStatus::kOk) {
     *wanted = qlproto::kFrameHeaderSize + length;
     if (avail < *wanted) return false;
     std::string_view body(in_.data() + begin_ + qlproto::kFrameHeaderSize, length);
-    if (over_limit_) {
-      RequestHandler::Refusal(Code::kLimitReached, "too many connections", &response_);
-      state_.close_after = true;
+    last_request_ = std::chrono::steady_clock::now();
+    if (standing_ == Standing::kRefused) {
+      Refuse(body, admission_.refusal, admission_.refusal_detail);
+    } else if (expired_) {
+      Refuse(body, Code::kSessionExpired, "the session sat idle too long");
     } else {
       handler_.HandleFrame(body, state_, &response_);
+      AfterRequest();
     }
     begin_ += *wanted;
     if (begin_ == end_) begin_ = end_ = 0;
@@ -128,7 +267,7 @@ void Connection::Pump() {
       if (io == Io::kClosed) return Finish();
       if (io != Io::kDone) return WaitFor(io, &Connection::Pump);
       if (sent_ < out_.size()) continue;
-      if (state_.close_after) return Finish();
+      if (state_.close_after) return Drain();
       if (out_.capacity() > kReadBuffer) {
         // A large answer's buffers go (a cleared message keeps its strings' capacity).
         std::string().swap(out_);
@@ -138,16 +277,29 @@ void Connection::Pump() {
       sent_ = 0;
     }
     std::size_t wanted = 0;
-    if (ServeOne(&wanted)) continue;
-    // Room for the whole frame after what is buffered: move the rest to the front, and grow only
-    // for a frame larger than the buffer (its size was checked against the frame limit).
+    if (ServeOne(&wanted)) {
+      if (state_.answer_delay.count() > 0) {
+        // The engine holds this answer back: the timer sends it, the loop serves others.
+        auto self = shared_from_this();
+        later_.expires_after(state_.answer_delay);
+        state_.answer_delay = std::chrono::milliseconds(0);
+        later_.async_wait([self](const asio::error_code &ec) {
+          if (ec || self->finished_) return;
+          self->Pump();
+        });
+        return;
+      }
+      continue;
+    }
+    // Move what is buffered to the front. A frame larger than the buffer grows it only as its
+    // bytes arrive (doubling when full), never to the length its header announces.
     if (begin_ > 0) {
       std::memmove(in_.data(), in_.data() + begin_, end_ - begin_);
       end_ -= begin_;
       begin_ = 0;
     }
     if (in_.size() < wanted) {
-      in_.resize(wanted);
+      if (end_ == in_.size()) in_.resize(std::min(wanted, std::max(kFirstBuffer, 2 * in_.size())));
     } else if (in_.size() > kReadBuffer && wanted <= kReadBuffer && end_ <= kReadBuffer) {
       in_.resize(kReadBuffer);
       in_.shrink_to_fit();
@@ -226,12 +378,47 @@ void Connection::WaitFor(Io io, void (Connection::*then)()) {
       });
 }
 
+void Connection::Drain() {
+  if (!draining_) {
+    draining_ = true;
+    if (ssl_) {
+      ERR_clear_error();
+      (void)SSL_shutdown(ssl_.get());  // close_notify, when the socket takes it now
+      ERR_clear_error();
+    }
+    ::shutdown(socket_.native_handle(), SHUT_WR);
+    // The session and the quotas go now; the socket only lingers.
+    if (state_.session) state_.session->Reset();
+    ReleaseQuotas();
+    auto self = shared_from_this();
+    later_.expires_after(kDrainTime);
+    later_.async_wait([self](const asio::error_code &ec) {
+      if (!ec) self->Finish();
+    });
+    begin_ = end_ = 0;
+  }
+  char sink[4096];
+  for (;;) {
+    const ssize_t n = ::recv(socket_.native_handle(), sink, sizeof sink, 0);
+    if (n > 0) {
+      end_ += static_cast<std::size_t>(n);
+      if (end_ > kDrainBytes) return Finish();
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+      return WaitFor(Io::kWantRead, &Connection::Drain);
+    return Finish();  // the peer closed too
+  }
+}
+
 void Connection::Finish() {
   if (finished_) return;
   finished_ = true;
   // Dropping the session here (not at destruction) makes the open-session count fall as soon as
   // the peer is gone.
   if (state_.session) state_.session->Reset();
+  ReleaseQuotas();
   manager_.Remove(shared_from_this());
   CloseNow();
 }

@@ -10,6 +10,16 @@
 // waits for the socket only when a read or a write would block. A request therefore costs one
 // receive and one send, and Pump() is a loop, so a client that sends many frames at once cannot
 // make it recurse.
+//
+// Nothing costly happens before a login (see limits.h): the buffer grows only with bytes that have
+// arrived, never to a length a header merely announces; frames are small until a user logs in;
+// one timer on the loop closes a connection whose first byte and TLS handshake do not finish in
+// the handshake timeout, or whose first login does not come in the login timeout. After a login
+// the same timer ends a session left idle past the idle timeout: the session is dropped at once
+// (its slot and temporary keys go), the next request on the connection is answered
+// QL_ERR_SESSION_EXPIRED and the connection closes (so does one that stays silent for another
+// login timeout). A connection that was turned away answers its first frame with the reason and
+// closes. A login answer the engine holds back (login throttling) is sent by a second timer.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -17,14 +27,28 @@
 #include <array>
 #include <asio.hpp>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
+#include "server/limits.h"
 #include "server/request_handler.h"
 
 namespace qlhsm::server {
 
 class ConnectionManager;
+
+// What the server decided about a connection at accept.
+struct Admission {
+  Quotas *quotas = nullptr;  // must outlive the connection
+  std::string address_key;   // the per-address quotas' key (AddressKey)
+  std::string peer;          // the client's address as text
+  bool loopback = false;
+  // kOk: counted as pending. Otherwise counted among the refusing: the first frame is answered
+  // with this code and the connection closes (no TLS handshake for kAddressRefused).
+  Code refusal = Code::kOk;
+  std::string refusal_detail;
+};
 
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
@@ -32,7 +56,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // counts the connections of the socket's event loop; it is raised here and lowered when the
   // connection is destroyed.
   Connection(asio::ip::tcp::socket socket, SSL_CTX *tls, ConnectionManager &manager,
-             RequestHandler &handler, bool over_limit, std::atomic<int> *load = nullptr);
+             RequestHandler &handler, Admission admission, std::atomic<int> *load = nullptr);
   ~Connection();
 
   void Start();
@@ -42,6 +66,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
  private:
   enum class Io { kDone, kWantRead, kWantWrite, kClosed };
+  // What the connection counts against: the refusing, the pending, the anonymous quotas, or
+  // nothing (a user logged in on it once).
+  enum class Standing { kRefused, kPending, kAnonymous, kUser };
+  using Time = std::chrono::steady_clock::time_point;
 
   void CloseNow();
   void OnFirstByte(const asio::error_code &ec);
@@ -50,11 +78,27 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Serves the frame at the front of the buffer if it is whole: its answer goes to out_.
   // False when more bytes are needed (*wanted: how many in all).
   bool ServeOne(std::size_t *wanted);
+  // Moves the connection between quotas after a request changed its login.
+  void AfterRequest();
+  // Answers the frame `body` with `code` (the request's id when it parses) and closes after.
+  void Refuse(std::string_view body, Code code, std::string_view detail);
+  // Turns a counted connection into a refused one; false when too many are refused already.
+  bool BecomeRefused(Code code, std::string detail);
+  void ReleaseQuotas();
   Io ReadSome();
   Io WriteSome();
   // What an SSL_read_ex or SSL_write_ex that answered r means; on success n is added to *moved.
   Io TlsOutcome(int r, std::size_t n, std::size_t *moved);
   void WaitFor(Io io, void (Connection::*then)());
+  // The timer: when the current phase ends, and what happens then.
+  Time Due() const;
+  void ArmDeadline(Time when);
+  // Re-arms the timer when the phase just entered ends before the one it was set for.
+  void ArmEarlier();
+  void OnDeadline();
+  // After the last answer: no more sending, and what the client still sends is read and dropped
+  // for a moment, so that the answer is not lost to a reset.
+  void Drain();
   void Finish();
 
   asio::ip::tcp::socket socket_;
@@ -62,9 +106,19 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::unique_ptr<SSL, decltype(&SSL_free)> ssl_{nullptr, &SSL_free};
   ConnectionManager &manager_;
   RequestHandler &handler_;
-  bool over_limit_;
+  Admission admission_;
+  const NetLimits &limits_;
+  Standing standing_;
   std::atomic<int> *load_;
   bool finished_ = false;
+  bool handshaken_ = false;  // first byte seen and, for TLS, the handshake done
+  bool expired_ = false;     // the idle timeout ended the session
+  bool draining_ = false;
+  Time accepted_;
+  Time last_request_;
+  Time expired_at_;
+  asio::steady_timer deadline_;
+  asio::steady_timer later_;  // a held-back answer, then the drain
   ConnectionState state_;
   std::array<unsigned char, 1> first_{};
   // Received bytes not yet served: in_[begin_, end_).

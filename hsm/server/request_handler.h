@@ -8,6 +8,7 @@
 // Thread safe: one handler serves every connection; each connection passes its own state.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -26,6 +27,10 @@ struct ConnectionState {
   // Set by the handler when the connection must close after this response is sent.
   bool close_after = false;
   std::unique_ptr<sessions::Session> session;
+  // The client's address, as the login throttle counts it (empty: not counted by address).
+  std::string peer;
+  // Set by a login: how long the answer must be held back (the connection sends it by a timer).
+  std::chrono::milliseconds answer_delay{0};
 };
 
 struct HandlerConfig {

@@ -34,6 +34,7 @@ Server::~Server() {
 Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
   EngineOptions eo;
   eo.max_sessions = options.max_sessions;
+  eo.unlock_secret = options.unlock_secret;
   Result<std::unique_ptr<Engine>> engine = Engine::Open(options.data_dir, eo);
   if (!engine.ok()) return engine.status();
   std::unique_ptr<Server> srv(new Server(options, std::move(engine.value())));
@@ -47,6 +48,10 @@ Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
   if (!der.ok()) return der.status();
   hc.tls_cert_der = std::move(der.value());
   srv->handler_ = std::make_unique<RequestHandler>(*srv->engine_, std::move(hc));
+  Engine *engine_ptr = srv->engine_.get();
+  srv->quotas_ = std::make_unique<Quotas>(
+      ResolveLimits(options.net, options.plain_given,
+                    [engine_ptr](const char *name) { return engine_ptr->system().Setting(name); }));
 
   asio::error_code ec;
   asio::ip::address addr = asio::ip::make_address(options.host, ec);
@@ -93,16 +98,51 @@ void Server::Accept() {
       *loops_[loop], [this, loop](const asio::error_code &ec, asio::ip::tcp::socket socket) {
         if (!acceptor_.is_open()) return;
         if (!ec) {
-          asio::error_code nodelay_ec;
-          socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
-          bool over = manager_.Count() >= options_.max_connections;
-          auto c = std::make_shared<Connection>(std::move(socket), tls_.native_handle(), manager_,
-                                                *handler_, over, &loads_[loop]);
-          manager_.Add(c);
-          c->Start();
+          Admission admission = Admit(socket);
+          if (admission.quotas) {
+            asio::error_code nodelay_ec;
+            socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
+            auto c = std::make_shared<Connection>(std::move(socket), tls_.native_handle(), manager_,
+                                                  *handler_, std::move(admission), &loads_[loop]);
+            manager_.Add(c);
+            c->Start();
+          }  // else too many are being turned away already: closed without a word
         }
         Accept();
       });
+}
+
+Admission Server::Admit(const asio::ip::tcp::socket &socket) {
+  Admission a;
+  asio::error_code ec;
+  asio::ip::address addr = socket.remote_endpoint(ec).address();
+  if (ec) return a;
+  if (addr.is_v6() && addr.to_v6().is_v4_mapped())
+    addr = asio::ip::make_address_v4(asio::ip::v4_mapped, addr.to_v6());
+  a.address_key = AddressKey(addr);
+  a.peer = addr.to_string();
+  a.loopback = addr.is_loopback();
+  bool allowed = false;
+  if (addr.is_v4()) {
+    const auto b = addr.to_v4().to_bytes();
+    allowed = engine_->system().ip_filter().Allowed(b.data(), b.size());
+  } else {
+    const auto b = addr.to_v6().to_bytes();
+    allowed = engine_->system().ip_filter().Allowed(b.data(), b.size());
+  }
+  if (!allowed) {
+    a.refusal = Code::kAddressRefused;
+    a.refusal_detail = "this address may not connect";
+  } else if (manager_.Count() >= quotas_->limits().max_connections) {
+    a.refusal = Code::kLimitReached;
+    a.refusal_detail = "too many connections";
+  } else if (!quotas_->EnterPending(a.address_key)) {
+    a.refusal = Code::kLimitReached;
+    a.refusal_detail = "too many connections not logged in yet";
+  }
+  if (a.refusal != Code::kOk && !quotas_->EnterRefusing()) return a;
+  a.quotas = quotas_.get();
+  return a;
 }
 
 void Server::Run() {

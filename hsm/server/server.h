@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "server/connection_manager.h"
+#include "server/limits.h"
 #include "server/request_handler.h"
 
 namespace qlhsm::server {
@@ -19,12 +20,17 @@ namespace qlhsm::server {
 struct ServerOptions {
   std::string data_dir;
   std::string host = "127.0.0.1";
-  uint16_t port = QL_DEFAULT_PORT;
-  uint32_t max_frame = 0;         // 0: the protocol's default (16 MiB)
-  size_t max_connections = 4096;  // past it a connection gets QL_ERR_LIMIT_REACHED and closes
-  size_t max_sessions = 0;        // 0: the store's setting or the engine's default (1024)
-  unsigned threads = 0;           // event loops, one thread each; 0: 4 per core, at least 8
-                                  // (an engine call blocks its loop while it runs)
+  uint16_t port = qlproto::kDefaultPort;
+  uint32_t max_frame = 0;   // 0: the protocol's default (16 MiB)
+  size_t max_sessions = 0;  // 0: the store's setting or the engine's default (1024)
+  // Connections, quotas before login, timeouts, plain connections (limits.h); what is left unset
+  // comes from the store's settings, else the defaults. Past a limit a connection gets
+  // QL_ERR_LIMIT_REACHED and closes.
+  NetLimits net = NetLimits::Unset();
+  bool plain_given = false;   // net.plain was given
+  unsigned threads = 0;       // event loops, one thread each; 0: 4 per core, at least 8
+                              // (an engine call blocks its loop while it runs)
+  std::string unlock_secret;  // opens the sealed master key
 };
 
 class Server {
@@ -45,6 +51,8 @@ class Server {
  private:
   Server(const ServerOptions &options, std::unique_ptr<Engine> engine);
   void Accept();
+  // What the connection from `socket` may do (limits.h).
+  Admission Admit(const asio::ip::tcp::socket &socket);
   // The loop with the fewest connections.
   std::size_t QuietestLoop() const;
 
@@ -62,6 +70,7 @@ class Server {
   asio::signal_set signals_;
   asio::ip::tcp::acceptor acceptor_;
   ConnectionManager manager_;
+  std::unique_ptr<Quotas> quotas_;
   std::unique_ptr<RequestHandler> handler_;
 };
 

@@ -1,5 +1,6 @@
 #include "server/tls_identity.h"
 
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
@@ -66,6 +67,37 @@ Status CreateTlsIdentity(const std::string &data_dir, const std::string &common_
                                       secure::Bytes(key_pem->begin(), key_pem->end())));
   return WriteFileBytes(DataPath(data_dir, kTlsCertFile),
                         secure::Bytes(cert_pem->begin(), cert_pem->end()));
+}
+
+Status ImportTlsIdentity(const std::string &data_dir, const std::string &cert_file,
+                         const std::string &key_file) {
+  Result<secure::Bytes> cert_pem = ReadFileBytes(cert_file);
+  if (!cert_pem.ok()) return cert_pem.status();
+  Result<secure::Bytes> key_pem = ReadFileBytes(key_file);
+  if (!key_pem.ok()) return key_pem.status();
+  std::unique_ptr<BIO, BioDeleter> cbio(
+      BIO_new_mem_buf(cert_pem->data(), static_cast<int>(cert_pem->size())));
+  std::unique_ptr<X509, X509Deleter> cert(
+      cbio ? PEM_read_bio_X509(cbio.get(), nullptr, nullptr, nullptr) : nullptr);
+  std::unique_ptr<BIO, BioDeleter> kbio(
+      BIO_new_mem_buf(key_pem->data(), static_cast<int>(key_pem->size())));
+  std::unique_ptr<EVP_PKEY, PkeyDeleter> pkey(
+      kbio ? PEM_read_bio_PrivateKey(kbio.get(), nullptr, nullptr, nullptr) : nullptr);
+  ERR_clear_error();
+  if (!cert) return Status::Error(Code::kBadArgument, cert_file + " holds no PEM certificate");
+  if (!pkey) return Status::Error(Code::kBadArgument, key_file + " holds no PEM private key");
+  if (X509_check_private_key(cert.get(), pkey.get()) != 1) {
+    ERR_clear_error();
+    return Status::Error(Code::kBadArgument, "the TLS key does not belong to the certificate");
+  }
+  QL_RETURN_IF_ERROR(WritePrivateFile(DataPath(data_dir, kTlsKeyFile), *key_pem));
+  return WriteFileBytes(DataPath(data_dir, kTlsCertFile), *cert_pem);
+}
+
+Result<std::string> TlsFingerprint(const std::string &data_dir) {
+  Result<std::vector<uint8_t>> der = LoadCertificateDer(data_dir);
+  if (!der.ok()) return der.status();
+  return secure::Hex(secure::Sha256(*der));
 }
 
 Status ConfigureTlsContext(const std::string &data_dir, asio::ssl::context &ctx) {

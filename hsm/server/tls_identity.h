@@ -18,6 +18,15 @@ namespace qlhsm::server {
 // certificate's subject.
 Status CreateTlsIdentity(const std::string &data_dir, const std::string &common_name);
 
+// Copies an operator's certificate (PEM: the HSM's certificate first, then any intermediates)
+// and its private key (PEM) into the data directory as tls.crt and tls.key, after checking that
+// the key belongs to the certificate. Fails when they exist.
+Status ImportTlsIdentity(const std::string &data_dir, const std::string &cert_file,
+                         const std::string &key_file);
+
+// SHA-256 of the certificate in tls.crt (DER), 64 lower-case hex digits: what clients pin.
+Result<std::string> TlsFingerprint(const std::string &data_dir);
+
 // Loads tls.key and tls.crt into `ctx`, allowing TLS 1.3 only.
 Status ConfigureTlsContext(const std::string &data_dir, asio::ssl::context &ctx);
 

@@ -39,12 +39,12 @@
  *   address and port of the authentication record; port 0 or negative means 4433). TLS 1.3
  *   for session flag QL_SESSION_ENCRYPTED, for flags without either transport bit, and for
  *   both transport bits together; plain TCP for QL_SESSION_UNENCRYPTED alone.
- *   TLS certificate: the HSM presents a self-signed certificate made when it was initialised.
- *   The library accepts only TLS 1.3; OpenSSL checks that the peer holds the private key of the
- *   certificate it presents, but no chain is validated, because no authority vouches for the
- *   HSM. The encryption therefore protects against eavesdropping, not against an active man in
- *   the middle; a caller that needs the latter reads the certificate's SHA-256 fingerprint with
- *   QGetSessionParam(QL_SP_TLS_PEER_SHA256) and compares it with one it trusts.
+ *   The HSM's identity is checked before any credential is sent: with QLAPI_TLS_CA_FILE (a PEM
+ *   bundle) its chain and address must verify (else QL_ERR_HSM_IDENTITY_UNVERIFIED); otherwise
+ *   its certificate's SHA-256 is pinned per address:port in ~/.qlapi_known_hsms on first use
+ *   (QLAPI_TLS_STRICT=1 refuses an unknown HSM: QL_ERR_HSM_IDENTITY_UNKNOWN), and a changed one
+ *   is refused with QL_ERR_HSM_IDENTITY_CHANGED. Plain connections carry no certificate. TLS 1.3
+ *   only; QGetSessionParam(QL_SP_TLS_PEER_SHA256) reads the fingerprint of a session's HSM.
  *
  * Session cache. QCloseSession without QL_CLOSE_PHYSICAL gives an idle connection back to the
  *   library's cache, after the HSM has reset the session (its temporary keys and hashes are
@@ -142,6 +142,14 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+/* The HSM's identity (checked before any credential leaves), the caller's text, and the HSM's
+ * guard of its network. */
+#define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the certificate differs from the one pinned */
+#define QL_ERR_HSM_IDENTITY_UNKNOWN 5041    /* no certificate pinned for the HSM (strict mode) */
+#define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* chain, address or pin file does not verify */
+#define QL_ERR_BAD_UTF8 5044                /* a user name or password that is not UTF-8 */
+#define QL_ERR_SESSION_EXPIRED 5046         /* the session sat idle past the HSM's idle timeout */
+#define QL_ERR_ADDRESS_REFUSED 5047         /* the address may not connect (allow-list, plain) */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -658,7 +666,14 @@ typedef int (*PQL_LIST_CALLBACK)(void *pvParam, const char *szName, int bLast);
 QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
                                     void *pvParam);
 
-/* IP filter: dwOperation 1 list (callback per rule), 2 add szRule, 3 remove szRule. */
+/* IP filter: dwOperation 1 list (callback per rule), 2 add szRule, 3 remove szRule. A rule is an
+ * IPv4 or IPv6 address or network ("192.0.2.7", "192.0.2.0/24", "2001:db8::/32"); with rules
+ * listed, the HSM accepts connections only from the addresses they hold (and loopback); with
+ * none, from any address. Needs ACL_SYS_OPERATOR. Adding a listed rule answers
+ * QL_ERR_OBJ_EXISTS, removing an unlisted one QL_ERR_OBJ_NOT_FOUND. */
+#define QL_IPF_LIST 1
+#define QL_IPF_ADD 2
+#define QL_IPF_REMOVE 3
 QLAPI_EXPORT int QIPFilterOperation(HSESSIONCTX hSession, uint32_t dwOperation, const char *szRule,
                                     PQL_LIST_CALLBACK pfnCallback, void *pvParam);
 

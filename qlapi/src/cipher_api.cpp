@@ -35,7 +35,7 @@ extern "C" int QEncrypt(HKEYCTX hKey, HHASHCTX hHash, int bFinal, uint32_t dwFla
   return Guard([&] {
     if (pdwDataLen && *pdwDataLen > dwBufLen) return QL_ERR_BAD_ARGUMENT;
     return Cipher(hKey, hHash, pbData, pdwDataLen, dwBufLen, [&](pb::Request &r, uint64_t key) {
-      auto *enc = r.mutable_encrypt();
+      auto *enc = r.mutable_cipher();
       SetKeyRef(enc->mutable_key(), key);
       enc->set_final(bFinal != 0);
       enc->set_flags(dwFlags);
@@ -51,7 +51,8 @@ extern "C" int QDecrypt(HKEYCTX hKey, HHASHCTX hHash, int bFinal, uint32_t dwFla
     if (pdwDataLen == nullptr) return QL_ERR_BAD_ARGUMENT;
     const uint32_t capacity = *pdwDataLen;
     return Cipher(hKey, hHash, pbData, pdwDataLen, capacity, [&](pb::Request &r, uint64_t key) {
-      auto *dec = r.mutable_decrypt();
+      auto *dec = r.mutable_cipher();
+      dec->set_decrypt(true);
       SetKeyRef(dec->mutable_key(), key);
       dec->set_final(bFinal != 0);
       dec->set_flags(dwFlags);

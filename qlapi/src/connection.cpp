@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "frame.h"
+#include "hsm_identity.h"
 
 #ifdef _WIN32
 #include <winsock2.h>
@@ -131,8 +132,9 @@ void CreateTlsContext() {
   BIO_meth_set_create(g_bio_method, BioCreate);
   SSL_CTX_set_min_proto_version(ctx, TLS1_3_VERSION);
   SSL_CTX_set_max_proto_version(ctx, TLS1_3_VERSION);
-  // The HSM's certificate is self-signed and vouched for by nobody: the handshake proves the
-  // peer holds its key, and the caller may pin its fingerprint (QL_SP_TLS_PEER_SHA256).
+  // The handshake proves the peer holds its certificate's key; whether that certificate is the
+  // HSM's (a CA bundle, or the fingerprint pinned for the address) is checked right after it by
+  // VerifyHsmIdentity, before any request leaves, so that a refusal gets its own code.
   SSL_CTX_set_verify(ctx, SSL_VERIFY_NONE, nullptr);
   SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
   g_ctx = ctx;
@@ -233,6 +235,8 @@ Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, in
       conn->peer_sha256_.assign(reinterpret_cast<char *>(md), len);
     }
   }
+  Status identity = VerifyHsmIdentity(conn->ssl_.get(), host, port, conn->peer_sha256_);
+  if (!identity.ok()) return identity;
   return conn;
 }
 

@@ -18,8 +18,9 @@ struct SslDeleter {
 
 class Connection {
  public:
-  // Resolves host, connects (10 s at most) and, for tls, completes the TLS 1.3 handshake.
-  // QL_ERR_CONNECTION_FAILED or QL_ERR_TLS_FAILED otherwise.
+  // Resolves host, connects (10 s at most) and, for tls, completes the TLS 1.3 handshake and
+  // checks the HSM's identity (hsm_identity.h). QL_ERR_CONNECTION_FAILED, QL_ERR_TLS_FAILED or a
+  // QL_ERR_HSM_IDENTITY_* code otherwise.
   static Result<std::unique_ptr<Connection>> Open(const std::string &host, int port, bool tls);
   ~Connection();
   Connection(const Connection &) = delete;

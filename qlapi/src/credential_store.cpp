@@ -8,6 +8,7 @@
 
 #include "api_guard.h"
 #include "base64.h"
+#include "home_dir.h"
 #include "qlapi_credstore.h"
 
 #ifdef _WIN32
@@ -15,7 +16,6 @@
 #include <windows.h>
 #else
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -124,17 +124,7 @@ Result<std::vector<Line>> LoadForUpdate(const std::string &path) {
 }  // namespace
 
 Result<std::string> DefaultPath() {
-  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buf(size > 0 ? static_cast<std::size_t>(size) : 16384);
-  passwd pw{};
-  passwd *found = nullptr;
-  while (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &found) == ERANGE) {
-    buf.resize(buf.size() * 2);
-  }
-  if (found == nullptr || pw.pw_dir == nullptr || pw.pw_dir[0] == '\0') {
-    return Status(QL_ERR_CREDENTIAL_STORE);
-  }
-  return std::string(pw.pw_dir) + "/" + kFileName;
+  return UserHomeFile(kFileName, QL_ERR_CREDENTIAL_STORE);
 }
 
 Result<Credential> Read(const std::string &path, const std::string &target) {

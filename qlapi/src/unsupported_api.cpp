@@ -14,9 +14,6 @@ int QGetNetInfo(HSESSIONCTX, char *, uint32_t *) {
 int QListLoadedModules(HSESSIONCTX, PQL_LIST_CALLBACK, void *) {
   QL_NOT_SUPPORTED;
 }
-int QIPFilterOperation(HSESSIONCTX, uint32_t, const char *, PQL_LIST_CALLBACK, void *) {
-  QL_NOT_SUPPORTED;
-}
 int QGetHSMP11Info(HSESSIONCTX, HP11INFOCTX *phInfo, uint32_t) {
   if (phInfo) *phInfo = nullptr;
   QL_NOT_SUPPORTED;

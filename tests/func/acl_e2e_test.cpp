@@ -30,7 +30,7 @@ TEST(FuncACL, VerboseZeroPrintsNothingFromTheChecks) {
 
 TEST(FuncACL, GrantedRightFailsWithItsErrorLineAndLeavesNothing) {
   auto hsm = StartFaultyHsm("grant-rights");
-  if (!hsm) GTEST_SKIP() << "this qlhsmd has no --test-fault grant-rights yet";
+  ASSERT_NE(hsm, nullptr);
   RunResult r = RunQlutil(With(*hsm, {"-f", "acl"}));
   EXPECT_NE(r.exit_code, 0) << r.out;
   EXPECT_EQ(r.out.rfind("[TestUsrACL] ACL: ACL_NOP" + std::string(68, ' ') + " Create Delete" +

@@ -58,9 +58,8 @@ std::vector<std::string> With(const qltest::HsmProcess &hsm, std::vector<std::st
 // One daemon shared by the tests of this binary.
 qltest::HsmProcess &SharedHsm();
 
-// A daemon started with `qlhsmd serve --test-fault <fault>`, or null when this qlhsmd refuses
-// the switch (the caller skips); a daemon that fails to start for another reason is also null,
-// with a test failure.
+// A daemon's test build started with `qlhsmd_test serve --test-fault <fault>`; null, with a test
+// failure, when it does not start.
 std::unique_ptr<qltest::HsmProcess> StartFaultyHsm(const std::string &fault);
 
 // What the HSM holds, as master: user names, and master's objects. Empty on failure (with a

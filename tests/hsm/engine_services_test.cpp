@@ -35,9 +35,9 @@ secure::Bytes LittleEndian(uint64_t v, size_t n = 8) {
 
 // A user whose mask the master sets before each check.
 struct Fixture : EngineFixture {
-  Fixture() { EXPECT_TRUE(engine->CreateUser(*master, "tested", kUserPwd, 0).ok()); }
+  Fixture() { EXPECT_TRUE(engine->users().CreateUser(*master, "tested", kUserPwd, 0).ok()); }
   std::unique_ptr<sessions::Session> As(uint32_t mask) {
-    EXPECT_TRUE(engine->SetUserMask(*master, "tested", mask).ok());
+    EXPECT_TRUE(engine->users().SetUserMask(*master, "tested", mask).ok());
     return LoginAs("tested", kUserPwd);
   }
 };
@@ -95,14 +95,17 @@ secure::Bytes OpenSslX963(secure::Bytes z, secure::Bytes info, size_t len) {
 TEST(KeyMaterial, RefusalsInOrder) {
   Fixture f;
   auto none = f.engine->NewSession();
-  EXPECT_EQ(f.engine->GenerateKeyMaterial(*none, QL_ALG_AES256, 0).status().code(),
+  EXPECT_EQ(f.engine->keys().GenerateKeyMaterial(*none, QL_ALG_AES256, 0).status().code(),
             Code::kNotLoggedIn);
-  EXPECT_EQ(f.engine->GenerateKeyMaterial(*f.master, 9999, 0).status().code(), Code::kBadAlgorithm);
-  EXPECT_EQ(f.engine->GenerateKeyMaterial(*f.master, QL_ALG_ARC5, 0).status().code(),
+  EXPECT_EQ(f.engine->keys().GenerateKeyMaterial(*f.master, 9999, 0).status().code(),
+            Code::kBadAlgorithm);
+  EXPECT_EQ(f.engine->keys().GenerateKeyMaterial(*f.master, QL_ALG_ARC5, 0).status().code(),
             Code::kNotSupported);
-  EXPECT_EQ(
-      f.engine->GenerateKeyMaterial(*f.master, QL_ALG_AES256, QL_KEY_BLOCKCHAIN).status().code(),
-      Code::kNotSupported);
+  EXPECT_EQ(f.engine->keys()
+                .GenerateKeyMaterial(*f.master, QL_ALG_AES256, QL_KEY_BLOCKCHAIN)
+                .status()
+                .code(),
+            Code::kNotSupported);
 }
 
 TEST(KeyMaterial, SecretsHaveTheAlgorithmsLengthAndNeedNoRight) {
@@ -116,8 +119,8 @@ TEST(KeyMaterial, SecretsHaveTheAlgorithmsLengthAndNeedNoRight) {
                  Case{QL_ALG_AES128, 16}, Case{QL_ALG_AES192, 24}, Case{QL_ALG_AES256, 32},
                  Case{QL_ALG_HMAC_KEY, 32}, Case{QL_ALG_HMAC_KEY_512, 64}}) {
     SCOPED_TRACE(c.alg);
-    auto a = f.engine->GenerateKeyMaterial(*nobody, c.alg, 0);
-    auto b = f.engine->GenerateKeyMaterial(*nobody, c.alg, 0);
+    auto a = f.engine->keys().GenerateKeyMaterial(*nobody, c.alg, 0);
+    auto b = f.engine->keys().GenerateKeyMaterial(*nobody, c.alg, 0);
     ASSERT_TRUE(a.ok()) << a.status().ToString();
     ASSERT_TRUE(b.ok());
     EXPECT_EQ(a->size(), c.len);
@@ -127,12 +130,12 @@ TEST(KeyMaterial, SecretsHaveTheAlgorithmsLengthAndNeedNoRight) {
     }
   }
   // Nothing was stored.
-  EXPECT_TRUE(f.engine->ListObjects(*nobody)->empty());
+  EXPECT_TRUE(f.engine->objects().ListObjects(*nobody)->empty());
 }
 
 TEST(KeyMaterial, AsymmetricKeysArePkcs8ThatOpenSslReads) {
   Fixture f;
-  auto rsa = f.engine->GenerateKeyMaterial(*f.master, QL_ALG_RSA1024, QL_KEY_RSA_EXP3);
+  auto rsa = f.engine->keys().GenerateKeyMaterial(*f.master, QL_ALG_RSA1024, QL_KEY_RSA_EXP3);
   ASSERT_TRUE(rsa.ok()) << rsa.status().ToString();
   PKey key = PrivateFromDer(*rsa);
   ASSERT_TRUE(key);
@@ -142,7 +145,7 @@ TEST(KeyMaterial, AsymmetricKeysArePkcs8ThatOpenSslReads) {
   EXPECT_TRUE(BN_is_word(e, 3)) << "QL_KEY_RSA_EXP3 was not acted on";
   BN_free(e);
 
-  auto ec = f.engine->GenerateKeyMaterial(*f.master, QL_ALG_ECC_SECP384R1, 0);
+  auto ec = f.engine->keys().GenerateKeyMaterial(*f.master, QL_ALG_ECC_SECP384R1, 0);
   ASSERT_TRUE(ec.ok());
   PKey eckey = PrivateFromDer(*ec);
   ASSERT_TRUE(eckey);
@@ -169,9 +172,9 @@ PKey Keygen(const Curve &c) {
 
 // The HSM's stored private key `name` of the curve, and its public half as OpenSSL reads it.
 PKey MakeOwnKey(Fixture &f, const Curve &c, const char *name = "own") {
-  auto k = f.engine->GenerateKey(*f.master, name, c.alg, 0, false);
+  auto k = f.engine->keys().GenerateKey(*f.master, name, c.alg, 0, false);
   EXPECT_TRUE(k.ok()) << k.status().ToString();
-  auto spki = f.engine->ExportKey(*f.master, {0, name}, {}, QL_PUBLICKEY_BLOB);
+  auto spki = f.engine->keys().ExportKey(*f.master, {0, name}, {}, QL_PUBLICKEY_BLOB);
   EXPECT_TRUE(spki.ok()) << spki.status().ToString();
   return spki.ok() ? PublicFromDer(*spki) : PKey(nullptr, &EVP_PKEY_free);
 }
@@ -193,19 +196,19 @@ TEST(Ecdh, SecretsEqualWhatOpenSslDerivesOutside) {
     const secure::Bytes z = OpenSslDerive(peer.get(), own_pub.get());
     ASSERT_FALSE(z.empty());
 
-    Engine::EcdhArgs raw;
+    EcdhArgs raw;
     raw.kdf = QL_GEN_KEY_KDF_RAW_SECRET;
     raw.private_key = name;
     raw.peer_public_key = SpkiOf(peer.get());
-    auto secret = f.engine->GenEcdhKey(*f.master, raw, nullptr);
+    auto secret = f.engine->keys().GenEcdhKey(*f.master, raw, nullptr);
     ASSERT_TRUE(secret.ok()) << secret.status().ToString();
     EXPECT_EQ(*secret, z);
 
-    Engine::EcdhArgs x963 = raw;
+    EcdhArgs x963 = raw;
     x963.kdf = QL_GEN_KEY_X9_63_SHA256;
     x963.shared_info = {0xA1, 0xB2, 0xC3};
     x963.out_length = 48;
-    auto derived = f.engine->GenEcdhKey(*f.master, x963, nullptr);
+    auto derived = f.engine->keys().GenEcdhKey(*f.master, x963, nullptr);
     ASSERT_TRUE(derived.ok()) << derived.status().ToString();
     EXPECT_EQ(*derived, OpenSslX963(z, x963.shared_info, 48));
   }
@@ -217,7 +220,7 @@ TEST(Ecdh, AKeptKeyHoldsTheDerivedBytes) {
   PKey own_pub = MakeOwnKey(f, p256);
   PKey peer = Keygen(p256);
   ASSERT_TRUE(own_pub && peer);
-  Engine::EcdhArgs a;
+  EcdhArgs a;
   a.kdf = QL_GEN_KEY_X9_63_SHA256;
   a.private_key = "own";
   a.peer_public_key = SpkiOf(peer.get());
@@ -225,18 +228,20 @@ TEST(Ecdh, AKeptKeyHoldsTheDerivedBytes) {
   a.target_name = "agreed";
   a.target_algorithm = QL_ALG_AES256;
   a.flags = QL_KEY_EXPORTABLE;
-  auto kept = f.engine->GenEcdhKey(*f.master, a, nullptr);
+  auto kept = f.engine->keys().GenEcdhKey(*f.master, a, nullptr);
   ASSERT_TRUE(kept.ok()) << kept.status().ToString();
   EXPECT_TRUE(kept->empty()) << "a kept secret must not leave the HSM";
-  auto plain = f.engine->ExportKey(*f.master, {0, "agreed"}, {}, QL_PLAINTEXTKEY_BLOB);
+  auto plain = f.engine->keys().ExportKey(*f.master, {0, "agreed"}, {}, QL_PLAINTEXTKEY_BLOB);
   ASSERT_TRUE(plain.ok()) << plain.status().ToString();
   EXPECT_EQ(*plain, OpenSslX963(OpenSslDerive(peer.get(), own_pub.get()), {}, 32));
-  EXPECT_EQ(f.engine->OpenObject(*f.master, "agreed")->algorithm, QL_ALG_AES256);
+  EXPECT_EQ(f.engine->objects().OpenObject(*f.master, "agreed")->algorithm, QL_ALG_AES256);
   // The name is now taken; a temporary target stores nothing.
-  EXPECT_EQ(f.engine->GenEcdhKey(*f.master, a, nullptr).status().code(), Code::kObjectExists);
+  EXPECT_EQ(f.engine->keys().GenEcdhKey(*f.master, a, nullptr).status().code(),
+            Code::kObjectExists);
   a.flags = QL_KEY_TEMPORARY;
-  ASSERT_TRUE(f.engine->GenEcdhKey(*f.master, a, nullptr).ok());
-  EXPECT_EQ(f.engine->ListObjects(*f.master).value(), (std::vector<std::string>{"agreed", "own"}));
+  ASSERT_TRUE(f.engine->keys().GenEcdhKey(*f.master, a, nullptr).ok());
+  EXPECT_EQ(f.engine->objects().ListObjects(*f.master).value(),
+            (std::vector<std::string>{"agreed", "own"}));
 }
 
 TEST(Ecdh, RefusalsInOrder) {
@@ -246,8 +251,8 @@ TEST(Ecdh, RefusalsInOrder) {
   PKey peer = Keygen(p256);
   PKey p384 = Keygen({QL_ALG_ECC_SECP384R1, "EC", "P-384"});
   ASSERT_TRUE(peer && p384);
-  ASSERT_TRUE(f.engine->GenerateKey(*f.master, "rsa", QL_ALG_RSA1024, 0, false).ok());
-  Engine::EcdhArgs good;
+  ASSERT_TRUE(f.engine->keys().GenerateKey(*f.master, "rsa", QL_ALG_RSA1024, 0, false).ok());
+  EcdhArgs good;
   good.kdf = QL_GEN_KEY_X9_63_SHA256;
   good.private_key = "own";
   good.peer_public_key = SpkiOf(peer.get());
@@ -256,80 +261,80 @@ TEST(Ecdh, RefusalsInOrder) {
 
   struct Case {
     const char *what;
-    std::function<void(Engine::EcdhArgs &)> change;
+    std::function<void(EcdhArgs &)> change;
     Code code;
   };
   const Case cases[] = {
-      {"unknown kdf", [](Engine::EcdhArgs &a) { a.kdf = 3; }, Code::kBadAlgorithm},
-      {"no private key", [](Engine::EcdhArgs &a) { a.private_key.clear(); }, Code::kBadArgument},
-      {"no peer key", [](Engine::EcdhArgs &a) { a.peer_public_key.clear(); }, Code::kBadArgument},
+      {"unknown kdf", [](EcdhArgs &a) { a.kdf = 3; }, Code::kBadAlgorithm},
+      {"no private key", [](EcdhArgs &a) { a.private_key.clear(); }, Code::kBadArgument},
+      {"no peer key", [](EcdhArgs &a) { a.peer_public_key.clear(); }, Code::kBadArgument},
       {"peer key not DER",
-       [](Engine::EcdhArgs &a) {
+       [](EcdhArgs &a) {
          a.peer_public_key = {1, 2, 3};
        },
        Code::kBadArgument},
       {"raw secret kept",
-       [](Engine::EcdhArgs &a) {
+       [](EcdhArgs &a) {
          a.kdf = QL_GEN_KEY_KDF_RAW_SECRET;
          a.target_name = "k";
          a.target_algorithm = QL_ALG_AES256;
        },
        Code::kBadArgument},
-      {"nothing to derive", [](Engine::EcdhArgs &a) { a.out_length = 0; }, Code::kBadLength},
-      {"more than 1024 bytes", [](Engine::EcdhArgs &a) { a.out_length = 1025; }, Code::kBadLength},
-      {"bad target name", [](Engine::EcdhArgs &a) { a.target_name = "a/b/c"; }, Code::kBadName},
+      {"nothing to derive", [](EcdhArgs &a) { a.out_length = 0; }, Code::kBadLength},
+      {"more than 1024 bytes", [](EcdhArgs &a) { a.out_length = 1025; }, Code::kBadLength},
+      {"bad target name", [](EcdhArgs &a) { a.target_name = "a/b/c"; }, Code::kBadName},
       {"kept key of another length",
-       [](Engine::EcdhArgs &a) {
+       [](EcdhArgs &a) {
          a.target_name = "short";
          a.target_algorithm = QL_ALG_AES128;
        },
        Code::kBadLength},
       {"kept key of an asymmetric algorithm",
-       [](Engine::EcdhArgs &a) {
+       [](EcdhArgs &a) {
          a.target_name = "asym";
          a.target_algorithm = QL_ALG_RSA1024;
        },
        Code::kBadKeyUsage},
       {"kept key of no algorithm",
-       [](Engine::EcdhArgs &a) {
+       [](EcdhArgs &a) {
          a.target_name = "none";
          a.target_algorithm = 9999;
        },
        Code::kBadAlgorithm},
       {"kept blockchain key",
-       [](Engine::EcdhArgs &a) {
+       [](EcdhArgs &a) {
          a.target_name = "bc";
          a.target_algorithm = QL_ALG_AES256;
          a.flags = QL_KEY_BLOCKCHAIN;
        },
        Code::kNotSupported},
-      {"missing private key", [](Engine::EcdhArgs &a) { a.private_key = "ghost"; },
-       Code::kObjectNotFound},
-      {"peer of another curve", [&](Engine::EcdhArgs &a) { a.peer_public_key = other_curve; },
+      {"missing private key", [](EcdhArgs &a) { a.private_key = "ghost"; }, Code::kObjectNotFound},
+      {"peer of another curve", [&](EcdhArgs &a) { a.peer_public_key = other_curve; },
        Code::kBadKeyUsage},
-      {"an RSA private key", [](Engine::EcdhArgs &a) { a.private_key = "rsa"; },
-       Code::kBadKeyUsage},
+      {"an RSA private key", [](EcdhArgs &a) { a.private_key = "rsa"; }, Code::kBadKeyUsage},
   };
   for (const Case &c : cases) {
-    Engine::EcdhArgs a = good;
+    EcdhArgs a = good;
     c.change(a);
-    EXPECT_EQ(f.engine->GenEcdhKey(*f.master, a, nullptr).status().code(), c.code) << c.what;
+    EXPECT_EQ(f.engine->keys().GenEcdhKey(*f.master, a, nullptr).status().code(), c.code) << c.what;
   }
-  EXPECT_EQ(f.engine->ListObjects(*f.master)->size(), 2u) << "a refusal stored a key";
+  EXPECT_EQ(f.engine->objects().ListObjects(*f.master)->size(), 2u) << "a refusal stored a key";
 
   // A raw secret longer than the caller's buffer: 1005 with the length it needs.
-  Engine::EcdhArgs raw = good;
+  EcdhArgs raw = good;
   raw.kdf = QL_GEN_KEY_KDF_RAW_SECRET;
   raw.out_length = 31;
   uint64_t needed = 0;
-  EXPECT_EQ(f.engine->GenEcdhKey(*f.master, raw, &needed).status().code(), Code::kBufferTooSmall);
+  EXPECT_EQ(f.engine->keys().GenEcdhKey(*f.master, raw, &needed).status().code(),
+            Code::kBufferTooSmall);
   EXPECT_EQ(needed, 32u);
   raw.out_length = 32;
-  EXPECT_EQ(f.engine->GenEcdhKey(*f.master, raw, &needed)->size(), 32u);
+  EXPECT_EQ(f.engine->keys().GenEcdhKey(*f.master, raw, &needed)->size(), 32u);
 
   // A blocked private key.
-  ASSERT_TRUE(f.engine->SetObjectBlocked(*f.master, "own", true).ok());
-  EXPECT_EQ(f.engine->GenEcdhKey(*f.master, good, nullptr).status().code(), Code::kObjectBlocked);
+  ASSERT_TRUE(f.engine->objects().SetObjectBlocked(*f.master, "own", true).ok());
+  EXPECT_EQ(f.engine->keys().GenEcdhKey(*f.master, good, nullptr).status().code(),
+            Code::kObjectBlocked);
 }
 
 TEST(Ecdh, RightsOfUseAndOfCreation) {
@@ -337,37 +342,38 @@ TEST(Ecdh, RightsOfUseAndOfCreation) {
   const Curve p256{QL_ALG_ECC_SECP256R1, "EC", "P-256"};
   ASSERT_TRUE(MakeOwnKey(f, p256));
   PKey peer = Keygen(p256);
-  Engine::EcdhArgs out;
+  EcdhArgs out;
   out.kdf = QL_GEN_KEY_X9_63_SHA256;
   out.private_key = "master/own";
   out.peer_public_key = SpkiOf(peer.get());
   out.out_length = 16;
-  Engine::EcdhArgs kept = out;
+  EcdhArgs kept = out;
   kept.target_name = "mine";
   kept.target_algorithm = QL_ALG_AES128;
-  Engine::EcdhArgs session_key = kept;
+  EcdhArgs session_key = kept;
   session_key.flags = QL_KEY_TEMPORARY;
-  Engine::EcdhArgs missing = out;
+  EcdhArgs missing = out;
   missing.private_key = "master/ghost";
 
   for (uint32_t mask = 0; mask <= 0xF; ++mask) {
     SCOPED_TRACE(mask);
     auto s = f.As(mask);
     const bool use = mask & 0x7, create = mask & 0x4;
-    EXPECT_EQ(f.engine->GenEcdhKey(*s, out, nullptr).status().code(),
+    EXPECT_EQ(f.engine->keys().GenEcdhKey(*s, out, nullptr).status().code(),
               use ? Code::kOk : Code::kAccessDenied);
-    EXPECT_EQ(f.engine->GenEcdhKey(*s, session_key, nullptr).status().code(),
+    EXPECT_EQ(f.engine->keys().GenEcdhKey(*s, session_key, nullptr).status().code(),
               use ? Code::kOk : Code::kAccessDenied);
-    EXPECT_EQ(f.engine->GenEcdhKey(*s, kept, nullptr).status().code(),
+    EXPECT_EQ(f.engine->keys().GenEcdhKey(*s, kept, nullptr).status().code(),
               create && use ? Code::kOk : Code::kAccessDenied);
     // The right comes before existence, and arguments before the right.
-    EXPECT_EQ(f.engine->GenEcdhKey(*s, missing, nullptr).status().code(),
+    EXPECT_EQ(f.engine->keys().GenEcdhKey(*s, missing, nullptr).status().code(),
               use ? Code::kObjectNotFound : Code::kAccessDenied);
-    Engine::EcdhArgs bad_peer = out;
+    EcdhArgs bad_peer = out;
     bad_peer.peer_public_key = {0x30, 0x00};
-    EXPECT_EQ(f.engine->GenEcdhKey(*s, bad_peer, nullptr).status().code(), Code::kBadArgument);
+    EXPECT_EQ(f.engine->keys().GenEcdhKey(*s, bad_peer, nullptr).status().code(),
+              Code::kBadArgument);
     if (create) {
-      ASSERT_TRUE(f.engine->RemoveObject(*f.master, "tested/mine").ok());
+      ASSERT_TRUE(f.engine->objects().RemoveObject(*f.master, "tested/mine").ok());
     }
   }
 }
@@ -377,8 +383,8 @@ TEST(Ecdh, RightsOfUseAndOfCreation) {
 
 TEST(MetadataJson, OnlyOneJsonObjectInUtf8IsKept) {
   Fixture f;
-  ASSERT_TRUE(f.engine->WriteFile(*f.master, "doc", {1, 2}).ok());
-  EXPECT_EQ(f.engine->GetObjectMetadata(*f.master, "doc").value(), "{}");
+  ASSERT_TRUE(f.engine->objects().WriteFile(*f.master, "doc", {1, 2}).ok());
+  EXPECT_EQ(f.engine->objects().GetObjectMetadata(*f.master, "doc").value(), "{}");
   const std::string big_ok = "{\"a\":\"" + std::string(QL_MAX_JSON_METADATA - 8, 'x') + "\"}";
   ASSERT_EQ(big_ok.size(), static_cast<size_t>(QL_MAX_JSON_METADATA));
   struct Case {
@@ -411,43 +417,45 @@ TEST(MetadataJson, OnlyOneJsonObjectInUtf8IsKept) {
   std::string last = "{}";
   for (const Case &c : cases) {
     SCOPED_TRACE(c.json.substr(0, 40));
-    EXPECT_EQ(f.engine->SetObjectMetadata(*f.master, "doc", c.json).code(), c.code);
+    EXPECT_EQ(f.engine->objects().SetObjectMetadata(*f.master, "doc", c.json).code(), c.code);
     if (c.code == Code::kOk) last = c.json;
     // A refused text leaves the last one in place; a kept one reads back byte for byte.
-    EXPECT_EQ(f.engine->GetObjectMetadata(*f.master, "doc").value(), last);
+    EXPECT_EQ(f.engine->objects().GetObjectMetadata(*f.master, "doc").value(), last);
   }
-  EXPECT_EQ(f.engine->GetObjectMetadata(*f.master, "doc", 1).status().code(), Code::kBadArgument);
+  EXPECT_EQ(f.engine->objects().GetObjectMetadata(*f.master, "doc", 1).status().code(),
+            Code::kBadArgument);
 }
 
 TEST(MetadataJson, RightsExistenceAndKeys) {
   Fixture f;
-  ASSERT_TRUE(f.engine->GenerateKey(*f.master, "key", QL_ALG_RSA1024, 0, false).ok());
+  ASSERT_TRUE(f.engine->keys().GenerateKey(*f.master, "key", QL_ALG_RSA1024, 0, false).ok());
   for (uint32_t mask = 0; mask <= 0xF; ++mask) {
     SCOPED_TRACE(mask);
     auto s = f.As(mask);
     const bool use = mask & 0x7, update = mask & 0x8;
     const std::string json = "{\"mask\":" + std::to_string(mask) + "}";
-    EXPECT_EQ(f.engine->SetObjectMetadata(*s, "master/key", json).code(),
+    EXPECT_EQ(f.engine->objects().SetObjectMetadata(*s, "master/key", json).code(),
               update ? Code::kOk : Code::kAccessDenied);
-    EXPECT_EQ(f.engine->SetObjectMetadata(*s, "master/ghost", json).code(),
+    EXPECT_EQ(f.engine->objects().SetObjectMetadata(*s, "master/ghost", json).code(),
               update ? Code::kObjectNotFound : Code::kAccessDenied);
-    EXPECT_EQ(f.engine->GetObjectMetadata(*s, "master/ghost").status().code(),
+    EXPECT_EQ(f.engine->objects().GetObjectMetadata(*s, "master/ghost").status().code(),
               use ? Code::kObjectNotFound : Code::kAccessDenied);
-    auto read = f.engine->GetObjectMetadata(*s, "master/key");
+    auto read = f.engine->objects().GetObjectMetadata(*s, "master/key");
     EXPECT_EQ(read.status().code(), use ? Code::kOk : Code::kAccessDenied);
     if (use && update) {
       EXPECT_EQ(read.value(), json);
     }
     // Bad text is an argument: refused before the right, whoever asks.
-    EXPECT_EQ(f.engine->SetObjectMetadata(*s, "master/key", "[]").code(), Code::kBadJson);
+    EXPECT_EQ(f.engine->objects().SetObjectMetadata(*s, "master/key", "[]").code(), Code::kBadJson);
   }
   // A blocked key's metadata stays readable and writable; the key still signs once unblocked.
-  ASSERT_TRUE(f.engine->SetObjectBlocked(*f.master, "key", true).ok());
-  ASSERT_TRUE(f.engine->SetObjectMetadata(*f.master, "key", R"({"why":"lost"})").ok());
-  EXPECT_EQ(f.engine->GetObjectMetadata(*f.master, "key").value(), R"({"why":"lost"})");
-  ASSERT_TRUE(f.engine->SetObjectBlocked(*f.master, "key", false).ok());
-  EXPECT_TRUE(
-      f.engine->SignHash(*f.master, {0, "key"}, QL_ALG_SHA256, secure::Bytes(32, 1), 0).ok());
+  ASSERT_TRUE(f.engine->objects().SetObjectBlocked(*f.master, "key", true).ok());
+  ASSERT_TRUE(f.engine->objects().SetObjectMetadata(*f.master, "key", R"({"why":"lost"})").ok());
+  EXPECT_EQ(f.engine->objects().GetObjectMetadata(*f.master, "key").value(), R"({"why":"lost"})");
+  ASSERT_TRUE(f.engine->objects().SetObjectBlocked(*f.master, "key", false).ok());
+  EXPECT_TRUE(f.engine->keys()
+                  .SignHash(*f.master, {0, "key"}, QL_ALG_SHA256, secure::Bytes(32, 1), 0)
+                  .ok());
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -456,39 +464,41 @@ TEST(MetadataJson, RightsExistenceAndKeys) {
 TEST(DateTime, RefusalsInOrder) {
   Fixture f;
   auto none = f.engine->NewSession();
-  EXPECT_EQ(f.engine->SetDateTime(*none, LittleEndian(kFuture)).code(), Code::kNotLoggedIn);
+  EXPECT_EQ(f.engine->system().SetDateTime(*none, LittleEndian(kFuture)).code(),
+            Code::kNotLoggedIn);
   auto s = f.As(0);
-  EXPECT_EQ(f.engine->SetDateTime(*s, LittleEndian(kFuture, 4)).code(), Code::kBadLength);
-  EXPECT_EQ(f.engine->SetDateTime(*s, {}).code(), Code::kBadLength);
-  EXPECT_EQ(f.engine->SetDateTime(*s, LittleEndian(253402300800)).code(), Code::kBadArgument);
+  EXPECT_EQ(f.engine->system().SetDateTime(*s, LittleEndian(kFuture, 4)).code(), Code::kBadLength);
+  EXPECT_EQ(f.engine->system().SetDateTime(*s, {}).code(), Code::kBadLength);
+  EXPECT_EQ(f.engine->system().SetDateTime(*s, LittleEndian(253402300800)).code(),
+            Code::kBadArgument);
   // Every right but the operator's is not enough.
   s = f.As(access::kAllRights & ~access::kSysOperator);
-  EXPECT_EQ(f.engine->SetDateTime(*s, LittleEndian(kFuture)).code(), Code::kAccessDenied);
+  EXPECT_EQ(f.engine->system().SetDateTime(*s, LittleEndian(kFuture)).code(), Code::kAccessDenied);
   EXPECT_LE(std::abs(f.engine->Now() - Clock::MachineNow()), 2) << "a refusal moved the time";
   s = f.As(access::kSysOperator);
-  EXPECT_TRUE(f.engine->SetDateTime(*s, LittleEndian(253402300799)).ok());
+  EXPECT_TRUE(f.engine->system().SetDateTime(*s, LittleEndian(253402300799)).ok());
   EXPECT_GE(f.engine->Now(), 253402300799);
 }
 
 TEST(DateTime, EveryTimeTheHsmKeepsFollowsIt) {
   Fixture f;
-  ASSERT_TRUE(f.engine->SetDateTime(*f.master, LittleEndian(kFuture)).ok());
+  ASSERT_TRUE(f.engine->system().SetDateTime(*f.master, LittleEndian(kFuture)).ok());
   // No test runs for minutes: a few seconds after the time set, never before it.
   auto near_future = [](int64_t t) { return t >= kFuture && t <= kFuture + 60; };
   EXPECT_TRUE(near_future(f.engine->Now()));
   // This machine's clock did not move.
   EXPECT_LT(Clock::MachineNow(), kFuture - 3600);
 
-  ASSERT_TRUE(f.engine->WriteFile(*f.master, "stamped", {1}).ok());
-  EXPECT_TRUE(near_future(f.engine->OpenObject(*f.master, "stamped")->created));
-  ASSERT_TRUE(f.engine->IssueToken(*f.master, 0).ok());
-  auto tokens = f.engine->ListTokens(*f.master);
+  ASSERT_TRUE(f.engine->objects().WriteFile(*f.master, "stamped", {1}).ok());
+  EXPECT_TRUE(near_future(f.engine->objects().OpenObject(*f.master, "stamped")->created));
+  ASSERT_TRUE(f.engine->users().IssueToken(*f.master, 0).ok());
+  auto tokens = f.engine->users().ListTokens(*f.master);
   ASSERT_TRUE(tokens.ok());
   ASSERT_EQ(tokens->size(), 1u);
   EXPECT_TRUE(near_future(tokens->front().issued));
   // The audit log's last page carries the time set.
   ASSERT_TRUE(f.engine->audit().Flush().ok());
-  auto page = f.engine->ReadLogPage(*f.master, f.engine->audit().PageCount());
+  auto page = f.engine->system().ReadLogPage(*f.master, f.engine->audit().PageCount());
   ASSERT_TRUE(page.ok());
   const std::string text(page->data.begin(), page->data.end());
   EXPECT_NE(text.find("2030-01-02 03:0"), std::string::npos) << text;
@@ -498,14 +508,14 @@ TEST(DateTime, EveryTimeTheHsmKeepsFollowsIt) {
 TEST(DateTime, TokensExpireByTheHsmsTime) {
   Fixture f;
   const int64_t now = Clock::MachineNow();
-  auto key = f.engine->IssueToken(*f.master, now + 3600);
+  auto key = f.engine->users().IssueToken(*f.master, now + 3600);
   ASSERT_TRUE(key.ok());
   auto s = f.engine->NewSession();
-  EXPECT_TRUE(f.engine->LoginToken(*s, kMasterUser, *key).ok());
-  ASSERT_TRUE(f.engine->SetDateTime(*f.master, LittleEndian(now + 7200)).ok());
-  EXPECT_EQ(f.engine->LoginToken(*s, kMasterUser, *key).code(), Code::kAuthFailed);
-  ASSERT_TRUE(f.engine->SetDateTime(*f.master, LittleEndian(now)).ok());
-  EXPECT_TRUE(f.engine->LoginToken(*s, kMasterUser, *key).ok());
+  EXPECT_TRUE(f.engine->users().LoginToken(*s, kMasterUser, *key).ok());
+  ASSERT_TRUE(f.engine->system().SetDateTime(*f.master, LittleEndian(now + 7200)).ok());
+  EXPECT_EQ(f.engine->users().LoginToken(*s, kMasterUser, *key).code(), Code::kAuthFailed);
+  ASSERT_TRUE(f.engine->system().SetDateTime(*f.master, LittleEndian(now)).ok());
+  EXPECT_TRUE(f.engine->users().LoginToken(*s, kMasterUser, *key).ok());
 }
 
 TEST(DateTime, TheTimeSurvivesARestart) {
@@ -519,8 +529,8 @@ TEST(DateTime, TheTimeSurvivesARestart) {
     // A data directory that never had its time set runs on the machine's clock.
     EXPECT_LE(std::abs((*e)->Now() - Clock::MachineNow()), 2);
     auto s = (*e)->NewSession();
-    ASSERT_TRUE((*e)->Login(*s, kMasterUser, testing::kMasterPassword).ok());
-    ASSERT_TRUE((*e)->SetDateTime(*s, LittleEndian(kFuture)).ok());
+    ASSERT_TRUE((*e)->users().Login(*s, kMasterUser, testing::kMasterPassword).ok());
+    ASSERT_TRUE((*e)->system().SetDateTime(*s, LittleEndian(kFuture)).ok());
   }
   auto e = Engine::Open(dir.path());
   ASSERT_TRUE(e.ok());

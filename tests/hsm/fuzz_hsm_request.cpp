@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (data[0] & 1) state.hello_done = true;
   if (data[0] & 2) {
     state.session = w.engine->NewSession();
-    (void)w.engine->Login(*state.session, qlhsm::kMasterUser, kPassword);
+    (void)w.engine->users().Login(*state.session, qlhsm::kMasterUser, kPassword);
   }
   qlproto::FrameReader reader(w.handler->max_frame());
   reader.Append(data + 1, size - 1);

@@ -21,6 +21,7 @@ TempDir::~TempDir() {
 EngineFixture::EngineFixture(EngineOptions options) {
   InitOptions init;
   init.kdf = FastKdf();
+  init.unlock_kdf = FastKdf();
   Status st = Engine::Init(dir.path(), kMasterPassword, init);
   EXPECT_TRUE(st.ok()) << st.ToString();
   Result<std::unique_ptr<Engine>> e = Engine::Open(dir.path(), options);
@@ -32,7 +33,7 @@ EngineFixture::EngineFixture(EngineOptions options) {
 std::unique_ptr<sessions::Session> EngineFixture::LoginAs(const std::string &user,
                                                           const std::string &pwd) {
   auto s = engine->NewSession();
-  Status st = engine->Login(*s, user, pwd);
+  Status st = engine->users().Login(*s, user, pwd);
   EXPECT_TRUE(st.ok()) << user << ": " << st.ToString();
   return s;
 }

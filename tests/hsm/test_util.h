@@ -6,6 +6,8 @@
 #include <string>
 
 #include "engine/engine.h"
+// The tests speak in the library's constants: an independent check of the engine's numbers.
+#include "qlapi.h"
 
 namespace qlhsm::testing {
 

@@ -6,6 +6,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
 #include <memory>
 #include <string>
@@ -234,6 +235,27 @@ TEST_F(KeyJobs, ExportPkcs8ReadByOpensslPkey) {
   EXPECT_NE(asn1.out.find("PBES2"), std::string::npos) << asn1.out;
   EXPECT_NE(asn1.out.find("aes-256-cbc"), std::string::npos) << asn1.out;
   EXPECT_EQ(OpenSsl("pkey -inform DER -in plain.p8 -passin pass:x -noout").exitCode, 0);
+}
+
+mode_t ModeOf(const std::string &path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 0777) : 0;
+}
+
+TEST_F(KeyJobs, ExportedSecretsAreForTheirOwnerOnly) {
+  MustRun("gen-key", {"-k", "aes256", "-kn", "sec", "-exp", "1"});
+  MustRun("export-key", {"-kn", "sec", "-bt", "plaintextkey_blob", "--out", Path("sec.bin")});
+  EXPECT_EQ(ModeOf(Path("sec.bin")), 0600u);
+  // A file that was readable by others before is narrowed when a secret replaces its content.
+  WriteText(Path("loose.bin"), "old");
+  chmod(Path("loose.bin").c_str(), 0644);
+  MustRun("export-key", {"-kn", "sec", "-bt", "plaintextkey_blob", "--out", Path("loose.bin")});
+  EXPECT_EQ(ModeOf(Path("loose.bin")), 0600u);
+  EXPECT_EQ(ReadBytes(Path("loose.bin")), ReadBytes(Path("sec.bin")));
+
+  MustRun("gen-key", {"-k", "rsa2048", "-kn", "secrsa", "-exp", "1"});
+  MustRun("export-pkcs8", {"-kn", "secrsa", "--out", Path("plain8.p8")});
+  EXPECT_EQ(ModeOf(Path("plain8.p8")), 0600u);
 }
 
 // X25519: every key exchanged only as exported public keys; the openssl command derives the same

@@ -123,6 +123,12 @@ TEST(ReturnCodes, EveryNamedCodeHasItsOwnText) {
       QL_ERR_BAD_PIN,
       QL_ERR_NOT_LOGGED_IN,
       QL_ERR_UPACK_REFUSED,
+      QL_ERR_HSM_IDENTITY_CHANGED,
+      QL_ERR_HSM_IDENTITY_UNKNOWN,
+      QL_ERR_HSM_IDENTITY_UNVERIFIED,
+      QL_ERR_BAD_UTF8,
+      QL_ERR_SESSION_EXPIRED,
+      QL_ERR_ADDRESS_REFUSED,
   };
   const std::string unknown = QGetReturnCodeString(-12345, QL_RC_STR_DESCRIPTION);
   std::set<std::string> texts, names;
@@ -148,6 +154,8 @@ TEST(ReturnCodes, FixedNumbers) {
   EXPECT_EQ(QL_ERR_USER_NOT_FOUND, 5020);
   EXPECT_EQ(QL_ERR_OBJ_EXISTS, 5022);
   EXPECT_EQ(QL_ERR_UPACK_REFUSED, 5034);
+  EXPECT_EQ(QL_ERR_SESSION_EXPIRED, 5046);
+  EXPECT_EQ(QL_ERR_ADDRESS_REFUSED, 5047);
 }
 
 struct PkeyDeleter {

@@ -20,6 +20,12 @@
 // The binary is the qlhsmd built with the tests (QLHSMD_BIN), or $QLHSMD when set. The daemon's
 // log goes to log_path(); a failed start throws std::runtime_error with the log's tail. Link the
 // CMake target `ql_test_support` (it carries no wire messages, so it can sit beside libqlapi).
+//
+// Identity: each daemon gets a certificate for 127.0.0.1 and localhost issued by a test CA made
+// once per process, and the first daemon points QLAPI_TLS_CA_FILE at that CA, so the library and
+// every qlutil the test starts verify the daemon without pinning anything in the user's home
+// (ca_issued_tls = false keeps the daemon's own self-signed certificate). Every qlhsmd the
+// fixture starts gets the unlock secret kTestUnlockSecret in $QLHSMD_UNLOCK.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -36,10 +42,28 @@ struct HsmOptions {
   std::vector<std::string> serve_args;
   // scrypt cost of password hashes: low, since tests make many users and measure nothing.
   unsigned kdf_cost = 1024;
+  // Run the daemon's test build (qlhsmd_test, QLHSMD_TEST_BIN), which has the fault switches
+  // (`serve --test-fault NAME`), instead of the release daemon.
+  bool test_build = false;
   // When set: serve this data directory (made elsewhere, e.g. by `qlhsmd restore`) instead of
   // initialising a new one. It is left in place at the end.
   std::string existing_data_dir;
+  // A certificate of the test CA (see above) rather than the daemon's self-signed one.
+  bool ca_issued_tls = true;
+  // The names that certificate is issued for; empty: the daemon's address and "localhost".
+  std::vector<std::string> tls_names;
 };
+
+// The unlock secret of every daemon the fixture makes.
+inline constexpr const char *kTestUnlockSecret = "test-unlock-secret";
+
+// The test CA's certificate (PEM), made on first use; removed at exit.
+const std::string &TestCaFile();
+
+// A certificate of the test CA (when `ca` is true; else of a CA made for this call alone) for
+// `names` (IP addresses or DNS names), written as PEM to cert_path and key_path.
+void IssueTestCertificate(const std::vector<std::string> &names, const std::string &cert_path,
+                          const std::string &key_path, bool ca = true);
 
 class HsmProcess {
  public:
@@ -74,11 +98,12 @@ class HsmProcess {
   pid_t pid_ = -1;
 };
 
-// Path of the qlhsmd binary the tests use.
-std::string QlhsmdPath();
+// Path of the qlhsmd binary the tests use; with `test_build`, of the daemon's test build.
+std::string QlhsmdPath(bool test_build = false);
 
 // Runs qlhsmd with `args` and waits; returns its exit status (WEXITSTATUS) or -1.
-int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path);
+int RunQlhsmd(const std::vector<std::string> &args, const std::string &log_path,
+              bool test_build = false);
 
 // One daemon shared by every test of a binary.
 class HsmEnvironment : public ::testing::Environment {

@@ -10,6 +10,7 @@
 #include "Output.h"
 #include "harness/harness.h"
 #include "option_usage.h"
+#include "ql_arch.h"
 
 namespace {
 
@@ -116,7 +117,7 @@ int LoadKeyAndCert(FUNC_SIGN_XML_INFO *info) {
   unsigned char pfx[4096];
   uint32_t pfxLen = sizeof pfx;
   rc = QBase642ByteArray(kTestPkcs12Base64, sizeof kTestPkcs12Base64 - 1, pfx, &pfxLen);
-  if (rc != 0 || !WriteWholeFile(info->szPfxFile, pfx, pfxLen)) {
+  if (rc != 0 || WriteSecretFile(info->szPfxFile, pfx, pfxLen) != 0) {
     ScreenOutput("[LoadKeyAndCert] Error in fopen(%s).\r\n", info->szPfxFile);
     return rc != 0 ? rc : QL_ERR_FILE_IO;
   }

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "option_usage.h"
+#include "ql_arch.h"
 
 uint32_t LoadGenericKeyFlagsParameters(TEST_PARAMETER *pTestParam, int nParameters) {
   uint32_t flags = 0;
@@ -88,7 +89,12 @@ bool ReadJobData(TEST_PARAMETER *pTestParam, int nParameters, const char *pszNam
   return !data->empty();
 }
 
-bool WriteLocalFile(const char *path, const unsigned char *data, size_t len) {
+bool WriteLocalFile(const char *path, const unsigned char *data, size_t len, bool secret) {
+  if (secret) {
+    if (WriteSecretFile(path, data, len) == 0) return true;
+    ScreenOutput("Error opening file %s\r\n", path);
+    return false;
+  }
   std::unique_ptr<FILE, int (*)(FILE *)> f(fopen(path, "wb"), &fclose);
   if (!f || (len > 0 && fwrite(data, 1, len, f.get()) != len)) {
     ScreenOutput("Error opening file %s\r\n", path);
@@ -108,8 +114,8 @@ std::string ToHex(const unsigned char *data, size_t len) {
   return hex;
 }
 
-bool WriteJobOutput(const char *path, const unsigned char *data, size_t len) {
-  if (path != nullptr && *path != '\0') return WriteLocalFile(path, data, len);
+bool WriteJobOutput(const char *path, const unsigned char *data, size_t len, bool secret) {
+  if (path != nullptr && *path != '\0') return WriteLocalFile(path, data, len, secret);
   ScreenOutput("%s\r\n", ToHex(data, len).c_str());
   return true;
 }

@@ -99,14 +99,15 @@ bool ReadJobData(TEST_PARAMETER *pTestParam, int nParameters, const char *pszNam
                  DataInform inform, Bytes *data);
 // Reads a whole local file. False when it cannot be opened.
 bool ReadLocalFile(const char *path, Bytes *data);
-// Writes bytes to a local file (created or truncated). False, with "Error opening file
-// <path>\r\n" printed, when it cannot be written.
-bool WriteLocalFile(const char *path, const unsigned char *data, size_t len);
+// Writes bytes to a local file (created or truncated; with `secret`, readable by its owner only:
+// keys, passwords, tokens). False, with "Error opening file <path>\r\n" printed, when it cannot
+// be written.
+bool WriteLocalFile(const char *path, const unsigned char *data, size_t len, bool secret = false);
 // Upper-case hex digits.
 std::string ToHex(const unsigned char *data, size_t len);
 // The output of a job that yields bytes: into the file when path is given, otherwise as hex on
 // the console followed by "\r\n". False when the file could not be written.
-bool WriteJobOutput(const char *path, const unsigned char *data, size_t len);
+bool WriteJobOutput(const char *path, const unsigned char *data, size_t len, bool secret = false);
 
 // True for a non-null, non-empty text.
 inline bool IsGivenText(const char *text) {

@@ -133,7 +133,7 @@ int ExportKeyWork(JOB_EXPORT_KEY_INFO *job, HSESSIONCTX session) {
     return rc;
   }
   blob.resize(len);
-  return WriteJobOutput(job->pszOutFile, blob.data(), blob.size()) ? 0 : QL_ERR_FILE_IO;
+  return WriteJobOutput(job->pszOutFile, blob.data(), blob.size(), true) ? 0 : QL_ERR_FILE_IO;
 }
 
 }  // namespace
@@ -300,7 +300,7 @@ int GenEcdhWork(JOB_GEN_ECDH_INFO *job, HSESSIONCTX session) {
     ScreenOutput("Key %s created.\r\n", job->pszTargetName);
     return 0;
   }
-  return WriteJobOutput(job->pszOutFile, out.data(), out_len) ? 0 : QL_ERR_FILE_IO;
+  return WriteJobOutput(job->pszOutFile, out.data(), out_len, true) ? 0 : QL_ERR_FILE_IO;
 }
 
 }  // namespace
@@ -394,7 +394,7 @@ int ExportPkcs8Work(JOB_PKCS8_INFO *job, HSESSIONCTX session) {
     PrintJobError("QPKCS8ExportKey", rc);
     return rc;
   }
-  return WriteJobOutput(job->pszOutFile, data.Get(), len) ? 0 : QL_ERR_FILE_IO;
+  return WriteJobOutput(job->pszOutFile, data.Get(), len, true) ? 0 : QL_ERR_FILE_IO;
 }
 
 }  // namespace

@@ -84,7 +84,7 @@ int IssueWork(const JOB_ATOKEN_INFO *job, HSESSIONCTX session) {
   if (rc != 0) return rc;
   ScreenOutput("%s\r\n", text);
   if (job->pszOutFile != nullptr &&
-      !WriteLocalFile(job->pszOutFile, reinterpret_cast<const unsigned char *>(text), len)) {
+      !WriteLocalFile(job->pszOutFile, reinterpret_cast<const unsigned char *>(text), len, true)) {
     return QL_ERR_FILE_IO;
   }
   return 0;

@@ -36,11 +36,9 @@
 
 #include <array>
 #include <cstdint>
-#include <type_traits>
 
 #include "engine/codes.h"
 #include "engine/status.h"
-#include "engine/test_fault.h"
 
 namespace qlhsm::access {
 
@@ -78,13 +76,15 @@ enum class Request {
   kRestore,
   kUpdatePackage,
   kAdminister,
+  kOwnAccount,  // one's own tokens: a user login, no right
   kFree,
   kCount
 };
 
 struct Rule {
   Request request;
-  uint32_t any_of;  // 0: no right needed
+  uint32_t any_of;        // 0: no right needed
+  bool anonymous = true;  // whether an anonymous session may make the request
 };
 
 inline constexpr std::array<Rule, static_cast<size_t>(Request::kCount)> kRules{{
@@ -106,6 +106,7 @@ inline constexpr std::array<Rule, static_cast<size_t>(Request::kCount)> kRules{{
     {Request::kRestore, kSysBackup | kSysOperator},
     {Request::kUpdatePackage, kSysUpdateHsm | kSysOperator},
     {Request::kAdminister, kSysOperator},
+    {Request::kOwnAccount, 0, false},
     {Request::kFree, 0},
 }};
 
@@ -117,21 +118,26 @@ constexpr bool RowsInOrder() {
 }
 static_assert(RowsInOrder(), "kRules rows must follow the Request enum");
 
-constexpr bool Allowed(Request request, uint32_t mask) {
-  if (!std::is_constant_evaluated() && CurrentTestFault() == TestFault::kGrantRights) return true;
-  uint32_t need = kRules[static_cast<size_t>(request)].any_of;
-  return need == 0 || (mask & need) != 0;
+constexpr bool Allowed(Request request, uint32_t mask, bool anonymous = false) {
+  const Rule &rule = kRules[static_cast<size_t>(request)];
+  if (anonymous && !rule.anonymous) return false;
+  return rule.any_of == 0 || (mask & rule.any_of) != 0;
 }
 
-inline Status Check(Request request, uint32_t mask) {
-  if (Allowed(request, mask)) return Status::Ok();
+// The one way a request is refused for want of a right.
+inline Status Check(Request request, uint32_t mask, bool anonymous = false) {
+  if (Allowed(request, mask, anonymous)) return Status::Ok();
   return Status::Error(Code::kAccessDenied, "access denied");
 }
 
 // A new user's mask may hold only bits its creator holds, unless the creator is an operator.
 constexpr bool MayGrant(uint32_t creator_mask, uint32_t new_mask) {
-  if (!std::is_constant_evaluated() && CurrentTestFault() == TestFault::kGrantRights) return true;
   return (creator_mask & kSysOperator) != 0 || (new_mask & ~creator_mask) == 0;
+}
+
+inline Status CheckGrant(uint32_t creator_mask, uint32_t new_mask) {
+  if (MayGrant(creator_mask, new_mask)) return Status::Ok();
+  return Status::Error(Code::kAccessDenied, "access denied");
 }
 
 }  // namespace qlhsm::access

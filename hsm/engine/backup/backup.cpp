@@ -61,8 +61,8 @@ Result<secure::Bytes> MakeBackup(store::Store &store, const secure::Bytes &maste
   return out;
 }
 
-Status RestoreBackup(const secure::Bytes &backup, std::string_view pin,
-                     const std::string &data_dir) {
+Status RestoreBackup(const secure::Bytes &backup, std::string_view pin, const std::string &data_dir,
+                     std::string_view unlock_secret, const secure::KdfParams &unlock_kdf) {
   const size_t head = kMagic.size() + 24 + secure::kSaltLen;
   if (backup.size() < head + secure::kNonceLen + secure::kTagLen ||
       !std::equal(kMagic.begin(), kMagic.end(), backup.begin()))
@@ -91,8 +91,9 @@ Status RestoreBackup(const secure::Bytes &backup, std::string_view pin,
   if (std::filesystem::exists(db_path, ec))
     return Status::Error(Code::kBadArgument, "the data directory already holds a store");
   secure::Bytes master(plain->begin() + 4, plain->begin() + 4 + klen);
-  QL_RETURN_IF_ERROR(WritePrivateFile(DataPath(data_dir, kMasterKeyFile), master));
+  Status sealed_key = WriteMasterKey(data_dir, master, unlock_secret, unlock_kdf);
   OPENSSL_cleanse(master.data(), master.size());
+  QL_RETURN_IF_ERROR(sealed_key);
   QL_RETURN_IF_ERROR(
       WritePrivateFile(db_path, secure::Bytes(plain->begin() + 4 + klen, plain->end())));
   OPENSSL_cleanse(plain->data(), plain->size());

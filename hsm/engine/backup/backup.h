@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "engine/data_dir.h"
 #include "engine/secure/secure.h"
 #include "engine/store/store.h"
 
@@ -19,9 +20,11 @@ Result<secure::Bytes> MakeBackup(store::Store &store, const secure::Bytes &maste
                                  std::string_view pin, const std::string &scratch_dir,
                                  const secure::KdfParams &kdf = {});
 
-// Writes the store and master key of a backup into `data_dir`, which must hold no store yet.
-// kBadPin for a wrong PIN or a damaged file.
-Status RestoreBackup(const secure::Bytes &backup, std::string_view pin,
-                     const std::string &data_dir);
+// Writes the store and master key of a backup into `data_dir`, which must hold no store yet; the
+// master key is sealed there under `unlock_secret` (data_dir.h). kBadPin for a wrong PIN or a
+// damaged file.
+Status RestoreBackup(const secure::Bytes &backup, std::string_view pin, const std::string &data_dir,
+                     std::string_view unlock_secret = {},
+                     const secure::KdfParams &unlock_kdf = {kUnlockKdfCost, 8, 1});
 
 }  // namespace qlhsm::backup

@@ -1,5 +1,7 @@
 #include "engine/objects/object_store.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
 #include <chrono>
 
@@ -8,10 +10,24 @@
 namespace qlhsm::objects {
 namespace {
 
-// Bound into every sealed object so material sealed for another purpose cannot be passed off as
-// an object's.
-constexpr std::string_view kAad = "qlhsm.object.v1";
+// Bound into every object's sealed material: its owner, name and kind. Material sealed for
+// another purpose, or moved to another row of the store, fails to open (kBadTag) instead of
+// passing for that row's key; a rename seals the material again under the new name.
+std::string ObjectAad(const ObjectRef &ref, int64_t type) {
+  std::string aad = "qlhsm.object.v2";
+  aad.push_back('\0');
+  aad += ref.owner;
+  aad.push_back('\0');
+  aad += ref.name;
+  aad.push_back('\0');
+  aad += std::to_string(type);
+  return aad;
+}
 
+// Material that does not open under its row's identity was sealed for another row (or altered).
+Status OpenFailed(const Status &) {
+  return Status::Error(Code::kBadTag, "the object's material does not belong to it");
+}
 
 }  // namespace
 
@@ -37,7 +53,8 @@ Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller
 }
 
 Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material) {
-  Result<secure::Bytes> sealed = secure::Seal(master_key_, material, kAad);
+  Result<secure::Bytes> sealed =
+      secure::Seal(master_key_, material, ObjectAad(info.ref, info.type));
   if (!sealed.ok()) return sealed.status();
   return store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
@@ -49,7 +66,8 @@ Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material
     st->Bind(1, info.ref.owner).Bind(2, info.ref.name).Bind(3, int64_t{info.type});
     st->Bind(4, int64_t{info.algorithm}).Bind(5, int64_t{info.flags}).BindBlob(6, *sealed);
     st->Bind(7, int64_t{info.blocked ? 1 : 0});
-    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata).Bind(9, clock_->Now());
+    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata)
+        .Bind(9, clock_->Now());
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) {
       // The owner must exist (foreign key) and the name must be free; tell the two apart.
@@ -92,28 +110,35 @@ Result<ObjectInfo> ObjectStore::Get(const ObjectRef &ref) {
   });
 }
 
+Result<ObjectStore::SealedRow> ObjectStore::ReadSealed(store::Connection &conn,
+                                                       const ObjectRef &ref) {
+  Result<store::Statement> st =
+      conn.Prepare("SELECT material, type FROM objects WHERE owner = ?1 AND name = ?2");
+  if (!st.ok()) return st.status();
+  st->Bind(1, ref.owner).Bind(2, ref.name);
+  Result<bool> row = st->Step();
+  if (!row.ok()) return row.status();
+  if (!row.value()) return Status::Error(Code::kObjectNotFound, "no such object");
+  return SealedRow{st->Blob(0), st->Int(1)};
+}
+
 Result<secure::Bytes> ObjectStore::ReadMaterial(const ObjectRef &ref) {
-  Result<secure::Bytes> sealed =
-      store_.Locked([&](store::Connection &conn) -> Result<secure::Bytes> {
-        Result<store::Statement> st =
-            conn.Prepare("SELECT material FROM objects WHERE owner = ?1 AND name = ?2");
-        if (!st.ok()) return st.status();
-        st->Bind(1, ref.owner).Bind(2, ref.name);
-        Result<bool> row = st->Step();
-        if (!row.ok()) return row.status();
-        if (!row.value()) return Status::Error(Code::kObjectNotFound, "no such object");
-        return st->Blob(0);
-      });
-  if (!sealed.ok()) return sealed.status();
-  return secure::Open(master_key_, *sealed, kAad);
+  Result<SealedRow> row = store_.Locked(
+      [&](store::Connection &conn) -> Result<SealedRow> { return ReadSealed(conn, ref); });
+  if (!row.ok()) return row.status();
+  Result<secure::Bytes> plain = secure::Open(master_key_, row->sealed, ObjectAad(ref, row->type));
+  if (!plain.ok()) return OpenFailed(plain.status());
+  return plain;
 }
 
 Status ObjectStore::WriteMaterial(const ObjectRef &ref, const secure::Bytes &material) {
-  Result<secure::Bytes> sealed = secure::Seal(master_key_, material, kAad);
-  if (!sealed.ok()) return sealed.status();
   return store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<SealedRow> row = ReadSealed(conn, ref);
+    if (!row.ok()) return row.status();
+    Result<secure::Bytes> sealed = secure::Seal(master_key_, material, ObjectAad(ref, row->type));
+    if (!sealed.ok()) return sealed.status();
     Result<store::Statement> st =
         conn.Prepare("UPDATE objects SET material = ?3 WHERE owner = ?1 AND name = ?2");
     if (!st.ok()) return st.status();
@@ -152,10 +177,20 @@ Status ObjectStore::Rename(const ObjectRef &from, std::string_view to_name) {
   return store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
+    // The material is bound to the old name: it is opened and sealed again under the new one.
+    Result<SealedRow> row = ReadSealed(conn, from);
+    if (!row.ok()) return row.status();
+    Result<secure::Bytes> plain =
+        secure::Open(master_key_, row->sealed, ObjectAad(from, row->type));
+    if (!plain.ok()) return OpenFailed(plain.status());
+    ObjectRef to{from.owner, std::string(to_name)};
+    Result<secure::Bytes> sealed = secure::Seal(master_key_, *plain, ObjectAad(to, row->type));
+    OPENSSL_cleanse(plain->data(), plain->size());
+    if (!sealed.ok()) return sealed.status();
     Result<store::Statement> st =
-        conn.Prepare("UPDATE objects SET name = ?3 WHERE owner = ?1 AND name = ?2");
+        conn.Prepare("UPDATE objects SET name = ?3, material = ?4 WHERE owner = ?1 AND name = ?2");
     if (!st.ok()) return st.status();
-    st->Bind(1, from.owner).Bind(2, from.name).Bind(3, to_name);
+    st->Bind(1, from.owner).Bind(2, from.name).Bind(3, to_name).BindBlob(4, *sealed);
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) return s;
     QL_RETURN_IF_ERROR(s);

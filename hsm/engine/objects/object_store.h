@@ -12,15 +12,15 @@
 #include "engine/clock.h"
 #include "engine/secure/secure.h"
 #include "engine/store/store.h"
-#include "qlapi.h"
+#include "wire_values.h"
 
 namespace qlhsm::objects {
 
 inline constexpr size_t kMaxObjectName = 64;
 
 enum class ObjectType : int {
-  kFile = QL_OBJ_FILE,
-  kCertificate = QL_OBJ_X509,
+  kFile = qlproto::kObjFile,
+  kCertificate = qlproto::kObjX509,
   // A key's type is its algorithm (QL_ALG_*).
 };
 
@@ -73,6 +73,12 @@ class ObjectStore {
   Result<int64_t> Count();
 
  private:
+  struct SealedRow {
+    secure::Bytes sealed;
+    int64_t type = 0;
+  };
+  // The row's sealed material and kind; the caller holds the store's lock.
+  static Result<SealedRow> ReadSealed(store::Connection &conn, const ObjectRef &ref);
   Status UpdateOne(const ObjectRef &ref, const char *sql, int64_t value);
   store::Store &store_;
   secure::Bytes master_key_;

@@ -9,14 +9,10 @@
 #include <openssl/sha.h>
 
 #include <memory>
-#include <mutex>
 #include <sstream>
 
 namespace qlhsm::secure {
 namespace {
-
-std::mutex g_fault_mu;
-FaultHook g_fault_hook;
 
 struct CipherCtxDeleter {
   void operator()(EVP_CIPHER_CTX *c) const { EVP_CIPHER_CTX_free(c); }
@@ -31,16 +27,7 @@ struct KdfCtxDeleter {
 
 }  // namespace
 
-void SetFaultHook(FaultHook hook) {
-  std::lock_guard<std::mutex> lock(g_fault_mu);
-  g_fault_hook = std::move(hook);
-}
-
 Status CryptoOutcome(bool ok, std::string_view op) {
-  {
-    std::lock_guard<std::mutex> lock(g_fault_mu);
-    if (g_fault_hook && g_fault_hook(op)) ok = false;
-  }
   if (ok) return Status::Ok();
   return Status::Error(Code::kInternal, "crypto failure in " + std::string(op));
 }

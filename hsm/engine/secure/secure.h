@@ -1,13 +1,10 @@
 // The engine's own cryptographic needs for keeping secrets at rest: random bytes, AES-256-GCM
 // sealing under the master key, slow password hashes, HMAC and SHA-256. The crypto services that
 // clients call (keys, signatures, ciphers) live in engine/crypto/.
-//
-// Every OpenSSL result in the engine passes through CryptoOutcome(), the single point where a
-// test-only fault switch can turn a success into a failure.
+
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,12 +20,8 @@ inline constexpr size_t kNonceLen = 12;
 inline constexpr size_t kTagLen = 16;
 inline constexpr size_t kSaltLen = 16;
 
-// Turns one OpenSSL success flag into a Status; `op` names the operation for the fault switch.
+// Turns one OpenSSL success flag into a Status; `op` names the operation in the message.
 Status CryptoOutcome(bool ok, std::string_view op);
-
-// Test-only: when set, a hook returning true for an operation name makes that operation fail.
-using FaultHook = std::function<bool(std::string_view op)>;
-void SetFaultHook(FaultHook hook);
 
 Result<Bytes> RandomBytes(size_t n);
 

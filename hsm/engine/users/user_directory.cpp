@@ -5,10 +5,7 @@
 #include <mutex>
 
 namespace qlhsm::users {
-namespace {
-
-
-}  // namespace
+namespace {}  // namespace
 
 bool ValidUserName(std::string_view name) {
   if (name.empty() || name.size() > kMaxUserName) return false;
@@ -60,7 +57,13 @@ Status UserDirectory::Load() {
 
 Result<UserInfo> UserDirectory::Authenticate(std::string_view name, std::string_view password) {
   const Status kFailed = Status::Error(Code::kAuthFailed, "authentication failed");
-  if (!ValidUserName(name) || !ValidPassword(password)) return kFailed;
+  // A name that is no user costs the same slow hash as a wrong password, so the time of the
+  // answer does not tell which names exist.
+  auto unknown = [&] {
+    (void)secure::VerifyPassword(password, DummyHash());
+    return kFailed;
+  };
+  if (!ValidUserName(name) || !ValidPassword(password)) return unknown();
   secure::Bytes mac;
   if (!process_key_.empty()) mac = secure::HmacSha256(process_key_, password);
   std::string hash;
@@ -68,7 +71,10 @@ Result<UserInfo> UserDirectory::Authenticate(std::string_view name, std::string_
   {
     std::shared_lock lock(mu_);
     auto it = users_.find(std::string(name));
-    if (it == users_.end()) return kFailed;
+    if (it == users_.end()) {
+      lock.unlock();
+      return unknown();
+    }
     info = it->second.info;
     if (!mac.empty() && secure::Equal(mac, it->second.verified_mac)) {
       if (info.blocked) return Status::Error(Code::kUserBlocked, "user blocked");
@@ -91,6 +97,17 @@ Result<UserInfo> UserDirectory::Authenticate(std::string_view name, std::string_
   return info;
 }
 
+const std::string &UserDirectory::DummyHash() {
+  std::call_once(dummy_once_, [this] {
+    // A random password nobody knows, hashed at the cost new passwords get.
+    Result<secure::Bytes> pwd = secure::RandomBytes(16);
+    Result<std::string> hash =
+        secure::HashPassword(pwd.ok() ? secure::Hex(pwd.value()) : std::string("-"), kdf_);
+    if (hash.ok()) dummy_hash_ = std::move(hash.value());
+  });
+  return dummy_hash_;
+}
+
 Result<UserInfo> UserDirectory::Find(std::string_view name) const {
   std::shared_lock lock(mu_);
   auto it = users_.find(std::string(name));
@@ -110,7 +127,10 @@ Status UserDirectory::Create(std::string_view name, std::string_view password, u
     Result<store::Statement> st = conn.Prepare(
         "INSERT INTO users(name, password_hash, mask, blocked, created) VALUES(?1, ?2, ?3, 0, ?4)");
     if (!st.ok()) return st.status();
-    st->Bind(1, name).Bind(2, hash.value()).Bind(3, static_cast<int64_t>(mask)).Bind(4, clock_->Now());
+    st->Bind(1, name)
+        .Bind(2, hash.value())
+        .Bind(3, static_cast<int64_t>(mask))
+        .Bind(4, clock_->Now());
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) return Status::Error(Code::kUserExists, "user exists");
     QL_RETURN_IF_ERROR(s);

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -76,8 +77,13 @@ class UserDirectory {
   template <typename Bind, typename Update>
   Status Change(std::string_view name, const char *sql, Bind bind, Update update);
 
+  // The hash an unknown name's password is checked against: made once, at the current cost.
+  const std::string &DummyHash();
+
   store::Store &store_;
   secure::KdfParams kdf_;
+  std::once_flag dummy_once_;
+  std::string dummy_hash_;
   const Clock *clock_;
   secure::Bytes process_key_;
   mutable std::shared_mutex mu_;

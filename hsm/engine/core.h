@@ -1,0 +1,81 @@
+// What every service of the engine shares: the store and its parts (users, tokens, objects, audit
+// log), the open sessions, the HSM's clock, and the keys in use, parsed once.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "crypto/key.h"
+#include "engine/audit/audit_log.h"
+#include "engine/clock.h"
+#include "engine/objects/object_store.h"
+#include "engine/secure/secure.h"
+#include "engine/sessions/session.h"
+#include "engine/stats/system_stats.h"
+#include "engine/status.h"
+#include "engine/store/store.h"
+#include "engine/system/ip_filter.h"
+#include "engine/users/login_throttle.h"
+#include "engine/users/tokens.h"
+#include "engine/users/user_directory.h"
+
+namespace qlhsm {
+
+// Keys in use, parsed once: stored keys by full name, with their object record, so that no
+// operation decrypts or parses a stored key again. Any change of the object drops its entry.
+class KeyCache {
+ public:
+  struct Entry {
+    objects::ObjectInfo info;
+    crypto::KeyPtr key;
+  };
+  // The entry, from memory or else read, opened and parsed (kBadKeyUsage for a file or a
+  // certificate, which are no keys).
+  Result<Entry> Load(objects::ObjectStore &store, const objects::ObjectRef &ref);
+  // Only what a use needs, when the key is in memory and not blocked; no copy of the record.
+  bool FindUsable(const std::string &full_name, crypto::KeyPtr *key, uint32_t *flags);
+  void Forget(const std::string &full_name);
+  void ForgetAll();
+
+ private:
+  std::shared_mutex mu_;
+  std::unordered_map<std::string, Entry> entries_;
+};
+
+struct Core {
+  std::string data_dir;
+  // Before every part that reads it, so it outlives them all.
+  Clock clock;
+  std::mutex clock_mu;  // one offset change at a time, so store and memory agree
+  secure::Bytes master_key;
+  std::unique_ptr<store::Store> store;
+  std::unique_ptr<users::UserDirectory> users;
+  std::unique_ptr<users::TokenStore> tokens;
+  std::unique_ptr<objects::ObjectStore> objects;
+  std::unique_ptr<audit::AuditLog> audit;
+  sessions::SessionRegistry registry;
+  stats::CpuSampler cpu;
+  size_t max_objects = 100000;
+  KeyCache keys;
+  // Failed logins by name and by address, and the delay of the next answer.
+  users::LoginThrottle throttle;
+  // The addresses the daemon accepts connections from.
+  std::unique_ptr<system::IpFilter> ip_filter;
+
+  // An object's name as the session's user sees it ("object" or "owner/object"): an argument
+  // check, kBadName for a malformed name.
+  Status Ref(const sessions::Session &s, std::string_view name, objects::ObjectRef *out) const {
+    // An anonymous caller owns nothing; "-" stands in so that the name's syntax is still checked.
+    Result<objects::ObjectRef> ref =
+        objects::ParseObjectName(name, s.user().empty() ? std::string_view("-") : s.user());
+    if (!ref.ok()) return ref.status();
+    *out = std::move(ref.value());
+    return Status::Ok();
+  }
+};
+
+}  // namespace qlhsm

@@ -1,0 +1,46 @@
+#include "engine/guard.h"
+
+namespace qlhsm {
+
+using sessions::AuthKind;
+
+Result<users::UserInfo> Guard::Caller(sessions::Session &s) {
+  switch (s.auth()) {
+    case AuthKind::kNone:
+      return Status::Error(Code::kNotLoggedIn, "not logged in");
+    case AuthKind::kAnonymous:
+      return users::UserInfo{};
+    case AuthKind::kPassword:
+    case AuthKind::kToken:
+      break;
+  }
+  Result<users::UserInfo> me = core_.users->Find(s.user());
+  if (!me.ok()) return Status::Error(Code::kNotLoggedIn, "the session's user was removed");
+  if (me->blocked) return Status::Error(Code::kUserBlocked, "user blocked");
+  return me;
+}
+
+Status Guard::Right(sessions::Session &s, const Op &op, const users::UserInfo &me) const {
+  if (const FaultPoints *f = InstalledFaults(); f && f->GrantEveryRight()) return Status::Ok();
+  const bool anonymous = s.auth() == AuthKind::kAnonymous;
+  QL_RETURN_IF_ERROR(access::Check(op.right, me.mask, anonymous));
+  return access::Check(op.also, me.mask, anonymous);
+}
+
+Status Guard::Grant(const users::UserInfo &me, uint32_t mask) const {
+  if (const FaultPoints *f = InstalledFaults(); f && f->GrantEveryRight()) return Status::Ok();
+  return access::CheckGrant(me.mask, mask);
+}
+
+Status Guard::Audit(sessions::Session &s, const Op &op, Status st) {
+  if (op.audit == AuditMode::kRefusal && st.ok()) return st;
+  core_.audit->Append(s.user(), op.name, op.target, ToWire(st.code()));
+  // A change's line is on disk before the answer leaves; a filled page is the log's writer's.
+  if (op.audit == AuditMode::kChange && st.ok()) {
+    Status flushed = core_.audit->Flush();
+    (void)flushed;  // the change itself is committed; a log write failure must not undo it
+  }
+  return st;
+}
+
+}  // namespace qlhsm

@@ -1,0 +1,51 @@
+#include <openssl/crypto.h>
+
+#include "engine/core.h"
+#include "engine/crypto_result.h"
+
+namespace qlhsm {
+
+Result<KeyCache::Entry> KeyCache::Load(objects::ObjectStore &store, const objects::ObjectRef &ref) {
+  std::string full = ref.Full();
+  {
+    std::shared_lock lock(mu_);
+    auto it = entries_.find(full);
+    if (it != entries_.end()) return it->second;
+  }
+  Result<objects::ObjectInfo> info = store.Get(ref);
+  if (!info.ok()) return info.status();
+  if (info->type == static_cast<int>(objects::ObjectType::kFile) ||
+      info->type == static_cast<int>(objects::ObjectType::kCertificate))
+    return Status::Error(Code::kBadKeyUsage, "the object is not a key");
+  Result<secure::Bytes> material = store.ReadMaterial(ref);
+  if (!material.ok()) return material.status();
+  crypto::Result<crypto::KeyPtr> key =
+      crypto::Key::Parse(crypto::ByteView(material->data(), material->size()));
+  OPENSSL_cleanse(material->data(), material->size());
+  if (!key.ok()) return cryptomap::FromCrypto(key.status());
+  Entry entry{*info, *key};
+  std::unique_lock lock(mu_);
+  entries_[full] = entry;
+  return entry;
+}
+
+bool KeyCache::FindUsable(const std::string &full_name, crypto::KeyPtr *key, uint32_t *flags) {
+  std::shared_lock lock(mu_);
+  auto it = entries_.find(full_name);
+  if (it == entries_.end() || it->second.info.blocked) return false;
+  *key = it->second.key;
+  *flags = it->second.info.flags;
+  return true;
+}
+
+void KeyCache::Forget(const std::string &full_name) {
+  std::unique_lock lock(mu_);
+  entries_.erase(full_name);
+}
+
+void KeyCache::ForgetAll() {
+  std::unique_lock lock(mu_);
+  entries_.clear();
+}
+
+}  // namespace qlhsm

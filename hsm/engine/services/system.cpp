@@ -1,0 +1,236 @@
+// The HSM itself. Its date and time are an offset to this machine's clock, kept in the settings.
+#include "engine/services/system.h"
+
+#include <openssl/crypto.h>
+#include <openssl/opensslv.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+
+#include "engine/backup/backup.h"
+
+namespace qlhsm {
+
+using access::Request;
+using sessions::Session;
+
+namespace {
+
+constexpr const char *kTimeOffsetSetting = "time_offset";
+// 9999-12-31 23:59:59 UTC: four-digit years are what every time the HSM prints can show.
+constexpr uint64_t kLatestTime = 253402300799;
+
+}  // namespace
+
+Status SystemService::CheckSession(Session &s) {
+  return guard_.Caller(s).status();
+}
+
+Result<ParamValue> SystemService::GetSessionParam(Session &s, uint32_t param, bool tls) {
+  return guard_.Run(
+      s, Op{"session-param", "-", Request::kFree, AuditMode::kRefusal},
+      [&] {
+        switch (param) {
+          case qlproto::kSpOperatingMode:
+          case qlproto::kSpAcl:
+          case qlproto::kSpSessionId:
+          case qlproto::kSpUserName:
+          case qlproto::kSpTls:
+            return Status::Ok();
+          default:
+            return Status::Error(Code::kBadArgument, "unknown session parameter");
+        }
+      },
+      [&](const users::UserInfo &me) -> Result<ParamValue> {
+        ParamValue v;
+        v.has_number = true;
+        switch (param) {
+          case qlproto::kSpOperatingMode:
+            v.number = qlproto::kOpModeNormal;
+            break;
+          case qlproto::kSpAcl:
+            v.number = me.mask;
+            break;
+          case qlproto::kSpSessionId:
+            v.number = s.id();
+            break;
+          case qlproto::kSpUserName:
+            v.has_number = false;
+            v.text = s.user();
+            break;
+          default:
+            v.number = tls ? 1 : 0;
+        }
+        return v;
+      });
+}
+
+Result<secure::Bytes> SystemService::GetRandom(Session &s, uint32_t len, size_t limit) {
+  return guard_.Run(
+      s, Op{"random", "-", Request::kFree, AuditMode::kRefusal},
+      [&] {
+        if (len > limit) return Status::Error(Code::kLimitReached, "more than an answer holds");
+        if (len == 0 || len > max_random())
+          return Status::Error(Code::kBadArgument, "random length");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) { return secure::RandomBytes(len); });
+}
+
+Result<StatInfo> SystemService::GetStatInfo(Session &s) {
+  return guard_.Run(s, Op{"stat-info", "-", Request::kReadStats, AuditMode::kRefusal}, NoArgs,
+                    [&](const users::UserInfo &) -> Result<StatInfo> {
+                      StatInfo info;
+                      info.session_count = static_cast<uint32_t>(core_.registry.OpenCount());
+                      info.cpu_percent = core_.cpu.Sample();
+                      if (std::optional<stats::MemoryFigures> mem = stats::ReadMemory()) {
+                        info.mem_total = mem->total_mib;
+                        info.mem_used = mem->used_mib;
+                        info.swap_total = mem->swap_total_mib;
+                        info.swap_used = mem->swap_used_mib;
+                      }
+                      return info;
+                    });
+}
+
+Result<uint64_t> SystemService::GetLogSize(Session &s) {
+  return guard_.Run(s, Op{"log-size", "-", Request::kReadStats, AuditMode::kRefusal}, NoArgs,
+                    [&](const users::UserInfo &) { return core_.audit->Size(); });
+}
+
+Result<audit::Page> SystemService::ReadLogPage(Session &s, uint64_t number) {
+  return guard_.Run(
+      s, Op{"log-page", "-", Request::kReadStats, AuditMode::kRefusal},
+      [&] {
+        if (number == 0) return Status::Error(Code::kBadArgument, "log pages count from 1");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) { return core_.audit->ReadPage(number); });
+}
+
+Result<HsmInfo> SystemService::GetHsmInfo(Session &s) {
+  return guard_.Run(s, Op{"hsm-info", "-", Request::kFree, AuditMode::kRefusal}, NoArgs,
+                    [&](const users::UserInfo &) -> Result<HsmInfo> {
+                      HsmInfo info;
+                      Result<std::string> serial = core_.store->GetSetting("serial_number");
+                      char host[256] = {};
+                      if (gethostname(host, sizeof host - 1) != 0) host[0] = '\0';
+                      info.versions = {
+                          "qlhsmd software HSM",
+                          kHsmVersion,
+                          serial.ok() ? serial.value() : std::string("unknown"),
+                          std::string("software, ") + OpenSSL_version(OPENSSL_VERSION),
+                          host,
+                          std::string("engine schema ") + std::to_string(store::kSchemaVersion)};
+                      for (std::string &v : info.versions)
+                        std::replace(v.begin(), v.end(), '%', ' ');  // never a '%' in versions
+                      return info;
+                    });
+}
+
+Status SystemService::KeepAlive(Session &s) {
+  return guard_.Run(s, Op{"keep-alive", "-", Request::kFree, AuditMode::kRefusal}, NoArgs,
+                    [](const users::UserInfo &) { return Status::Ok(); });
+}
+
+Result<secure::Bytes> SystemService::Backup(Session &s, std::string_view pin) {
+  return guard_.Run(
+      s, Op{"backup", "-", Request::kBackup},
+      [&] {
+        // At least 8 characters, as the library documents.
+        if (pin.size() < 8 || pin.size() > 64)
+          return Status::Error(Code::kBadArgument, "a backup PIN has 8 to 64 characters");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) {
+        // Flush first so the backup carries the log up to this request.
+        (void)core_.audit->Flush();
+        return backup::MakeBackup(*core_.store, core_.master_key, pin, core_.data_dir);
+      });
+}
+
+Status SystemService::PushUpdatePackage(Session &s, const secure::Bytes &package) {
+  return guard_.Run(
+      s, Op{"update-package", "-", Request::kUpdatePackage}, NoArgs, [&](const users::UserInfo &) {
+        // No signing key is trusted yet, so no package can verify; nothing is
+        // ever applied unverified.
+        return Status::Error(Code::kUpdateRefused, "package signature does not verify (" +
+                                                       std::to_string(package.size()) + " bytes)");
+      });
+}
+
+Status SystemService::Administer(Session &s, std::string_view what) {
+  return guard_.Run(s, Op{what, "-", Request::kAdminister}, NoArgs, [&](const users::UserInfo &) {
+    return Status::Error(Code::kNotSupported, std::string(what) + " is not built yet");
+  });
+}
+
+Result<std::optional<uint64_t>> SystemService::Administer(Session &s, uint32_t operation,
+                                                          const secure::Bytes &input) {
+  using Answer = std::optional<uint64_t>;
+  switch (operation) {
+    case qlproto::kAdmKeepAlive: {
+      QL_RETURN_IF_ERROR(KeepAlive(s));
+      return Answer{};
+    }
+    case qlproto::kAdmProbe: {
+      QL_RETURN_IF_ERROR(KeepAlive(s));
+      return Answer{1};  // up
+    }
+    case qlproto::kAdmSetDateTime: {
+      QL_RETURN_IF_ERROR(SetDateTime(s, input));
+      return Answer{};
+    }
+    default: {
+      std::string what = "adm-" + std::to_string(operation);
+      return Administer(s, std::string_view(what));
+    }
+  }
+}
+
+Status SystemService::LoadTimeOffset() {
+  Result<std::string> text = core_.store->GetSetting(kTimeOffsetSetting);
+  if (!text.ok()) {
+    // A data directory from before the HSM kept its own time runs on the machine's clock.
+    if (text.status().code() == Code::kObjectNotFound) return Status::Ok();
+    return text.status();
+  }
+  int64_t offset = 0;
+  const std::string &v = text.value();
+  auto [end, ec] = std::from_chars(v.data(), v.data() + v.size(), offset);
+  if (ec != std::errc() || end != v.data() + v.size())
+    return Status::Error(Code::kInternal, "unreadable time offset in the settings: " + v);
+  core_.clock.set_offset(offset);
+  return Status::Ok();
+}
+
+Status SystemService::SetDateTime(Session &s, const secure::Bytes &input) {
+  uint64_t seconds = 0;
+  std::string target;
+  Op op{"set-date-time", "-", Request::kAdminister, AuditMode::kRefusal};
+  Status st = guard_.Run(
+      s, op,
+      [&] {
+        if (input.size() != sizeof(uint64_t))
+          return Status::Error(Code::kBadLength, "the time is an 8-byte number of seconds");
+        for (size_t i = 0; i < sizeof seconds; ++i) seconds |= uint64_t{input[i]} << (8 * i);
+        if (seconds > kLatestTime)
+          return Status::Error(Code::kBadArgument, "a time after year 9999");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) {
+        std::lock_guard<std::mutex> lock(core_.clock_mu);
+        const int64_t offset = static_cast<int64_t>(seconds) - Clock::MachineNow();
+        Status saved = core_.store->SetSetting(kTimeOffsetSetting, std::to_string(offset));
+        // Memory follows the store only once the store has it, so a restart finds the same time.
+        if (saved.ok()) core_.clock.set_offset(offset);
+        return saved;
+      });
+  if (!st.ok()) return st;
+  // Logged after the change, so the log line carries the new time.
+  target = std::to_string(seconds);
+  return guard_.Audit(s, Op{"set-date-time", target, Request::kAdminister, AuditMode::kChange}, st);
+}
+
+}  // namespace qlhsm

@@ -1,0 +1,86 @@
+// The HSM itself: the session's parameters, information, statistics and the audit log, random
+// bytes, administration (keep-alive, probe, the HSM's date and time), backup, update packages.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/guard.h"
+#include "engine/services/keys.h"
+
+namespace qlhsm {
+
+inline constexpr const char *kHsmVersion = "4.10.0.0";
+// The statistics' unit field: the memory figures are in MiB.
+inline constexpr uint32_t kStatUnitMiB = 2;
+
+struct StatInfo {
+  uint32_t session_count = 0;
+  uint32_t cpu_percent = 0;
+  uint32_t unit = kStatUnitMiB;
+  uint32_t mem_total = 0;
+  uint32_t mem_used = 0;
+  uint32_t swap_total = 0;
+  uint32_t swap_used = 0;
+};
+
+struct HsmInfo {
+  // model, firmware version, serial number, hardware version, HSM name, engine build
+  std::vector<std::string> versions;
+  uint64_t pending_transaction = 0;  // 0: no cluster, nothing pending
+};
+
+class SystemService {
+ public:
+  SystemService(Core &core, Guard &guard) : core_(core), guard_(guard) {}
+
+  // Whether the session's user may still use it.
+  Status CheckSession(sessions::Session &s);
+  // The session's operating mode, access mask, number, user name, or whether it runs over TLS
+  // (`tls`, which the daemon knows).
+  Result<ParamValue> GetSessionParam(sessions::Session &s, uint32_t param, bool tls);
+
+  // `len` random bytes: 1 to max_random() (kBadArgument), and at most `limit` (kLimitReached),
+  // what the answer can carry.
+  Result<secure::Bytes> GetRandom(sessions::Session &s, uint32_t len, size_t limit = SIZE_MAX);
+  Result<StatInfo> GetStatInfo(sessions::Session &s);
+  Result<uint64_t> GetLogSize(sessions::Session &s);
+  Result<audit::Page> ReadLogPage(sessions::Session &s, uint64_t number);
+  Result<HsmInfo> GetHsmInfo(sessions::Session &s);
+  Status KeepAlive(sessions::Session &s);
+  Result<secure::Bytes> Backup(sessions::Session &s, std::string_view pin);
+  Status PushUpdatePackage(sessions::Session &s, const secure::Bytes &package);
+  // An administrative operation: keep-alive (nothing), probe (1: up), set the date and time
+  // (nothing); the others are not built yet (the operator right, then kNotSupported).
+  Result<std::optional<uint64_t>> Administer(sessions::Session &s, uint32_t operation,
+                                             const secure::Bytes &input);
+  // Administrative requests not built yet: right first, then kNotSupported.
+  Status Administer(sessions::Session &s, std::string_view what);
+
+  // Sets the HSM's date and time: `input` is the new time in seconds since 1970 (UTC), as a
+  // little-endian uint64 (8 bytes; kBadLength otherwise), at most 9999-12-31 23:59:59
+  // (kBadArgument beyond). Needs the operator right. The HSM keeps the difference to this
+  // machine's clock in its settings and never changes the machine's clock.
+  Status SetDateTime(sessions::Session &s, const secure::Bytes &input);
+  // Reads the time offset from the settings into the clock.
+  Status LoadTimeOffset();
+
+  // The network's allow-list: operation list (the rules), add or remove one rule (nothing
+  // returned). Needs the operator right; see system/ip_filter.h for the codes.
+  Result<std::vector<std::string>> IpFilterOperation(sessions::Session &s, uint32_t operation,
+                                                     std::string_view rule);
+  // The allow-list the daemon checks at accept.
+  const system::IpFilter &ip_filter() const { return *core_.ip_filter; }
+  // A stored setting, nothing when unset (the daemon reads its network limits here).
+  std::optional<std::string> Setting(const char *name) const;
+
+  static size_t max_random() { return 1 << 16; }
+
+ private:
+  Core &core_;
+  Guard &guard_;
+};
+
+}  // namespace qlhsm

@@ -1,0 +1,300 @@
+// Logins, users and access tokens.
+#include "engine/services/users.h"
+
+#include "engine/services/objects.h"
+#include "engine/utf8.h"
+
+namespace qlhsm {
+
+using access::Request;
+using sessions::AuthKind;
+using sessions::Session;
+
+namespace {
+
+// User names and passwords reach the HSM as bytes; those that are not UTF-8 (NUL counts as not)
+// are refused before anything else is checked about them.
+Status CheckUtf8(std::string_view text) {
+  if (!IsUtf8(text, /*allow_nul=*/false))
+    return Status::Error(Code::kBadUtf8, "a user name or password that is not UTF-8");
+  return Status::Ok();
+}
+
+Status CheckName(std::string_view name) {
+  QL_RETURN_IF_ERROR(CheckUtf8(name));
+  return users::CheckUserName(name);
+}
+
+Status CheckPassword(std::string_view password) {
+  QL_RETURN_IF_ERROR(CheckUtf8(password));
+  if (!users::ValidPassword(password)) return Status::Error(Code::kBadArgument, "bad password");
+  return Status::Ok();
+}
+
+bool Own(const Session &s, std::string_view name) {
+  return s.logged_in() && name == s.user();
+}
+
+}  // namespace
+
+// --- log in ---
+
+Status UsersService::Login(Session &s, std::string_view user, std::string_view password,
+                           std::string_view source, std::chrono::milliseconds *delay) {
+  // Text that is not UTF-8 is refused before the session changes, unaudited and uncounted.
+  QL_RETURN_IF_ERROR(CheckUtf8(user));
+  QL_RETURN_IF_ERROR(CheckUtf8(password));
+  ResetSession(s);
+  const std::chrono::milliseconds wait = core_.throttle.Delay(user, source);
+  Result<users::UserInfo> info = core_.users->Authenticate(user, password);
+  Status st = info.ok() ? s.Attach(AuthKind::kPassword, std::string(user)) : info.status();
+  if (st.code() == Code::kAuthFailed) core_.throttle.Failed(user, source);
+  if (info.ok()) core_.throttle.Succeeded(user, source);
+  core_.audit->Append(user, "login", source.empty() ? std::string_view("-") : source,
+                      ToWire(st.code()));
+  if (delay) *delay = wait;
+  return st;
+}
+
+Status UsersService::LoginToken(Session &s, std::string_view user, const secure::Bytes &key) {
+  QL_RETURN_IF_ERROR(CheckUtf8(user));
+  ResetSession(s);
+  Status st;
+  Result<users::UserInfo> info = core_.users->Find(user);
+  if (!info.ok()) {
+    st = Status::Error(Code::kAuthFailed, "authentication failed");
+  } else {
+    Result<bool> valid = core_.tokens->Verify(user, key);
+    if (!valid.ok())
+      st = valid.status();
+    else if (!valid.value())
+      st = Status::Error(Code::kAuthFailed, "authentication failed");
+    else if (info->blocked)
+      st = Status::Error(Code::kUserBlocked, "user blocked");
+    else
+      st = s.Attach(AuthKind::kToken, std::string(user));
+  }
+  core_.audit->Append(user, "login-token", "-", ToWire(st.code()));
+  return st;
+}
+
+Status UsersService::LoginAnonymous(Session &s) {
+  ResetSession(s);
+  return s.Attach(AuthKind::kAnonymous, "");
+}
+
+Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view user,
+                                     std::string_view password, const secure::Bytes &token_key,
+                                     std::string_view source, std::chrono::milliseconds *delay) {
+  Status st;
+  switch (kind) {
+    case qlproto::kAuthAnonymous:
+      st = LoginAnonymous(s);
+      break;
+    case qlproto::kAuthUserPassword:
+      st = Login(s, user, password, source, delay);
+      break;
+    case qlproto::kAuthToken:
+      st = LoginToken(s, user, token_key);
+      break;
+    default:
+      return Status::Error(Code::kBadAuthKind, "unknown login kind");
+  }
+  if (!st.ok()) return st;
+  Result<users::UserInfo> me = guard_.Caller(s);
+  if (!me.ok()) return me.status();
+  return me->mask;
+}
+
+void UsersService::ResetSession(Session &s) {
+  s.Reset();
+}
+
+// --- users ---
+
+Status UsersService::CreateUser(Session &s, std::string_view name, std::string_view password,
+                                uint32_t mask) {
+  Op op{"create-user", name, Request::kCreateUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(CheckName(name));
+        return CheckPassword(password);
+      },
+      [&](const users::UserInfo &me) -> Status {
+        QL_RETURN_IF_ERROR(guard_.Grant(me, mask));
+        return core_.users->Create(name, password, mask);
+      });
+}
+
+Status UsersService::RemoveUser(Session &s, std::string_view name) {
+  Op op{"remove-user", name, Request::kRemoveUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op, [&] { return CheckName(name); },
+      [&](const users::UserInfo &) -> Status {
+        QL_RETURN_IF_ERROR(core_.users->Remove(name));
+        core_.keys.ForgetAll();  // the user's objects went with it
+        return Status::Ok();
+      });
+}
+
+Result<std::vector<std::string>> UsersService::ListUsers(Session &s) {
+  Op op{"list-users", "-", Request::kListUsers};
+  return guard_.Run(s, op, NoArgs, [&](const users::UserInfo &) {
+    return Result<std::vector<std::string>>(core_.users->List());
+  });
+}
+
+template <typename Change>
+Status UsersService::ChangeUser(Session &s, std::string_view op_name, std::string_view name,
+                                Change &&change) {
+  Op op{op_name, name, Request::kSetOtherUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op, [&] { return CheckName(name); },
+      [&](const users::UserInfo &) -> Status { return change(); });
+}
+
+Status UsersService::SetUserPassword(Session &s, std::string_view name, std::string_view password) {
+  Op op{"set-user-password", name,
+        Own(s, name) ? Request::kChangeOwnPassword : Request::kSetOtherUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(CheckName(name));
+        return CheckPassword(password);
+      },
+      [&](const users::UserInfo &) { return core_.users->SetPassword(name, password); });
+}
+
+Status UsersService::SetUserMask(Session &s, std::string_view name, uint32_t mask) {
+  return ChangeUser(s, "set-user-mask", name, [&] { return core_.users->SetMask(name, mask); });
+}
+
+Status UsersService::SetUserBlocked(Session &s, std::string_view name, bool blocked) {
+  return ChangeUser(s, blocked ? "block-user" : "unblock-user", name,
+                    [&] { return core_.users->SetBlocked(name, blocked); });
+}
+
+Result<users::UserInfo> UsersService::GetUser(Session &s, std::string_view name) {
+  Op op{"get-user", name, Own(s, name) ? Request::kFree : Request::kReadOtherUserMask};
+  return guard_.Run(
+      s, op, [&] { return CheckName(name); },
+      [&](const users::UserInfo &) { return core_.users->Find(name); });
+}
+
+Status UsersService::SetUserParam(Session &s, uint32_t param, std::string_view name,
+                                  std::string_view password, uint32_t mask) {
+  switch (param) {
+    case qlproto::kUpPassword:
+      return SetUserPassword(s, s.user(), password);
+    case qlproto::kUpUserPassword:
+      return SetUserPassword(s, name, password);
+    case qlproto::kUpAcl:
+      return SetUserMask(s, name, mask);
+    case qlproto::kUpBlock:
+    case qlproto::kUpUnblock:
+      return SetUserBlocked(s, name, param == qlproto::kUpBlock);
+    case qlproto::kUpX509Assign:
+    case qlproto::kUpX509Unassign:
+      return guard_.Run(s, Op{"user-certificate"}, NoArgs, [](const users::UserInfo &) {
+        return Status::Error(Code::kNotSupported, "certificate login is not built yet");
+      });
+    default:
+      return guard_.Refuse(s, Status::Error(Code::kBadArgument, "unknown user parameter"));
+  }
+}
+
+Result<uint64_t> UsersService::GetUserParam(Session &s, uint32_t param, std::string_view name) {
+  if (param == qlproto::kUpObjCount) {
+    Result<int64_t> n = objects_->CountOwnObjects(s);
+    if (!n.ok()) return n.status();
+    return static_cast<uint64_t>(*n);
+  }
+  if (param != qlproto::kUpAcl && param != qlproto::kUpBlocked) {
+    return guard_.Refuse(s, Status::Error(Code::kBadArgument, "unknown user parameter"));
+  }
+  Result<users::UserInfo> u = GetUser(s, name);
+  if (!u.ok()) return u.status();
+  return param == qlproto::kUpAcl ? uint64_t{u->mask} : uint64_t{u->blocked ? 1u : 0u};
+}
+
+// --- tokens ---
+
+Result<secure::Bytes> UsersService::IssueToken(Session &s, uint64_t expires) {
+  Op op{"issue-token", s.user(), Request::kOwnAccount, AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        if (expires > static_cast<uint64_t>(INT64_MAX))
+          return Status::Error(Code::kBadArgument, "expiry out of range");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) {
+        return core_.tokens->Issue(s.user(), static_cast<int64_t>(expires));
+      });
+}
+
+Status UsersService::RevokeToken(Session &s, std::string_view owner, const secure::Bytes &key) {
+  if (owner.empty()) owner = s.user();
+  Op op{"revoke-token", owner, Own(s, owner) ? Request::kOwnAccount : Request::kAdminister,
+        AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(CheckUtf8(owner));
+        if (key.size() != users::kTokenKeyLen)
+          return Status::Error(Code::kBadArgument, "bad token");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) { return core_.tokens->Revoke(owner, key); });
+}
+
+Result<std::vector<users::TokenInfo>> UsersService::ListTokens(Session &s) {
+  return guard_.Run(s, Op{"list-tokens", "-", Request::kOwnAccount}, NoArgs,
+                    [&](const users::UserInfo &me) {
+                      // An operator sees every user's tokens.
+                      bool everyone = access::Allowed(Request::kAdminister, me.mask);
+                      return core_.tokens->List(everyone ? "" : s.user());
+                    });
+}
+
+Result<TokenAnswer> UsersService::ManageToken(Session &s, const TokenRequest &request) {
+  TokenAnswer answer;
+  switch (request.operation) {
+    case qlproto::kTokenIssue: {
+      Result<secure::Bytes> key = IssueToken(s, request.expires);
+      if (!key.ok()) return key.status();
+      answer.key = std::move(key.value());
+      return answer;
+    }
+    case qlproto::kTokenRevoke:
+      QL_RETURN_IF_ERROR(RevokeToken(s, request.owner, request.key));
+      return answer;
+    case qlproto::kTokenList: {
+      Result<std::vector<users::TokenInfo>> tokens = ListTokens(s);
+      if (!tokens.ok()) return tokens.status();
+      answer.tokens = std::move(tokens.value());
+      return answer;
+    }
+    default:
+      return guard_.Refuse(s, Status::Error(Code::kBadArgument, "unknown token operation"));
+  }
+}
+
+Result<int64_t> UsersService::TokenCount(Session &s) {
+  return guard_.Run(s, Op{"token-count", "-", Request::kAdminister}, NoArgs,
+                    [&](const users::UserInfo &) { return core_.tokens->Count(); });
+}
+
+Result<int64_t> UsersService::CollectTokenGarbage(Session &s) {
+  return guard_.Run(s, Op{"token-gc", "-", Request::kAdminister, AuditMode::kChange}, NoArgs,
+                    [&](const users::UserInfo &) { return core_.tokens->CollectGarbage(); });
+}
+
+Result<int64_t> UsersService::ManageTokenCache(Session &s, uint32_t operation) {
+  if (operation == qlproto::kTokenCacheCount) return TokenCount(s);
+  if (operation == qlproto::kTokenCacheGc) return CollectTokenGarbage(s);
+  return guard_.Refuse(s, Status::Error(Code::kBadArgument, "unknown token cache operation"));
+}
+
+}  // namespace qlhsm

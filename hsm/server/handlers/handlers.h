@@ -1,0 +1,112 @@
+// The daemon's request handlers: one file per request family, each handler turning one message
+// into one engine call and its answer back into a response. Handlers hold no rules of their own:
+// every check (session, arguments, right, existence, state) is the engine's.
+//
+// A new request: its handler in its family's file, declared below, and its row in table.cpp.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "engine/engine.h"
+#include "qlhsm.pb.h"
+#include "server/request_handler.h"
+
+namespace qlhsm::server::handlers {
+
+namespace pb = qlhsm::v1;
+
+// What a handler works with: the engine, the connection's session and state, the daemon's
+// settings.
+struct Call {
+  Engine &engine;
+  sessions::Session &session;
+  ConnectionState &state;
+  const HandlerConfig &config;
+};
+
+using Handler = void (*)(const pb::Request &request, Call &call, pb::Response *response);
+
+// The handler of a request kind, or null for a kind nothing serves.
+Handler Find(pb::Request::BodyCase kind);
+
+// --- answers ---
+void SetStatus(const Status &st, pb::Response *r);
+// On success `fill` writes the value into the response; on failure the status goes out.
+template <typename T, typename Fill>
+void Reply(const Result<T> &res, pb::Response *r, Fill &&fill) {
+  if (!res.ok()) return SetStatus(res.status(), r);
+  fill(res.value());
+  SetStatus(Status::Ok(), r);
+}
+// An empty success body (the library checks that one is there).
+void ReplyEmpty(const Status &st, pb::Response *r);
+
+secure::Bytes ToBytes(const std::string &s);
+std::string ToString(const secure::Bytes &b);
+KeyArg ToKeyArg(const pb::KeyRef &ref);
+void SetKeyHandle(const KeyDesc &k, pb::Response *r);
+void SetNames(const std::vector<std::string> &names, pb::Response *r);
+// The most bytes of payload one answer may carry.
+uint32_t FramePayload(const Call &c);
+
+// --- users and logins (users.cpp) ---
+void Login(const pb::Request &, Call &, pb::Response *);
+void Logout(const pb::Request &, Call &, pb::Response *);
+void CreateUser(const pb::Request &, Call &, pb::Response *);
+void RemoveUser(const pb::Request &, Call &, pb::Response *);
+void ListUsers(const pb::Request &, Call &, pb::Response *);
+void SetUserParam(const pb::Request &, Call &, pb::Response *);
+void GetUserParam(const pb::Request &, Call &, pb::Response *);
+void GetUserAcl(const pb::Request &, Call &, pb::Response *);
+void ManageToken(const pb::Request &, Call &, pb::Response *);
+void ManageTokenCache(const pb::Request &, Call &, pb::Response *);
+
+// --- objects and files (objects.cpp) ---
+void ListObjects(const pb::Request &, Call &, pb::Response *);
+void RemoveObject(const pb::Request &, Call &, pb::Response *);
+void RenameObject(const pb::Request &, Call &, pb::Response *);
+void GetObjectInfo(const pb::Request &, Call &, pb::Response *);
+void ReadFile(const pb::Request &, Call &, pb::Response *);
+void WriteFile(const pb::Request &, Call &, pb::Response *);
+void GetObjectMetadata(const pb::Request &, Call &, pb::Response *);
+void SetObjectMetadata(const pb::Request &, Call &, pb::Response *);
+
+// --- keys (keys.cpp) ---
+void GenerateKey(const pb::Request &, Call &, pb::Response *);
+void OpenKey(const pb::Request &, Call &, pb::Response *);
+void ImportKey(const pb::Request &, Call &, pb::Response *);
+void ExportKey(const pb::Request &, Call &, pb::Response *);
+void DestroyKey(const pb::Request &, Call &, pb::Response *);
+void SetKeyParam(const pb::Request &, Call &, pb::Response *);
+void GetKeyParam(const pb::Request &, Call &, pb::Response *);
+void Pkcs8Export(const pb::Request &, Call &, pb::Response *);
+void Pkcs8Import(const pb::Request &, Call &, pb::Response *);
+void GenerateKeyMaterial(const pb::Request &, Call &, pb::Response *);
+void GenEcdhKey(const pb::Request &, Call &, pb::Response *);
+
+// --- hashes (hashes.cpp) ---
+void CreateHash(const pb::Request &, Call &, pb::Response *);
+void HashData(const pb::Request &, Call &, pb::Response *);
+void GetHashValue(const pb::Request &, Call &, pb::Response *);
+void DestroyHash(const pb::Request &, Call &, pb::Response *);
+
+// --- signatures and ciphers (crypto.cpp) ---
+void SignHash(const pb::Request &, Call &, pb::Response *);
+void VerifySignature(const pb::Request &, Call &, pb::Response *);
+void BatchSign(const pb::Request &, Call &, pb::Response *);
+void Cipher(const pb::Request &, Call &, pb::Response *);
+
+// --- the HSM itself: session, information, statistics, administration (system.cpp) ---
+void GetSessionParam(const pb::Request &, Call &, pb::Response *);
+void AdmOperation(const pb::Request &, Call &, pb::Response *);
+void GetHsmInfo(const pb::Request &, Call &, pb::Response *);
+void GetStatInfo(const pb::Request &, Call &, pb::Response *);
+void GetStatLogSize(const pb::Request &, Call &, pb::Response *);
+void GetTlsCert(const pb::Request &, Call &, pb::Response *);
+void GetRandom(const pb::Request &, Call &, pb::Response *);
+void Backup(const pb::Request &, Call &, pb::Response *);
+void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
+void IpFilter(const pb::Request &, Call &, pb::Response *);
+
+}  // namespace qlhsm::server::handlers

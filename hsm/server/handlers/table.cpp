@@ -1,0 +1,94 @@
+// The request table: which handler serves which request kind. One row per request.
+#include <array>
+
+#include "server/handlers/handlers.h"
+
+namespace qlhsm::server::handlers {
+
+namespace {
+
+struct Row {
+  pb::Request::BodyCase kind;
+  Handler handler;
+};
+
+using R = pb::Request;
+
+constexpr Row kRows[] = {
+    // users and logins
+    {R::kLogin, Login},
+    {R::kLogout, Logout},
+    {R::kCreateUser, CreateUser},
+    {R::kRemoveUser, RemoveUser},
+    {R::kListUsers, ListUsers},
+    {R::kSetUserParam, SetUserParam},
+    {R::kGetUserParam, GetUserParam},
+    {R::kGetUserAcl, GetUserAcl},
+    {R::kManageAtoken, ManageToken},
+    {R::kManageAtokenCache, ManageTokenCache},
+    // objects and files
+    {R::kListObjs, ListObjects},
+    {R::kRemoveObj, RemoveObject},
+    {R::kRenameObj, RenameObject},
+    {R::kGetObjInfo, GetObjectInfo},
+    {R::kReadFile, ReadFile},
+    {R::kWriteFile, WriteFile},
+    {R::kGetObjMetadataJson, GetObjectMetadata},
+    {R::kSetObjMetadataJson, SetObjectMetadata},
+    // keys
+    {R::kGenerateKey, GenerateKey},
+    {R::kOpenKey, OpenKey},
+    {R::kImportKey, ImportKey},
+    {R::kExportKey, ExportKey},
+    {R::kDestroyKey, DestroyKey},
+    {R::kSetKeyParam, SetKeyParam},
+    {R::kGetKeyParam, GetKeyParam},
+    {R::kPkcs8Export, Pkcs8Export},
+    {R::kPkcs8Import, Pkcs8Import},
+    {R::kGenerateKeyMaterial, GenerateKeyMaterial},
+    {R::kGenEcdhKey, GenEcdhKey},
+    // hashes
+    {R::kCreateHash, CreateHash},
+    {R::kHashData, HashData},
+    {R::kGetHashValue, GetHashValue},
+    {R::kDestroyHash, DestroyHash},
+    // signatures and ciphers
+    {R::kSignHash, SignHash},
+    {R::kVerifySignature, VerifySignature},
+    {R::kBatchSign, BatchSign},
+    {R::kCipher, Cipher},
+    // the HSM itself
+    {R::kGetSessionParam, GetSessionParam},
+    {R::kAdmOperation, AdmOperation},
+    {R::kGetHsmInfo, GetHsmInfo},
+    {R::kGetStatInfo, GetStatInfo},
+    {R::kGetStatLogSize, GetStatLogSize},
+    {R::kGetTlsCert, GetTlsCert},
+    {R::kGetRandom, GetRandom},
+    {R::kBackup, Backup},
+    {R::kUpackPush, PushUpdatePackage},
+    {R::kIpFilter, IpFilter},
+};
+
+// Request kinds are the body's field numbers, all below this.
+constexpr size_t kMaxKind = 128;
+
+constexpr std::array<Handler, kMaxKind> MakeIndex() {
+  std::array<Handler, kMaxKind> index{};
+  for (const Row &row : kRows) {
+    if (static_cast<size_t>(row.kind) >= kMaxKind) throw "a request kind past the index";
+    index[static_cast<size_t>(row.kind)] = row.handler;
+  }
+  return index;
+}
+
+constexpr std::array<Handler, kMaxKind> kIndex = MakeIndex();
+
+}  // namespace
+
+Handler Find(pb::Request::BodyCase kind) {
+  size_t k = static_cast<size_t>(kind);
+  return k < kMaxKind ? kIndex[k] : nullptr;
+}
+
+}  // namespace qlhsm::server::handlers

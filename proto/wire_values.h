@@ -1,0 +1,78 @@
+// The numbers that travel inside the messages besides return codes: login kinds, user, session
+// and key parameters, key flags, operations. The daemon reads them from here (it never includes
+// the library's header); the library checks at compile time that each constant of qlapi.h named
+// in the list has the value listed here.
+//
+//   X(daemon name, library constant, value)
+#pragma once
+
+#include <cstdint>
+
+// clang-format off
+#define QL_WIRE_VALUES(X)                                    \
+  X(kDefaultPort,           QL_DEFAULT_PORT,           4433) \
+  X(kAuthAnonymous,         QL_AUTH_ANONYMOUS,         1)    \
+  X(kAuthUserPassword,      QL_AUTH_USER_PWD,          16)   \
+  X(kAuthToken,             QL_AUTH_ATOKEN,            32)   \
+  X(kKeyExportable,         QL_KEY_EXPORTABLE,         1)    \
+  X(kKeyNoCrypt,            QL_KEY_NO_CRYPT,           2)    \
+  X(kKeyTemporary,          QL_KEY_TEMPORARY,          4)    \
+  X(kKeyRsaExp3,            QL_KEY_RSA_EXP3,           2048) \
+  X(kKeyBlockchain,         QL_KEY_BLOCKCHAIN,         16384)\
+  X(kAlgPublicKeyBit,       QL_ALG_PUBLIC_KEY_BIT,     0x80000000u) \
+  X(kObjFile,               QL_OBJ_FILE,               12)   \
+  X(kObjX509,               QL_OBJ_X509,               13)   \
+  X(kPrivateKeyBlobStrict,  QL_PRIVATEKEY_BLOB_STRICT, 14)   \
+  X(kKpAlgId,               QKP_ALGID,                 1)    \
+  X(kKpIv,                  QKP_IV,                    2)    \
+  X(kKpPadding,             QKP_PADDING,               3)    \
+  X(kKpMode,                QKP_MODE,                  4)    \
+  X(kKpAad,                 QKP_AAD,                   5)    \
+  X(kKpTagLen,              QKP_TAG_LEN,               6)    \
+  X(kKpFlags,               QKP_FLAGS,                 7)    \
+  X(kKpKeyBits,             QKP_KEYBITS,               8)    \
+  X(kKpKeyLen,              QKP_KEYLEN,                9)    \
+  X(kKpObjId,               QKP_OBJ_ID,                10)   \
+  X(kKpObjType,             QKP_OBJ_TYPE,              11)   \
+  X(kKpBlocked,             QKP_BLOCKED,               12)   \
+  X(kUpPassword,            QL_UP_PASSWORD,            1)    \
+  X(kUpAcl,                 QL_UP_ACL,                 2)    \
+  X(kUpBlock,               QL_UP_BLOCK,               3)    \
+  X(kUpUnblock,             QL_UP_UNBLOCK,             4)    \
+  X(kUpUserPassword,        QL_UP_USER_PASSWORD,       5)    \
+  X(kUpObjCount,            QL_UP_OBJ_COUNT,           6)    \
+  X(kUpBlocked,             QL_UP_BLOCKED,             7)    \
+  X(kUpX509Assign,          QL_UP_X509_ASSIGN,         8)    \
+  X(kUpX509Unassign,        QL_UP_X509_UNASSIGN,       9)    \
+  X(kSpUserName,            QL_SP_USER_NAME,           1)    \
+  X(kSpAcl,                 QL_SP_ACL,                 2)    \
+  X(kSpSessionId,           QL_SP_SESSION_ID,          3)    \
+  X(kSpTls,                 QL_SP_TLS,                 4)    \
+  X(kSpOperatingMode,       QL_SP_OPERATING_MODE,      1024) \
+  X(kOpModeNormal,          QL_OP_MODE_NORMAL,         1)    \
+  X(kAdmSetDateTime,        QL_ADM_SET_DATE_TIME,      1)    \
+  X(kAdmKeepAlive,          QL_ADM_KEEPALIVE,          4)    \
+  X(kAdmProbe,              QL_ADM_PROBE,              5)    \
+  X(kTokenIssue,            QL_ATOKEN_ISSUE,           1)    \
+  X(kTokenRevoke,           QL_ATOKEN_REVOKE,          2)    \
+  X(kTokenList,             QL_ATOKEN_LIST,            3)    \
+  X(kTokenCacheCount,       QL_ATOKEN_CACHE_COUNT,     1)    \
+  X(kTokenCacheGc,          QL_ATOKEN_CACHE_GC,        2)    \
+  X(kWriteFileReplace,      QL_WRITE_FILE_REPLACE,     1)    \
+  X(kJsonMetadataObject,    QL_JSON_METADATA_OBJECT,   0)    \
+  X(kMaxJsonMetadata,       QL_MAX_JSON_METADATA,      65536)\
+  X(kGenKeyKdfRawSecret,    QL_GEN_KEY_KDF_RAW_SECRET, 1)    \
+  X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)    \
+  X(kIpFilterList,          QL_IPF_LIST,               1)    \
+  X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
+  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)
+// clang-format on
+
+namespace qlproto {
+
+#define QL_WIRE_CONSTANT(daemon_name, library_name, value) \
+  inline constexpr uint32_t daemon_name = value;
+QL_WIRE_VALUES(QL_WIRE_CONSTANT)
+#undef QL_WIRE_CONSTANT
+
+}  // namespace qlproto
