@@ -68,5 +68,11 @@
   X(kBadJson,          QL_ERR_BAD_JSON,             5027,                                          \
     "The metadata is not one JSON object in UTF-8.")                                               \
   X(kUpdateRefused,    QL_ERR_UPACK_REFUSED,        5034,                                          \
-    "Update package refused: its signature does not verify.")
+    "Update package refused: its signature does not verify.")                                      \
+  X(kLastAdministrator, QL_ERR_LAST_ADMINISTRATOR, 5043,                                           \
+    "The last user with the operator right cannot be removed, blocked or lose that right.")        \
+  X(kBadUtf8, QL_ERR_BAD_UTF8, 5044, "A user name or password that is not UTF-8.")                 \
+  X(kSessionRevoked, QL_ERR_SESSION_REVOKED, 5045,                                                 \
+    "The session was revoked: its user was blocked or removed, its token revoked or its "          \
+    "password changed.")
 // clang-format on

@@ -58,6 +58,9 @@ struct Core {
   sessions::SessionRegistry registry;
   stats::CpuSampler cpu;
   size_t max_objects = 100000;
+  // One change at a time of what makes a user an administrator (removal, block, mask), so that
+  // two of them can never take away the last one between them.
+  std::mutex administrators_mu;
   KeyCache keys;
 
   // An object's name as the session's user sees it ("object" or "owner/object"): an argument

@@ -142,6 +142,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+#define QL_ERR_LAST_ADMINISTRATOR 5043 /* the last user with ACL_SYS_OPERATOR stays one */
+#define QL_ERR_BAD_UTF8 5044           /* a user name or password that is not UTF-8 */
+#define QL_ERR_SESSION_REVOKED 5045    /* the session's user blocked or removed, its token
+                                          revoked or its password changed: log in again */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */

@@ -5,10 +5,7 @@
 #include <mutex>
 
 namespace qlhsm::users {
-namespace {
-
-
-}  // namespace
+namespace {}  // namespace
 
 bool ValidUserName(std::string_view name) {
   if (name.empty() || name.size() > kMaxUserName) return false;
@@ -52,6 +49,7 @@ Status UserDirectory::Load() {
       e.info.mask = static_cast<uint32_t>(st->Int(2));
       e.info.blocked = st->Int(3) != 0;
       e.info.generation = next_generation_++;
+      e.info.credential = e.info.generation;
       users_.emplace(e.info.name, std::move(e));
     }
     return Status::Ok();
@@ -110,7 +108,10 @@ Status UserDirectory::Create(std::string_view name, std::string_view password, u
     Result<store::Statement> st = conn.Prepare(
         "INSERT INTO users(name, password_hash, mask, blocked, created) VALUES(?1, ?2, ?3, 0, ?4)");
     if (!st.ok()) return st.status();
-    st->Bind(1, name).Bind(2, hash.value()).Bind(3, static_cast<int64_t>(mask)).Bind(4, clock_->Now());
+    st->Bind(1, name)
+        .Bind(2, hash.value())
+        .Bind(3, static_cast<int64_t>(mask))
+        .Bind(4, clock_->Now());
     Status s = st->Run();
     if (s.code() == Code::kObjectExists) return Status::Error(Code::kUserExists, "user exists");
     QL_RETURN_IF_ERROR(s);
@@ -118,6 +119,7 @@ Status UserDirectory::Create(std::string_view name, std::string_view password, u
     std::unique_lock lock(mu_);
     Entry e;
     e.info = UserInfo{std::string(name), mask, false, next_generation_++};
+    e.info.credential = e.info.generation;
     e.password_hash = std::move(hash.value());
     users_[e.info.name] = std::move(e);
     return Status::Ok();
@@ -161,6 +163,7 @@ Status UserDirectory::SetPassword(std::string_view name, std::string_view passwo
         it->second.password_hash = hash.value();
         it->second.verified_mac.clear();
         it->second.info.generation = next_generation_++;
+        it->second.info.credential = it->second.info.generation;
       });
 }
 
@@ -183,6 +186,8 @@ Status UserDirectory::SetBlocked(std::string_view name, bool blocked) {
         it->second.info.blocked = blocked;
         it->second.verified_mac.clear();
         it->second.info.generation = next_generation_++;
+        // A block ends the sessions of before, even once the user is unblocked.
+        if (blocked) it->second.info.credential = it->second.info.generation;
       });
 }
 
