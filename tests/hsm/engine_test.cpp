@@ -43,17 +43,6 @@ TEST(Engine, InitMakesMasterWithEveryRightAndRefusesASecondInit) {
   EXPECT_EQ(Engine::Init(other.path(), "").code(), Code::kBadArgument);
 }
 
-TEST(Engine, LoginFailuresAreNamed) {
-  EngineFixture f;
-  auto s = f.engine->NewSession();
-  EXPECT_EQ(f.engine->users().Login(*s, kMasterUser, "wrong").code(), Code::kAuthFailed);
-  EXPECT_EQ(f.engine->users().Login(*s, "nobody", "x").code(), Code::kAuthFailed);
-  ASSERT_TRUE(f.engine->users().CreateUser(*f.master, "blk", "pw", 0).ok());
-  ASSERT_TRUE(f.engine->users().SetUserBlocked(*f.master, "blk", true).ok());
-  EXPECT_EQ(f.engine->users().Login(*s, "blk", "pw").code(), Code::kUserBlocked);
-  EXPECT_FALSE(s->logged_in());
-}
-
 TEST(Engine, SessionIsCheckedFirst) {
   EngineFixture f;
   auto none = f.engine->NewSession();
