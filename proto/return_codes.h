@@ -74,8 +74,12 @@
     "Unknown HSM: no certificate is pinned for this address (strict mode).")                       \
   X(kHsmIdentityUnverified, QL_ERR_HSM_IDENTITY_UNVERIFIED, 5042,                                  \
     "The HSM's identity could not be verified (certificate chain, address or pin file).")          \
-  X(kBadUtf8,          QL_ERR_BAD_UTF8,             5044,                                          \
-    "A user name or password that is not UTF-8 text.")                                             \
+  X(kLastAdministrator, QL_ERR_LAST_ADMINISTRATOR, 5043,                                           \
+    "The last user with the operator right cannot be removed, blocked or lose that right.")        \
+  X(kBadUtf8, QL_ERR_BAD_UTF8, 5044, "A user name or password that is not UTF-8.")                 \
+  X(kSessionRevoked, QL_ERR_SESSION_REVOKED, 5045,                                                 \
+    "The session was revoked: its user was blocked or removed, its token revoked or its "          \
+    "password changed.")                                                                           \
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \

@@ -60,6 +60,9 @@ struct Core {
   sessions::SessionRegistry registry;
   stats::CpuSampler cpu;
   size_t max_objects = 100000;
+  // One change at a time of what makes a user an administrator (removal, block, mask), so that
+  // two of them can never take away the last one between them.
+  std::mutex administrators_mu;
   KeyCache keys;
   // Failed logins by name and by address, and the delay of the next answer.
   users::LoginThrottle throttle;

@@ -14,9 +14,16 @@ Result<users::UserInfo> Guard::Caller(sessions::Session &s) {
     case AuthKind::kToken:
       break;
   }
+  // A session serves only while what it logged in with holds: the user is there, not blocked,
+  // has the same password, and its token (for a token login) was not revoked.
   Result<users::UserInfo> me = core_.users->Find(s.user());
-  if (!me.ok()) return Status::Error(Code::kNotLoggedIn, "the session's user was removed");
-  if (me->blocked) return Status::Error(Code::kUserBlocked, "user blocked");
+  if (!me.ok()) return Status::Error(Code::kSessionRevoked, "the session's user was removed");
+  if (me->blocked) return Status::Error(Code::kSessionRevoked, "the session's user was blocked");
+  if (me->credential != s.credential())
+    return Status::Error(Code::kSessionRevoked, "the user's password changed");
+  if (s.auth() == AuthKind::kToken &&
+      core_.tokens->RevokedSince(s.token_id(), s.seen_revocations()))
+    return Status::Error(Code::kSessionRevoked, "the session's token was revoked");
   return me;
 }
 
@@ -24,6 +31,8 @@ Status Guard::Right(sessions::Session &s, const Op &op, const users::UserInfo &m
   if (const FaultPoints *f = InstalledFaults(); f && f->GrantEveryRight()) return Status::Ok();
   const bool anonymous = s.auth() == AuthKind::kAnonymous;
   QL_RETURN_IF_ERROR(access::Check(op.right, me.mask, anonymous));
+  // A second right of kFree (the default) adds nothing to the first.
+  if (op.also == access::Request::kFree) return Status::Ok();
   return access::Check(op.also, me.mask, anonymous);
 }
 

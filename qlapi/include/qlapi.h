@@ -142,12 +142,15 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
 #define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
-/* The HSM's identity (checked before any credential leaves), the caller's text, and the HSM's
- * guard of its network. */
+/* The HSM's identity (checked before any credential leaves), the caller's text, the HSM's users
+ * and sessions, and its guard of the network. */
 #define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the certificate differs from the one pinned */
 #define QL_ERR_HSM_IDENTITY_UNKNOWN 5041    /* no certificate pinned for the HSM (strict mode) */
 #define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* chain, address or pin file does not verify */
+#define QL_ERR_LAST_ADMINISTRATOR 5043      /* the last user with ACL_SYS_OPERATOR stays one */
 #define QL_ERR_BAD_UTF8 5044                /* a user name or password that is not UTF-8 */
+#define QL_ERR_SESSION_REVOKED 5045         /* the session's user blocked or removed, its token
+                                               revoked or its password changed: log in again */
 #define QL_ERR_SESSION_EXPIRED 5046         /* the session sat idle past the HSM's idle timeout */
 #define QL_ERR_ADDRESS_REFUSED 5047         /* the address may not connect (allow-list, plain) */
 

@@ -155,6 +155,8 @@ Result<pb::Response> SessionCore::Call(pb::Request &request) {
   if (!link_ || !link_->conn || link_->conn->broken()) return Status(QL_ERR_SESSION_CLOSED);
   auto response = Exchange(*link_, request);
   if (!response.ok() && (!link_->conn || link_->conn->broken())) link_.reset();
+  // The HSM ended this session's service: its connection must not serve another.
+  if (response.ok() && response.value().code() == QL_ERR_SESSION_REVOKED) revoked_ = true;
   return response;
 }
 
@@ -174,7 +176,7 @@ Status SessionCore::Close(bool keep, std::unique_ptr<Link> *link) {
     request.mutable_logout();
     auto response = Exchange(*link_, request);
     const bool logged_out = response.ok() && response.value().code() == QL_OK;
-    if (logged_out && keep && cacheable_ && link_->conn && !link_->conn->broken()) {
+    if (logged_out && keep && cacheable_ && !revoked_ && link_->conn && !link_->conn->broken()) {
       *link = std::move(link_);
       return Status::Ok();
     }

@@ -70,6 +70,7 @@ class SessionCore {
   Credentials creds_;
   std::unique_ptr<Link> link_;
   bool cacheable_;
+  bool revoked_ = false;  // the HSM answered QL_ERR_SESSION_REVOKED: never back to the cache
 };
 
 // Opens a new connection, says Hello and logs in (both sent before either answer is read).

@@ -28,7 +28,7 @@ constexpr Row kExpected[] = {
     {Request::kRemoveUser, "RemoveUser", ".....Y..Y..."},
     {Request::kSetOtherUser, "SetOtherUser", "........Y..."},
     {Request::kReadOtherUserMask, "ReadOtherUserMask", ".......YY..."},
-    {Request::kChangeOwnPassword, "ChangeOwnPassword", "YYYYYYYYYYYY"},
+    {Request::kChangeOwnPassword, "ChangeOwnPassword", "YYYYYYYYYYY."},
     {Request::kListUsers, "ListUsers", ".......YY..."},
     {Request::kReadStats, "ReadStats", "......Y.Y..."},
     {Request::kCreateObject, "CreateObject", "...Y........"},
@@ -41,8 +41,8 @@ constexpr Row kExpected[] = {
     {Request::kRestore, "Restore", "........YY.."},
     {Request::kUpdatePackage, "UpdatePackage", "........Y.Y."},
     {Request::kAdminister, "Administer", "........Y..."},
-    {Request::kOwnAccount, "OwnAccount", "YYYYYYYYYYY."},
-    {Request::kFree, "Free", "YYYYYYYYYYYY"},
+    {Request::kFree, "Free", "YYYYYYYYYYY."},
+    {Request::kPublic, "Public", "YYYYYYYYYYYY"},
 };
 
 static_assert(std::size(kExpected) == static_cast<size_t>(Request::kCount),
@@ -84,6 +84,27 @@ TEST(AccessRules, CombinedMasksAllowWhenAnyBitMatches) {
   EXPECT_FALSE(Allowed(Request::kListUsers, kUsrCreate | kUsrRemoteLog | kObjDel));
   EXPECT_TRUE(Allowed(Request::kOpenObject, kObjUpdate | kSysBackup));
   EXPECT_FALSE(Allowed(Request::kUseObject, kObjUpdate | kSysOperator));
+}
+
+// Removal, one cell per remover and target: a user creator removes only users within its bits.
+TEST(AccessRules, RemoverMayRemoveOnlyWithinItsOwnBitsUnlessOperator) {
+  struct Cell {
+    uint32_t remover, target;
+    bool allowed;
+  } cells[] = {
+      {kUsrCreate, 0, true},
+      {kUsrCreate, kUsrCreate, true},
+      {kUsrCreate | kObjRead, kObjRead, true},
+      {kUsrCreate, kObjRead, false},
+      {kUsrCreate, kSysOperator, false},
+      {kUsrCreate | kObjRead, kAllRights, false},
+      {kSysOperator, kAllRights, true},
+      {kSysOperator, kSysOperator, true},
+  };
+  for (const Cell &c : cells) {
+    EXPECT_EQ(CheckRemoval(c.remover, c.target).code(), c.allowed ? Code::kOk : Code::kAccessDenied)
+        << std::hex << c.remover << " removing " << c.target;
+  }
 }
 
 TEST(AccessRules, CreatorMayGrantOnlyItsOwnBitsUnlessOperator) {

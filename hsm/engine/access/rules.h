@@ -21,7 +21,10 @@
 // | back up, restore                                | 0x100 or 0x80         | 5002      |
 // | push an update package                          | 0x200 or 0x80         | 5002      |
 // | set the date and time, other administration     | 0x80                  | 5002      |
-// | everything else (random, hash, keep-alive, ...) | nothing               | -         |
+// | everything else (hash, one's own session, ...)  | nothing               | -         |
+//
+// Anonymous sessions read public information only (the HSM's information and certificate,
+// probe, keep-alive, random bytes: kPublic) and get 5002 for everything else.
 //
 // The services map onto these rows: reading an object's JSON metadata is a read (kUseObject),
 // writing it an update (kUpdateObject); ECDH uses its private key (kUseObject) and, when it keeps
@@ -31,7 +34,9 @@
 //
 // After the right: a user that exists 5013, no such user 5020, object name taken 5022, missing
 // object 5004, an update package that does not verify 5034; a new user's mask may hold only bits
-// its creator holds, unless the creator has 0x80.
+// its creator holds, and a user may be removed only when its mask holds only bits the remover
+// holds, unless the creator or remover has 0x80; the last user with 0x80 can never be removed,
+// blocked or lose 0x80 (5043).
 #pragma once
 
 #include <array>
@@ -76,19 +81,19 @@ enum class Request {
   kRestore,
   kUpdatePackage,
   kAdminister,
-  kOwnAccount,  // one's own tokens: a user login, no right
   kFree,
+  kPublic,
   kCount
 };
 
 struct Rule {
   Request request;
-  uint32_t any_of;        // 0: no right needed
-  bool anonymous = true;  // whether an anonymous session may make the request
+  uint32_t any_of;         // 0: no right needed
+  bool anonymous = false;  // whether an anonymous session may make the request
 };
 
 inline constexpr std::array<Rule, static_cast<size_t>(Request::kCount)> kRules{{
-    {Request::kLogin, 0},
+    {Request::kLogin, 0, true},
     {Request::kCreateUser, kUsrCreate | kSysOperator},
     {Request::kRemoveUser, kUsrCreate | kSysOperator},
     {Request::kSetOtherUser, kSysOperator},
@@ -106,8 +111,8 @@ inline constexpr std::array<Rule, static_cast<size_t>(Request::kCount)> kRules{{
     {Request::kRestore, kSysBackup | kSysOperator},
     {Request::kUpdatePackage, kSysUpdateHsm | kSysOperator},
     {Request::kAdminister, kSysOperator},
-    {Request::kOwnAccount, 0, false},
     {Request::kFree, 0},
+    {Request::kPublic, 0, true},
 }};
 
 // The table is indexed by the enum: keep the rows in the enum's order.
@@ -137,6 +142,17 @@ constexpr bool MayGrant(uint32_t creator_mask, uint32_t new_mask) {
 
 inline Status CheckGrant(uint32_t creator_mask, uint32_t new_mask) {
   if (MayGrant(creator_mask, new_mask)) return Status::Ok();
+  return Status::Error(Code::kAccessDenied, "access denied");
+}
+
+// A user may be removed only when its mask holds only bits the remover holds, unless the remover
+// is an operator: the rule of creation, read the other way.
+constexpr bool MayRemove(uint32_t remover_mask, uint32_t target_mask) {
+  return MayGrant(remover_mask, target_mask);
+}
+
+inline Status CheckRemoval(uint32_t remover_mask, uint32_t target_mask) {
+  if (MayRemove(remover_mask, target_mask)) return Status::Ok();
   return Status::Error(Code::kAccessDenied, "access denied");
 }
 

@@ -68,7 +68,7 @@ Result<ParamValue> SystemService::GetSessionParam(Session &s, uint32_t param, bo
 
 Result<secure::Bytes> SystemService::GetRandom(Session &s, uint32_t len, size_t limit) {
   return guard_.Run(
-      s, Op{"random", "-", Request::kFree, AuditMode::kRefusal},
+      s, Op{"random", "-", Request::kPublic, AuditMode::kRefusal},
       [&] {
         if (len > limit) return Status::Error(Code::kLimitReached, "more than an answer holds");
         if (len == 0 || len > max_random())
@@ -110,7 +110,7 @@ Result<audit::Page> SystemService::ReadLogPage(Session &s, uint64_t number) {
 }
 
 Result<HsmInfo> SystemService::GetHsmInfo(Session &s) {
-  return guard_.Run(s, Op{"hsm-info", "-", Request::kFree, AuditMode::kRefusal}, NoArgs,
+  return guard_.Run(s, Op{"hsm-info", "-", Request::kPublic, AuditMode::kRefusal}, NoArgs,
                     [&](const users::UserInfo &) -> Result<HsmInfo> {
                       HsmInfo info;
                       Result<std::string> serial = core_.store->GetSetting("serial_number");
@@ -130,7 +130,7 @@ Result<HsmInfo> SystemService::GetHsmInfo(Session &s) {
 }
 
 Status SystemService::KeepAlive(Session &s) {
-  return guard_.Run(s, Op{"keep-alive", "-", Request::kFree, AuditMode::kRefusal}, NoArgs,
+  return guard_.Run(s, Op{"keep-alive", "-", Request::kPublic, AuditMode::kRefusal}, NoArgs,
                     [](const users::UserInfo &) { return Status::Ok(); });
 }
 

@@ -12,23 +12,28 @@ using sessions::Session;
 
 namespace {
 
-// User names and passwords reach the HSM as bytes; those that are not UTF-8 (NUL counts as not)
-// are refused before anything else is checked about them.
-Status CheckUtf8(std::string_view text) {
-  if (!IsUtf8(text, /*allow_nul=*/false))
+// User names and passwords are UTF-8 text.
+Status CheckText(std::string_view name, std::string_view password) {
+  if (!IsUtf8(name) || !IsUtf8(password))
     return Status::Error(Code::kBadUtf8, "a user name or password that is not UTF-8");
   return Status::Ok();
 }
 
+// A request naming a user: the name is UTF-8 text, then a valid user name.
 Status CheckName(std::string_view name) {
-  QL_RETURN_IF_ERROR(CheckUtf8(name));
+  QL_RETURN_IF_ERROR(CheckText(name, {}));
   return users::CheckUserName(name);
 }
 
-Status CheckPassword(std::string_view password) {
-  QL_RETURN_IF_ERROR(CheckUtf8(password));
+Status CheckNameAndPassword(std::string_view name, std::string_view password) {
+  QL_RETURN_IF_ERROR(CheckText(name, password));
+  QL_RETURN_IF_ERROR(users::CheckUserName(name));
   if (!users::ValidPassword(password)) return Status::Error(Code::kBadArgument, "bad password");
   return Status::Ok();
+}
+
+bool IsAdministrator(const users::UserInfo &u) {
+  return !u.blocked && (u.mask & access::kSysOperator) != 0;
 }
 
 bool Own(const Session &s, std::string_view name) {
@@ -41,13 +46,11 @@ bool Own(const Session &s, std::string_view name) {
 
 Status UsersService::Login(Session &s, std::string_view user, std::string_view password,
                            std::string_view source, std::chrono::milliseconds *delay) {
-  // Text that is not UTF-8 is refused before the session changes, unaudited and uncounted.
-  QL_RETURN_IF_ERROR(CheckUtf8(user));
-  QL_RETURN_IF_ERROR(CheckUtf8(password));
   ResetSession(s);
   const std::chrono::milliseconds wait = core_.throttle.Delay(user, source);
   Result<users::UserInfo> info = core_.users->Authenticate(user, password);
   Status st = info.ok() ? s.Attach(AuthKind::kPassword, std::string(user)) : info.status();
+  if (st.ok()) s.set_credential(info->credential);
   if (st.code() == Code::kAuthFailed) core_.throttle.Failed(user, source);
   if (info.ok()) core_.throttle.Succeeded(user, source);
   core_.audit->Append(user, "login", source.empty() ? std::string_view("-") : source,
@@ -57,7 +60,6 @@ Status UsersService::Login(Session &s, std::string_view user, std::string_view p
 }
 
 Status UsersService::LoginToken(Session &s, std::string_view user, const secure::Bytes &key) {
-  QL_RETURN_IF_ERROR(CheckUtf8(user));
   ResetSession(s);
   Status st;
   Result<users::UserInfo> info = core_.users->Find(user);
@@ -73,6 +75,11 @@ Status UsersService::LoginToken(Session &s, std::string_view user, const secure:
       st = Status::Error(Code::kUserBlocked, "user blocked");
     else
       st = s.Attach(AuthKind::kToken, std::string(user));
+    if (st.ok()) {
+      s.set_credential(info->credential, secure::Sha256(key));
+      *s.seen_revocations() = 0;
+      core_.tokens->RevokedSince(s.token_id(), s.seen_revocations());
+    }
   }
   core_.audit->Append(user, "login-token", "-", ToWire(st.code()));
   return st;
@@ -86,6 +93,10 @@ Status UsersService::LoginAnonymous(Session &s) {
 Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view user,
                                      std::string_view password, const secure::Bytes &token_key,
                                      std::string_view source, std::chrono::milliseconds *delay) {
+  if (kind != qlproto::kAuthAnonymous) {
+    Status text = CheckText(user, kind == qlproto::kAuthUserPassword ? password : "");
+    if (!text.ok()) return text;
+  }
   Status st;
   switch (kind) {
     case qlproto::kAuthAnonymous:
@@ -116,11 +127,7 @@ Status UsersService::CreateUser(Session &s, std::string_view name, std::string_v
                                 uint32_t mask) {
   Op op{"create-user", name, Request::kCreateUser, AuditMode::kChange};
   return guard_.Run(
-      s, op,
-      [&] {
-        QL_RETURN_IF_ERROR(CheckName(name));
-        return CheckPassword(password);
-      },
+      s, op, [&] { return CheckNameAndPassword(name, password); },
       [&](const users::UserInfo &me) -> Status {
         QL_RETURN_IF_ERROR(guard_.Grant(me, mask));
         return core_.users->Create(name, password, mask);
@@ -131,7 +138,12 @@ Status UsersService::RemoveUser(Session &s, std::string_view name) {
   Op op{"remove-user", name, Request::kRemoveUser, AuditMode::kChange};
   return guard_.Run(
       s, op, [&] { return CheckName(name); },
-      [&](const users::UserInfo &) -> Status {
+      [&](const users::UserInfo &me) -> Status {
+        Result<users::UserInfo> target = core_.users->Find(name);
+        if (!target.ok()) return target.status();
+        QL_RETURN_IF_ERROR(access::CheckRemoval(me.mask, target->mask));
+        std::lock_guard<std::mutex> lock(core_.administrators_mu);
+        QL_RETURN_IF_ERROR(KeepAnAdministrator(name, false));
         QL_RETURN_IF_ERROR(core_.users->Remove(name));
         core_.keys.ForgetAll();  // the user's objects went with it
         return Status::Ok();
@@ -154,25 +166,47 @@ Status UsersService::ChangeUser(Session &s, std::string_view op_name, std::strin
       [&](const users::UserInfo &) -> Status { return change(); });
 }
 
+Status UsersService::KeepAnAdministrator(std::string_view name, bool stays) {
+  Result<users::UserInfo> target = core_.users->Find(name);
+  if (!target.ok() || stays || !IsAdministrator(*target)) return Status::Ok();
+  for (const std::string &other : core_.users->List()) {
+    if (other == name) continue;
+    Result<users::UserInfo> u = core_.users->Find(other);
+    if (u.ok() && IsAdministrator(*u)) return Status::Ok();
+  }
+  return Status::Error(Code::kLastAdministrator, "the last administrator stays one");
+}
+
 Status UsersService::SetUserPassword(Session &s, std::string_view name, std::string_view password) {
   Op op{"set-user-password", name,
         Own(s, name) ? Request::kChangeOwnPassword : Request::kSetOtherUser, AuditMode::kChange};
   return guard_.Run(
-      s, op,
-      [&] {
-        QL_RETURN_IF_ERROR(CheckName(name));
-        return CheckPassword(password);
-      },
-      [&](const users::UserInfo &) { return core_.users->SetPassword(name, password); });
+      s, op, [&] { return CheckNameAndPassword(name, password); },
+      [&](const users::UserInfo &) -> Status {
+        QL_RETURN_IF_ERROR(core_.users->SetPassword(name, password));
+        // The session that changed its own password goes on; the user's others end.
+        if (Own(s, name)) {
+          Result<users::UserInfo> me = core_.users->Find(name);
+          if (me.ok()) s.set_credential(me->credential, s.token_id());
+        }
+        return Status::Ok();
+      });
 }
 
 Status UsersService::SetUserMask(Session &s, std::string_view name, uint32_t mask) {
-  return ChangeUser(s, "set-user-mask", name, [&] { return core_.users->SetMask(name, mask); });
+  return ChangeUser(s, "set-user-mask", name, [&]() -> Status {
+    std::lock_guard<std::mutex> lock(core_.administrators_mu);
+    QL_RETURN_IF_ERROR(KeepAnAdministrator(name, (mask & access::kSysOperator) != 0));
+    return core_.users->SetMask(name, mask);
+  });
 }
 
 Status UsersService::SetUserBlocked(Session &s, std::string_view name, bool blocked) {
-  return ChangeUser(s, blocked ? "block-user" : "unblock-user", name,
-                    [&] { return core_.users->SetBlocked(name, blocked); });
+  return ChangeUser(s, blocked ? "block-user" : "unblock-user", name, [&]() -> Status {
+    std::lock_guard<std::mutex> lock(core_.administrators_mu);
+    if (blocked) QL_RETURN_IF_ERROR(KeepAnAdministrator(name, false));
+    return core_.users->SetBlocked(name, blocked);
+  });
 }
 
 Result<users::UserInfo> UsersService::GetUser(Session &s, std::string_view name) {
@@ -221,7 +255,7 @@ Result<uint64_t> UsersService::GetUserParam(Session &s, uint32_t param, std::str
 // --- tokens ---
 
 Result<secure::Bytes> UsersService::IssueToken(Session &s, uint64_t expires) {
-  Op op{"issue-token", s.user(), Request::kOwnAccount, AuditMode::kChange};
+  Op op{"issue-token", s.user(), Request::kFree, AuditMode::kChange};
   return guard_.Run(
       s, op,
       [&] {
@@ -236,12 +270,11 @@ Result<secure::Bytes> UsersService::IssueToken(Session &s, uint64_t expires) {
 
 Status UsersService::RevokeToken(Session &s, std::string_view owner, const secure::Bytes &key) {
   if (owner.empty()) owner = s.user();
-  Op op{"revoke-token", owner, Own(s, owner) ? Request::kOwnAccount : Request::kAdminister,
+  Op op{"revoke-token", owner, Own(s, owner) ? Request::kFree : Request::kAdminister,
         AuditMode::kChange};
   return guard_.Run(
       s, op,
       [&] {
-        QL_RETURN_IF_ERROR(CheckUtf8(owner));
         if (key.size() != users::kTokenKeyLen)
           return Status::Error(Code::kBadArgument, "bad token");
         return Status::Ok();
@@ -250,7 +283,7 @@ Status UsersService::RevokeToken(Session &s, std::string_view owner, const secur
 }
 
 Result<std::vector<users::TokenInfo>> UsersService::ListTokens(Session &s) {
-  return guard_.Run(s, Op{"list-tokens", "-", Request::kOwnAccount}, NoArgs,
+  return guard_.Run(s, Op{"list-tokens", "-", Request::kFree}, NoArgs,
                     [&](const users::UserInfo &me) {
                       // An operator sees every user's tokens.
                       bool everyone = access::Allowed(Request::kAdminister, me.mask);

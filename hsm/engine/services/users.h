@@ -81,6 +81,11 @@ class UsersService {
   Status ChangeUser(sessions::Session &s, std::string_view op, std::string_view name,
                     Change &&change);
 
+  // The state step of a change that may take the operator right from `name` (removal, block,
+  // a mask without it; `stays`: the change keeps it): kLastAdministrator when no other unblocked
+  // user with the operator right would remain. Run under core_.administrators_mu.
+  Status KeepAnAdministrator(std::string_view name, bool stays);
+
   Core &core_;
   Guard &guard_;
   ObjectsService *objects_ = nullptr;

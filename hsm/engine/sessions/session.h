@@ -46,6 +46,17 @@ class Session {
   // Drops the login and every temporary object; the session no longer counts as open.
   void Reset();
 
+  // What the login rested on: the user's credential generation and, for a token login, the
+  // token's SHA-256. A change of either ends the session's service (see the guard).
+  void set_credential(uint64_t generation, std::vector<uint8_t> token_id = {}) {
+    credential_ = generation;
+    token_id_ = std::move(token_id);
+  }
+  uint64_t credential() const { return credential_; }
+  const std::vector<uint8_t> &token_id() const { return token_id_; }
+  // Token revocations this session has already looked at.
+  uint64_t *seen_revocations() { return &seen_revocations_; }
+
   uint64_t AddTemp(TempObject obj);
   TempObject *FindTemp(uint64_t handle);
   bool RemoveTemp(uint64_t handle);
@@ -72,6 +83,9 @@ class Session {
   AuthKind auth_ = AuthKind::kNone;
   bool counted_ = false;
   std::string user_;
+  uint64_t credential_ = 0;
+  std::vector<uint8_t> token_id_;
+  uint64_t seen_revocations_ = 0;
   uint64_t next_handle_ = 1;
   std::unordered_map<uint64_t, TempObject> temps_;
   std::unordered_map<uint64_t, std::string> opened_;

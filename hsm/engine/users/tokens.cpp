@@ -3,10 +3,7 @@
 #include <chrono>
 
 namespace qlhsm::users {
-namespace {
-
-
-}  // namespace
+namespace {}  // namespace
 
 Result<secure::Bytes> TokenStore::Issue(std::string_view owner, int64_t expires) {
   if (expires < 0) return Status::Error(Code::kBadArgument, "negative token expiry");
@@ -28,8 +25,16 @@ Result<secure::Bytes> TokenStore::Issue(std::string_view owner, int64_t expires)
   return key;
 }
 
+bool TokenStore::RevokedSince(const secure::Bytes &id, uint64_t *seen) {
+  uint64_t now = revocations_.load(std::memory_order_acquire);
+  if (now == *seen) return false;
+  std::lock_guard<std::mutex> lock(revoked_mu_);
+  *seen = now;
+  return revoked_.count(id) != 0;
+}
+
 Status TokenStore::Revoke(std::string_view owner, const secure::Bytes &key) {
-  return store_.Locked([&](store::Connection &conn) -> Status {
+  Status st = store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
     Result<store::Statement> st =
@@ -40,6 +45,12 @@ Status TokenStore::Revoke(std::string_view owner, const secure::Bytes &key) {
     if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such token");
     return tx.Commit();
   });
+  if (st.ok()) {
+    std::lock_guard<std::mutex> lock(revoked_mu_);
+    revoked_.insert(secure::Sha256(key));
+    revocations_.fetch_add(1, std::memory_order_release);
+  }
+  return st;
 }
 
 Result<std::vector<TokenInfo>> TokenStore::List(std::string_view owner) {

@@ -2,7 +2,10 @@
 // only SHA-256 of the secret; the secret itself is handed out once, at issue.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,10 +44,16 @@ class TokenStore {
   Result<int64_t> CollectGarbage();
   // True when `key` is a live token of `owner`.
   Result<bool> Verify(std::string_view owner, const secure::Bytes &key);
+  // Whether the token whose SHA-256 is `id` was revoked since `*seen` (a count of revocations
+  // the caller keeps, updated here): a relaxed load when nothing was revoked since.
+  bool RevokedSince(const secure::Bytes &id, uint64_t *seen);
 
  private:
   store::Store &store_;
   const Clock *clock_;
+  std::atomic<uint64_t> revocations_{0};
+  std::mutex revoked_mu_;
+  std::set<secure::Bytes> revoked_;  // since the daemon started; sessions do not outlive it
 };
 
 }  // namespace qlhsm::users

@@ -49,6 +49,7 @@ Status UserDirectory::Load() {
       e.info.mask = static_cast<uint32_t>(st->Int(2));
       e.info.blocked = st->Int(3) != 0;
       e.info.generation = next_generation_++;
+      e.info.credential = e.info.generation;
       users_.emplace(e.info.name, std::move(e));
     }
     return Status::Ok();
@@ -138,6 +139,7 @@ Status UserDirectory::Create(std::string_view name, std::string_view password, u
     std::unique_lock lock(mu_);
     Entry e;
     e.info = UserInfo{std::string(name), mask, false, next_generation_++};
+    e.info.credential = e.info.generation;
     e.password_hash = std::move(hash.value());
     users_[e.info.name] = std::move(e);
     return Status::Ok();
@@ -181,6 +183,7 @@ Status UserDirectory::SetPassword(std::string_view name, std::string_view passwo
         it->second.password_hash = hash.value();
         it->second.verified_mac.clear();
         it->second.info.generation = next_generation_++;
+        it->second.info.credential = it->second.info.generation;
       });
 }
 
@@ -203,6 +206,8 @@ Status UserDirectory::SetBlocked(std::string_view name, bool blocked) {
         it->second.info.blocked = blocked;
         it->second.verified_mac.clear();
         it->second.info.generation = next_generation_++;
+        // A block ends the sessions of before, even once the user is unblocked.
+        if (blocked) it->second.info.credential = it->second.info.generation;
       });
 }
 

@@ -33,6 +33,9 @@ struct UserInfo {
   bool blocked = false;
   // Bumped by every change of password, mask or block state; sessions compare it to notice.
   uint64_t generation = 0;
+  // Changes when the password changes or the user is made anew: a session logged in before then
+  // no longer serves.
+  uint64_t credential = 0;
 };
 
 // A user name: 1 to 16 printable characters, no blanks and no '/' (which separates owner and

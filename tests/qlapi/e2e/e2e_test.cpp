@@ -155,6 +155,34 @@ TEST(E2eSessions, AnonymousMayOnlyDoWhatNeedsNoRight) {
   EXPECT_EQ(QCloseSession(&s, 0), QL_OK);
 }
 
+TEST(E2eUsers, AUserCreatorCannotRemoveTheMaster) {
+  TempUser creator("creator", ACL_USR_CREATE);
+  HSESSIONCTX s = nullptr;
+  ASSERT_EQ(Open(&s, creator.name(), creator.pwd(), QL_SESSION_BYPASS_CACHE), QL_OK);
+  EXPECT_EQ(QRemoveUser(s, "master"), QL_ERR_ACCESS_DENIED);
+  QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  Master m;  // still there
+}
+
+TEST(E2eSessions, ASessionEndsWhenItsPasswordChanges) {
+  TempUser bob("bob", ACL_OBJ_READ);
+  HSESSIONCTX s = nullptr;
+  ASSERT_EQ(Open(&s, bob.name(), bob.pwd(), 0), QL_OK);
+  {
+    Master m;
+    QL_USER_INFO u = UserRecord(bob.name(), "newpass1", 0);
+    ASSERT_EQ(QSetUserParam(m.get(), QL_UP_USER_PASSWORD, &u, sizeof u), QL_OK);
+  }
+  EXPECT_EQ(QAdmOperation(s, QL_ADM_KEEPALIVE, nullptr, 0, nullptr, nullptr, 0),
+            QL_ERR_SESSION_REVOKED);
+  EXPECT_STREQ(QGetReturnCodeString(QL_ERR_SESSION_REVOKED, QL_RC_STR_NAME),
+               "QL_ERR_SESSION_REVOKED");
+  QCloseSession(&s, 0);
+  EXPECT_EQ(Open(&s, bob.name(), "newpass1", 0), QL_OK);
+  EXPECT_EQ(QAdmOperation(s, QL_ADM_KEEPALIVE, nullptr, 0, nullptr, nullptr, 0), QL_OK);
+  QCloseSession(&s, 0);
+}
+
 TEST(E2eSessions, AccessTokenLoginAndRevocation) {
   QL_A_TOKEN token;
   {
