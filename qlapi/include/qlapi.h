@@ -149,10 +149,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_HSM_IDENTITY_UNVERIFIED 5042 /* chain, address or pin file does not verify */
 #define QL_ERR_LAST_ADMINISTRATOR 5043      /* the last user with ACL_SYS_OPERATOR stays one */
 #define QL_ERR_BAD_UTF8 5044                /* a user name or password that is not UTF-8 */
-#define QL_ERR_SESSION_REVOKED 5045         /* the session's user blocked or removed, its token
-                                               revoked or its password changed: log in again */
-#define QL_ERR_SESSION_EXPIRED 5046         /* the session sat idle past the HSM's idle timeout */
-#define QL_ERR_ADDRESS_REFUSED 5047         /* the address may not connect (allow-list, plain) */
+/* 5045: the session's user was blocked or removed, its token revoked or its password changed. */
+#define QL_ERR_SESSION_REVOKED 5045 /* the session was revoked: log in again */
+#define QL_ERR_SESSION_EXPIRED 5046 /* the session sat idle past the HSM's idle timeout */
+#define QL_ERR_ADDRESS_REFUSED 5047 /* the address may not connect (allow-list, plain) */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
