@@ -7,7 +7,7 @@ PACKAGES=(
   clang clang-format libclang-rt-14-dev
   libssl-dev openssl libsqlite3-dev zlib1g-dev
   libprotobuf-dev protobuf-compiler libasio-dev libcli11-dev
-  libp11-kit-dev softhsm2 libsecp256k1-dev nlohmann-json3-dev
+  libp11-kit-dev softhsm2 libsecp256k1-dev nlohmann-json3-dev python3-jsonschema
   libgtest-dev libgmock-dev libbenchmark-dev
   procps
 )

@@ -43,6 +43,18 @@ void BeginCommandOptions(const TEST_PARAMETER *pTestParam, int nParameters) {
   s.params.store(pTestParam, std::memory_order_release);
 }
 
+const TEST_FUNCTION *GetCommandRow() {
+  return State().row;
+}
+
+TEST_PARAMETER *GetCommandOptions(int *count) {
+  CommandOptions &s = State();
+  const TEST_PARAMETER *params = s.params.load(std::memory_order_acquire);
+  *count = params != nullptr ? s.count : 0;
+  // The getters take the array as writable; none of them writes to it.
+  return const_cast<TEST_PARAMETER *>(params);
+}
+
 void SetCommandRow(const TEST_FUNCTION *row) {
   CommandOptions &s = State();
   s.row = row;

@@ -17,6 +17,9 @@
 void BeginCommandOptions(const TEST_PARAMETER *pTestParam, int nParameters);
 // The row of the command that runs; null while none was found.
 void SetCommandRow(const TEST_FUNCTION *row);
+const TEST_FUNCTION *GetCommandRow();
+// The run's parameter array and its length (null and 0 outside a run).
+TEST_PARAMETER *GetCommandOptions(int *count);
 // Forgets the array and the row.
 void EndCommandOptions();
 

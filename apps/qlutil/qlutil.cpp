@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Output.h"
+#include "harness/results.h"
 #include "option_usage.h"
 
 #ifdef _WIN32
@@ -60,6 +61,8 @@ int RunDriver(int argc, const char *const *argv, const TEST_FUNCTION *pFunctions
   ParseParameters(argc, argv, &pRaw, &nParameters);
   const std::unique_ptr<TEST_PARAMETER[], ParamsDeleter> pTestParam(pRaw);
   BeginCommandOptions(pTestParam.get(), nParameters);
+  ResetResultsOptions();
+  SetResultsCommandLine(argc, argv);
   struct OptionsEnd {
     ~OptionsEnd() { EndCommandOptions(); }
   } options_end;

@@ -50,12 +50,31 @@ class StatsSampler {
   std::thread thread_;
 };
 
+// A thread of a monitored run: its loop guard finds the thread's tally (results.h).
+struct MonitoredStart {
+  pfn_TestThread body = nullptr;
+  void *record = nullptr;
+  PassTally *tally = nullptr;
+};
+
+unsigned int MonitoredThread(void *pv) {
+  auto *start = static_cast<MonitoredStart *>(pv);
+  perf_tally::current = start->tally;
+  const unsigned int answer = start->body(start->record);
+  perf_tally::current = nullptr;
+  return answer;
+}
+
 }  // namespace
 
 int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback InitializeTest,
                            pfn_InitFinCallback FinalizeTest, pfn_InitializeThread InitializeThread,
                            pfn_FinalizeThread FinalizeThread, void *pTestInfo, size_t cbTestInfo) {
-  // Switches the command never read are reported before anything reaches the HSM.
+  // The results switches of every -p command (results.h), then the switches the command never
+  // read, before anything reaches the HSM.
+  int option_count = 0;
+  TEST_PARAMETER *options = GetCommandOptions(&option_count);
+  if (options != nullptr && !LoadResultsOptions(options, option_count)) return kResultUsage;
   if (CheckUnreadOptions()) return kResultUsage;
   // Checks of the command line as a whole go here: nothing has been started or asked of the
   // HSM yet.
@@ -75,6 +94,11 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
   const int threads = ti->Threads > 0 ? ti->Threads : 0;
   std::vector<QL_THREAD_HANDLE> handles(static_cast<size_t>(threads), nullptr);
   std::unique_ptr<unsigned char[]> copies(new unsigned char[threads * cbTestInfo + 1]);
+  // The opt-in results (--latency, --json, --progress, --duration, ...): off unless asked for.
+  const ResultsOptions &results = GetResultsOptions();
+  std::unique_ptr<RunMonitor> monitor;
+  if (results.Any()) monitor = std::make_unique<RunMonitor>(results, threads);
+  std::vector<MonitoredStart> monitored(monitor ? static_cast<size_t>(threads) : 0);
   // Copies whose InitializeThread succeeded: each of them gets its FinalizeThread.
   int copies_ready = 0;
 
@@ -112,9 +136,16 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
     if (IsStatsEnabled(ti)) sampler.Start(ti);
     times.start_date = time(nullptr);
     const double start = ChronStart();
+    if (monitor) monitor->Start();
     int started = 0;
     for (; started < threads; ++started) {
-      handles[started] = CreateThreadNow(ThreadFunc, CopyAt(copies.get(), cbTestInfo, started));
+      THREAD_INFO *copy = CopyAt(copies.get(), cbTestInfo, started);
+      if (monitor) {
+        monitored[started] = {ThreadFunc, copy, monitor->Tally(started)};
+        handles[started] = CreateThreadNow(MonitoredThread, &monitored[started]);
+      } else {
+        handles[started] = CreateThreadNow(ThreadFunc, copy);
+      }
       if (handles[started] == nullptr) {
         ScreenOutput("\n\nFailed to create thread. Count: %d Asked: %d\n\n", started, ti->Threads);
         ScreenOutput("Exiting! \n\n");
@@ -126,6 +157,13 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
     }
     WaitForThreads(handles.data(), static_cast<uint32_t>(started));
     times.result_ms = ChronEndDelta(start) * 1000.0;
+    if (monitor) {
+      // Measured from the end of the warm-up; the passes are the ones the threads counted.
+      const uint64_t end_ns = SteadyNowNs();
+      monitor->Finish();
+      times.result_ms = static_cast<double>(end_ns - monitor->MeasureStartNs()) / 1e6;
+      times.passes = static_cast<int64_t>(monitor->TotalPasses());
+    }
     times.end_date = time(nullptr);
     for (QL_THREAD_HANDLE &handle : handles) {
       CloseThreadHandle(handle);
@@ -170,6 +208,11 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
     // items.
     if (ti->BlockCount != 0) {
       ti->Iterations = static_cast<int>(static_cast<int64_t>(ti->Iterations) * ti->BlockCount);
+      if (times.passes >= 0) times.passes *= ti->BlockCount;
+    }
+    // A run of fixed duration records the mean passes of a thread as its iterations.
+    if (monitor && results.duration_s > 0 && ti->Threads > 0) {
+      ti->Iterations = static_cast<int>(times.passes / ti->Threads);
     }
     runner_detail::ReportSuccess(ti, times, dwFlags);
   } else {
@@ -178,5 +221,19 @@ int ExecutePerfTestThreads(pfn_TestThread ThreadFunc, pfn_InitFinCallback Initia
                                                             ErrorCode);
     runner_detail::ReportFailure(ti, ErrorCode, times, dwFlags);
   }
-  return clean_up();
+  if (!monitor) return clean_up();
+  const LatencyHistogram latency = monitor->MergedHistogram();
+  RunSummary summary;
+  summary.result_code = ErrorCode != kRunnerNoError ? ErrorCode : 0;
+  summary.threads = ti->Threads;
+  summary.iterations = results.duration_s > 0 ? -1 : ti->Iterations;
+  summary.metric = ti->Metric;
+  summary.message_size = ti->MessageSize;
+  summary.passes = times.passes >= 0 ? static_cast<uint64_t>(times.passes) : 0;
+  summary.elapsed_ms = times.result_ms;
+  summary.latency = results.latency ? &latency : nullptr;
+  summary.per_second = &monitor->PerSecond();
+  summary.hsm_statistics = IsStatsEnabled(ti) ? &sampler.results() : nullptr;
+  summary.ti = ti;
+  return ReportResults(summary, clean_up());
 }

@@ -24,9 +24,9 @@ void WriteRow(const THREAD_INFO *ti, int result_code, const RunTimes &times, dou
 void ReportSuccess(const THREAD_INFO *ti, const RunTimes &times, uint32_t dwFlags) {
   const double result = times.result_ms;
   // 64-bit products, so that long runs print true figures.
-  const int64_t nTotalTests = static_cast<int64_t>(ti->Threads) * ti->Iterations;
-  const int64_t nTotalBytes =
-      static_cast<int64_t>(ti->MessageSize) * ti->Iterations * static_cast<int64_t>(ti->Threads);
+  const int64_t nTotalTests =
+      times.passes >= 0 ? times.passes : static_cast<int64_t>(ti->Threads) * ti->Iterations;
+  const int64_t nTotalBytes = static_cast<int64_t>(ti->MessageSize) * nTotalTests;
 
   if (ti->Metric == 1) {
     const float fOpTime = static_cast<float>(nTotalTests) / (static_cast<float>(result) / 1000.0f);

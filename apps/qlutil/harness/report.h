@@ -14,6 +14,7 @@ struct RunTimes {
   time_t start_date = 0;
   time_t end_date = 0;
   double result_ms = 0.0;  // elapsed wall time of the threads
+  int64_t passes = -1;     // passes of every thread together; -1: threads times iterations
 };
 
 // Footer (by footer format and Metric), -out row with result 0, and qlutil_time when asked.

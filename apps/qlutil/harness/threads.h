@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "harness/results.h"
 #include "harness/thread_info.h"
 
 // True when -t was given.
@@ -33,6 +34,10 @@ class ThreadErrorSignaling {
 // The loop guard of every thread body: with max -1 never stops; stops once *counter has
 // reached max; otherwise counts one up and lets the body go on.
 inline bool ShouldStopPerfTestLoop(unsigned long *counter, int max) {
+  // A run with --latency, --progress, --duration, --warmup, --json or --compare (results.h).
+  if (PassTally *tally = perf_tally::current; tally != nullptr) [[unlikely]] {
+    return perf_tally::PassBoundary(tally, counter, max);
+  }
   if (max == -1) return false;
   if (static_cast<long long>(*counter) >= max) return true;
   ++*counter;
