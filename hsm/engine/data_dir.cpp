@@ -61,17 +61,7 @@ namespace {
 // master.key: magic, scrypt N, r, p (big-endian, 8 bytes each), salt, then the sealed key.
 constexpr std::string_view kMasterMagic = "QLMK1\n";
 constexpr std::string_view kMasterAad = "qlhsm.master-key.v1";
-constexpr size_t kMasterHead = 6 + 24 + secure::kSaltLen;
-
-void PutU64(secure::Bytes &out, uint64_t v) {
-  for (int i = 7; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-}
-
-uint64_t GetU64(const uint8_t *p) {
-  uint64_t v = 0;
-  for (int i = 0; i < 8; ++i) v = v << 8 | p[i];
-  return v;
-}
+constexpr size_t kMasterHead = 6 + secure::kKdfParamsLen + secure::kSaltLen;
 
 }  // namespace
 
@@ -85,9 +75,7 @@ Status WriteMasterKey(const std::string &data_dir, const secure::Bytes &key,
   OPENSSL_cleanse(wrapping->data(), wrapping->size());
   if (!sealed.ok()) return sealed.status();
   secure::Bytes file(kMasterMagic.begin(), kMasterMagic.end());
-  PutU64(file, kdf.n);
-  PutU64(file, kdf.r);
-  PutU64(file, kdf.p);
+  secure::AppendKdfParams(file, kdf);
   file.insert(file.end(), salt->begin(), salt->end());
   file.insert(file.end(), sealed->begin(), sealed->end());
   return WritePrivateFile(DataPath(data_dir, kMasterKeyFile), file);
@@ -113,16 +101,10 @@ Result<secure::Bytes> LoadMasterKey(const std::string &data_dir, std::string_vie
   if (file->size() != kMasterHead + secure::kNonceLen + secure::kKeyLen + secure::kTagLen ||
       !std::equal(kMasterMagic.begin(), kMasterMagic.end(), file->begin()))
     return Status::Error(Code::kBadArgument, path + " is damaged or not a sealed master key");
-  secure::KdfParams kdf;
-  kdf.n = GetU64(file->data() + 6);
-  const uint64_t r = GetU64(file->data() + 14), p = GetU64(file->data() + 22);
-  if (kdf.n < 2 || kdf.n > (1u << 22) || (kdf.n & (kdf.n - 1)) != 0 || r == 0 || r > 32 || p == 0 ||
-      p > 16)
-    return Status::Error(Code::kBadArgument, path + " is damaged");
-  kdf.r = static_cast<uint32_t>(r);
-  kdf.p = static_cast<uint32_t>(p);
-  secure::Bytes salt(file->begin() + 30, file->begin() + kMasterHead);
-  Result<secure::Bytes> wrapping = secure::Scrypt(unlock_secret, salt, kdf);
+  const std::optional<secure::KdfParams> kdf = secure::ReadKdfParams(file->data() + 6);
+  if (!kdf) return Status::Error(Code::kBadArgument, path + " is damaged");
+  secure::Bytes salt(file->begin() + 6 + secure::kKdfParamsLen, file->begin() + kMasterHead);
+  Result<secure::Bytes> wrapping = secure::Scrypt(unlock_secret, salt, *kdf);
   if (!wrapping.ok()) return wrapping.status();
   Result<secure::Bytes> key =
       secure::Open(*wrapping, secure::Bytes(file->begin() + kMasterHead, file->end()), kMasterAad);

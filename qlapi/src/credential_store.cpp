@@ -1,6 +1,5 @@
 #include "credential_store.h"
 
-#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string_view>
@@ -91,24 +90,7 @@ Status Save(const std::string &path, const std::vector<Line> &lines) {
   for (const Line &l : lines) {
     text += l.target + '\t' + l.credential.user + '\t' + Base64Encode(l.credential.password) + '\n';
   }
-  static std::atomic<unsigned> counter{0};
-  const std::string tmp =
-      path + ".tmp" + std::to_string(getpid()) + "." + std::to_string(counter++);
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return Status(QL_ERR_CREDENTIAL_STORE);
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  const bool ok = done == text.size() && fsync(fd) == 0;
-  ::close(fd);
-  if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
-    ::unlink(tmp.c_str());
-    return Status(QL_ERR_CREDENTIAL_STORE);
-  }
-  return Status::Ok();
+  return WriteFileAtomically(path, text, QL_ERR_CREDENTIAL_STORE);
 }
 
 // The lines of the store, or none when it does not exist yet.

@@ -1,9 +1,13 @@
 #include "home_dir.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <vector>
 
-#ifndef _WIN32
+#ifdef _WIN32
+#include <fstream>
+#else
+#include <fcntl.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -27,6 +31,33 @@ Result<std::string> UserHomeFile(const char *name, int error) {
   }
   if (found == nullptr || pw.pw_dir == nullptr || pw.pw_dir[0] == '\0') return Status(error);
   return std::string(pw.pw_dir) + "/" + name;
+#endif
+}
+
+Status WriteFileAtomically(const std::string &path, const std::string &text, int error) {
+#ifdef _WIN32
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+  return out ? Status::Ok() : Status(error);
+#else
+  static std::atomic<unsigned> counter{0};
+  const std::string tmp =
+      path + ".tmp" + std::to_string(getpid()) + "." + std::to_string(counter++);
+  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) return Status(error);
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n <= 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  const bool ok = done == text.size() && fsync(fd) == 0;
+  ::close(fd);
+  if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
+    ::unlink(tmp.c_str());
+    return Status(error);
+  }
+  return Status::Ok();
 #endif
 }
 

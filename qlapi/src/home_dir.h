@@ -11,4 +11,9 @@ namespace qlapi {
 // "<home>/<name>"; `error` when the home directory cannot be found.
 Result<std::string> UserHomeFile(const char *name, int error);
 
+// Replaces `path` with `text` as a whole: written to a new private file (0600, not through a
+// link) next to it, flushed to disk, then renamed over it. `error` when any step fails; nothing
+// of a failed write is left behind. (On Windows: written in place.)
+Status WriteFileAtomically(const std::string &path, const std::string &text, int error);
+
 }  // namespace qlapi

@@ -1,6 +1,5 @@
 #include "known_hsms.h"
 
-#include <atomic>
 #include <cctype>
 #include <mutex>
 #include <string_view>
@@ -100,30 +99,7 @@ Result<std::vector<Entry>> Parse(const std::string &text) {
 Status Save(const std::string &path, const std::vector<Entry> &entries) {
   std::string text = "# qlapi known HSMs: address:port SP SHA-256 of the certificate (hex)\n";
   for (const Entry &e : entries) text += e.first + ' ' + e.second + '\n';
-#ifdef _WIN32
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-  return Status(out ? QL_OK : kBadFile);
-#else
-  static std::atomic<unsigned> counter{0};
-  const std::string tmp =
-      path + ".tmp" + std::to_string(getpid()) + "." + std::to_string(counter++);
-  const int fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) return Status(kBadFile);
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  const bool ok = done == text.size() && fsync(fd) == 0;
-  ::close(fd);
-  if (!ok || ::rename(tmp.c_str(), path.c_str()) != 0) {
-    ::unlink(tmp.c_str());
-    return Status(kBadFile);
-  }
-  return Status::Ok();
-#endif
+  return WriteFileAtomically(path, text, kBadFile);
 }
 
 Result<std::vector<Entry>> LoadEntries(const std::string &path) {

@@ -92,10 +92,6 @@ TEST(FuncCnt, UnknownInterfacesAreNotTestedAndABadOneFails) {
 }
 
 TEST(FuncEncDec, PassesAndFailsOnCorruptDecryption) {
-  int rc = 0;
-  if (!HsmServesCiphers(SharedHsm(), &rc)) {
-    GTEST_SKIP() << "the HSM does not serve block-cipher encryption yet (rc " << rc << ")";
-  }
   RunResult r = RunQlutil(With(SharedHsm(), {"-f", "enc-dec", "-t", "2", "-i", "2", "-k", "aes128",
                                              "-mo", "cbc", "-pa", "pkcs5_padding", "-m", "1000"}));
   EXPECT_EQ(r.exit_code, 0) << r.out;
@@ -111,10 +107,6 @@ TEST(FuncEncDec, PassesAndFailsOnCorruptDecryption) {
 }
 
 TEST(FuncWrapUnwrap, PassesLeavesNoWrappingKeyAndFailsOnCorruptDecryption) {
-  int rc = 0;
-  if (!HsmServesCiphers(SharedHsm(), &rc)) {
-    GTEST_SKIP() << "the HSM does not serve block-cipher encryption yet (rc " << rc << ")";
-  }
   const auto before = ListObjects(SharedHsm());
   RunResult r = RunQlutil(With(SharedHsm(), {"-f", "wrap-unwrap", "-t", "2", "-i", "2", "-k",
                                              "aes128", "-mo", "cbc", "-pa", "pkcs5_padding"}));

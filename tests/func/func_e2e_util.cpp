@@ -11,6 +11,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "library_session.h"
 #include "qlapi.h"
 
 namespace functest {
@@ -171,66 +172,14 @@ std::unique_ptr<qltest::HsmProcess> StartFaultyHsm(const std::string &fault) {
   }
 }
 
-namespace {
-
-struct Session {
-  HSESSIONCTX h = nullptr;
-  ~Session() {
-    if (h != nullptr) QCloseSession(&h, QL_CLOSE_PHYSICAL);
-  }
-};
-
-bool OpenMaster(const qltest::HsmProcess &hsm, Session *s) {
-  AUTH_PWD_EX auth;
-  memset(&auth, 0, sizeof auth);
-  snprintf(auth.szAddr, sizeof auth.szAddr, "%s", hsm.address().c_str());
-  auth.nPort = hsm.port();
-  snprintf(auth.szUserId, sizeof auth.szUserId, "master");
-  snprintf(auth.szPassword, sizeof auth.szPassword, "%s", hsm.master_password().c_str());
-  const int rc = QOpenSession(&s->h, QL_AUTH_USER_PWD, &auth, sizeof auth,
-                              QL_SESSION_ENCRYPTED | QL_SESSION_BYPASS_CACHE);
-  EXPECT_EQ(rc, 0) << "QOpenSession as master";
-  return rc == 0;
-}
-
-int AddName(void *param, const char *name, int last) {
-  if (!last && name != nullptr) static_cast<std::set<std::string> *>(param)->insert(name);
-  return 0;
-}
-
-}  // namespace
-
 std::set<std::string> ListUsers(const qltest::HsmProcess &hsm) {
-  std::set<std::string> names;
-  Session s;
-  if (OpenMaster(hsm, &s)) {
-    EXPECT_EQ(QListUsers(s.h, AddName, &names), 0);
-  }
-  return names;
+  const std::vector<std::string> names = qltest::ListUserNames(hsm);
+  return {names.begin(), names.end()};
 }
 
 std::set<std::string> ListObjects(const qltest::HsmProcess &hsm) {
-  std::set<std::string> names;
-  Session s;
-  if (OpenMaster(hsm, &s)) {
-    EXPECT_EQ(QListObjs(s.h, AddName, &names), 0);
-  }
-  return names;
-}
-
-bool HsmServesCiphers(const qltest::HsmProcess &hsm, int *rc) {
-  Session s;
-  if (!OpenMaster(hsm, &s)) return false;
-  HKEYCTX key = nullptr;
-  *rc = QGenerateKey(s.h, nullptr, QL_ALG_AES128, QL_KEY_TEMPORARY, &key);
-  if (*rc != 0) return false;
-  const uint32_t mode = QL_MODE_CBC;
-  *rc = QSetKeyParam(key, QKP_MODE, &mode, sizeof mode, 0);
-  unsigned char data[32] = {};
-  uint32_t len = 16;
-  if (*rc == 0) *rc = QEncrypt(key, nullptr, 1, 0, data, &len, sizeof data);
-  QDestroyKey(&key, 0);
-  return *rc == 0;
+  const std::vector<std::string> names = qltest::ListObjectNames(hsm);
+  return {names.begin(), names.end()};
 }
 
 std::vector<std::string> Lines(const std::string &text) {

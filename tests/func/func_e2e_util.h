@@ -62,14 +62,10 @@ qltest::HsmProcess &SharedHsm();
 // failure, when it does not start.
 std::unique_ptr<qltest::HsmProcess> StartFaultyHsm(const std::string &fault);
 
-// What the HSM holds, as master: user names, and master's objects. Empty on failure (with a
-// gtest failure).
+// What the HSM holds, as master: user names, and master's objects ("<listing failed>" when the
+// listing fails).
 std::set<std::string> ListUsers(const qltest::HsmProcess &hsm);
 std::set<std::string> ListObjects(const qltest::HsmProcess &hsm);
-
-// Whether the HSM serves block-cipher parameters and encryption on a temporary AES key (the
-// encryption tests skip until it does).
-bool HsmServesCiphers(const qltest::HsmProcess &hsm, int *rc);
 
 // The lines of a text, split at "\n" (each keeps a trailing "\r").
 std::vector<std::string> Lines(const std::string &text);

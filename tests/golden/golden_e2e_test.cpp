@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "hsm_fixture.h"
+#include "library_session.h"
 #include "qlutil.h"
 
 namespace {
@@ -198,8 +199,9 @@ TEST(Golden, HelpScreenAndEveryCommandsHelpPage) {
   Compare(fs::path(GOLDEN_DIR) / "help.golden", captures);
 }
 
-// Runs the command lines of data/runs_<group>.txt against a daemon of its own.
-void RunGroup(const std::string &group) {
+// Runs the command lines of data/runs_<group>.txt against a daemon of its own. With
+// `leaves_no_objects`, every run must leave the HSM holding exactly the objects it held before.
+void RunGroup(const std::string &group, bool leaves_no_objects = false) {
   qltest::HsmProcess hsm;
   TempDir dir(group);
   const std::vector<std::string> conn = {"-a", hsm.address(), "--port", std::to_string(hsm.port()),
@@ -216,7 +218,12 @@ void RunGroup(const std::string &group) {
       if (at != std::string::npos) arg.replace(at, 6, FUNC_TEST_DATA);
     }
     args.insert(args.begin() + 2, conn.begin(), conn.end());
+    const std::vector<std::string> before =
+        leaves_no_objects ? qltest::ListObjectNames(hsm) : std::vector<std::string>{};
     Capture capture = RunQlutil(args, dir.path());
+    if (leaves_no_objects) {
+      EXPECT_EQ(qltest::ListObjectNames(hsm), before) << "objects left behind by " << shown;
+    }
     capture.args = shown;
     capture.out = Mask(capture.out);
     captures.push_back(std::move(capture));
@@ -225,7 +232,7 @@ void RunGroup(const std::string &group) {
 }
 
 TEST(Golden, PerformanceRuns) {
-  RunGroup("perf");
+  RunGroup("perf", true);
 }
 TEST(Golden, FunctionalAndStressRuns) {
   RunGroup("func");

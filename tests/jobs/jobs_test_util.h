@@ -207,12 +207,4 @@ inline std::string ErrorLine(const std::string &call, int code) {
   return "Error in " + call + ". Err = " + std::to_string(code) + "\r\n";
 }
 
-// The HSM says a service is not built yet: the test of that service's happy path waits.
-#define SKIP_IF_NOT_SERVED(result, call)                                              \
-  do {                                                                                \
-    if ((result).out.find(::jobs_test::ErrorLine(call, 5007)) != std::string::npos) { \
-      GTEST_SKIP() << call << " is not served by the HSM yet (5007)";                 \
-    }                                                                                 \
-  } while (0)
-
 }  // namespace jobs_test

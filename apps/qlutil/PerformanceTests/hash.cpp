@@ -66,45 +66,34 @@ int PerfHashThreadInit(void *pThreadInfo) {
 
 unsigned int PerfHashThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_HASH_INFO *>(pThreadInfo);
-  int rc = 0;
-  ThreadErrorSignaling error_signaling(rc, info->ti);
   unsigned char value[kMaxHashValueLen];
   const double start = ChronStart();
-  unsigned long counter = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  unsigned long passes = 0;
+  bool failed = false;
+  auto fail = [&failed](const char *call, int rc, unsigned long counter) {
+    ScreenOutput("[PerfHashThread] Fail in %s rc = %d. Iteration = %lu\r\n", call, rc, counter);
+    failed = true;
+    return rc;
+  };
+  const unsigned int answer = RunPerfLoop(&info->ti, [&](unsigned long counter) {
+    passes = counter;
     HashOwner hash;
-    rc = QCreateHash(info->hSession, static_cast<uint32_t>(info->HashAlgId), info->hKey, 0,
-                     hash.Put());
-    if (rc != 0) {
-      ScreenOutput("[PerfHashThread] Fail in QCreateHash rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
+    int rc = QCreateHash(info->hSession, static_cast<uint32_t>(info->HashAlgId), info->hKey, 0,
+                         hash.Put());
+    if (rc != 0) return fail("QCreateHash", rc, counter);
     rc = QHashData(hash.Get(), info->pbData, info->dwDataLen, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfHashThread] Fail in QHashData rc = %d. Iteration = %lu\r\n", rc, counter);
-      break;
-    }
+    if (rc != 0) return fail("QHashData", rc, counter);
     uint32_t len = sizeof(value);
     rc = QGetHashParam(hash.Get(), QHP_HASHVAL, value, &len, 0);
-    if (rc != 0) {
-      ScreenOutput("[PerfHashThread] Fail in QGetHashParam rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
+    if (rc != 0) return fail("QGetHashParam", rc, counter);
     rc = hash.Free();
-    if (rc != 0) {
-      ScreenOutput("[PerfHashThread] Fail in QDestroyHash rc = %d. Iteration = %lu\r\n", rc,
-                   counter);
-      break;
-    }
-  } while (!PerfRunFailed(&info->ti));
-  if (info->bPrintTime && rc == 0 && counter > 0) {
+    return rc != 0 ? fail("QDestroyHash", rc, counter) : 0;
+  });
+  if (info->bPrintTime && !failed && passes > 0) {
     ScreenOutput("[PerfHashThread] Thread %d: %lu hashes, %.4f ms per hash\r\n", info->ti.ThreadId,
-                 counter, ChronEndDelta(start) * 1000.0 / static_cast<double>(counter));
+                 passes, ChronEndDelta(start) * 1000.0 / static_cast<double>(passes));
   }
-  return 1;
+  return answer;
 }
 
 int PerfHashThreadFin(void *pThreadInfo) {

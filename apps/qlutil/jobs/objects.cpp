@@ -462,44 +462,28 @@ bool LoadMetadataJob(JOB_METADATA_JSON_INFO *job, TEST_PARAMETER *pTestParam, in
   return job->pszObjName != nullptr && *job->pszObjName != '\0';
 }
 
-int GetMetadataJsonWork(JOB_METADATA_JSON_INFO *job) {
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  int rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return rc;
-  }
-  std::string json;
-  rc = client.GetObjMetadataJson(job->pszObjName, job->dwType, &json);
-  if (rc != 0) {
-    PrintJobError("GetObjMetadataJson", rc);
-    return rc;
-  }
-  if (job->pszOutFile != nullptr) {
-    if (!WriteLocalFile(job->pszOutFile, reinterpret_cast<const unsigned char *>(json.data()),
-                        json.size())) {
-      return QL_ERR_FILE_IO;
-    }
-    return 0;
-  }
-  ScreenOutput("%s\r\n", json.c_str());
-  return 0;
-}
-
 }  // namespace
 
 unsigned int JobGetMetadataJsonThread(void *p) {
   auto *job = static_cast<JOB_METADATA_JSON_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
-  rc = GetMetadataJsonWork(job);
-  return 1;
+  return RunClientJob(&job->ti, [job](QueltaClient &client) {
+    std::string json;
+    const int rc = CheckJobCall("GetObjMetadataJson",
+                                client.GetObjMetadataJson(job->pszObjName, job->dwType, &json));
+    if (rc != 0) return rc;
+    if (job->pszOutFile != nullptr) {
+      return WriteLocalFile(job->pszOutFile, reinterpret_cast<const unsigned char *>(json.data()),
+                            json.size())
+                 ? 0
+                 : QL_ERR_FILE_IO;
+    }
+    ScreenOutput("%s\r\n", json.c_str());
+    return 0;
+  });
 }
 
 unsigned int JobSetMetadataJsonThread(void *p) {
   auto *job = static_cast<JOB_METADATA_JSON_INFO *>(p);
-  int rc = 0;
-  ThreadErrorSignaling signaling(rc, job->ti);
   std::string json;
   if (job->eInform == kTextString) {
     json = job->pszJson;
@@ -507,24 +491,17 @@ unsigned int JobSetMetadataJsonThread(void *p) {
     Bytes data;
     if (!ReadLocalFile(job->pszJson, &data)) {
       ScreenOutput("Error opening file %s\r\n", job->pszJson);
-      rc = QL_ERR_FILE_IO;
+      PublishJobError(&job->ti, QL_ERR_FILE_IO);
       return 1;
     }
     json.assign(data.begin(), data.end());
   }
-  QueltaClient client = GetQueltaClient(&job->ti, false);
-  rc = client.Connect();
-  if (rc != 0) {
-    PrintJobError("Connect", rc);
-    return 1;
-  }
-  rc = client.SetObjMetadataJson(job->pszObjName, json);
-  if (rc != 0) {
-    PrintJobError("SetObjMetadataJson", rc);
-    return 1;
-  }
-  ScreenOutput("Metadata of %s written.\r\n", job->pszObjName);
-  return 1;
+  return RunClientJob(&job->ti, [job, &json](QueltaClient &client) {
+    const int rc =
+        CheckJobCall("SetObjMetadataJson", client.SetObjMetadataJson(job->pszObjName, json));
+    if (rc == 0) ScreenOutput("Metadata of %s written.\r\n", job->pszObjName);
+    return rc;
+  });
 }
 
 int JobGetObjMetadata(TEST_PARAMETER *pTestParam, int nParameters) {

@@ -11,16 +11,6 @@ namespace {
 
 constexpr std::string_view kAad = "qlhsm.backup.v1";
 
-// The KDF cost travels in the file so a backup made with any cost can be restored.
-void PutU64(secure::Bytes &out, uint64_t v) {
-  for (int i = 7; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-}
-uint64_t GetU64(const uint8_t *p) {
-  uint64_t v = 0;
-  for (int i = 0; i < 8; ++i) v = v << 8 | p[i];
-  return v;
-}
-
 }  // namespace
 
 Result<secure::Bytes> MakeBackup(store::Store &store, const secure::Bytes &master_key,
@@ -53,9 +43,7 @@ Result<secure::Bytes> MakeBackup(store::Store &store, const secure::Bytes &maste
   if (!sealed.ok()) return sealed.status();
 
   secure::Bytes out(kMagic.begin(), kMagic.end());
-  PutU64(out, kdf.n);
-  PutU64(out, kdf.r);
-  PutU64(out, kdf.p);
+  secure::AppendKdfParams(out, kdf);  // any cost a backup was made with can be restored
   out.insert(out.end(), salt->begin(), salt->end());
   out.insert(out.end(), sealed->begin(), sealed->end());
   return out;
@@ -63,18 +51,14 @@ Result<secure::Bytes> MakeBackup(store::Store &store, const secure::Bytes &maste
 
 Status RestoreBackup(const secure::Bytes &backup, std::string_view pin, const std::string &data_dir,
                      std::string_view unlock_secret, const secure::KdfParams &unlock_kdf) {
-  const size_t head = kMagic.size() + 24 + secure::kSaltLen;
+  const size_t head = kMagic.size() + secure::kKdfParamsLen + secure::kSaltLen;
   if (backup.size() < head + secure::kNonceLen + secure::kTagLen ||
       !std::equal(kMagic.begin(), kMagic.end(), backup.begin()))
     return Status::Error(Code::kBadArgument, "not a backup file");
-  secure::KdfParams kdf;
-  kdf.n = GetU64(backup.data() + kMagic.size());
-  kdf.r = static_cast<uint32_t>(GetU64(backup.data() + kMagic.size() + 8));
-  kdf.p = static_cast<uint32_t>(GetU64(backup.data() + kMagic.size() + 16));
-  if (kdf.n < 2 || kdf.n > (1u << 22) || kdf.r == 0 || kdf.r > 32 || kdf.p == 0 || kdf.p > 16)
-    return Status::Error(Code::kBadArgument, "backup header damaged");
-  secure::Bytes salt(backup.begin() + kMagic.size() + 24, backup.begin() + head);
-  Result<secure::Bytes> key = secure::Scrypt(pin, salt, kdf);
+  const std::optional<secure::KdfParams> kdf = secure::ReadKdfParams(backup.data() + kMagic.size());
+  if (!kdf) return Status::Error(Code::kBadArgument, "backup header damaged");
+  secure::Bytes salt(backup.begin() + kMagic.size() + secure::kKdfParamsLen, backup.begin() + head);
+  Result<secure::Bytes> key = secure::Scrypt(pin, salt, *kdf);
   if (!key.ok()) return key.status();
   Result<secure::Bytes> plain =
       secure::Open(*key, secure::Bytes(backup.begin() + head, backup.end()), kAad);

@@ -82,6 +82,23 @@ Result<Bytes> Open(const Bytes &key, const Bytes &sealed, std::string_view aad) 
   return out;
 }
 
+void AppendKdfParams(Bytes &out, const KdfParams &params) {
+  for (uint64_t v : {params.n, uint64_t{params.r}, uint64_t{params.p}}) {
+    for (int i = 7; i >= 0; --i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  }
+}
+
+std::optional<KdfParams> ReadKdfParams(const uint8_t *in) {
+  uint64_t v[3] = {};
+  for (int k = 0; k < 3; ++k) {
+    for (int i = 0; i < 8; ++i) v[k] = v[k] << 8 | in[8 * k + i];
+  }
+  const auto [n, r, p] = v;
+  if (n < 2 || n > (1u << 22) || (n & (n - 1)) != 0 || r == 0 || r > 32 || p == 0 || p > 16)
+    return std::nullopt;
+  return KdfParams{n, static_cast<uint32_t>(r), static_cast<uint32_t>(p)};
+}
+
 Result<Bytes> Scrypt(std::string_view password, const Bytes &salt, const KdfParams &params) {
   std::unique_ptr<EVP_KDF, KdfDeleter> kdf(EVP_KDF_fetch(nullptr, "SCRYPT", nullptr));
   std::unique_ptr<EVP_KDF_CTX, KdfCtxDeleter> ctx(kdf ? EVP_KDF_CTX_new(kdf.get()) : nullptr);

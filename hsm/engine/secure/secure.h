@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +35,13 @@ struct KdfParams {
   uint32_t r = 8;
   uint32_t p = 1;
 };
+
+// The cost of a scrypt key kept beside what it seals: N, r and p, 8 bytes each, big-endian.
+inline constexpr size_t kKdfParamsLen = 24;
+void AppendKdfParams(Bytes &out, const KdfParams &params);
+// Reads them back; nullopt when they are outside what scrypt may be asked for here (N a power of
+// two from 2 to 2^22, r 1 to 32, p 1 to 16): a damaged file.
+std::optional<KdfParams> ReadKdfParams(const uint8_t *in);
 
 // scrypt(password, salt) -> kKeyLen bytes.
 Result<Bytes> Scrypt(std::string_view password, const Bytes &salt, const KdfParams &params);
