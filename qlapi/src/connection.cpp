@@ -322,7 +322,8 @@ Status Connection::ReadExact(void *out, std::size_t size) {
 bool Connection::WaitReadable(int timeout_ms) {
   if (broken_) return true;  // the next read says so at once
   if (in_pos_ < in_.size()) return true;
-  if (ssl_ && SSL_pending(ssl_.get()) > 0) return true;
+  // Records OpenSSL read ahead but has not opened yet count too.
+  if (ssl_ && SSL_has_pending(ssl_.get()) == 1) return true;
 #ifdef _WIN32
   WSAPOLLFD p{static_cast<SOCKET>(fd_), POLLRDNORM, 0};
   return WSAPoll(&p, 1, timeout_ms) != 0;
