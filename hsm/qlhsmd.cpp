@@ -149,6 +149,8 @@ int main(int argc, char **argv) {
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // a later one wins
   serve->add_option("--max-frame", serve_opts.max_frame, "largest frame in bytes");
   serve->add_option("--max-sessions", serve_opts.max_sessions, "most open sessions");
+  serve->add_option("--audit-page-size", serve_opts.audit_page_size,
+                    "bytes of audit log text per page");
   // The network's limits (server/limits.h); each also a stored setting of the same name.
   serve->add_option("--max-connections", serve_opts.net.max_connections, "most connections");
   serve->add_option("--max-pending", serve_opts.net.max_pending,

@@ -83,5 +83,7 @@
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \
-    "The HSM does not accept connections from this address.")
+    "The HSM does not accept connections from this address.")                                     \
+  X(kNotInCluster,     QL_ERR_NOT_IN_CLUSTER,       5050, "The HSM is not part of a cluster.")     \
+  X(kLogCorrupt,       QL_ERR_LOG_CORRUPT,          5051, "The log is damaged.")
 // clang-format on

@@ -53,6 +53,9 @@
   X(kAdmSetDateTime,        QL_ADM_SET_DATE_TIME,      1)    \
   X(kAdmKeepAlive,          QL_ADM_KEEPALIVE,          4)    \
   X(kAdmProbe,              QL_ADM_PROBE,              5)    \
+  X(kAdmLogCache,           QL_ADM_LOG_CACHE,          3)    \
+  X(kAdmReplUpdate,         QL_ADM_REPL_UPDATE,        6)    \
+  X(kAdmReplNodeMessage,    QL_ADM_REPL_NODE_MESSAGE,  7)    \
   X(kTokenIssue,            QL_ATOKEN_ISSUE,           1)    \
   X(kTokenRevoke,           QL_ATOKEN_REVOKE,          2)    \
   X(kTokenList,             QL_ATOKEN_LIST,            3)    \

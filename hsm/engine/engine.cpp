@@ -72,6 +72,7 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   c.objects = std::make_unique<objects::ObjectStore>(*c.store, c.master_key, &c.clock);
   c.audit = std::make_unique<audit::AuditLog>(*c.store, page, &c.clock);
   QL_RETURN_IF_ERROR(c.audit->Load());
+  QL_RETURN_IF_ERROR(e->logs_.LoadCacheSetting());
   c.ip_filter = std::make_unique<system::IpFilter>(*c.store);
   QL_RETURN_IF_ERROR(c.ip_filter->Load());
   return e;

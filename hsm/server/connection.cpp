@@ -110,6 +110,8 @@ void Connection::OnDeadline() {
   const Time due = Due();
   // Requests since the timer was set move an idle deadline on.
   if (now < due) return ArmDeadline(due);
+  // A follower of the log sends nothing: its session lasts as long as its connection.
+  if (state_.follow) return ArmDeadline(now + limits_.idle_timeout);
   const bool in_session = standing_ != Standing::kPending && standing_ != Standing::kRefused &&
                           handshaken_ && !expired_ && state_.session &&
                           state_.session->auth() != sessions::AuthKind::kNone;
@@ -237,6 +239,7 @@ bool Connection::ServeOne(std::size_t *wanted) {
     } else {
       handler_.HandleFrame(body, state_, &response_);
       AfterRequest();
+      if (state_.follow && !follow_hooked_) HookFollow();
     }
     begin_ += *wanted;
     if (begin_ == end_) begin_ = end_ = 0;
@@ -276,6 +279,8 @@ void Connection::Pump() {
       out_.clear();
       sent_ = 0;
     }
+    // A follower of the log gets its queued lines before anything else is read.
+    if (state_.follow && follow_hooked_ && TakeFollowed()) continue;
     std::size_t wanted = 0;
     if (ServeOne(&wanted)) {
       if (state_.answer_delay.count() > 0) {
@@ -369,13 +374,18 @@ Connection::Io Connection::WriteSome() {
 }
 
 void Connection::WaitFor(Io io, void (Connection::*then)()) {
+  // One wait per direction at most: a follower's pushes run Pump while its read wait is pending.
+  const bool write = io == Io::kWantWrite;
+  bool &waiting = write ? write_waiting_ : read_waiting_;
+  if (waiting) return;
+  waiting = true;
   auto self = shared_from_this();
-  socket_.async_wait(
-      io == Io::kWantWrite ? asio::socket_base::wait_write : asio::socket_base::wait_read,
-      [self, then](const asio::error_code &ec) {
-        if (ec) return self->Finish();
-        ((*self).*then)();
-      });
+  socket_.async_wait(write ? asio::socket_base::wait_write : asio::socket_base::wait_read,
+                     [self, then, write](const asio::error_code &ec) {
+                       (write ? self->write_waiting_ : self->read_waiting_) = false;
+                       if (ec) return self->Finish();
+                       ((*self).*then)();
+                     });
 }
 
 void Connection::Drain() {
@@ -415,12 +425,40 @@ void Connection::Drain() {
 void Connection::Finish() {
   if (finished_) return;
   finished_ = true;
+  if (state_.follow_id != 0) handler_.engine().logs().Unfollow(state_.follow_id);
   // Dropping the session here (not at destruction) makes the open-session count fall as soon as
   // the peer is gone.
   if (state_.session) state_.session->Reset();
   ReleaseQuotas();
   manager_.Remove(shared_from_this());
   CloseNow();
+}
+
+void Connection::HookFollow() {
+  follow_hooked_ = true;
+  std::weak_ptr<Connection> weak = weak_from_this();
+  auto executor = socket_.get_executor();
+  auto pump = [weak] {
+    auto self = weak.lock();
+    if (self && !self->finished_ && !self->draining_) self->Pump();
+  };
+  state_.follow->SetWake([executor, pump] { asio::post(executor, pump); });
+  // Lines queued before the hook go out after the answer that started the follow.
+  asio::post(executor, pump);
+}
+
+bool Connection::TakeFollowed() {
+  // Lines of one pushed answer at most, so that a batch stays well inside a frame.
+  constexpr std::size_t kPushedLinesPerAnswer = 256;
+  std::vector<std::string> lines = state_.follow->Take(kPushedLinesPerAnswer);
+  if (lines.empty()) return false;
+  pb::Response push;
+  push.set_id(state_.follow_request);
+  push.set_code(0);
+  for (std::string &line : lines) push.mutable_log_lines()->add_lines(std::move(line));
+  out_.clear();
+  sent_ = 0;
+  return qlproto::EncodeFrame(push, handler_.max_frame(), &out_) == qlproto::FrameStatus::kOk;
 }
 
 }  // namespace qlhsm::server

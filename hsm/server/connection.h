@@ -100,6 +100,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // for a moment, so that the answer is not lost to a reset.
   void Drain();
   void Finish();
+  // Following the log: the queue's wake runs Pump on this loop, which writes the queued lines
+  // as pushed answers (TakeFollowed: the next batch into out_; false when none waits).
+  void HookFollow();
+  bool TakeFollowed();
 
   asio::ip::tcp::socket socket_;
   SSL_CTX *tls_ctx_;
@@ -114,6 +118,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool handshaken_ = false;  // first byte seen and, for TLS, the handshake done
   bool expired_ = false;     // the idle timeout ended the session
   bool draining_ = false;
+  bool follow_hooked_ = false;
+  bool read_waiting_ = false;
+  bool write_waiting_ = false;
   Time accepted_;
   Time last_request_;
   Time expired_at_;

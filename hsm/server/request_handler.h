@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/audit/follow_queue.h"
 #include "engine/engine.h"
 #include "qlhsm.pb.h"
 
@@ -31,6 +32,11 @@ struct ConnectionState {
   std::string peer;
   // Set by a login: how long the answer must be held back (the connection sends it by a timer).
   std::chrono::milliseconds answer_delay{0};
+  // Set by a FollowLog request: the lines the connection pushes from then on (as Responses
+  // with the request's id), and the follower's id, which the connection ends when it closes.
+  std::shared_ptr<audit::FollowQueue> follow;
+  uint64_t follow_id = 0;
+  uint64_t follow_request = 0;
 };
 
 struct HandlerConfig {

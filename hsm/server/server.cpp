@@ -34,6 +34,7 @@ Server::~Server() {
 Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
   EngineOptions eo;
   eo.max_sessions = options.max_sessions;
+  eo.audit_page_size = options.audit_page_size;
   eo.unlock_secret = options.unlock_secret;
   Result<std::unique_ptr<Engine>> engine = Engine::Open(options.data_dir, eo);
   if (!engine.ok()) return engine.status();

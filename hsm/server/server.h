@@ -21,8 +21,9 @@ struct ServerOptions {
   std::string data_dir;
   std::string host = "127.0.0.1";
   uint16_t port = qlproto::kDefaultPort;
-  uint32_t max_frame = 0;   // 0: the protocol's default (16 MiB)
-  size_t max_sessions = 0;  // 0: the store's setting or the engine's default (1024)
+  uint32_t max_frame = 0;      // 0: the protocol's default (16 MiB)
+  size_t max_sessions = 0;     // 0: the store's setting or the engine's default (1024)
+  size_t audit_page_size = 0;  // 0: the store's setting or the engine's default (4096)
   // Connections, quotas before login, timeouts, plain connections (limits.h); what is left unset
   // comes from the store's settings, else the defaults. Past a limit a connection gets
   // QL_ERR_LIMIT_REACHED and closes.

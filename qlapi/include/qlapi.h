@@ -153,6 +153,9 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_SESSION_REVOKED 5045 /* the session was revoked: log in again */
 #define QL_ERR_SESSION_EXPIRED 5046 /* the session sat idle past the HSM's idle timeout */
 #define QL_ERR_ADDRESS_REFUSED 5047 /* the address may not connect (allow-list, plain) */
+/* The audit log and administration. */
+#define QL_ERR_NOT_IN_CLUSTER 5050 /* the HSM is not part of a cluster */
+#define QL_ERR_LOG_CORRUPT 5051    /* a log page that is cut short or damaged */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -612,10 +615,13 @@ QLAPI_EXPORT int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *
  * clock, which it never changes, and stamps with its own time from then on: object and user
  * creation times, access-token issue times and expiry checks, audit log lines. The time survives
  * a restart. QL_ADM_PROBE answers a uint32 state in pvOut (4 bytes; a shorter or null buffer
- * answers QL_ERR_BUFFER_TOO_SMALL with 4). */
+ * answers QL_ERR_BUFFER_TOO_SMALL with 4). QL_ADM_LOG_CACHE on keeps the log lines of read-only
+ * requests in memory until a change or a full page writes them; off writes every line as it comes;
+ * the setting survives a restart and the answer is the state left (pvOut may be null).
+ * QL_ADM_REPL_UPDATE and QL_ADM_REPL_NODE_MESSAGE answer QL_ERR_NOT_IN_CLUSTER on a single HSM. */
 #define QL_ADM_SET_DATE_TIME 1  /* in: uint64 seconds since 1970 */
 #define QL_ADM_SET_TLS_BUNDLE 2 /* in: PEM private key followed by its certificate */
-#define QL_ADM_LOG_CACHE 3      /* in: uint32 0 off, 1 on */
+#define QL_ADM_LOG_CACHE 3      /* in: uint32 0 off, 1 on (none: unchanged); out: uint32 state */
 #define QL_ADM_KEEPALIVE 4      /* none */
 #define QL_ADM_PROBE 5          /* in: optional byte QL_RNM_*; out: uint32 state (1 up) */
 #define QL_ADM_REPL_UPDATE 6
@@ -712,18 +718,31 @@ QLAPI_EXPORT int QDSUnbindHSM(HSESSIONCTX hSession, uint32_t dwFlags);
  */
 /* Reads the log page by page: Init, then Cont until it answers QL_ERR_OBJ_NOT_FOUND (no more
  * pages), then End. dwFlags 1 reads backwards from the newest page. A page is a sequence of
- * lines; a page whose first byte is 'Z' is a deflate stream of such lines after that byte. */
+ * lines; a page whose first byte is 'Z' is a deflate stream of such lines after that byte. The
+ * read covers the pages the log held at Init. Cont with a null or short buffer answers
+ * QL_ERR_BUFFER_TOO_SMALL with the page's length and hands the same page out on the next call.
+ * Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR. A line is "YYYY-MM-DD hh:mm:ss user operation
+ * target code" (UTC; "-" for no user or no target). */
 QLAPI_EXPORT int QGetHSMLogInit(HSESSIONCTX hSession, uint32_t dwFlags, HLOGCTX *phLog);
 QLAPI_EXPORT int QGetHSMLogCont(HLOGCTX hLog, unsigned char *pbPage, uint32_t *pdwPageLen);
 QLAPI_EXPORT int QGetHSMLogEnd(HLOGCTX *phLog);
-/* Follows the log: one callback per new line until the callback returns non-zero. */
+/* Follows the log: the HSM pushes each line written from now on, one callback per line (szLine
+ * NUL-terminated, without its line end), until the callback returns non-zero. While no line
+ * comes, the callback is called about every 250 ms with szLine null and dwLineLen 0, so that it
+ * can end the follow. A follower that falls far behind loses lines and gets one line saying how
+ * many. The session's connection closes when the follow ends: close the session then. Answers
+ * QL_OK when the callback ended it. Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR. */
 typedef int (*PQL_LOG_EVENT_CALLBACK)(void *pvParam, const char *szLine, uint32_t dwLineLen);
 QLAPI_EXPORT int QGetLogEvents(HSESSIONCTX hSession, PQL_LOG_EVENT_CALLBACK pfnCallback,
                                void *pvParam);
-/* Turns one raw log line into readable text. */
+/* Turns one raw log line into readable text ("2026-11-23 10:00:00 UTC  master  create-user
+ * alice  ok", or the code's name and number in place of "ok"); a line of another form comes back
+ * as it is. *pdwOutLen: the buffer's size in, the text's length with its NUL out
+ * (QL_ERR_BUFFER_TOO_SMALL when it does not fit). */
 QLAPI_EXPORT int QLogLineFormat(const char *szRawLine, uint32_t dwRawLen, char *szOut,
                                 uint32_t *pdwOutLen);
-/* Empties the audit log. Right ACL_SYS_OPERATOR. */
+/* Empties the audit log (dwFlags 0); the truncation's own line starts the new log. Right
+ * ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QTruncateLog(HSESSIONCTX hSession, uint32_t dwFlags);
 
 /* ===========================================================================================

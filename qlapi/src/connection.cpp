@@ -319,6 +319,21 @@ Status Connection::ReadExact(void *out, std::size_t size) {
   return Status::Ok();
 }
 
+bool Connection::WaitReadable(int timeout_ms) {
+  if (broken_) return true;  // the next read says so at once
+  if (in_pos_ < in_.size()) return true;
+  // Records OpenSSL read ahead but has not opened yet count too.
+  if (ssl_ && SSL_has_pending(ssl_.get()) == 1) return true;
+#ifdef _WIN32
+  WSAPOLLFD p{static_cast<SOCKET>(fd_), POLLRDNORM, 0};
+  return WSAPoll(&p, 1, timeout_ms) != 0;
+#else
+  pollfd p{fd_, POLLIN, 0};
+  const int n = ::poll(&p, 1, timeout_ms);
+  return n != 0 && !(n < 0 && errno == EINTR);
+#endif
+}
+
 Status Connection::ReadFrame(uint32_t max_frame, std::string *body) {
   if (broken_) return Status(QL_ERR_SESSION_CLOSED);
   unsigned char header[qlproto::kFrameHeaderSize];

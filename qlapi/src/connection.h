@@ -31,6 +31,10 @@ class Connection {
   // Reads one whole frame body, refusing a length past max_frame before allocating it.
   Status ReadFrame(uint32_t max_frame, std::string *body);
 
+  // True when bytes wait to be read (buffered or on the socket), or the connection is broken,
+  // within timeout_ms; false when nothing came (or a signal interrupted the wait).
+  bool WaitReadable(int timeout_ms);
+
   bool tls() const { return ssl_ != nullptr; }
   // SHA-256 of the HSM's certificate (DER); empty on a plain connection.
   const std::string &peer_sha256() const { return peer_sha256_; }

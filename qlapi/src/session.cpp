@@ -160,6 +160,47 @@ Result<pb::Response> SessionCore::Call(pb::Request &request) {
   return response;
 }
 
+Status SessionCore::Follow(pb::Request &request, int tick_ms,
+                           const std::function<bool(const std::string *line)> &on_line) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!link_ || !link_->conn || link_->conn->broken()) return Status(QL_ERR_SESSION_CLOSED);
+  auto started = Exchange(*link_, request);
+  if (!started.ok()) {
+    if (!link_->conn || link_->conn->broken()) link_.reset();
+    return started.status();
+  }
+  if (started.value().code() != QL_OK) return Status(started.value().code());
+  const uint64_t id = request.id();
+  // From here on the connection carries pushed lines only: it never serves another request.
+  Status outcome = Status::Ok();
+  for (bool more = true; more;) {
+    if (!link_->conn->WaitReadable(tick_ms)) {
+      more = on_line(nullptr);
+      continue;
+    }
+    std::string body;
+    Status st = link_->conn->ReadFrame(link_->max_frame, &body);
+    if (!st.ok()) {
+      outcome = st;
+      break;
+    }
+    pb::Response push;
+    if (qlproto::DecodeFrameBody(body, &push) != qlproto::FrameStatus::kOk || push.id() != id ||
+        !push.has_log_lines()) {
+      outcome = Status(QL_ERR_PROTOCOL);
+      break;
+    }
+    for (const std::string &line : push.log_lines().lines()) {
+      if (!on_line(&line)) {
+        more = false;
+        break;
+      }
+    }
+  }
+  link_.reset();
+  return outcome;
+}
+
 Status SessionCore::CallSimple(pb::Request &request) {
   auto response = Call(request);
   if (!response.ok()) return response.status();

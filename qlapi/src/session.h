@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -50,6 +51,13 @@ class SessionCore {
   Result<pb::Response> Call(pb::Request &request);
   // Call, then the response's code: for the requests that answer nothing more.
   Status CallSimple(pb::Request &request);
+
+  // Follows the HSM's log: sends `request` (a FollowLog), then hands each pushed line to
+  // on_line, and calls on_line with null about every `tick_ms` while nothing comes, until it
+  // answers false. The connection then closes (the HSM goes on pushing on it): the session is
+  // over. QL_OK when on_line ended it; the HSM's refusal, or the transport's code.
+  Status Follow(pb::Request &request, int tick_ms,
+                const std::function<bool(const std::string *line)> &on_line);
 
   // Ends the HSM session. With `keep`, the connection (logged out) is handed back through
   // *link for the cache; otherwise it is closed.

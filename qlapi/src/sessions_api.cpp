@@ -122,6 +122,10 @@ extern "C" int QAdmOperation(HSESSIONCTX hSession, uint32_t dwOperation, const v
       uint64_t seconds = 0;
       std::memcpy(&seconds, pvIn, sizeof seconds);
       op->set_input(LittleEndian64(seconds));
+    } else if (dwOperation == QL_ADM_LOG_CACHE && dwInLen == sizeof(uint32_t)) {
+      uint32_t state = 0;
+      std::memcpy(&state, pvIn, sizeof state);
+      op->set_input(LittleEndian32(state));
     } else if (dwInLen) {
       op->set_input(pvIn, dwInLen);
     }

@@ -1,6 +1,6 @@
 // The API families whose HSM services are not built yet: payment, SPB, PIX, tokenisation,
-// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens, the audit-log reader and the
-// network tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
+// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens and the network
+// tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
 // once that the service is missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
 
@@ -38,27 +38,6 @@ int QDSBindHSM(HSESSIONCTX, const char *, const char *, const char *, uint32_t) 
   QL_NOT_SUPPORTED;
 }
 int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QGetHSMLogInit(HSESSIONCTX, uint32_t, HLOGCTX *phLog) {
-  if (phLog) *phLog = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QGetHSMLogCont(HLOGCTX, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QGetHSMLogEnd(HLOGCTX *phLog) {
-  if (phLog) *phLog = nullptr;
-  return QL_OK;
-}
-int QGetLogEvents(HSESSIONCTX, PQL_LOG_EVENT_CALLBACK, void *) {
-  QL_NOT_SUPPORTED;
-}
-int QLogLineFormat(const char *, uint32_t, char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QTruncateLog(HSESSIONCTX, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 

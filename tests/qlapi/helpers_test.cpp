@@ -1,4 +1,5 @@
-// The calls that run in the library alone: base64, code texts, RSA padding, offline OTPs.
+// The calls that run in the library alone: base64, code texts, RSA padding, offline OTPs, log
+// lines made readable.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
@@ -282,6 +283,35 @@ TEST(Library, NullHandlesAndBadHandles) {
   // A hash handle is not a session: the kind is checked, not trusted.
   HSESSIONCTX local = nullptr;
   EXPECT_EQ(QCreateHash(local, QL_ALG_SHA256, nullptr, 0, &h), QL_ERR_BAD_HANDLE);
+}
+
+std::string Formatted(const std::string &raw) {
+  uint32_t len = 0;
+  EXPECT_EQ(QLogLineFormat(raw.data(), static_cast<uint32_t>(raw.size()), nullptr, &len),
+            QL_ERR_BUFFER_TOO_SMALL);
+  std::string out(len, 'x');
+  EXPECT_EQ(QLogLineFormat(raw.data(), static_cast<uint32_t>(raw.size()), out.data(), &len), QL_OK);
+  EXPECT_EQ(len, out.size());
+  EXPECT_EQ(out.back(), '\0');
+  out.pop_back();
+  return out;
+}
+
+TEST(LogLineFormat, NamesTheOutcomeAndKeepsTargetsWithBlanks) {
+  EXPECT_EQ(Formatted("2026-11-23 10:00:00 master create-user alice 0\n"),
+            "2026-11-23 10:00:00 UTC  master  create-user alice  ok");
+  EXPECT_EQ(Formatted("2026-11-23 10:00:01 bob sign-hash my key 5002"),
+            "2026-11-23 10:00:01 UTC  bob  sign-hash my key  QL_ERR_ACCESS_DENIED (5002)");
+  EXPECT_EQ(Formatted("2026-11-23 10:00:02 - init master 0"),
+            "2026-11-23 10:00:02 UTC  (no user)  init master  ok");
+  EXPECT_EQ(Formatted("2026-11-23 10:00:03 master stat-info - 0"),
+            "2026-11-23 10:00:03 UTC  master  stat-info  ok");
+  // Lines of another form (the follower's notice of missed lines) come back as they are.
+  EXPECT_EQ(Formatted("*** 3 log lines missed ***"), "*** 3 log lines missed ***");
+  EXPECT_EQ(Formatted("2026-11-23 10:00:04 master"), "2026-11-23 10:00:04 master");
+  uint32_t len = 4;
+  char small[4];
+  EXPECT_EQ(QLogLineFormat(nullptr, 0, small, &len), QL_ERR_BAD_ARGUMENT);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "harness/harness.h"
 #include "job.h"
@@ -23,7 +24,8 @@ namespace {
 // info
 
 void ShowJobInfoHelp() {
-  JobHelpHeader(false, {"Show the HSM's information, the session's and the HSM's figures."});
+  JobHelpHeader(false, {"Show the HSM's information, the session's and the HSM's figures, and",
+                        "the addresses it accepts."});
   JobHelpExamples("info", {""});
 }
 
@@ -36,6 +38,11 @@ std::string FigureOrReason(int rc, const std::string &value) {
 
 int CountName(void *param, const char *name, int last) {
   if (!last && name != nullptr) ++*static_cast<unsigned long *>(param);
+  return 0;
+}
+
+int AddName(void *param, const char *name, int last) {
+  if (!last && name != nullptr) static_cast<std::vector<std::string> *>(param)->push_back(name);
   return 0;
 }
 
@@ -92,7 +99,21 @@ int InfoWork(HSESSIONCTX session) {
       "Memory", "%s",
       FigureOrReason(stat_rc, std::to_string(mem_used) + " / " + std::to_string(mem_total) + " MiB")
           .c_str());
+  uint32_t cache = 0;
+  len = sizeof cache;
+  const int cache_rc = QAdmOperation(session, QL_ADM_LOG_CACHE, nullptr, 0, &cache, &len, 0);
+  figures.AddRow("Log cache", "%s", FigureOrReason(cache_rc, cache ? "on" : "off").c_str());
   figures.Print();
+  ScreenOutput("\r\n");
+
+  std::vector<std::string> rules;
+  const int rules_rc = QIPFilterOperation(session, QL_IPF_LIST, nullptr, &AddName, &rules);
+  std::string listed;
+  for (const std::string &rule : rules) listed += (listed.empty() ? "" : ", ") + rule;
+  if (listed.empty()) listed = "(none: every address)";
+  SectionTable network("Network", 16);
+  network.AddRow("Allow-list", "%s", FigureOrReason(rules_rc, listed).c_str());
+  network.Print();
   return 0;
 }
 

@@ -97,10 +97,11 @@ void AuditLog::Append(std::string_view user, std::string_view op, std::string_vi
                      std::to_string(code);
   for (char &c : line)
     if (c == '\n' || c == '\r') c = ' ';
-  line.push_back('\n');
   bool closed = false;
   {
     std::lock_guard<std::mutex> lock(mu_);
+    for (auto &[id, sink] : followers_) sink(line);
+    line.push_back('\n');
     current_ += line;
     dirty_ = true;
     if (current_.size() >= page_size_) {
@@ -180,6 +181,47 @@ Status AuditLog::Flush() {
     dirty_ = true;
   }
   return written;
+}
+
+Status AuditLog::Truncate() {
+  // No flush runs meanwhile, and no line is added between the store's delete and the reset.
+  std::lock_guard<std::mutex> one_at_a_time(flush_mu_);
+  std::lock_guard<std::mutex> lock(mu_);
+  Status st = store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    Result<store::Statement> del = conn.Prepare("DELETE FROM audit_pages");
+    if (!del.ok()) return del.status();
+    QL_RETURN_IF_ERROR(del->Run());
+    return tx.Commit();
+  });
+  if (!st.ok()) return st;
+  closed_.clear();
+  current_.clear();
+  current_number_ = 1;
+  stored_closed_len_ = 0;
+  dirty_ = false;
+  return Status::Ok();
+}
+
+void AuditLog::set_cache(bool on) {
+  cache_ = on;
+}
+
+bool AuditLog::cache() const {
+  return cache_;
+}
+
+uint64_t AuditLog::Follow(Sink sink) {
+  std::lock_guard<std::mutex> lock(mu_);
+  const uint64_t id = next_follower_++;
+  followers_.emplace(id, std::move(sink));
+  return id;
+}
+
+void AuditLog::Unfollow(uint64_t id) {
+  std::lock_guard<std::mutex> lock(mu_);
+  followers_.erase(id);
 }
 
 bool AuditLog::HasClosedPages() {

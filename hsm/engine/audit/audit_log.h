@@ -11,8 +11,11 @@
 // closed pages pile up in memory).
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -55,6 +58,23 @@ class AuditLog {
   // Pages are numbered from 1; kObjectNotFound past the end.
   Result<Page> ReadPage(uint64_t number);
 
+  // Empties the log: every page goes and numbering starts again at 1. Lines added afterwards
+  // begin the new log.
+  Status Truncate();
+
+  // The log cache. On (the default), lines of read-only requests wait in memory until a change
+  // writes them or their page fills; off, every line is written to the store as it is added
+  // (the guard flushes after each line).
+  void set_cache(bool on);
+  bool cache() const;
+
+  // Followers: `sink` gets each line added from now on (without its line end), called under the
+  // log's lock and in the log's order, so it must only queue the line and never block. Unfollow
+  // returns once no call of that sink runs any more.
+  using Sink = std::function<void(const std::string &line)>;
+  uint64_t Follow(Sink sink);
+  void Unfollow(uint64_t id);
+
   // deflate helpers, exposed for tests.
   static std::vector<uint8_t> Compress(std::string_view text);
   static Result<std::string> Inflate(const std::vector<uint8_t> &data, uint64_t raw_len);
@@ -76,6 +96,9 @@ class AuditLog {
   uint64_t stored_closed_len_ = 0;
   uint64_t writing_len_ = 0;  // plain length of closed pages a flush is writing
   bool dirty_ = false;
+  std::atomic<bool> cache_{true};
+  uint64_t next_follower_ = 1;
+  std::map<uint64_t, Sink> followers_;
   std::thread writer_;  // last: started once everything above is ready
 };
 

@@ -182,6 +182,15 @@ Result<std::optional<uint64_t>> SystemService::Administer(Session &s, uint32_t o
       QL_RETURN_IF_ERROR(SetDateTime(s, input));
       return Answer{};
     }
+    case qlproto::kAdmReplUpdate:
+    case qlproto::kAdmReplNodeMessage: {
+      // Replication is a cluster's; a single HSM says it is not part of one.
+      const char *what = operation == qlproto::kAdmReplUpdate ? "repl-update" : "repl-node-message";
+      return guard_.Run(s, Op{what, "-", Request::kAdminister}, NoArgs,
+                        [&](const users::UserInfo &) -> Result<Answer> {
+                          return Status::Error(Code::kNotInCluster, "no cluster");
+                        });
+    }
     default: {
       std::string what = "adm-" + std::to_string(operation);
       return Administer(s, std::string_view(what));

@@ -109,4 +109,10 @@ void Backup(const pb::Request &, Call &, pb::Response *);
 void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
 void IpFilter(const pb::Request &, Call &, pb::Response *);
 
+// --- the audit log (logs.cpp) ---
+void LogOpen(const pb::Request &, Call &, pb::Response *);
+void LogPage(const pb::Request &, Call &, pb::Response *);
+void TruncateLog(const pb::Request &, Call &, pb::Response *);
+void FollowLog(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

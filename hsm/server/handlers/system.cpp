@@ -18,6 +18,9 @@ void GetSessionParam(const pb::Request &req, Call &c, pb::Response *r) {
 
 void AdmOperation(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::AdmOperation &op = req.adm_operation();
+  if (op.operation() == qlproto::kAdmLogCache)
+    return Reply(c.engine.logs().SetCache(c.session, op.input()), r,
+                 [&](bool on) { r->mutable_number()->set_value(on ? 1 : 0); });
   Reply(c.engine.system().Administer(c.session, op.operation(), ToBytes(op.input())), r,
         [&](const std::optional<uint64_t> &v) {
           if (v)

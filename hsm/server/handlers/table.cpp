@@ -68,6 +68,11 @@ constexpr Row kRows[] = {
     {R::kBackup, Backup},
     {R::kUpackPush, PushUpdatePackage},
     {R::kIpFilter, IpFilter},
+    // the audit log
+    {R::kLogOpen, LogOpen},
+    {R::kLogPage, LogPage},
+    {R::kTruncateLog, TruncateLog},
+    {R::kFollowLog, FollowLog},
 };
 
 // Request kinds are the body's field numbers, all below this.
