@@ -18,6 +18,7 @@
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/objects.h"
+#include "engine/services/pki.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 
@@ -61,6 +62,7 @@ class Engine {
   KeysService &keys() { return keys_; }
   HashesService &hashes() { return hashes_; }
   SystemService &system() { return system_; }
+  PkiService &pki() { return pki_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -79,6 +81,7 @@ class Engine {
   KeysService keys_{core_, guard_, objects_};
   HashesService hashes_{guard_, keys_};
   SystemService system_{core_, guard_};
+  PkiService pki_{core_, guard_, objects_, keys_};
 };
 
 }  // namespace qlhsm

@@ -109,4 +109,11 @@ void Backup(const pb::Request &, Call &, pb::Response *);
 void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
 void IpFilter(const pb::Request &, Call &, pb::Response *);
 
+// --- certificates and signing identities (pki.cpp) ---
+void ImportPkcs12(const pb::Request &, Call &, pb::Response *);
+void ExportPkcs12(const pb::Request &, Call &, pb::Response *);
+void AssociatePkcs11Key(const pb::Request &, Call &, pb::Response *);
+void GeneratePkcs10(const pb::Request &, Call &, pb::Response *);
+void Pkcs7Sign(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers
