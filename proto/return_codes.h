@@ -69,7 +69,7 @@
     "The metadata is not one JSON object in UTF-8.")                                               \
   X(kUpdateRefused,    QL_ERR_UPACK_REFUSED,        5034,                                          \
     "Update package refused: its signature does not verify.")                                      \
-  X(kHsmIdentityChanged, QL_ERR_HSM_IDENTITY_CHANGED, 5040, "The HSM's identity changed.")        \
+  X(kHsmIdentityChanged, QL_ERR_HSM_IDENTITY_CHANGED, 5040, "The HSM's identity changed.")         \
   X(kHsmIdentityUnknown, QL_ERR_HSM_IDENTITY_UNKNOWN, 5041,                                        \
     "Unknown HSM: no certificate is pinned for this address (strict mode).")                       \
   X(kHsmIdentityUnverified, QL_ERR_HSM_IDENTITY_UNVERIFIED, 5042,                                  \
@@ -83,7 +83,18 @@
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \
-    "The HSM does not accept connections from this address.")                                     \
+    "The HSM does not accept connections from this address.")                                      \
   X(kNotInCluster,     QL_ERR_NOT_IN_CLUSTER,       5050, "The HSM is not part of a cluster.")     \
-  X(kLogCorrupt,       QL_ERR_LOG_CORRUPT,          5051, "The log is damaged.")
+  X(kLogCorrupt,       QL_ERR_LOG_CORRUPT,          5051, "The log is damaged.")                   \
+  X(kBadCert,          QL_ERR_BAD_CERT,             5080,                                          \
+    "Not a certificate, certificate chain or CRL.")                                                \
+  X(kCertUntrusted,    QL_ERR_CERT_UNTRUSTED,       5081,                                          \
+    "The certificate does not lead to a trusted certificate of the chain.")                        \
+  X(kCertExpired,      QL_ERR_CERT_EXPIRED,         5082,                                          \
+    "A certificate is expired or not yet valid.")                                                  \
+  X(kCertRevoked,      QL_ERR_CERT_REVOKED,         5083, "The certificate is revoked.")           \
+  X(kKeyCertMismatch,  QL_ERR_KEY_CERT_MISMATCH,    5084,                                          \
+    "The key does not match the certificate.")                                                     \
+  X(kBadPassword,      QL_ERR_BAD_PASSWORD,         5085,                                          \
+    "Wrong password: the file's integrity check or decryption fails.")
 // clang-format on

@@ -68,7 +68,17 @@
   X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)    \
   X(kIpFilterList,          QL_IPF_LIST,               1)    \
   X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
-  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)
+  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)    \
+  X(kObjPkcs7,              QL_OBJ_PKCS7,              14)   \
+  X(kObjCrl,                QL_OBJ_CRL,                15)   \
+  X(kWriteFileTyped,        QL_WRITE_FILE_TYPED,       2)    \
+  X(kCertBlob,              QL_CERT_BLOB,              19)   \
+  X(kMetaLabel,             QL_META_LABEL,             1)    \
+  X(kMetaId,                QL_META_ID,                2)    \
+  X(kMetaSubject,           QL_META_SUBJECT,           3)    \
+  X(kMetaStartDate,         QL_META_START_DATE,        4)    \
+  X(kMetaEndDate,           QL_META_END_DATE,          5)    \
+  X(kMetaApplication,       QL_META_APPLICATION,       6)
 // clang-format on
 
 namespace qlproto {

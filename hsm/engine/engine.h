@@ -19,6 +19,7 @@
 #include "engine/services/keys.h"
 #include "engine/services/logs.h"
 #include "engine/services/objects.h"
+#include "engine/services/pki.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 
@@ -63,6 +64,7 @@ class Engine {
   HashesService &hashes() { return hashes_; }
   SystemService &system() { return system_; }
   LogService &logs() { return logs_; }
+  PkiService &pki() { return pki_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -82,6 +84,7 @@ class Engine {
   HashesService hashes_{guard_, keys_};
   SystemService system_{core_, guard_};
   LogService logs_{core_, guard_};
+  PkiService pki_{core_, guard_, objects_, keys_};
 };
 
 }  // namespace qlhsm

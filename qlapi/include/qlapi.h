@@ -156,6 +156,13 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 /* The audit log and administration. */
 #define QL_ERR_NOT_IN_CLUSTER 5050 /* the HSM is not part of a cluster */
 #define QL_ERR_LOG_CORRUPT 5051    /* a log page that is cut short or damaged */
+/* Certificates and signing identities. */
+#define QL_ERR_BAD_CERT 5080           /* not a certificate, chain or CRL in DER or PEM */
+#define QL_ERR_CERT_UNTRUSTED 5081     /* no path to an anchor of the chain, or a stale CRL */
+#define QL_ERR_CERT_EXPIRED 5082       /* a certificate of the path is expired or not yet valid */
+#define QL_ERR_CERT_REVOKED 5083       /* the CRL names the certificate */
+#define QL_ERR_KEY_CERT_MISMATCH 5084  /* the key is not the certificate's */
+#define QL_ERR_BAD_PASSWORD 5085       /* a PKCS#12 file whose MAC or decryption fails */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -482,6 +489,9 @@ typedef struct QL_OBJ_STATS_ {
 #define QL_PUBLICKEY_BLOB_HSM 11
 #define QL_PRIVATEKEY_BLOB_STRICT 14
 #define QL_WRAPPED_KEY_BLOB 16
+/* PKI: the DER of a certificate (QL_OBJ_X509), chain (QL_OBJ_PKCS7) or CRL (QL_OBJ_CRL) object,
+ * from a handle of QGetUserKey; a use right. */
+#define QL_CERT_BLOB 19
 
 /* PKCS#10 request forms. */
 #define QL_P10_CSR_VERSION1 0
@@ -848,6 +858,10 @@ QLAPI_EXPORT int QReadFile(HSESSIONCTX hSession, const char *szObjName,
 /* Writes the local file szLocalPath into the file object szObjName. dwFlags 1 replaces an
  * existing object (right ACL_OBJ_UPDATE); without it a taken name answers QL_ERR_OBJ_EXISTS. */
 #define QL_WRITE_FILE_REPLACE 1
+/* PKI: the data is a certificate, a chain (PEM certificates or a certs-only PKCS#7) or a CRL,
+ * DER or PEM; the HSM stores it as QL_OBJ_X509, QL_OBJ_PKCS7 or QL_OBJ_CRL (QL_ERR_BAD_CERT
+ * when it is none of them). */
+#define QL_WRITE_FILE_TYPED 2
 QLAPI_EXPORT int QWriteFile(HSESSIONCTX hSession, const char *szLocalPath, const char *szObjName,
                             uint32_t dwFlags);
 QLAPI_EXPORT int QWriteFileBuffer(HSESSIONCTX hSession, const char *szObjName,
@@ -1051,6 +1065,24 @@ QLAPI_EXPORT int QExportPKCS12(HSESSIONCTX hSession, const char *szPassword, con
                                uint32_t *pdwPkcs12Len, uint32_t dwFlags);
 QLAPI_EXPORT int QAssociatePKCS11Key(HSESSIONCTX hSession, const char *szKeyName,
                                      const char *szCertName, uint32_t dwFlags);
+/* PKI: the QL_P7_* bits of QPKCS7Sign's dwAttributes. text, crlfeol and binary steer the
+ * canonicalisation of the data; nocerts, nochain, noattr, nosmimecap and detached shape the
+ * output; cosign adds a SignerInfo to the SignedData given as the data; the verification bits
+ * change nothing when signing. Bits 16 to 23 of dwFlags hold a QL_ALG_* hash (0: SHA-256). */
+#define QL_P7_TEXT 0x1
+#define QL_P7_NOCERTS 0x2
+#define QL_P7_NOSIGS 0x4
+#define QL_P7_NOCHAIN 0x8
+#define QL_P7_NOINTERN 0x10
+#define QL_P7_NOVERIFY 0x20
+#define QL_P7_DETACHED 0x40
+#define QL_P7_BINARY 0x80
+#define QL_P7_NOATTR 0x100
+#define QL_P7_NOSMIMECAP 0x200
+#define QL_P7_NOOLDMIMETYPE 0x400
+#define QL_P7_CRLFEOL 0x800
+#define QL_P7_NOCRL 0x2000
+#define QL_P7_COSIGN 0x4000
 /* PKCS#7 / CMS signature of pbData; dwAttributes the QL_P7_* bits. */
 QLAPI_EXPORT int QPKCS7Sign(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
                             const char *szChainName, uint32_t dwAttributes,
@@ -1264,6 +1296,13 @@ QLAPI_EXPORT int QSKeepCalcShareCks(const unsigned char *pbShare, uint32_t dwSha
 /* ===========================================================================================
  * Object metadata and PKCS#11 maps
  */
+/* PKI: the option ids of object-metadata records. */
+#define QL_META_LABEL 1       /* text */
+#define QL_META_ID 2          /* bytes; QAssociatePKCS11Key writes SHA-1 of the public key */
+#define QL_META_SUBJECT 3     /* a certificate's subject name, DER */
+#define QL_META_START_DATE 4  /* "YYYYMMDD" */
+#define QL_META_END_DATE 5    /* "YYYYMMDD" */
+#define QL_META_APPLICATION 6 /* text */
 QLAPI_EXPORT int QCreateObjMetadata(HOBJMETACTX *phMeta, uint32_t dwParam);
 QLAPI_EXPORT int QSetObjMetadata(HOBJMETACTX hMeta, uint32_t dwOption, const void *pvData,
                                  uint32_t dwDataLen, uint32_t dwParam);

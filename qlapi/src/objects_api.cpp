@@ -107,7 +107,8 @@ extern "C" int QReadFile(HSESSIONCTX hSession, const char *szObjName, PQL_READ_C
 extern "C" int QWriteFileBuffer(HSESSIONCTX hSession, const char *szObjName,
                                 const unsigned char *pbData, uint32_t dwDataLen, uint32_t dwFlags) {
   return Guard([&] {
-    if ((pbData == nullptr && dwDataLen > 0) || (dwFlags & ~uint32_t{QL_WRITE_FILE_REPLACE})) {
+    if ((pbData == nullptr && dwDataLen > 0) ||
+        (dwFlags & ~uint32_t{QL_WRITE_FILE_REPLACE | QL_WRITE_FILE_TYPED})) {
       return QL_ERR_BAD_ARGUMENT;
     }
     QL_RETURN_CODE_IF_ERROR(CheckObjName(szObjName));

@@ -1,7 +1,7 @@
-// The API families whose HSM services are not built yet: payment, SPB, PIX, tokenisation,
-// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens and the network
-// tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
-// once that the service is missing; handle-releasing calls clear the handle they are given.
+// The calls whose HSM services are not built yet (parts of payment, SPB, PIX, tokenisation,
+// blockchain, secret keeping, metadata records and maps, PKI, OATH tokens and the network tools).
+// Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at once that the
+// service is missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
 
 #define QL_NOT_SUPPORTED return QL_ERR_NOT_SUPPORTED
@@ -65,34 +65,6 @@ int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigne
   QL_NOT_SUPPORTED;
 }
 
-int QCert2CertInfo(const unsigned char *, uint32_t, QL_CERT_INFO *) {
-  QL_NOT_SUPPORTED;
-}
-int QCertEncodingConvert(const unsigned char *, uint32_t, uint32_t, unsigned char **, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QGeneratePKCS10CSR(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t,
-                       unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QImportPKCS12(HSESSIONCTX, const char *, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QImportPKCS12Buffer(HSESSIONCTX, const unsigned char *, uint32_t, const char *, const char *,
-                        const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QExportPKCS12(HSESSIONCTX, const char *, const char *, const char *, unsigned char **,
-                  uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QAssociatePKCS11Key(HSESSIONCTX, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPKCS7Sign(HSESSIONCTX, const char *, const char *, const char *, uint32_t,
-               const unsigned char *, uint32_t, unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
 int QSignXml(HSESSIONCTX, uint32_t, const char *, const char *, const char *, const unsigned char *,
              uint32_t, unsigned char **, uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;

@@ -149,9 +149,7 @@ TEST(FuncLaterServices, PassOrReportNotSupported) {
        "[FuncPINBlockTranslateThread] Error in PINBlockTranslate. Returned (5007) Expected "
        "(0)\r\n"},
       {{"-f", "xml", "-t", "1", "-i", "1", "-h", "sha256"},
-       "[LoadKeyAndCert] Error in QImportPKCS12. Err = 5007\r\n"},
-      {{"-f", "pkcs12", "-t", "1", "-i", "1", "-f", pfx_path, "-p", "24681357"},
-       "[FuncSignXMLThread] Fail in QImportPKCS12. rc = 5007\r\n"},
+       "[FuncSignXMLThread] Fail in QSignXml. rc = 5007\r\n"},
       {{"-f", "svault-gen-token", "-t", "1", "-i", "2"},
        "[FuncSVaultGenTokenThread] Fail in QSVaultGenToken. rc = 5007\r\n"},
   };
@@ -161,6 +159,15 @@ TEST(FuncLaterServices, PassOrReportNotSupported) {
     EXPECT_EQ(r.exit_code, ExitCodeOf(QL_ERR_NOT_SUPPORTED)) << c.args[1] << "\n" << r.out;
     EXPECT_TRUE(Contains(r.out, c.not_supported_line)) << c.args[1] << "\n" << r.out;
   }
+  // PKCS#12 imports are served: the file imports under its password and is refused under
+  // another one, with the test's own line.
+  RunResult r = RunQlutil(
+      With(SharedHsm(), {"-f", "pkcs12", "-t", "2", "-i", "2", "-f", pfx_path, "-p", "24681357"}));
+  EXPECT_EQ(r.exit_code, 0) << r.out;
+  r = RunQlutil(
+      With(SharedHsm(), {"-f", "pkcs12", "-t", "1", "-i", "1", "-f", pfx_path, "-p", "wrong"}));
+  EXPECT_EQ(r.exit_code, ExitCodeOf(QL_ERR_BAD_PASSWORD)) << r.out;
+  EXPECT_TRUE(Contains(r.out, "[FuncSignXMLThread] Fail in QImportPKCS12. rc = 5085\r\n")) << r.out;
   remove(pfx_path.c_str());
 }
 

@@ -10,7 +10,7 @@ typedef struct _JOB_FILE_INFO {
   const char *pszObjName;  // -kn
   const char *pszOutFile;  // read: --out; null: hex on the console
   const Bytes *pData;      // write: -in, read by the front function, which outlives the run
-  uint32_t dwFlags;        // write: -replace gives QL_WRITE_FILE_REPLACE
+  uint32_t dwFlags;        // write: -replace QL_WRITE_FILE_REPLACE, -typed QL_WRITE_FILE_TYPED
 } JOB_FILE_INFO;
 
 namespace {
@@ -30,7 +30,13 @@ void ShowJobWriteFileHelp() {
   ScreenOutput("     -inform  [OPTIONAL] Format of -in. Default \"file\".\r\n");
   ShowHelpDataInformParameters();
   ScreenOutput("     -replace [OPTIONAL] Replace an existing object of that name.\r\n");
-  JobHelpExamples("write-file", {"-kn myfile -in data.bin", "-kn myfile -inform hex -in 0A0B0C"});
+  ScreenOutput(
+      "     -typed   [OPTIONAL] The data is a certificate, a chain (PEM certificates or\r\n");
+  ScreenOutput(
+      "              PKCS#7) or a CRL, DER or PEM, kept as a certificate, chain or CRL\r\n");
+  ScreenOutput("              object.\r\n");
+  JobHelpExamples("write-file", {"-kn myfile -in data.bin", "-kn myfile -inform hex -in 0A0B0C",
+                                 "-kn mycert -in cert.pem -typed"});
 }
 
 int AppendChunk(void *param, const unsigned char *chunk, uint32_t len) {
@@ -92,6 +98,7 @@ int JobWriteFile(TEST_PARAMETER *pTestParam, int nParameters) {
   LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   job.pszObjName = GetParameterStr(pTestParam, nParameters, "-kn");
   job.dwFlags = IsParameterDefined(pTestParam, nParameters, "-replace") ? QL_WRITE_FILE_REPLACE : 0;
+  if (IsParameterDefined(pTestParam, nParameters, "-typed")) job.dwFlags |= QL_WRITE_FILE_TYPED;
   const char *word = GetParameterStr(pTestParam, nParameters, "-inform");
   const DataInform inform = GetParameterDataInform(pTestParam, nParameters, "-inform", kFile);
   Bytes data;

@@ -182,6 +182,34 @@ Result<Bytes> ReadCrl(ByteView input) {
   return ToDer<X509_CRL, i2d_X509_CRL>(crl.get());
 }
 
+Result<PkiObject> ReadPkiObject(ByteView input) {
+  PkiObject out;
+  if (X509Ptr x = ParseCertificate(input)) {
+    out.der = ToDer<X509, i2d_X509>(x.get());
+    return out;
+  }
+  Result<std::vector<Bytes>> certs = ReadCertificates(input);
+  if (certs.ok()) {
+    // One PEM certificate is a certificate; a PKCS#7 is a chain whatever it holds.
+    const std::string_view text(reinterpret_cast<const char *>(input.data()), input.size());
+    if (certs->size() == 1 && text.find("-----BEGIN CERTIFICATE-----") != std::string_view::npos &&
+        text.find("-----BEGIN PKCS7-----") == std::string_view::npos) {
+      out.der = std::move(certs->front());
+      return out;
+    }
+    Result<Bytes> bundle = MakeCertificateBundle(*certs);
+    if (!bundle.ok()) return bundle.status();
+    out.kind = PkiKind::kChain;
+    out.der = std::move(bundle.value());
+    return out;
+  }
+  Result<Bytes> crl = ReadCrl(input);
+  if (!crl.ok()) return Status(Code::kBadData, "not a certificate, chain or CRL");
+  out.kind = PkiKind::kCrl;
+  out.der = std::move(crl.value());
+  return out;
+}
+
 Result<Bytes> MakeCertificateBundle(const std::vector<Bytes> &certificates) {
   Pkcs7Ptr p7(PKCS7_new());
   if (!p7 || PKCS7_set_type(p7.get(), NID_pkcs7_signed) != 1 ||
@@ -243,6 +271,18 @@ Result<PathCheck> ValidatePath(ByteView leaf_der, const std::vector<Bytes> &chai
       check.problem = PathProblem::kUntrusted;
   }
   return check;
+}
+
+Result<Bytes> PublicKeyId(ByteView certificate) {
+  X509Ptr x = ParseCertificate(certificate);
+  if (!x) return Status(Code::kBadData, "not a certificate");
+  Bytes id(EVP_MAX_MD_SIZE);
+  unsigned int len = 0;
+  if (X509_pubkey_digest(x.get(), EVP_sha1(), id.data(), &len) != 1) {
+    return ossl::Fail("X509_pubkey_digest");
+  }
+  id.resize(len);
+  return id;
 }
 
 bool KeyMatchesCertificate(const Key &key, ByteView certificate) {

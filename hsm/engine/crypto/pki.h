@@ -28,6 +28,16 @@ Result<std::vector<Bytes>> ReadCertificates(ByteView der_or_pem);
 // One CRL, DER or PEM, as DER.
 Result<Bytes> ReadCrl(ByteView der_or_pem);
 
+// What a certificate file holds, in the form the HSM keeps it: one certificate (DER, or one PEM
+// certificate), a chain (several PEM certificates, or a certs-only PKCS#7 in DER or PEM, kept as
+// a certs-only PKCS#7 in DER) or a CRL (DER or PEM, kept as DER). kBadData for anything else.
+enum class PkiKind : uint8_t { kCertificate, kChain, kCrl };
+struct PkiObject {
+  PkiKind kind = PkiKind::kCertificate;
+  Bytes der;
+};
+Result<PkiObject> ReadPkiObject(ByteView der_or_pem);
+
 // A certs-only SignedData (DER) holding the certificates, the form chains are kept in.
 Result<Bytes> MakeCertificateBundle(const std::vector<Bytes> &certificates);
 
@@ -43,6 +53,9 @@ struct PathCheck {
 // kExpired.
 Result<PathCheck> ValidatePath(ByteView leaf, const std::vector<Bytes> &chain,
                                const std::optional<Bytes> &crl, time_t at);
+
+// SHA-1 of the certificate's public key (the subjectPublicKey bits), the usual key identifier.
+Result<Bytes> PublicKeyId(ByteView certificate);
 
 // True when the certificate carries the key's public key.
 bool KeyMatchesCertificate(const Key &key, ByteView certificate);

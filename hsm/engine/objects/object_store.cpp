@@ -52,35 +52,86 @@ Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller
   return ref;
 }
 
+Status ObjectStore::Insert(store::Connection &conn, const ObjectInfo &info,
+                           const secure::Bytes &sealed) const {
+  Result<store::Statement> st = conn.Prepare(
+      "INSERT INTO objects(owner, name, type, algorithm, flags, material, blocked, metadata, "
+      "created) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+  if (!st.ok()) return st.status();
+  st->Bind(1, info.ref.owner).Bind(2, info.ref.name).Bind(3, int64_t{info.type});
+  st->Bind(4, int64_t{info.algorithm}).Bind(5, int64_t{info.flags}).BindBlob(6, sealed);
+  st->Bind(7, int64_t{info.blocked ? 1 : 0});
+  st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata)
+      .Bind(9, clock_->Now());
+  Status s = st->Run();
+  if (s.code() == Code::kObjectExists) {
+    // The owner must exist (foreign key) and the name must be free; tell the two apart.
+    Result<store::Statement> q = conn.Prepare("SELECT 1 FROM users WHERE name = ?1");
+    if (!q.ok()) return q.status();
+    q->Bind(1, info.ref.owner);
+    Result<bool> found = q->Step();
+    if (found.ok() && !found.value())
+      return Status::Error(Code::kUserNotFound, "owner does not exist");
+    return Status::Error(Code::kObjectExists, "object name taken");
+  }
+  return s;
+}
+
 Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material) {
-  Result<secure::Bytes> sealed =
-      secure::Seal(master_key_, material, ObjectAad(info.ref, info.type));
-  if (!sealed.ok()) return sealed.status();
+  return CreateMany({{info, material}});
+}
+
+Status ObjectStore::CreateMany(const std::vector<std::pair<ObjectInfo, secure::Bytes>> &objects) {
+  std::vector<secure::Bytes> sealed;
+  for (const auto &[info, material] : objects) {
+    Result<secure::Bytes> one = secure::Seal(master_key_, material, ObjectAad(info.ref, info.type));
+    if (!one.ok()) return one.status();
+    sealed.push_back(std::move(one.value()));
+  }
   return store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
-    Result<store::Statement> st = conn.Prepare(
-        "INSERT INTO objects(owner, name, type, algorithm, flags, material, blocked, metadata, "
-        "created) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
-    if (!st.ok()) return st.status();
-    st->Bind(1, info.ref.owner).Bind(2, info.ref.name).Bind(3, int64_t{info.type});
-    st->Bind(4, int64_t{info.algorithm}).Bind(5, int64_t{info.flags}).BindBlob(6, *sealed);
-    st->Bind(7, int64_t{info.blocked ? 1 : 0});
-    st->Bind(8, info.metadata.empty() ? std::string_view("{}") : info.metadata)
-        .Bind(9, clock_->Now());
-    Status s = st->Run();
-    if (s.code() == Code::kObjectExists) {
-      // The owner must exist (foreign key) and the name must be free; tell the two apart.
-      Result<store::Statement> q = conn.Prepare("SELECT 1 FROM users WHERE name = ?1");
-      if (!q.ok()) return q.status();
-      q->Bind(1, info.ref.owner);
-      Result<bool> found = q->Step();
-      if (found.ok() && !found.value())
-        return Status::Error(Code::kUserNotFound, "owner does not exist");
-      return Status::Error(Code::kObjectExists, "object name taken");
-    }
-    QL_RETURN_IF_ERROR(s);
+    for (size_t i = 0; i < objects.size(); ++i)
+      QL_RETURN_IF_ERROR(Insert(conn, objects[i].first, sealed[i]));
     return tx.Commit();
+  });
+}
+
+Status ObjectStore::SetRecords(const ObjectRef &ref, const std::vector<Record> &records) {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    for (const Record &r : records) {
+      Result<store::Statement> st = conn.Prepare(
+          "INSERT OR REPLACE INTO object_records(object_id, record, value) "
+          "SELECT id, ?3, ?4 FROM objects WHERE owner = ?1 AND name = ?2");
+      if (!st.ok()) return st.status();
+      st->Bind(1, ref.owner).Bind(2, ref.name).Bind(3, int64_t{r.id}).BindBlob(4, r.value);
+      QL_RETURN_IF_ERROR(st->Run());
+      if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
+    }
+    return tx.Commit();
+  });
+}
+
+Result<std::vector<ObjectStore::Record>> ObjectStore::GetRecords(const ObjectRef &ref) {
+  return store_.Locked([&](store::Connection &conn) -> Result<std::vector<Record>> {
+    Result<store::Statement> st = conn.Prepare(
+        "SELECT r.record, r.value FROM object_records r JOIN objects o ON o.id = r.object_id "
+        "WHERE o.owner = ?1 AND o.name = ?2 ORDER BY r.record");
+    if (!st.ok()) return st.status();
+    st->Bind(1, ref.owner).Bind(2, ref.name);
+    std::vector<Record> out;
+    for (;;) {
+      Result<bool> row = st->Step();
+      if (!row.ok()) return row.status();
+      if (!row.value()) break;
+      Record r;
+      r.id = static_cast<uint32_t>(st->Int(0));
+      r.value = st->Blob(1);
+      out.push_back(std::move(r));
+    }
+    return out;
   });
 }
 

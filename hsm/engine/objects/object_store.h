@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "engine/clock.h"
@@ -21,6 +22,8 @@ inline constexpr size_t kMaxObjectName = 64;
 enum class ObjectType : int {
   kFile = qlproto::kObjFile,
   kCertificate = qlproto::kObjX509,
+  kChain = qlproto::kObjPkcs7,
+  kCrl = qlproto::kObjCrl,
   // A key's type is its algorithm (QL_ALG_*).
 };
 
@@ -43,6 +46,13 @@ struct ObjectInfo {
 
 bool ValidObjectName(std::string_view name);
 
+// Files, certificates, chains and CRLs: the objects that are no keys.
+inline bool IsDataObject(int type) {
+  return type == static_cast<int>(ObjectType::kFile) ||
+         type == static_cast<int>(ObjectType::kCertificate) ||
+         type == static_cast<int>(ObjectType::kChain) || type == static_cast<int>(ObjectType::kCrl);
+}
+
 // Splits "owner/object" or plain "object" (owned by `caller`). kBadName for anything else.
 Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller);
 
@@ -57,6 +67,16 @@ class ObjectStore {
 
   // kObjectExists when the owner already has an object of that name.
   Status Create(const ObjectInfo &info, const secure::Bytes &material);
+  // Several objects in one transaction: all of them or, on any refusal, none.
+  Status CreateMany(const std::vector<std::pair<ObjectInfo, secure::Bytes>> &objects);
+  // Numbered records of an object (identifiers, labels, ...), kept in the clear beside it and
+  // gone with it; a record written again replaces the old value.
+  struct Record {
+    uint32_t id = 0;
+    secure::Bytes value;
+  };
+  Status SetRecords(const ObjectRef &ref, const std::vector<Record> &records);
+  Result<std::vector<Record>> GetRecords(const ObjectRef &ref);
   // kObjectNotFound when missing.
   Result<ObjectInfo> Get(const ObjectRef &ref);
   // The object's plaintext material.
@@ -78,6 +98,7 @@ class ObjectStore {
     int64_t type = 0;
   };
   // The row's sealed material and kind; the caller holds the store's lock.
+  Status Insert(store::Connection &conn, const ObjectInfo &info, const secure::Bytes &sealed) const;
   static Result<SealedRow> ReadSealed(store::Connection &conn, const ObjectRef &ref);
   Status UpdateOne(const ObjectRef &ref, const char *sql, int64_t value);
   store::Store &store_;

@@ -11,12 +11,6 @@ namespace qlhsm {
 using access::Request;
 using sessions::Session;
 
-namespace {
-
-constexpr int kFileType = static_cast<int>(objects::ObjectType::kFile);
-
-}  // namespace
-
 Result<objects::ObjectInfo> ObjectsService::Usable(const objects::ObjectRef &ref) {
   Result<objects::ObjectInfo> info = core_.objects->Get(ref);
   if (info.ok() && info->blocked) return Status::Error(Code::kObjectBlocked, "object blocked");
@@ -161,8 +155,8 @@ Result<std::string> ObjectsService::GetObjectMetadata(Session &s, std::string_vi
 }
 
 Status ObjectsService::WriteFile(Session &s, std::string_view name, const secure::Bytes &data,
-                                 bool replace) {
-  if (!replace) return CreateObject(s, name, kFileType, 0, 0, data);
+                                 bool replace, int type) {
+  if (!replace) return CreateObject(s, name, type, 0, 0, data);
   objects::ObjectRef ref;
   Op op{"write-file", name, Request::kUpdateObject, AuditMode::kChange};
   return guard_.Run(
@@ -170,8 +164,11 @@ Status ObjectsService::WriteFile(Session &s, std::string_view name, const secure
       [&](const users::UserInfo &) -> Status {
         Result<objects::ObjectInfo> info = core_.objects->Get(ref);
         if (!info.ok() && info.status().code() == Code::kObjectNotFound)
-          return CreateObject(s, name, kFileType, 0, 0, data);
+          return CreateObject(s, name, type, 0, 0, data);
         if (!info.ok()) return info.status();
+        // The material is sealed to the object's kind: another kind keeps its name.
+        if (info->type != type)
+          return Status::Error(Code::kObjectExists, "an object of another kind has that name");
         QL_RETURN_IF_ERROR(core_.objects->WriteMaterial(ref, data));
         core_.keys.Forget(ref.Full());
         return Status::Ok();
@@ -200,7 +197,9 @@ Result<FileChunk> ObjectsService::ReadFile(Session &s, std::string_view name, ui
       [&](const users::UserInfo &) -> Result<FileChunk> {
         Result<objects::ObjectInfo> info = Usable(ref);
         if (!info.ok()) return info.status();
-        if (info->type != kFileType) return Status::Error(Code::kBadArgument, "not a file");
+        // Certificates, chains and CRLs read as their DER.
+        if (!objects::IsDataObject(info->type))
+          return Status::Error(Code::kBadArgument, "not a file");
         Result<secure::Bytes> data = core_.objects->ReadMaterial(ref);
         if (!data.ok()) return data.status();
         FileChunk chunk;

@@ -37,10 +37,11 @@ class ObjectsService {
   Status SetObjectMetadata(sessions::Session &s, std::string_view name, std::string_view json);
   Result<std::string> GetObjectMetadata(sessions::Session &s, std::string_view name,
                                         uint32_t type = qlproto::kJsonMetadataObject);
-  // Creates a file object; with `replace`, an existing object of that name is overwritten, which
-  // needs the update right besides the create right for a new one.
+  // Creates a file object (or a certificate, chain or CRL of `type`); with `replace`, an
+  // existing object of that name and kind is overwritten, which needs the update right besides
+  // the create right for a new one.
   Status WriteFile(sessions::Session &s, std::string_view name, const secure::Bytes &data,
-                   bool replace = false);
+                   bool replace = false, int type = static_cast<int>(objects::ObjectType::kFile));
   // The number of objects the caller owns.
   Result<int64_t> CountOwnObjects(sessions::Session &s);
   Result<FileChunk> ReadFile(sessions::Session &s, std::string_view name, uint64_t offset,

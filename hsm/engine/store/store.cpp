@@ -38,6 +38,12 @@ CREATE TABLE IF NOT EXISTS tokens (
   expires INTEGER NOT NULL,
   created INTEGER NOT NULL
 );
+CREATE TABLE IF NOT EXISTS object_records (
+  object_id INTEGER NOT NULL REFERENCES objects(id) ON DELETE CASCADE,
+  record INTEGER NOT NULL,
+  value BLOB NOT NULL,
+  PRIMARY KEY(object_id, record)
+);
 CREATE TABLE IF NOT EXISTS audit_pages (
   page_no INTEGER PRIMARY KEY,
   compressed INTEGER NOT NULL,
@@ -72,6 +78,8 @@ Result<std::unique_ptr<Store>> Store::Open(const std::string &data_dir, bool cre
     if (!v.ok()) return v.status();
     if (v.value() != std::to_string(kSchemaVersion))
       return Status::Error(Code::kInternal, "unknown store schema version " + v.value());
+    // Tables added since the schema's version was set; creating them changes nothing else.
+    QL_RETURN_IF_ERROR(store->conn_->Exec(kSchema));
   }
   return store;
 }

@@ -114,5 +114,11 @@ void LogOpen(const pb::Request &, Call &, pb::Response *);
 void LogPage(const pb::Request &, Call &, pb::Response *);
 void TruncateLog(const pb::Request &, Call &, pb::Response *);
 void FollowLog(const pb::Request &, Call &, pb::Response *);
+// --- certificates and signing identities (pki.cpp) ---
+void ImportPkcs12(const pb::Request &, Call &, pb::Response *);
+void ExportPkcs12(const pb::Request &, Call &, pb::Response *);
+void AssociatePkcs11Key(const pb::Request &, Call &, pb::Response *);
+void GeneratePkcs10(const pb::Request &, Call &, pb::Response *);
+void Pkcs7Sign(const pb::Request &, Call &, pb::Response *);
 
 }  // namespace qlhsm::server::handlers

@@ -23,6 +23,12 @@ void ImportKey(const pb::Request &req, Call &c, pb::Response *r) {
 
 void ExportKey(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::ExportKey &x = req.export_key();
+  // A certificate, chain or CRL object's DER comes from the PKI service.
+  if (x.blob_type() == qlproto::kCertBlob && !x.has_kek()) {
+    Reply(c.engine.pki().ExportCertificate(c.session, ToKeyArg(x.key())), r,
+          [&](const secure::Bytes &der) { r->mutable_blob()->set_data(ToString(der)); });
+    return;
+  }
   Reply(c.engine.keys().ExportKey(c.session, ToKeyArg(x.key()), ToKeyArg(x.kek()), x.blob_type()),
         r, [&](const secure::Bytes &blob) { r->mutable_blob()->set_data(ToString(blob)); });
 }

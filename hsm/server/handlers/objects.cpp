@@ -54,6 +54,11 @@ void ReadFile(const pb::Request &req, Call &c, pb::Response *r) {
 
 void WriteFile(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::WriteFile &f = req.write_file();
+  const bool replace = (f.flags() & qlproto::kWriteFileReplace) != 0;
+  if (f.flags() & qlproto::kWriteFileTyped) {
+    SetStatus(c.engine.pki().WriteTyped(c.session, f.name(), ToBytes(f.data()), replace), r);
+    return;
+  }
   SetStatus(c.engine.objects().WriteFile(c.session, f.name(), ToBytes(f.data()),
                                          (f.flags() & qlproto::kWriteFileReplace) != 0),
             r);

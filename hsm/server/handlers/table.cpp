@@ -73,10 +73,16 @@ constexpr Row kRows[] = {
     {R::kLogPage, LogPage},
     {R::kTruncateLog, TruncateLog},
     {R::kFollowLog, FollowLog},
+    // certificates and signing identities
+    {R::kImportPkcs12, ImportPkcs12},
+    {R::kExportPkcs12, ExportPkcs12},
+    {R::kAssociatePkcs11Key, AssociatePkcs11Key},
+    {R::kGeneratePkcs10, GeneratePkcs10},
+    {R::kPkcs7Sign, Pkcs7Sign},
 };
 
 // Request kinds are the body's field numbers, all below this.
-constexpr size_t kMaxKind = 128;
+constexpr size_t kMaxKind = 256;
 
 constexpr std::array<Handler, kMaxKind> MakeIndex() {
   std::array<Handler, kMaxKind> index{};

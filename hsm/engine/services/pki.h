@@ -1,0 +1,96 @@
+// Certificates and signing identities: certificate, chain and CRL objects, path validation at
+// the HSM's time, PKCS#12 import and export, and the link between a key and its certificate.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/guard.h"
+#include "engine/services/keys.h"
+
+namespace qlhsm {
+
+class ObjectsService;
+
+struct Pkcs12Import {
+  secure::Bytes pfx;
+  std::string password;
+  std::string key_name;
+  std::string cert_name;  // empty: the certificate is not kept
+  uint32_t flags = 0;     // the stored key's QL_KEY_* flags
+};
+
+class PkiService {
+ public:
+  PkiService(Core &core, Guard &guard, ObjectsService &objects, KeysService &keys)
+      : core_(core), guard_(guard), objects_(objects), keys_(keys) {}
+
+  // Stores a certificate, chain or CRL (DER or PEM) as an object of the matching type:
+  // kBadCert for anything else, then as a file write (create right; with `replace` the update
+  // right too, and only over an object of the same kind).
+  Status WriteTyped(sessions::Session &s, std::string_view name, const secure::Bytes &data,
+                    bool replace);
+  // The DER of a certificate, chain or CRL object, named by a handle or a name: a use right;
+  // kBadKeyUsage for a key or a file.
+  Result<secure::Bytes> ExportCertificate(sessions::Session &s, const KeyArg &object);
+
+  // Path validation (RFC 5280 section 6) of `leaf` (DER or PEM) at the HSM's time against the
+  // chain object `chain_name` (a chain, a certificate or a file holding certificates: its
+  // self-signed certificates are the anchors, a lone other certificate its own anchor) and,
+  // when `crl_name` is not empty, the CRL object (a CRL or a file holding one), which must be
+  // signed by the leaf's issuer and current. Rights: the use of each object. Answers Ok, or
+  // kCertUntrusted, kCertExpired, kCertRevoked; kBadCert for a leaf, chain or CRL that does not
+  // parse.
+  Status ValidateCertificate(sessions::Session &s, const secure::Bytes &leaf,
+                             std::string_view chain_name, std::string_view crl_name);
+  // The same for a caller that already checked its rights (inside another service's guarded
+  // body): existence and state of the objects, then the validation.
+  Status CheckCertificate(const secure::Bytes &leaf, const objects::ObjectRef &chain,
+                          const std::optional<objects::ObjectRef> &crl);
+  // The certificates of a chain object, and the DER of a CRL object (existence, state, kind).
+  Result<std::vector<secure::Bytes>> LoadChain(const objects::ObjectRef &ref);
+  Result<secure::Bytes> LoadCrl(const objects::ObjectRef &ref);
+
+  // A PKCS#12 file's key (RSA, EC or Ed25519) and, with a certificate name, its leaf
+  // certificate, stored in one transaction: the create right; names taken kObjectExists; the
+  // key not the certificate's kKeyCertMismatch; a wrong password kBadPassword. Nothing is
+  // written on any refusal. The file's other certificates are ignored.
+  Status ImportPkcs12(sessions::Session &s, const Pkcs12Import &in);
+  // An exportable key (kNotExportable otherwise) and its certificate object as a PKCS#12 file
+  // under a non-empty password (AES-256-CBC, PBKDF2, HMAC-SHA-256): the use right.
+  Result<secure::Bytes> ExportPkcs12(sessions::Session &s, std::string_view key_name,
+                                     std::string_view cert_name, std::string_view password);
+  // Links a key to its certificate: equal id (SHA-1 of the public key) and label (the key's
+  // name) records on both, and the certificate recorded as the key's. The update right;
+  // kKeyCertMismatch when the certificate does not carry the key's public key.
+  Status AssociateKey(sessions::Session &s, std::string_view key_name, std::string_view cert_name);
+  // A PKCS#10 request (DER) for a stored key, signed by it: RSA PKCS#1 v1.5 or ECDSA with
+  // `hash_algorithm` (a QL_ALG_* hash; 0: SHA-256), Ed25519 with none; the subject an RFC 4514
+  // string (kBadArgument when it does not parse); version 0 only. The use right.
+  Result<secure::Bytes> GeneratePkcs10(sessions::Session &s, std::string_view key_name,
+                                       std::string_view subject, uint32_t version,
+                                       uint32_t hash_algorithm);
+  // A CMS SignedData (DER ContentInfo) over `data` by a stored key with its certificate object
+  // and, unless empty, the chain object; `attributes` the QL_P7_* bits, `hash_algorithm` a
+  // QL_ALG_* hash (0: SHA-256; SHA-1, SHA-384, SHA-512). The use right on each object.
+  Result<secure::Bytes> Pkcs7Sign(sessions::Session &s, std::string_view key_name,
+                                  std::string_view cert_name, std::string_view chain_name,
+                                  uint32_t attributes, uint32_t hash_algorithm,
+                                  const secure::Bytes &data);
+  // An object's numbered records (QL_META_* ids): a use right.
+  Result<std::vector<objects::ObjectStore::Record>> ReadRecords(sessions::Session &s,
+                                                                std::string_view name);
+
+ private:
+  Result<objects::ObjectInfo> Usable(const objects::ObjectRef &ref);
+
+  Core &core_;
+  Guard &guard_;
+  ObjectsService &objects_;
+  KeysService &keys_;
+};
+
+}  // namespace qlhsm
