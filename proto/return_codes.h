@@ -83,5 +83,10 @@
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \
-    "The HSM does not accept connections from this address.")
+    "The HSM does not accept connections from this address.")                                    \
+  X(kCheckFailed,      QL_ERR_CHECK_FAILED,         5060, "the value does not match")              \
+  X(kBadPinBlock,      QL_ERR_BAD_PIN_BLOCK,        5061,                                          \
+    "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \
+  X(kEftdNotAuthorized, QL_ERR_EFTD_NOT_AUTHORIZED, 5062,                                          \
+    "the EFT daemon is not authorised for this activity")
 // clang-format on

@@ -65,7 +65,8 @@
   X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)    \
   X(kIpFilterList,          QL_IPF_LIST,               1)    \
   X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
-  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)
+  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)    \
+  X(kDukptKeyMask,          QL_DUKPT_KEY_MASK,         0xF0000u)
 // clang-format on
 
 namespace qlproto {

@@ -1,9 +1,9 @@
 // The HSM engine: every service the daemon offers, callable in-process. The daemon owns one
 // Engine and gives each connection a Session; tests and the fuzzer call the engine directly.
 //
-// The services (users, objects, keys, hashes, system) share the engine's core (store, users,
-// objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in one
-// fixed order: session, arguments, right, existence, state, then writes the audit record. Each
+// The services (users, objects, keys, hashes, system, payment) share the engine's core (store,
+// users, objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in
+// one fixed order: session, arguments, right, existence, state, then writes the audit record. Each
 // service may be called from many threads at once, each with its own Session; a Session itself is
 // used by one thread at a time.
 #pragma once
@@ -18,6 +18,7 @@
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/objects.h"
+#include "engine/services/payment.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 
@@ -61,6 +62,7 @@ class Engine {
   KeysService &keys() { return keys_; }
   HashesService &hashes() { return hashes_; }
   SystemService &system() { return system_; }
+  PaymentService &payment() { return payment_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -79,6 +81,7 @@ class Engine {
   KeysService keys_{core_, guard_, objects_};
   HashesService hashes_{guard_, keys_};
   SystemService system_{core_, guard_};
+  PaymentService payment_{core_, guard_, keys_};
 };
 
 }  // namespace qlhsm

@@ -1,7 +1,8 @@
-// The API families whose HSM services are not built yet: payment, SPB, PIX, tokenisation,
-// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens, the audit-log reader and the
-// network tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
-// once that the service is missing; handle-releasing calls clear the handle they are given.
+// The API families whose HSM services are not built yet: payment (key blocks), SPB, PIX,
+// tokenisation,
+// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens, the audit-log reader and
+// the network tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns
+// at once that the service is missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
 
 #define QL_NOT_SUPPORTED return QL_ERR_NOT_SUPPORTED
@@ -123,30 +124,6 @@ int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, co
   QL_NOT_SUPPORTED;
 }
 
-int QGenerateCVV(HKEYCTX, const char *, const char *, const char *, char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QVerifyCVV(HKEYCTX, const char *, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QGeneratePIN(HKEYCTX, const char *, uint32_t, char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QVerifyPINBlock(HKEYCTX, HKEYCTX, uint32_t, const char *, const unsigned char *, uint32_t,
-                    uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPINBlockTranslate(HSESSIONCTX, const char *, const char *, uint32_t, const char *,
-                       const unsigned char *, uint32_t, unsigned char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QGenerateBDKName(HSESSIONCTX, const unsigned char *, uint32_t, char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QGenerateDUKPT(HSESSIONCTX, const char *, const unsigned char *, uint32_t, const char *,
-                   uint32_t) {
-  QL_NOT_SUPPORTED;
-}
 int QEFTExportTR31(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t, char *,
                    uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;

@@ -109,4 +109,12 @@ void Backup(const pb::Request &, Call &, pb::Response *);
 void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
 void IpFilter(const pb::Request &, Call &, pb::Response *);
 
+// --- payment: card values, PINs, DUKPT, key blocks, the EFT daemon (payment.cpp) ---
+void GenerateCvv(const pb::Request &, Call &, pb::Response *);
+void VerifyCvv(const pb::Request &, Call &, pb::Response *);
+void GeneratePin(const pb::Request &, Call &, pb::Response *);
+void VerifyPinBlock(const pb::Request &, Call &, pb::Response *);
+void TranslatePinBlock(const pb::Request &, Call &, pb::Response *);
+void GenerateDukpt(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

@@ -68,10 +68,17 @@ constexpr Row kRows[] = {
     {R::kBackup, Backup},
     {R::kUpackPush, PushUpdatePackage},
     {R::kIpFilter, IpFilter},
+    // payment
+    {R::kGenerateCvv, GenerateCvv},
+    {R::kVerifyCvv, VerifyCvv},
+    {R::kGeneratePin, GeneratePin},
+    {R::kVerifyPinBlock, VerifyPinBlock},
+    {R::kTranslatePinBlock, TranslatePinBlock},
+    {R::kGenerateDukpt, GenerateDukpt},
 };
 
 // Request kinds are the body's field numbers, all below this.
-constexpr size_t kMaxKind = 128;
+constexpr size_t kMaxKind = 256;
 
 constexpr std::array<Handler, kMaxKind> MakeIndex() {
   std::array<Handler, kMaxKind> index{};
