@@ -96,5 +96,10 @@
   X(kKeyCertMismatch,  QL_ERR_KEY_CERT_MISMATCH,    5084,                                          \
     "The key does not match the certificate.")                                                     \
   X(kBadPassword,      QL_ERR_BAD_PASSWORD,         5085,                                          \
-    "Wrong password: the file's integrity check or decryption fails.")
+    "Wrong password: the file's integrity check or decryption fails.")                             \
+  X(kCheckFailed,      QL_ERR_CHECK_FAILED,         5060, "the value does not match")              \
+  X(kBadPinBlock,      QL_ERR_BAD_PIN_BLOCK,        5061,                                          \
+    "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \
+  X(kEftdNotAuthorized, QL_ERR_EFTD_NOT_AUTHORIZED, 5062,                                          \
+    "the EFT daemon is not authorised for this activity")
 // clang-format on

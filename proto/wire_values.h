@@ -78,7 +78,8 @@
   X(kMetaSubject,           QL_META_SUBJECT,           3)    \
   X(kMetaStartDate,         QL_META_START_DATE,        4)    \
   X(kMetaEndDate,           QL_META_END_DATE,          5)    \
-  X(kMetaApplication,       QL_META_APPLICATION,       6)
+  X(kMetaApplication,       QL_META_APPLICATION,       6)    \
+  X(kDukptKeyMask,          QL_DUKPT_KEY_MASK,         0xF0000u)
 // clang-format on
 
 namespace qlproto {

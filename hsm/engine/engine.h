@@ -1,9 +1,9 @@
 // The HSM engine: every service the daemon offers, callable in-process. The daemon owns one
 // Engine and gives each connection a Session; tests and the fuzzer call the engine directly.
 //
-// The services (users, objects, keys, hashes, system) share the engine's core (store, users,
-// objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in one
-// fixed order: session, arguments, right, existence, state, then writes the audit record. Each
+// The services (users, objects, keys, hashes, system, payment) share the engine's core (store,
+// users, objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in
+// one fixed order: session, arguments, right, existence, state, then writes the audit record. Each
 // service may be called from many threads at once, each with its own Session; a Session itself is
 // used by one thread at a time.
 #pragma once
@@ -20,6 +20,7 @@
 #include "engine/services/logs.h"
 #include "engine/services/objects.h"
 #include "engine/services/pki.h"
+#include "engine/services/payment.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 
@@ -65,6 +66,7 @@ class Engine {
   SystemService &system() { return system_; }
   LogService &logs() { return logs_; }
   PkiService &pki() { return pki_; }
+  PaymentService &payment() { return payment_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -85,6 +87,7 @@ class Engine {
   SystemService system_{core_, guard_};
   LogService logs_{core_, guard_};
   PkiService pki_{core_, guard_, objects_, keys_};
+  PaymentService payment_{core_, guard_, keys_};
 };
 
 }  // namespace qlhsm

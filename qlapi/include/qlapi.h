@@ -123,7 +123,7 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_SUPPORTED 5007      /* the service or combination is not built */
 #define QL_ERR_LIMIT_REACHED 5008      /* sessions, objects or frame size past a limit */
 #define QL_ERR_BUSY_RETRY 5009         /* the HSM is busy: retry the same request later */
-#define QL_ERR_BAD_TAG 5010            /* an authentication tag (GCM) does not verify */
+#define QL_ERR_BAD_TAG 5010            /* a tag (GCM) or a MAC (key blocks) does not verify */
 #define QL_ERR_USER_NAME_TOO_LONG 5011 /* a user name longer than 16 characters */
 #define QL_ERR_INTERNAL 5012           /* an unexpected failure inside the HSM */
 #define QL_ERR_USER_EXISTS 5013        /* a user of that name exists */
@@ -163,6 +163,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_CERT_REVOKED 5083       /* the CRL names the certificate */
 #define QL_ERR_KEY_CERT_MISMATCH 5084  /* the key is not the certificate's */
 #define QL_ERR_BAD_PASSWORD 5085       /* a PKCS#12 file whose MAC or decryption fails */
+/* Payment: card values, PINs and the EFT daemon. */
+#define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
+#define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
+#define QL_ERR_EFTD_NOT_AUTHORIZED 5062 /* the activity needs an EFT daemon authorisation */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -1100,7 +1104,28 @@ QLAPI_EXPORT int QVerifySignedXmlEx(HSESSIONCTX hSession, const char *szChainNam
 /* ===========================================================================================
  * Payment: CVV, PIN, DUKPT, TR-31
  */
-/* szCvv receives 3 digits and a NUL. */
+/* PIN block formats (ISO 9564-1) of QVerifyPINBlock and QPINBlockTranslate: the source format
+ * in bits 0-7 and, for a translation, the destination format in bits 8-15. Formats 0, 1 and 3
+ * are 8-byte triple-DES blocks, format 4 a 16-byte AES block. A PAN-bound block (0, 3, 4) is
+ * translated to format 1 only under an EFT daemon authorisation (QL_ERR_EFTD_NOT_AUTHORIZED). */
+#define QL_PIN_BLOCK_ISO_0 0
+#define QL_PIN_BLOCK_ISO_1 1
+#define QL_PIN_BLOCK_ISO_3 3
+#define QL_PIN_BLOCK_ISO_4 4
+#define QL_PIN_BLOCK_TRANSLATE(src, dst) ((uint32_t)(src) | ((uint32_t)(dst) << 8))
+/* QGenerateBDKName: a 5-byte key set identifier (triple DES) or a 4-byte BDK ID (AES); the name is
+ * "BDK_" and the bytes in upper-case hex. QGenerateDUKPT: a 10-byte KSN under a 3des112 BDK, or a
+ * 12-byte KSN under an AES BDK; dwFlags holds key flags (QL_KEY_EXPORTABLE, QL_KEY_TEMPORARY)
+ * and, in bits 16-19, the key to derive. Every key but the initial one refuses counter 0 and
+ * counters with more one-bits than the scheme allows (QL_ERR_BAD_ARGUMENT). */
+#define QL_DUKPT_INITIAL_KEY 0x00000     /* the device's initial key (counter ignored) */
+#define QL_DUKPT_TRANSACTION_KEY 0x10000 /* the key of the KSN's counter */
+#define QL_DUKPT_PIN_KEY 0x20000         /* its PIN encryption key */
+#define QL_DUKPT_MAC_KEY 0x30000         /* its MAC key */
+#define QL_DUKPT_DATA_KEY 0x40000        /* its data encryption key */
+#define QL_DUKPT_KEY_MASK 0xF0000
+/* szCvv receives 3 digits and a NUL. QGeneratePIN: *pdwPinLen holds the size of szPin (at least
+ * dwPinLen + 1) and receives the PIN's length. */
 QLAPI_EXPORT int QGenerateCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
                               const char *szServiceCode, char *szCvv, uint32_t dwFlags);
 QLAPI_EXPORT int QVerifyCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,

@@ -74,30 +74,6 @@ int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, co
   QL_NOT_SUPPORTED;
 }
 
-int QGenerateCVV(HKEYCTX, const char *, const char *, const char *, char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QVerifyCVV(HKEYCTX, const char *, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QGeneratePIN(HKEYCTX, const char *, uint32_t, char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QVerifyPINBlock(HKEYCTX, HKEYCTX, uint32_t, const char *, const unsigned char *, uint32_t,
-                    uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPINBlockTranslate(HSESSIONCTX, const char *, const char *, uint32_t, const char *,
-                       const unsigned char *, uint32_t, unsigned char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QGenerateBDKName(HSESSIONCTX, const unsigned char *, uint32_t, char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QGenerateDUKPT(HSESSIONCTX, const char *, const unsigned char *, uint32_t, const char *,
-                   uint32_t) {
-  QL_NOT_SUPPORTED;
-}
 int QEFTExportTR31(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t, char *,
                    uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;

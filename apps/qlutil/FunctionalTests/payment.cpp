@@ -8,8 +8,10 @@
 //   041225EEEEEEEEEE built by the same rule (PIN field 041234FFFFFFFFFF XOR 0000 and the 12 PAN
 //   digits left of the check digit). The keys are the CVK pair above (k1), the three-key
 //   triple-DES example key of NIST SP 800-67 (k2: 0123456789ABCDEF 23456789ABCDEF01
-//   456789ABCDEF0123) and its first two parts as a double-length key (k3). The encrypted input
-//   blocks are those clear blocks under the source keys in ECB (triple DES, EDE).
+//   456789ABCDEF0123), its first two parts as a double-length key (k3), and the FIPS-197 AES
+//   example key (k4, for format 4). The encrypted input blocks are those clear blocks under the
+//   source keys in ECB (triple DES, EDE); the format 1 input is the clear block 141234A9C3E5B7D2
+//   (PIN 1234, fixed fill) under k3.
 
 #include <cstdio>
 #include <cstring>
@@ -88,8 +90,11 @@ unsigned int FuncGenVerCVVThread(void *pvInfo) {
 // ---------------------------------------------------------------------------------------------
 // pin-block-translate
 
-// ISO 9564-1 format 0.
-constexpr uint32_t kPinBlockIso0 = 0x00;
+// The type of a case: the source format in bits 0-7, the destination format in bits 8-15.
+constexpr uint32_t Type(uint32_t src, uint32_t dst) {
+  return src | (dst << 8);
+}
+constexpr int kPinKeyCount = 4;
 
 struct PinKey {
   const char *label;
@@ -98,7 +103,7 @@ struct PinKey {
   uint32_t len;
 };
 
-const PinKey kPinKeys[3] = {
+const PinKey kPinKeys[kPinKeyCount] = {
     {"k1",
      QL_ALG_3DES_112,
      {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE, 0xDC, 0xBA, 0x98, 0x76, 0x54, 0x32,
@@ -114,6 +119,12 @@ const PinKey kPinKeys[3] = {
      {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF,
       0x01},
      16},
+    // The AES key of format 4: the FIPS-197 example key.
+    {"k4",
+     QL_ALG_AES128,
+     {0x00, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09, 0x0A, 0x0B, 0x0C, 0x0D, 0x0E,
+      0x0F},
+     16},
 };
 
 struct PinCase {
@@ -121,47 +132,163 @@ struct PinCase {
   int dst;
   uint32_t type;
   const char *pan;
-  unsigned char in[8];        // the clear block under the source key
-  unsigned char expected[8];  // the clear block the destination key must give back
+  unsigned char in[8];  // the input block under the source key
+  // Format 0 output: the clear block the destination key must give back. Formats 1, 3 and 4
+  // carry random fill: their output is decoded and its control field and PIN (1234) compared.
+  unsigned char expected[8];
   int expectedRc;
 };
 
 const PinCase kPinCases[] = {
     {0,
      1,
-     kPinBlockIso0,
+     Type(0, 0),
      "43219876543210987",
      {0xC9, 0x67, 0xC8, 0x19, 0x81, 0x51, 0xA4, 0x58},
      {0x04, 0x12, 0xAC, 0x89, 0xAB, 0xCD, 0xEF, 0x67},
      0},
     {1,
      2,
-     kPinBlockIso0,
+     Type(0, 0),
      "4111111111111111",
      {0x38, 0x7D, 0xDD, 0xDB, 0xCA, 0x49, 0x26, 0x4A},
      {0x04, 0x12, 0x25, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE},
      0},
     {2,
      0,
-     kPinBlockIso0,
+     Type(0, 0),
      "43219876543210987",
      {0x14, 0xDD, 0x66, 0x12, 0x83, 0xF5, 0xA0, 0x6C},
      {0x04, 0x12, 0xAC, 0x89, 0xAB, 0xCD, 0xEF, 0x67},
      0},
+    // Format 0 to formats 3 and 4.
+    {0,
+     2,
+     Type(0, 3),
+     "43219876543210987",
+     {0xC9, 0x67, 0xC8, 0x19, 0x81, 0x51, 0xA4, 0x58},
+     {},
+     0},
+    {0,
+     3,
+     Type(0, 4),
+     "43219876543210987",
+     {0xC9, 0x67, 0xC8, 0x19, 0x81, 0x51, 0xA4, 0x58},
+     {},
+     0},
+    // Format 1 (clear block 141234A9C3E5B7D2 under k3) to format 0 needs no authorisation ...
+    {2,
+     0,
+     Type(1, 0),
+     "43219876543210987",
+     {0x32, 0x2D, 0xA4, 0x20, 0x01, 0x21, 0x80, 0x69},
+     {0x04, 0x12, 0xAC, 0x89, 0xAB, 0xCD, 0xEF, 0x67},
+     0},
+    {2, 1, Type(1, 1), "", {0x32, 0x2D, 0xA4, 0x20, 0x01, 0x21, 0x80, 0x69}, {}, 0},
+    // ... while a PAN-bound block leaves its PAN behind only under an EFT daemon authorisation.
+    {0,
+     2,
+     Type(0, 1),
+     "43219876543210987",
+     {0xC9, 0x67, 0xC8, 0x19, 0x81, 0x51, 0xA4, 0x58},
+     {},
+     QL_ERR_EFTD_NOT_AUTHORIZED},
 };
 
 typedef struct tag_FUNC_PIN_INFO {
   THREAD_INFO ti;
 } FUNC_PIN_INFO;
 
-void PrintPinCase(const PinCase &c, const char names[3][64], const unsigned char *out) {
+void PrintPinCase(const PinCase &c, const char names[kPinKeyCount][64], const unsigned char *out) {
   ScreenOutput(
       "[FuncPINBlockTranslateThread] Test SrcKey(%s) DstKey(%s) Type(0x%02x) PAN(%s) "
       "InBlock(%02x%02x%02x) OutBlock(%02x%02x%02x)\r\n",
       names[c.src], names[c.dst], c.type, c.pan, c.in[0], c.in[1], c.in[2], out[0], out[1], out[2]);
 }
 
-int PinCaseRun(HSESSIONCTX hSession, const PinCase &c, const char names[3][64]) {
+// The PAN field of formats 0 and 3 (8 bytes: the 12 digits left of the check digit) or of
+// format 4 (16 bytes: the PAN's length less 12, the PAN, zeros).
+void PanField(const char *pan, uint32_t format, unsigned char *field) {
+  const size_t n = strlen(pan);
+  unsigned char nibbles[32] = {};
+  size_t count = 0;
+  if (format == 4) {
+    nibbles[count++] = static_cast<unsigned char>(n - 12);
+    for (size_t i = 0; i < n; ++i) nibbles[count++] = static_cast<unsigned char>(pan[i] - '0');
+    count = 32;
+  } else {
+    count = 4;
+    for (size_t i = n - 13; i < n - 1; ++i)
+      nibbles[count++] = static_cast<unsigned char>(pan[i] - '0');
+  }
+  for (size_t i = 0; i < count / 2; ++i)
+    field[i] = static_cast<unsigned char>((nibbles[2 * i] << 4) | nibbles[2 * i + 1]);
+}
+
+// True when a clear PIN field holds the format's control field and PIN 1234, and fill of its
+// format (format 3: A to F; format 4: A).
+bool PinFieldHolds1234(const unsigned char *field, uint32_t format) {
+  auto nibble = [field](int i) { return (field[i / 2] >> (i % 2 == 0 ? 4 : 0)) & 0x0F; };
+  if (nibble(0) != static_cast<int>(format) || nibble(1) != 4) return false;
+  for (int i = 0; i < 4; ++i) {
+    if (nibble(2 + i) != i + 1) return false;
+  }
+  for (int i = 6; i < 16; ++i) {
+    if (format == 3 && nibble(i) < 0x0A) return false;
+    if (format == 4 && nibble(i) != 0x0A) return false;
+  }
+  return true;
+}
+
+// The destination block decoded with the destination key: matches when its clear block is the
+// case's expected one (format 0) or its PIN field holds 1234 (formats 1, 3 and 4).
+int CheckOutput(HSESSIONCTX hSession, const PinCase &c, const char names[kPinKeyCount][64],
+                const unsigned char *out, uint32_t outLen) {
+  KeyOwner dst;
+  int rc = QGetUserKey(hSession, names[c.dst], 0, dst.Put());
+  if (rc != 0) {
+    ScreenOutput("[FuncPINBlockTranslateThread] Error in QGetUserKey(%s). Returned (%d)\r\n",
+                 names[c.dst], rc);
+    return rc;
+  }
+  const uint32_t mode = QL_MODE_ECB;
+  const uint32_t padding = QL_PAD_NONE;
+  rc = QSetKeyParam(dst.Get(), QKP_MODE, &mode, sizeof mode, 0);
+  if (rc == 0) rc = QSetKeyParam(dst.Get(), QKP_PADDING, &padding, sizeof padding, 0);
+  const uint32_t format = c.type >> 8;
+  unsigned char clear[16] = {};
+  memcpy(clear, out, outLen < sizeof clear ? outLen : sizeof clear);
+  uint32_t clearLen = outLen;
+  if (rc == 0) rc = QDecrypt(dst.Get(), nullptr, 1, 0, clear, &clearLen);
+  unsigned char pan[16] = {};
+  if (format != 1) PanField(c.pan, format, pan);
+  if (rc == 0 && format == 4) {
+    // Format 4 enciphers twice: the PIN field, XOR the PAN field, then again.
+    for (int i = 0; i < 16; ++i) clear[i] ^= pan[i];
+    rc = QDecrypt(dst.Get(), nullptr, 1, 0, clear, &clearLen);
+  }
+  if (rc != 0) {
+    ScreenOutput("[FuncPINBlockTranslateThread] Error in QDecrypt. Returned (%d)\r\n", rc);
+    return rc;
+  }
+  bool match = false;
+  if (format == 0) {
+    match = clearLen == sizeof c.expected && memcmp(clear, c.expected, sizeof c.expected) == 0;
+  } else {
+    if (format == 3)
+      for (int i = 0; i < 8; ++i) clear[i] ^= pan[i];
+    match = PinFieldHolds1234(clear, format);
+  }
+  if (!match) {
+    ScreenOutput(
+        "[FuncPINBlockTranslateThread] Decrypted PIN Block does not match expected result.\r\n");
+    PrintPinCase(c, names, out);
+    return kResultCheckFailed;
+  }
+  return 0;
+}
+
+int PinCaseRun(HSESSIONCTX hSession, const PinCase &c, const char names[kPinKeyCount][64]) {
   unsigned char out[64] = {};
   uint32_t outLen = sizeof out;
   int rc = QPINBlockTranslate(hSession, names[c.src], names[c.dst], c.type, c.pan, c.in,
@@ -175,39 +302,14 @@ int PinCaseRun(HSESSIONCTX hSession, const PinCase &c, const char names[3][64]) 
     return rc != 0 ? rc : kResultCheckFailed;
   }
   if (rc != 0) return 0;  // an expected refusal: nothing to decrypt
-  KeyOwner dst;
-  rc = QGetUserKey(hSession, names[c.dst], 0, dst.Put());
-  if (rc != 0) {
-    ScreenOutput("[FuncPINBlockTranslateThread] Error in QGetUserKey(%s). Returned (%d)\r\n",
-                 names[c.dst], rc);
-    return rc;
-  }
-  const uint32_t mode = QL_MODE_ECB;
-  const uint32_t padding = QL_PAD_NONE;
-  rc = QSetKeyParam(dst.Get(), QKP_MODE, &mode, sizeof mode, 0);
-  if (rc == 0) rc = QSetKeyParam(dst.Get(), QKP_PADDING, &padding, sizeof padding, 0);
-  unsigned char clear[64];
-  memcpy(clear, out, sizeof clear);
-  uint32_t clearLen = outLen;
-  if (rc == 0) rc = QDecrypt(dst.Get(), nullptr, 1, 0, clear, &clearLen);
-  if (rc != 0) {
-    ScreenOutput("[FuncPINBlockTranslateThread] Error in QDecrypt. Returned (%d)\r\n", rc);
-    return rc;
-  }
-  if (clearLen != sizeof c.expected || memcmp(clear, c.expected, sizeof c.expected) != 0) {
-    ScreenOutput(
-        "[FuncPINBlockTranslateThread] Decrypted PIN Block does not match expected result.\r\n");
-    PrintPinCase(c, names, out);
-    return kResultCheckFailed;
-  }
-  return 0;
+  return CheckOutput(hSession, c, names, out, outLen);
 }
 
 int PinRound(FUNC_PIN_INFO *info, HSESSIONCTX hSession) {
   // Temporary keys named after the thread, so that threads sharing a user never meet.
-  char names[3][64];
-  KeyOwner keys[3];
-  for (int i = 0; i < 3; ++i) {
+  char names[kPinKeyCount][64];
+  KeyOwner keys[kPinKeyCount];
+  for (int i = 0; i < kPinKeyCount; ++i) {
     const PinKey &k = kPinKeys[i];
     snprintf(names[i], sizeof names[i], "qlutil_pin_%s_%d", k.label, info->ti.ThreadId);
     int rc = QImportKey(hSession, names[i], nullptr, k.key, k.len, QL_PLAINTEXTKEY_BLOB, k.alg,

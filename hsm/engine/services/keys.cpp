@@ -72,11 +72,13 @@ Status KeysService::Target(Session &s, const KeyArg &arg, KeyTarget *out) const 
     name = *opened;
   }
   if (name.empty()) return Status::Error(Code::kBadArgument, "no key given");
+  if (arg.handle == 0 && (out->temp = s.FindTempByName(name))) return Status::Ok();
   return core_.Ref(s, name, &out->ref);
 }
 
 access::Request KeysService::UseRight(Session &s, const KeyArg &arg) {
   if (arg.empty() || (arg.handle != 0 && s.FindTemp(arg.handle))) return Request::kFree;
+  if (arg.handle == 0 && s.FindTempByName(arg.name)) return Request::kFree;
   return Request::kUseObject;
 }
 
@@ -95,7 +97,9 @@ Result<KeysService::UsableKey> KeysService::Usable(const KeyTarget &t) {
 Result<KeyDesc> KeysService::StoreOrHold(Session &s, std::string_view name, crypto::KeyPtr key,
                                          uint32_t flags, bool want_handle) {
   if (IsTemporary(name, flags)) {
-    uint64_t h = want_handle ? s.AddTemp({key, flags}) : 0;
+    if (s.FindTempByName(name))
+      return Status::Error(Code::kObjectExists, "a session key of that name exists");
+    uint64_t h = want_handle ? s.AddTemp({key, flags, std::string(name)}) : 0;
     return Describe(*key, flags, h);
   }
   crypto::Result<crypto::SecretBytes> stored = key->Serialize();
@@ -129,6 +133,15 @@ Result<KeyDesc> KeysService::GenerateKey(Session &s, std::string_view name, uint
 }
 
 Result<KeyDesc> KeysService::OpenKey(Session &s, std::string_view name) {
+  if (s.FindTempByName(name)) {
+    // A named session key: a handle of its own to the same key, so that its cipher state and
+    // its release are the new handle's alone.
+    return guard_.Run(s, Op{"open-key", name, Request::kFree, AuditMode::kRefusal}, NoArgs,
+                      [&](const users::UserInfo &) -> Result<KeyDesc> {
+                        const sessions::TempObject *t = s.FindTempByName(name);
+                        return Describe(*t->key, t->flags, s.AddTemp({t->key, t->flags, {}}));
+                      });
+  }
   Result<objects::ObjectInfo> info = objects_.OpenObject(s, name);
   if (!info.ok()) return info.status();
   KeyDesc d;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "engine/guard.h"
 
@@ -145,6 +146,12 @@ class KeysService {
     objects::ObjectRef ref;
   };
   Status Target(sessions::Session &s, const KeyArg &arg, KeyTarget *out) const;
+  // Keeps a key another service made, from inside that service's guarded body: held in the
+  // session when temporary, else stored as `name` (the caller checked the create right).
+  Result<KeyDesc> Keep(sessions::Session &s, std::string_view name, crypto::KeyPtr key,
+                       uint32_t flags, bool want_handle) {
+    return StoreOrHold(s, name, std::move(key), flags, want_handle);
+  }
   // The right a use of the key needs: none for a temporary key.
   static access::Request UseRight(sessions::Session &s, const KeyArg &arg);
   // Existence and state of the key: the cached key, else loaded; kObjectBlocked when blocked.

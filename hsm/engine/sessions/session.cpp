@@ -50,6 +50,14 @@ TempObject *Session::FindTemp(uint64_t handle) {
   return it == temps_.end() ? nullptr : &it->second;
 }
 
+TempObject *Session::FindTempByName(std::string_view name) {
+  if (name.empty()) return nullptr;
+  for (auto &[handle, obj] : temps_) {
+    if (obj.name == name) return &obj;
+  }
+  return nullptr;
+}
+
 uint64_t Session::AddOpened(std::string full_name) {
   uint64_t h = next_handle_++;
   opened_.emplace(h, std::move(full_name));

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 #include "crypto/cipher.h"
@@ -25,6 +26,7 @@ enum class AuthKind { kNone, kAnonymous, kPassword, kToken };
 struct TempObject {
   crypto::KeyPtr key;
   uint32_t flags = 0;
+  std::string name;  // a named session key is found by its name too; "" for none
 };
 
 class SessionRegistry;
@@ -59,6 +61,8 @@ class Session {
 
   uint64_t AddTemp(TempObject obj);
   TempObject *FindTemp(uint64_t handle);
+  // The named session key of that name, or null.
+  TempObject *FindTempByName(std::string_view name);
   bool RemoveTemp(uint64_t handle);
   size_t TempCount() const { return temps_.size(); }
 

@@ -120,5 +120,12 @@ void ExportPkcs12(const pb::Request &, Call &, pb::Response *);
 void AssociatePkcs11Key(const pb::Request &, Call &, pb::Response *);
 void GeneratePkcs10(const pb::Request &, Call &, pb::Response *);
 void Pkcs7Sign(const pb::Request &, Call &, pb::Response *);
+// --- payment: card values, PINs, DUKPT, key blocks, the EFT daemon (payment.cpp) ---
+void GenerateCvv(const pb::Request &, Call &, pb::Response *);
+void VerifyCvv(const pb::Request &, Call &, pb::Response *);
+void GeneratePin(const pb::Request &, Call &, pb::Response *);
+void VerifyPinBlock(const pb::Request &, Call &, pb::Response *);
+void TranslatePinBlock(const pb::Request &, Call &, pb::Response *);
+void GenerateDukpt(const pb::Request &, Call &, pb::Response *);
 
 }  // namespace qlhsm::server::handlers

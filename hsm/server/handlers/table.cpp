@@ -79,6 +79,13 @@ constexpr Row kRows[] = {
     {R::kAssociatePkcs11Key, AssociatePkcs11Key},
     {R::kGeneratePkcs10, GeneratePkcs10},
     {R::kPkcs7Sign, Pkcs7Sign},
+    // payment
+    {R::kGenerateCvv, GenerateCvv},
+    {R::kVerifyCvv, VerifyCvv},
+    {R::kGeneratePin, GeneratePin},
+    {R::kVerifyPinBlock, VerifyPinBlock},
+    {R::kTranslatePinBlock, TranslatePinBlock},
+    {R::kGenerateDukpt, GenerateDukpt},
 };
 
 // Request kinds are the body's field numbers, all below this.

@@ -1,0 +1,215 @@
+// Payment: card verification values, natural PINs, PIN block checks and translation. Arguments
+// are checked here first, so that a malformed card never costs a round trip; the HSM checks them
+// again.
+#include <cstring>
+
+#include "key_handle.h"
+
+using namespace qlapi;
+
+namespace {
+
+bool Digits(const char *s, std::size_t min, std::size_t max) {
+  if (s == nullptr) return false;
+  const std::size_t n = std::strlen(s);
+  if (n < min || n > max) return false;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (s[i] < '0' || s[i] > '9') return false;
+  }
+  return true;
+}
+
+bool Pan(const char *s) {
+  return Digits(s, 12, 19);
+}
+
+bool Card(const char *pan, const char *expiry, const char *service_code) {
+  return Pan(pan) && Digits(expiry, 4, 4) && Digits(service_code, 3, 3);
+}
+
+bool PinBlockFormat(uint32_t f) {
+  return f == 0 || f == 1 || f == 3 || f == 4;
+}
+
+uint32_t PinBlockLength(uint32_t format) {
+  return format == 4 ? 16 : 8;
+}
+
+}  // namespace
+
+extern "C" int QGenerateCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
+                            const char *szServiceCode, char *szCvv, uint32_t dwFlags) {
+  return Guard([&] {
+    if (!Card(szPan, szExpiry, szServiceCode) || szCvv == nullptr) return QL_ERR_BAD_ARGUMENT;
+    if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
+    KeyHandle *key = nullptr;
+    uint64_t server = 0;
+    QL_RETURN_CODE_IF_ERROR(KeyFor(hKey, &key, &server));
+    pb::Request request;
+    auto *m = request.mutable_generate_cvv();
+    SetKeyRef(m->mutable_key(), server);
+    m->set_pan(szPan);
+    m->set_expiry(szExpiry);
+    m->set_service_code(szServiceCode);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(AskCore(*key->core, request, &response));
+    const std::string &cvv = response.blob().data();
+    if (!response.has_blob() || cvv.size() != 3) return QL_ERR_PROTOCOL;
+    std::memcpy(szCvv, cvv.data(), 3);
+    szCvv[3] = '\0';
+    return QL_OK;
+  });
+}
+
+extern "C" int QVerifyCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
+                          const char *szServiceCode, const char *szCvv, uint32_t dwFlags) {
+  return Guard([&] {
+    if (!Card(szPan, szExpiry, szServiceCode) || !Digits(szCvv, 3, 3)) return QL_ERR_BAD_ARGUMENT;
+    if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
+    KeyHandle *key = nullptr;
+    uint64_t server = 0;
+    QL_RETURN_CODE_IF_ERROR(KeyFor(hKey, &key, &server));
+    pb::Request request;
+    auto *m = request.mutable_verify_cvv();
+    SetKeyRef(m->mutable_key(), server);
+    m->set_pan(szPan);
+    m->set_expiry(szExpiry);
+    m->set_service_code(szServiceCode);
+    m->set_cvv(szCvv);
+    return AskCore(*key->core, request).code();
+  });
+}
+
+extern "C" int QGeneratePIN(HKEYCTX hPinKey, const char *szPan, uint32_t dwPinLen, char *szPin,
+                            uint32_t *pdwPinLen, uint32_t dwFlags) {
+  return Guard([&] {
+    if (!Pan(szPan) || dwPinLen < 4 || dwPinLen > 12 || pdwPinLen == nullptr) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
+    // The PIN's digits and a NUL.
+    if (szPin == nullptr || *pdwPinLen < dwPinLen + 1) {
+      *pdwPinLen = dwPinLen + 1;
+      return QL_ERR_BUFFER_TOO_SMALL;
+    }
+    KeyHandle *key = nullptr;
+    uint64_t server = 0;
+    QL_RETURN_CODE_IF_ERROR(KeyFor(hPinKey, &key, &server));
+    pb::Request request;
+    auto *m = request.mutable_generate_pin();
+    SetKeyRef(m->mutable_key(), server);
+    m->set_pan(szPan);
+    m->set_length(dwPinLen);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(AskCore(*key->core, request, &response));
+    const std::string &pin = response.blob().data();
+    if (!response.has_blob() || pin.size() != dwPinLen) return QL_ERR_PROTOCOL;
+    std::memcpy(szPin, pin.data(), pin.size());
+    szPin[pin.size()] = '\0';
+    *pdwPinLen = static_cast<uint32_t>(pin.size());
+    return QL_OK;
+  });
+}
+
+extern "C" int QVerifyPINBlock(HKEYCTX hPtk, HKEYCTX hPgk, uint32_t dwFormat, const char *szPan,
+                               const unsigned char *pbPinBlock, uint32_t dwPinBlockLen,
+                               uint32_t dwFlags) {
+  return Guard([&] {
+    if (!Pan(szPan) || pbPinBlock == nullptr || !PinBlockFormat(dwFormat)) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    if (dwPinBlockLen != PinBlockLength(dwFormat)) return QL_ERR_BAD_LENGTH;
+    if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
+    KeyHandle *ptk = nullptr, *pgk = nullptr;
+    uint64_t ptk_server = 0, pgk_server = 0;
+    QL_RETURN_CODE_IF_ERROR(KeyFor(hPtk, &ptk, &ptk_server));
+    QL_RETURN_CODE_IF_ERROR(KeyFor(hPgk, &pgk, &pgk_server));
+    if (ptk->core != pgk->core) return QL_ERR_BAD_HANDLE;  // both keys of one session
+    pb::Request request;
+    auto *m = request.mutable_verify_pin_block();
+    SetKeyRef(m->mutable_ptk(), ptk_server);
+    SetKeyRef(m->mutable_pgk(), pgk_server);
+    m->set_format(dwFormat);
+    m->set_pan(szPan);
+    m->set_block(pbPinBlock, dwPinBlockLen);
+    return AskCore(*ptk->core, request).code();
+  });
+}
+
+extern "C" int QPINBlockTranslate(HSESSIONCTX hSession, const char *szSrcPek, const char *szDstPek,
+                                  uint32_t dwFormat, const char *szPan, const unsigned char *pbIn,
+                                  uint32_t dwInLen, unsigned char *pbOut, uint32_t *pdwOutLen,
+                                  uint32_t dwFlags) {
+  return Guard([&] {
+    const uint32_t from = dwFormat & 0xFF, to = (dwFormat >> 8) & 0xFF;
+    if (!HasText(szSrcPek) || !HasText(szDstPek) || pbIn == nullptr || pdwOutLen == nullptr ||
+        (dwFormat & ~0xFFFFu) || !PinBlockFormat(from) || !PinBlockFormat(to)) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    // Format 1 alone does without a PAN.
+    const bool needs_pan = from != 1 || to != 1;
+    if (needs_pan ? !Pan(szPan) : (szPan != nullptr && szPan[0] != '\0' && !Pan(szPan))) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    if (dwInLen != PinBlockLength(from)) return QL_ERR_BAD_LENGTH;
+    if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
+    const uint32_t out_len = PinBlockLength(to);
+    if (pbOut == nullptr || *pdwOutLen < out_len) {
+      *pdwOutLen = out_len;
+      return QL_ERR_BUFFER_TOO_SMALL;
+    }
+    pb::Request request;
+    auto *m = request.mutable_translate_pin_block();
+    m->mutable_src()->set_name(szSrcPek);
+    m->mutable_dst()->set_name(szDstPek);
+    m->set_format(dwFormat);
+    if (szPan != nullptr) m->set_pan(szPan);
+    m->set_block(pbIn, dwInLen);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    const std::string &out = response.blob().data();
+    if (!response.has_blob() || out.size() != out_len) return QL_ERR_PROTOCOL;
+    return CopyOut(out, pbOut, pdwOutLen).code();
+  });
+}
+
+extern "C" int QGenerateBDKName(HSESSIONCTX hSession, const unsigned char *pbKsi, uint32_t dwKsiLen,
+                                char *szBdkName, uint32_t *pdwNameLen) {
+  return Guard([&] {
+    if (pbKsi == nullptr || pdwNameLen == nullptr) return QL_ERR_BAD_ARGUMENT;
+    if (!CoreOf(hSession)) return QL_ERR_BAD_HANDLE;
+    // A key set identifier (triple DES) or a BDK ID (AES).
+    if (dwKsiLen != 5 && dwKsiLen != 4) return QL_ERR_BAD_LENGTH;
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string name = "BDK_";
+    for (uint32_t i = 0; i < dwKsiLen; ++i) {
+      name += kDigits[pbKsi[i] >> 4];
+      name += kDigits[pbKsi[i] & 15];
+    }
+    name.push_back('\0');
+    return CopyOut(name, szBdkName, pdwNameLen).code();
+  });
+}
+
+extern "C" int QGenerateDUKPT(HSESSIONCTX hSession, const char *szBdkName,
+                              const unsigned char *pbKsn, uint32_t dwKsnLen, const char *szKeyName,
+                              uint32_t dwFlags) {
+  return Guard([&] {
+    if (!HasText(szBdkName) || !HasText(szKeyName) || pbKsn == nullptr) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    if (dwKsnLen != 10 && dwKsnLen != 12) return QL_ERR_BAD_LENGTH;
+    const uint32_t key_flags = dwFlags & ~uint32_t{QL_DUKPT_KEY_MASK};
+    if ((dwFlags & QL_DUKPT_KEY_MASK) > QL_DUKPT_DATA_KEY ||
+        (key_flags & ~uint32_t{QL_KEY_EXPORTABLE | QL_KEY_TEMPORARY})) {
+      return QL_ERR_BAD_FLAGS;
+    }
+    pb::Request request;
+    auto *m = request.mutable_generate_dukpt();
+    m->set_bdk(szBdkName);
+    m->set_ksn(pbKsn, dwKsnLen);
+    m->set_name(szKeyName);
+    m->set_flags(dwFlags);
+    return Ask(hSession, request).code();
+  });
+}
