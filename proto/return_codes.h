@@ -83,5 +83,6 @@
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \
-    "The HSM does not accept connections from this address.")
+    "The HSM does not accept connections from this address.")                                      \
+  X(kCheckFailed,      QL_ERR_CHECK_FAILED,         5060, "the value does not match")
 // clang-format on

@@ -65,7 +65,11 @@
   X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)    \
   X(kIpFilterList,          QL_IPF_LIST,               1)    \
   X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
-  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)
+  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)    \
+  X(kVaultMasked,           QL_SVAULT_MASKED,          1)    \
+  X(kOathInfoRecord,        QL_OATH_INFO_RECORD,       1)    \
+  X(kOathInfoSeed,          QL_OATH_INFO_SEED,         2)    \
+  X(kOathMaxSeed,           QL_OATH_MAX_SEED,          64)
 // clang-format on
 
 namespace qlproto {

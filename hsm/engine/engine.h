@@ -1,7 +1,7 @@
 // The HSM engine: every service the daemon offers, callable in-process. The daemon owns one
 // Engine and gives each connection a Session; tests and the fuzzer call the engine directly.
 //
-// The services (users, objects, keys, hashes, system) share the engine's core (store, users,
+// The services (users, objects, keys, hashes, system, vault, oath) share the engine's core (store, users,
 // objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in one
 // fixed order: session, arguments, right, existence, state, then writes the audit record. Each
 // service may be called from many threads at once, each with its own Session; a Session itself is
@@ -17,9 +17,11 @@
 #include "engine/guard.h"
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
+#include "engine/services/oath.h"
 #include "engine/services/objects.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
+#include "engine/services/vault.h"
 
 namespace qlhsm {
 
@@ -61,6 +63,8 @@ class Engine {
   KeysService &keys() { return keys_; }
   HashesService &hashes() { return hashes_; }
   SystemService &system() { return system_; }
+  VaultService &vault() { return vault_; }
+  OathService &oath() { return oath_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -79,6 +83,8 @@ class Engine {
   KeysService keys_{core_, guard_, objects_};
   HashesService hashes_{guard_, keys_};
   SystemService system_{core_, guard_};
+  VaultService vault_{guard_, keys_};
+  OathService oath_{core_, guard_, keys_};
 };
 
 }  // namespace qlhsm

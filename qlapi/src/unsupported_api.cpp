@@ -1,5 +1,5 @@
-// The API families whose HSM services are not built yet: payment, SPB, PIX, tokenisation,
-// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens, the audit-log reader and the
+// The API families whose HSM services are not built yet: payment, SPB, PIX,
+// blockchain, secret sharing, metadata records and maps, PKI, OATH tokens of users, the audit-log reader and the
 // network tools. Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at
 // once that the service is missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
@@ -70,14 +70,6 @@ int QUnassignToken(HSESSIONCTX, const char *) {
   QL_NOT_SUPPORTED;
 }
 int QOATHResync(HSESSIONCTX, const char *, const char *, const char *) {
-  QL_NOT_SUPPORTED;
-}
-int QOATHCheckHOTP(HSESSIONCTX, const char *, const unsigned char *, uint32_t, const char *,
-                   unsigned char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QOATHGetBlobInfo(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
-                     unsigned char *, uint32_t *) {
   QL_NOT_SUPPORTED;
 }
 
@@ -234,15 +226,6 @@ int QPIXPut(HSESSIONCTX, const char *, const char *, const char *, const char *,
 }
 int QPIXDelete(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
                uint32_t, unsigned char **, uint32_t *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QSVaultGenToken(HSESSIONCTX, const char *, const QL_SVAULT_TOKEN_INFO *, const char *, char *,
-                    uint32_t *, unsigned char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSVaultGetData(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t, char *,
-                   uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 

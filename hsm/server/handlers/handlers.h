@@ -109,4 +109,12 @@ void Backup(const pb::Request &, Call &, pb::Response *);
 void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
 void IpFilter(const pb::Request &, Call &, pb::Response *);
 
+// --- the tokenisation vault (vault.cpp) ---
+void VaultGenToken(const pb::Request &, Call &, pb::Response *);
+void VaultGetData(const pb::Request &, Call &, pb::Response *);
+
+// --- OATH token blobs (oath.cpp) ---
+void OathCheckBlob(const pb::Request &, Call &, pb::Response *);
+void OathBlobInfo(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers
