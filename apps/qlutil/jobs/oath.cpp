@@ -9,9 +9,9 @@
 namespace {
 
 void PrintBlobInputHelp() {
-  ScreenOutput("     -kn       Master key name (an AES key)\r\n");
-  ScreenOutput("     -in       The token blob\r\n");
-  ScreenOutput("     -inform   [OPTIONAL] Format of -in. Default \"file\".\r\n");
+  ScreenOutput("     -kn     Master key name (an AES key)\r\n");
+  ScreenOutput("     -in     The token blob\r\n");
+  ScreenOutput("     -inform [OPTIONAL] Format of -in. Default \"file\".\r\n");
   ShowHelpDataInformParameters();
 }
 
@@ -50,10 +50,10 @@ void ShowJobOathCheckBlobHelp() {
   JobHelpHeader(false, {"Check a one-time password against an OATH token blob. The blob comes back",
                         "with its new counter and must replace the old one."});
   PrintBlobInputHelp();
-  ScreenOutput("     -otp      The one-time password (6 to 8 digits)\r\n");
+  ScreenOutput("     -otp    The one-time password (6 to 8 digits)\r\n");
   ScreenOutput(
-      "     --out     [OPTIONAL] Output file of the new blob. If not defined, the blob\r\n");
-  ScreenOutput("               is printed in hex.\r\n");
+      "     --out   [OPTIONAL] Output file of the new blob. If not defined, the blob is\r\n");
+  ScreenOutput("             printed in hex.\r\n");
   JobHelpExamples("oath-check-blob", {"-kn mk -in token.bin -otp 755224 --out token.bin"});
 }
 
@@ -106,8 +106,8 @@ void ShowJobOathDecryptBlobHelp() {
                 {"Show what an OATH token blob holds: its record, or its seed (only under an",
                  "exportable master key)."});
   PrintBlobInputHelp();
-  ScreenOutput("     -info     [OPTIONAL] What to show. Default \"record\".\r\n");
-  ScreenOutput("               record seed\r\n");
+  ScreenOutput("     -info   [OPTIONAL] What to show. Default \"record\".\r\n");
+  ScreenOutput("             record seed\r\n");
   JobHelpExamples("oath-decrypt-blob", {"-kn mk -in token.bin", "-kn mk -in token.bin -info seed"});
 }
 

@@ -112,9 +112,9 @@ namespace {
 
 void ShowJobSVaultGetDataHelp() {
   JobHelpHeader(false, {"Read the secret or the token that a vault blob holds."});
-  ScreenOutput("     -kn       Key name\r\n");
-  ScreenOutput("     -in       The blob\r\n");
-  ScreenOutput("     -inform   [OPTIONAL] Format of -in. Default \"file\".\r\n");
+  ScreenOutput("     -kn     Key name\r\n");
+  ScreenOutput("     -in     The blob\r\n");
+  ScreenOutput("     -inform [OPTIONAL] Format of -in. Default \"file\".\r\n");
   ShowHelpDataInformParameters();
   ShowHelpSVaultGetData();
   JobHelpExamples("svault-get-data",
