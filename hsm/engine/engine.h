@@ -4,6 +4,9 @@
 // The services (users, objects, keys, hashes, system, payment) share the engine's core (store,
 // users, objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in
 // one fixed order: session, arguments, right, existence, state, then writes the audit record. Each
+// The services (users, objects, keys, hashes, system, vault, oath) share the engine's core (store, users,
+// objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in one
+// fixed order: session, arguments, right, existence, state, then writes the audit record. Each
 // service may be called from many threads at once, each with its own Session; a Session itself is
 // used by one thread at a time.
 #pragma once
@@ -18,11 +21,13 @@
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/logs.h"
+#include "engine/services/oath.h"
 #include "engine/services/objects.h"
 #include "engine/services/pki.h"
 #include "engine/services/payment.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
+#include "engine/services/vault.h"
 
 namespace qlhsm {
 
@@ -67,6 +72,8 @@ class Engine {
   LogService &logs() { return logs_; }
   PkiService &pki() { return pki_; }
   PaymentService &payment() { return payment_; }
+  VaultService &vault() { return vault_; }
+  OathService &oath() { return oath_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -88,6 +95,8 @@ class Engine {
   LogService logs_{core_, guard_};
   PkiService pki_{core_, guard_, objects_, keys_};
   PaymentService payment_{core_, guard_, keys_};
+  VaultService vault_{guard_, keys_};
+  OathService oath_{core_, guard_, keys_};
 };
 
 }  // namespace qlhsm

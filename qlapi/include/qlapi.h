@@ -167,6 +167,7 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
 #define QL_ERR_EFTD_NOT_AUTHORIZED 5062 /* the activity needs an EFT daemon authorisation */
+/* Vault and one-time passwords. */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -823,14 +824,42 @@ QLAPI_EXPORT int QAssignToken(HSESSIONCTX hSession, const char *szUserName, uint
 QLAPI_EXPORT int QUnassignToken(HSESSIONCTX hSession, const char *szUserName);
 QLAPI_EXPORT int QOATHResync(HSESSIONCTX hSession, const char *szUserName, const char *szOtp1,
                              const char *szOtp2);
+/* OATH token blobs: a QL_OATH_TOKEN_INFO record (little-endian, the layout below) wrapped by
+ * RFC 5649 (AES key wrap with padding) under an AES "master key" of the HSM, used with the use
+ * right. The HSM keeps nothing: QOATHCheckHOTP checks szOtp as a login does (event: the next 10
+ * counters, moving past the match; time: the current step and one back, plus the drift, and only
+ * a step later than the last accepted one) and answers the blob re-wrapped with its new counter
+ * in pbNewBlob (size query as usual), which the caller must keep: the HSM cannot refuse an old
+ * blob. A wrong OTP answers QL_ERR_CHECK_FAILED; a wrong key or a changed blob QL_ERR_BAD_TAG.
+ * dwFlags 0. */
+#define QL_OATH_SHA256 0x100 /* bits 8 to 11 of an OATH type: the HMAC's hash (0 SHA-1) */
+#define QL_OATH_SHA512 0x200
+#define QL_OATH_MAX_SEED 64
+typedef struct QL_OATH_TOKEN_INFO_ {
+  uint32_t dwType;      /* 2 event (HOTP), 3 time (TOTP) */
+  uint32_t dwHash;      /* 0 SHA-1, 1 SHA-256, 2 SHA-512 */
+  uint32_t dwDigits;    /* 6 to 8 */
+  uint32_t dwTimeStep;  /* time: seconds, 1 to 3600 */
+  uint64_t qwCounter;   /* event: the next counter; time: the last accepted step + 1 (0 none) */
+  uint64_t qwT0;        /* time: seconds since 1970 of step 0 */
+  int32_t nDrift;       /* time: steps the token runs ahead (negative: behind) */
+  uint32_t dwFailures;  /* failed checks in a row */
+  uint32_t dwSeedLen;   /* 16 to 64 */
+  unsigned char pbSeed[QL_OATH_MAX_SEED];
+} QL_OATH_TOKEN_INFO;
 QLAPI_EXPORT int QOATHCheckHOTP(HSESSIONCTX hSession, const char *szMasterKey,
                                 const unsigned char *pbBlob, uint32_t dwBlobLen, const char *szOtp,
                                 unsigned char *pbNewBlob, uint32_t *pdwNewBlobLen,
                                 uint32_t dwFlags);
+/* dwInfoType QL_OATH_INFO_RECORD: the QL_OATH_TOKEN_INFO record with its seed zeroed;
+ * QL_OATH_INFO_SEED: the seed, only under an exportable master key (QL_ERR_NOT_EXPORTABLE). */
+#define QL_OATH_INFO_RECORD 1
+#define QL_OATH_INFO_SEED 2
 QLAPI_EXPORT int QOATHGetBlobInfo(HSESSIONCTX hSession, const char *szMasterKey,
                                   const unsigned char *pbBlob, uint32_t dwBlobLen,
                                   uint32_t dwInfoType, unsigned char *pbOut, uint32_t *pdwOutLen);
-/* One-time password computed locally from a seed: event counter or time (seconds since 1970),
+/* One-time password computed locally from a seed: event counter or time (seconds since 1970);
+ * bits 8 to 11 of dwType choose the HMAC (0 SHA-1, 1 SHA-256, 2 SHA-512),
  * dwDigits 6 to 8; szOtp holds dwDigits + 1 bytes. */
 QLAPI_EXPORT int QGenerateHOTPOffline(const unsigned char *pbSeed, uint32_t dwSeedLen,
                                       uint32_t dwType, uint64_t qwMovingFactor, uint32_t dwTimeStep,
@@ -1227,14 +1256,24 @@ QLAPI_EXPORT int QPIXDelete(HSESSIONCTX hSession, const char *szKeyName, const c
 typedef struct QL_SVAULT_TOKEN_INFO_ {
   unsigned char bType;           /* 1 token, 2 secret */
   unsigned char bMaskType;       /* 0 none, 1 cpf, 2 cnpj, 3 pan, 4 iel */
-  unsigned char bChecksum;       /* 0 none, 1 tkr2 */
+  unsigned char bChecksum;       /* 0 a random token per call, 1 tkr2 (one token per secret) */
   unsigned char bRepresentation; /* 10, 16, 26, 52, 62 */
 } QL_SVAULT_TOKEN_INFO;
+/* The vault keeps no table: szKeyName (an AES key, used with the use right) seals the secret
+ * and its token into the blob, which alone gives the secret back. bType 1: a token of the
+ * secret's length and form (separators kept; with a check kind the kind's digits, its kept
+ * parts, and check digits that pass its check); bType 2: 32 characters of the base for any text
+ * of 1 to 4096 bytes. szToken receives the token and a NUL (*pdwTokenLen: capacity with the NUL
+ * in, the token's length out); pbBlob the blob. When either buffer is null or too short both
+ * lengths receive what is needed and the call answers QL_ERR_BUFFER_TOO_SMALL. dwFlags 0. */
 QLAPI_EXPORT int QSVaultGenToken(HSESSIONCTX hSession, const char *szKeyName,
                                  const QL_SVAULT_TOKEN_INFO *pInfo, const char *szSecret,
                                  char *szToken, uint32_t *pdwTokenLen, unsigned char *pbBlob,
                                  uint32_t *pdwBlobLen, uint32_t dwFlags);
-/* dwWhat 1 the secret, 2 the token. */
+/* dwWhat 1 the secret, 2 the token, into szOut with a NUL (lengths as for the token above);
+ * QL_ERR_BAD_TAG for another key or a changed blob. dwFlags QL_SVAULT_MASKED masks the secret
+ * with '*' but its last 4 characters (a PAN: its first 6 and last 4). */
+#define QL_SVAULT_MASKED 1
 QLAPI_EXPORT int QSVaultGetData(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwWhat,
                                 const unsigned char *pbBlob, uint32_t dwBlobLen, char *szOut,
                                 uint32_t *pdwOutLen, uint32_t dwFlags);

@@ -1,5 +1,5 @@
-// One-time passwords computed locally (RFC 4226 HOTP, RFC 6238 TOTP with HMAC-SHA-1): the seed
-// is the caller's, so nothing needs the HSM.
+// One-time passwords computed locally (RFC 4226 HOTP, RFC 6238 TOTP with HMAC-SHA-1, -SHA-256 or
+// -SHA-512): the seed is the caller's, so nothing needs the HSM.
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -12,6 +12,23 @@ extern "C" int QGenerateHOTPOffline(const unsigned char *pbSeed, uint32_t dwSeed
     if (pbSeed == nullptr || dwSeedLen == 0 || szOtp == nullptr || dwDigits < 6 || dwDigits > 8) {
       return QL_ERR_BAD_ARGUMENT;
     }
+    // Bits 8 to 11 of the type choose the HMAC's hash.
+    const EVP_MD *md = nullptr;
+    switch ((dwType >> 8) & 0xF) {
+      case 0:
+        md = EVP_sha1();
+        break;
+      case 1:
+        md = EVP_sha256();
+        break;
+      case 2:
+        md = EVP_sha512();
+        break;
+      default:
+        return QL_ERR_BAD_ARGUMENT;
+    }
+    if ((dwType & ~0xF00u) != 2 && (dwType & ~0xF00u) != 3) return QL_ERR_BAD_ARGUMENT;
+    dwType &= 0xFF;
     uint64_t counter = qwMovingFactor;
     if (dwType == 3) {  // time based
       if (dwTimeStep == 0 || qwMovingFactor < qwT0) return QL_ERR_BAD_ARGUMENT;
@@ -26,12 +43,11 @@ extern "C" int QGenerateHOTPOffline(const unsigned char *pbSeed, uint32_t dwSeed
     }
     unsigned char mac[EVP_MAX_MD_SIZE];
     unsigned int mac_len = 0;
-    if (HMAC(EVP_sha1(), pbSeed, static_cast<int>(dwSeedLen), msg, sizeof msg, mac, &mac_len) ==
-            nullptr ||
-        mac_len != 20) {
+    if (HMAC(md, pbSeed, static_cast<int>(dwSeedLen), msg, sizeof msg, mac, &mac_len) == nullptr ||
+        mac_len < 20) {
       return QL_ERR_LIB_INTERNAL;
     }
-    const unsigned offset = mac[19] & 0x0F;
+    const unsigned offset = mac[mac_len - 1] & 0x0F;
     uint32_t code = ((uint32_t{mac[offset]} & 0x7F) << 24) | (uint32_t{mac[offset + 1]} << 16) |
                     (uint32_t{mac[offset + 2]} << 8) | uint32_t{mac[offset + 3]};
     uint32_t modulus = 1;

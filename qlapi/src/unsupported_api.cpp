@@ -51,14 +51,6 @@ int QUnassignToken(HSESSIONCTX, const char *) {
 int QOATHResync(HSESSIONCTX, const char *, const char *, const char *) {
   QL_NOT_SUPPORTED;
 }
-int QOATHCheckHOTP(HSESSIONCTX, const char *, const unsigned char *, uint32_t, const char *,
-                   unsigned char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QOATHGetBlobInfo(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
-                     unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
 
 int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigned char *, uint32_t,
                 unsigned char **, uint32_t *) {
@@ -161,15 +153,6 @@ int QPIXPut(HSESSIONCTX, const char *, const char *, const char *, const char *,
 }
 int QPIXDelete(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
                uint32_t, unsigned char **, uint32_t *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QSVaultGenToken(HSESSIONCTX, const char *, const QL_SVAULT_TOKEN_INFO *, const char *, char *,
-                    uint32_t *, unsigned char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSVaultGetData(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t, char *,
-                   uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 

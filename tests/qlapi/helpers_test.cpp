@@ -251,7 +251,33 @@ TEST(OfflineOtp, Rfc4226AndRfc6238Vectors) {
     ASSERT_EQ(QGenerateHOTPOffline(s, 20, 3, time, 30, 0, 8, otp), QL_OK);
     EXPECT_STREQ(otp, expected) << time;
   }
+  // RFC 6238 Appendix B with its SHA-256 and SHA-512 seeds (hash in bits 8 to 11 of the type).
+  const std::string seed32 = "12345678901234567890123456789012";
+  std::string seed64;
+  for (int i = 0; i < 6; ++i) seed64 += "1234567890";
+  seed64 += "1234";
+  const struct {
+    uint64_t time;
+    const char *sha256;
+    const char *sha512;
+  } wide[] = {
+      {59, "46119246", "90693936"},         {1111111109, "68084774", "25091201"},
+      {1111111111, "67062674", "99943326"}, {1234567890, "91819424", "93441116"},
+      {2000000000, "90698825", "38618901"}, {20000000000, "77737706", "47863826"},
+  };
+  for (const auto &v : wide) {
+    char otp[9];
+    ASSERT_EQ(QGenerateHOTPOffline(reinterpret_cast<const unsigned char *>(seed32.data()), 32,
+                                   0x103, v.time, 30, 0, 8, otp),
+              QL_OK);
+    EXPECT_STREQ(otp, v.sha256) << v.time;
+    ASSERT_EQ(QGenerateHOTPOffline(reinterpret_cast<const unsigned char *>(seed64.data()), 64,
+                                   0x203, v.time, 30, 0, 8, otp),
+              QL_OK);
+    EXPECT_STREQ(otp, v.sha512) << v.time;
+  }
   char otp[10];
+  EXPECT_EQ(QGenerateHOTPOffline(s, 20, 0x302, 0, 0, 0, 6, otp), QL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(QGenerateHOTPOffline(s, 20, 2, 0, 0, 0, 9, otp), QL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(QGenerateHOTPOffline(s, 20, 3, 10, 0, 0, 6, otp), QL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(QGenerateHOTPOffline(s, 20, 1, 10, 30, 0, 6, otp), QL_ERR_BAD_ARGUMENT);

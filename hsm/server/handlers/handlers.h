@@ -127,5 +127,12 @@ void GeneratePin(const pb::Request &, Call &, pb::Response *);
 void VerifyPinBlock(const pb::Request &, Call &, pb::Response *);
 void TranslatePinBlock(const pb::Request &, Call &, pb::Response *);
 void GenerateDukpt(const pb::Request &, Call &, pb::Response *);
+// --- the tokenisation vault (vault.cpp) ---
+void VaultGenToken(const pb::Request &, Call &, pb::Response *);
+void VaultGetData(const pb::Request &, Call &, pb::Response *);
+
+// --- OATH token blobs (oath.cpp) ---
+void OathCheckBlob(const pb::Request &, Call &, pb::Response *);
+void OathBlobInfo(const pb::Request &, Call &, pb::Response *);
 
 }  // namespace qlhsm::server::handlers

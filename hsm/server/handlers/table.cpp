@@ -86,6 +86,12 @@ constexpr Row kRows[] = {
     {R::kVerifyPinBlock, VerifyPinBlock},
     {R::kTranslatePinBlock, TranslatePinBlock},
     {R::kGenerateDukpt, GenerateDukpt},
+    // the tokenisation vault
+    {R::kVaultGenToken, VaultGenToken},
+    {R::kVaultGetData, VaultGetData},
+    // OATH token blobs
+    {R::kOathCheckBlob, OathCheckBlob},
+    {R::kOathBlobInfo, OathBlobInfo},
 };
 
 // Request kinds are the body's field numbers, all below this.

@@ -1,0 +1,461 @@
+// libqlapi against a real qlhsmd: vault tokens and their blobs; OATH token blobs, made here with
+// OpenSSL's key wrap (RFC 5649) and checked by the HSM against the published one-time passwords.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+#include <cctype>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "hsm_fixture.h"
+#include "password_record.h"
+#include "qlapi.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+qltest::HsmProcess &Hsm() {
+  return qltest::HsmEnvironment::hsm();
+}
+
+class Session {
+ public:
+  Session() {
+    AUTH_PWD_EX r = qltest::PasswordRecord(Hsm(), "master", Hsm().master_password());
+    EXPECT_EQ(QOpenSession(&s_, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
+  }
+  Session(const Session &) = delete;
+  Session &operator=(const Session &) = delete;
+  ~Session() { QCloseSession(&s_, 0); }
+  HSESSIONCTX get() const { return s_; }
+
+ private:
+  HSESSIONCTX s_ = nullptr;
+};
+
+// A stored key for one test, removed at the end.
+class StoredKey {
+ public:
+  StoredKey(HSESSIONCTX s, const char *name, uint32_t alg) : s_(s), name_(name) {
+    HKEYCTX k = nullptr;
+    EXPECT_EQ(QGenerateKey(s, name, alg, 0, &k), QL_OK);
+    QDestroyKey(&k, 0);
+  }
+  ~StoredKey() { QRemoveObj(s_, name_.c_str()); }
+
+ private:
+  HSESSIONCTX s_;
+  std::string name_;
+};
+
+struct Minted {
+  int rc = -1;
+  std::string token;
+  Bytes blob;
+};
+
+Minted Mint(HSESSIONCTX s, const char *key, QL_SVAULT_TOKEN_INFO info, const std::string &secret) {
+  Minted m;
+  char token[256];
+  uint32_t token_len = sizeof token;
+  m.blob.resize(8192);
+  uint32_t blob_len = static_cast<uint32_t>(m.blob.size());
+  m.rc = QSVaultGenToken(s, key, &info, secret.c_str(), token, &token_len, m.blob.data(), &blob_len,
+                         0);
+  if (m.rc == QL_OK) {
+    m.token.assign(token, token_len);
+    EXPECT_EQ(token[token_len], '\0');
+    m.blob.resize(blob_len);
+  }
+  return m;
+}
+
+int Read(HSESSIONCTX s, const char *key, uint32_t what, const Bytes &blob, std::string *out,
+         uint32_t flags = 0) {
+  char buf[8192];
+  uint32_t len = sizeof buf;
+  const int rc = QSVaultGetData(s, key, what, blob.data(), static_cast<uint32_t>(blob.size()), buf,
+                                &len, flags);
+  if (rc == QL_OK) out->assign(buf, len);
+  return rc;
+}
+
+std::string DigitsOf(const std::string &s) {
+  std::string d;
+  for (char c : s)
+    if (std::isdigit(static_cast<unsigned char>(c))) d += c;
+  return d;
+}
+
+bool Luhn(const std::string &d) {
+  int sum = 0;
+  for (size_t i = 0; i < d.size(); ++i) {
+    int v = d[d.size() - 1 - i] - '0';
+    if (i % 2 == 1) v = v * 2 > 9 ? v * 2 - 9 : v * 2;
+    sum += v;
+  }
+  return sum % 10 == 0;
+}
+
+// The mod-11 check digit of the Brazilian registries over `d` with weights counting down from
+// `top` (wrapping to 2 after 9 when `wrap`).
+int Mod11(const std::string &d, int top, bool wrap) {
+  int sum = 0, w = top;
+  for (char c : d) {
+    sum += (c - '0') * w;
+    w = (wrap && w == 2) ? 9 : w - 1;
+  }
+  const int r = sum % 11;
+  return r < 2 ? 0 : 11 - r;
+}
+
+bool CpfOk(const std::string &d) {
+  if (d.size() != 11) return false;
+  const int d1 = Mod11(d.substr(0, 9), 10, false);
+  const int d2 = Mod11(d.substr(0, 10), 11, false);
+  return d[9] - '0' == d1 && d[10] - '0' == d2;
+}
+
+bool CnpjOk(const std::string &d) {
+  if (d.size() != 14) return false;
+  const int d1 = Mod11(d.substr(0, 12), 5, true);
+  const int d2 = Mod11(d.substr(0, 13), 6, true);
+  return d[12] - '0' == d1 && d[13] - '0' == d2;
+}
+
+TEST(Vault, PanTokenKeepsFormAndPassesLuhn) {
+  Session s;
+  StoredKey key(s.get(), "vault_pan", QL_ALG_AES256);
+  const std::string secret = "4111-1111-1111-1111";
+  for (int i = 0; i < 20; ++i) {
+    Minted m = Mint(s.get(), "vault_pan", {1, 3, 0, 10}, secret);
+    ASSERT_EQ(m.rc, QL_OK);
+    ASSERT_EQ(m.token.size(), secret.size());
+    for (size_t p : {4u, 9u, 14u}) EXPECT_EQ(m.token[p], '-') << m.token;
+    const std::string d = DigitsOf(m.token);
+    ASSERT_EQ(d.size(), 16u) << m.token;
+    EXPECT_EQ(d.substr(0, 6), "411111");
+    EXPECT_EQ(d.substr(12), "1111");
+    EXPECT_TRUE(Luhn(d)) << m.token;
+    std::string back;
+    ASSERT_EQ(Read(s.get(), "vault_pan", 1, m.blob, &back), QL_OK);
+    EXPECT_EQ(back, secret);
+    ASSERT_EQ(Read(s.get(), "vault_pan", 2, m.blob, &back), QL_OK);
+    EXPECT_EQ(back, m.token);
+  }
+  Minted m = Mint(s.get(), "vault_pan", {1, 3, 0, 10}, secret);
+  std::string masked;
+  ASSERT_EQ(Read(s.get(), "vault_pan", 1, m.blob, &masked, QL_SVAULT_MASKED), QL_OK);
+  EXPECT_EQ(masked, "4111-11**-****-1111");
+}
+
+TEST(Vault, NationalIdTokensPassTheirChecks) {
+  Session s;
+  StoredKey key(s.get(), "vault_ids", QL_ALG_AES128);
+  for (int i = 0; i < 20; ++i) {
+    Minted cpf = Mint(s.get(), "vault_ids", {1, 1, 0, 10}, "529.982.247-25");
+    ASSERT_EQ(cpf.rc, QL_OK);
+    EXPECT_EQ(cpf.token[3], '.');
+    EXPECT_EQ(cpf.token[11], '-');
+    EXPECT_TRUE(CpfOk(DigitsOf(cpf.token))) << cpf.token;
+    Minted cnpj = Mint(s.get(), "vault_ids", {1, 2, 0, 10}, "11.222.333/0001-81");
+    ASSERT_EQ(cnpj.rc, QL_OK);
+    const std::string d = DigitsOf(cnpj.token);
+    EXPECT_EQ(d.substr(8, 4), "0001") << cnpj.token;
+    EXPECT_TRUE(CnpjOk(d)) << cnpj.token;
+  }
+  // Wrong digit counts, letters, and a base other than 10 for a checked kind.
+  EXPECT_EQ(Mint(s.get(), "vault_ids", {1, 1, 0, 10}, "1234567890").rc, QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Mint(s.get(), "vault_ids", {1, 3, 0, 10}, "41111111111").rc, QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Mint(s.get(), "vault_ids", {1, 2, 0, 10}, "11222333000A81").rc, QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Mint(s.get(), "vault_ids", {1, 3, 0, 16}, "4111111111111111").rc, QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Mint(s.get(), "vault_ids", {1, 0, 0, 11}, "12345").rc, QL_ERR_BAD_ARGUMENT);
+}
+
+TEST(Vault, TextTokensAndKeyedTokens) {
+  Session s;
+  StoredKey key(s.get(), "vault_txt", QL_ALG_AES256);
+  StoredKey other(s.get(), "vault_txt2", QL_ALG_AES256);
+  const std::string secret = "any text at all, even with spaces";
+  Minted a = Mint(s.get(), "vault_txt", {2, 0, 0, 62}, secret);
+  Minted b = Mint(s.get(), "vault_txt", {2, 0, 0, 62}, secret);
+  ASSERT_EQ(a.rc, QL_OK);
+  ASSERT_EQ(b.rc, QL_OK);
+  EXPECT_EQ(a.token.size(), 32u);
+  for (char c : a.token) EXPECT_TRUE(std::isalnum(static_cast<unsigned char>(c))) << a.token;
+  EXPECT_NE(a.token, b.token) << "random tokens repeat";
+  // Keyed: one token per secret and key, another for another key or another secret.
+  Minted k1 = Mint(s.get(), "vault_txt", {2, 0, 1, 16}, secret);
+  Minted k2 = Mint(s.get(), "vault_txt", {2, 0, 1, 16}, secret);
+  Minted k3 = Mint(s.get(), "vault_txt2", {2, 0, 1, 16}, secret);
+  Minted k4 = Mint(s.get(), "vault_txt", {2, 0, 1, 16}, secret + ".");
+  ASSERT_EQ(k1.rc, QL_OK);
+  EXPECT_EQ(k1.token, k2.token);
+  EXPECT_NE(k1.token, k3.token);
+  EXPECT_NE(k1.token, k4.token);
+  EXPECT_EQ(k1.token.find_first_not_of("0123456789ABCDEF"), std::string::npos) << k1.token;
+  // Masked text keeps its last 4 letters and digits and its separators.
+  std::string masked;
+  ASSERT_EQ(Read(s.get(), "vault_txt", 1, a.blob, &masked, QL_SVAULT_MASKED), QL_OK);
+  EXPECT_EQ(masked, "*** **** ** ***, **** **** **aces");
+}
+
+TEST(Vault, RefusalsAndSizeQueries) {
+  Session s;
+  StoredKey key(s.get(), "vault_ref", QL_ALG_AES256);
+  StoredKey other(s.get(), "vault_ref2", QL_ALG_AES256);
+  StoredKey des(s.get(), "vault_3des", QL_ALG_3DES_168);
+  Minted m = Mint(s.get(), "vault_ref", {1, 0, 0, 10}, "123456");
+  ASSERT_EQ(m.rc, QL_OK);
+  std::string out;
+  EXPECT_EQ(Read(s.get(), "vault_ref2", 1, m.blob, &out), QL_ERR_BAD_TAG);
+  for (size_t at : {size_t{0}, size_t{5}, m.blob.size() / 2, m.blob.size() - 1}) {
+    Bytes changed = m.blob;
+    changed[at] ^= 0x01;
+    EXPECT_EQ(Read(s.get(), "vault_ref", 1, changed, &out), QL_ERR_BAD_TAG) << at;
+  }
+  Bytes cut(m.blob.begin(), m.blob.end() - 1);
+  EXPECT_EQ(Read(s.get(), "vault_ref", 1, cut, &out), QL_ERR_BAD_TAG);
+  EXPECT_EQ(Read(s.get(), "vault_3des", 1, m.blob, &out), QL_ERR_BAD_KEY_USAGE);
+  EXPECT_EQ(Read(s.get(), "vault_none", 1, m.blob, &out), QL_ERR_OBJ_NOT_FOUND);
+  EXPECT_EQ(Read(s.get(), "vault_ref", 3, m.blob, &out), QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Mint(s.get(), "vault_3des", {1, 0, 0, 10}, "123456").rc, QL_ERR_BAD_KEY_USAGE);
+  EXPECT_EQ(Mint(s.get(), "vault_ref", {3, 0, 0, 10}, "123456").rc, QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Mint(s.get(), "vault_ref", {2, 0, 0, 10}, std::string(4097, 'a')).rc,
+            QL_ERR_BAD_LENGTH);
+
+  // Size queries: both lengths come back, and a short token buffer writes nothing.
+  const QL_SVAULT_TOKEN_INFO info = {1, 0, 0, 10};
+  uint32_t token_len = 0, blob_len = 0;
+  ASSERT_EQ(QSVaultGenToken(s.get(), "vault_ref", &info, "123456", nullptr, &token_len, nullptr,
+                            &blob_len, 0),
+            QL_ERR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(token_len, 7u);
+  EXPECT_EQ(blob_len, m.blob.size());
+  char token[7] = "xxxxxx";
+  Bytes blob(blob_len);
+  token_len = 6;
+  EXPECT_EQ(QSVaultGenToken(s.get(), "vault_ref", &info, "123456", token, &token_len, blob.data(),
+                            &blob_len, 0),
+            QL_ERR_BUFFER_TOO_SMALL);
+  EXPECT_STREQ(token, "xxxxxx");
+  uint32_t len = 6;
+  char small[6];
+  EXPECT_EQ(QSVaultGetData(s.get(), "vault_ref", 1, m.blob.data(),
+                           static_cast<uint32_t>(m.blob.size()), small, &len, 0),
+            QL_ERR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(len, 7u);
+}
+
+// A token space of 100 (two-digit secrets): tokens collide, yet every blob gives back the secret
+// it was made for.
+TEST(Vault, CollisionsNeverReturnAnotherSecret) {
+  Session s;
+  StoredKey key(s.get(), "vault_small", QL_ALG_AES256);
+  std::map<std::string, std::set<std::string>> secrets_of_token;
+  for (int i = 0; i < 60; ++i) {
+    const std::string secret = std::to_string(10 + (i * 37) % 90);
+    Minted m = Mint(s.get(), "vault_small", {1, 0, 0, 10}, secret);
+    ASSERT_EQ(m.rc, QL_OK);
+    std::string back;
+    ASSERT_EQ(Read(s.get(), "vault_small", 1, m.blob, &back), QL_OK);
+    EXPECT_EQ(back, secret);
+    secrets_of_token[m.token].insert(secret);
+  }
+  size_t shared = 0;
+  for (const auto &[token, secrets] : secrets_of_token) shared += secrets.size() > 1 ? 1 : 0;
+  EXPECT_GT(shared, 0u) << "60 secrets in a space of 100 tokens and no collision";
+}
+
+// ---------------------------------------------------------------------------------------------
+// OATH token blobs
+
+// A known AES-256 key imported into the HSM, so that blobs can be wrapped here.
+const unsigned char kMasterKey[32] = {
+    0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff,
+    0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef, 0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
+
+class ImportedKey {
+ public:
+  ImportedKey(HSESSIONCTX s, const char *name, const unsigned char *key, uint32_t flags)
+      : s_(s), name_(name) {
+    HKEYCTX k = nullptr;
+    EXPECT_EQ(QImportKey(s, name, nullptr, key, 32, QL_PLAINTEXTKEY_BLOB, QL_ALG_AES256, flags, &k),
+              QL_OK);
+    QDestroyKey(&k, 0);
+  }
+  ~ImportedKey() { QRemoveObj(s_, name_.c_str()); }
+
+ private:
+  HSESSIONCTX s_;
+  std::string name_;
+};
+
+void PutLe(Bytes &b, size_t at, size_t n, uint64_t v) {
+  for (size_t i = 0; i < n; ++i) b[at + i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
+// The token record (QL_OATH_TOKEN_INFO's fields, little-endian) wrapped with RFC 5649 under key.
+Bytes MakeBlob(const unsigned char *key, uint32_t type, uint32_t hash, uint32_t digits,
+               uint32_t step, uint64_t counter, const std::string &seed) {
+  Bytes record(44 + QL_OATH_MAX_SEED, 0);
+  PutLe(record, 0, 4, type);
+  PutLe(record, 4, 4, hash);
+  PutLe(record, 8, 4, digits);
+  PutLe(record, 12, 4, step);
+  PutLe(record, 16, 8, counter);
+  PutLe(record, 40, 4, seed.size());
+  std::memcpy(record.data() + 44, seed.data(), seed.size());
+  EVP_CIPHER_CTX *ctx = EVP_CIPHER_CTX_new();
+  EVP_CIPHER_CTX_set_flags(ctx, EVP_CIPHER_CTX_FLAG_WRAP_ALLOW);
+  Bytes out(record.size() + 16);
+  int len = 0, fin = 0;
+  const bool ok = EVP_EncryptInit_ex(ctx, EVP_aes_256_wrap_pad(), nullptr, key, nullptr) == 1 &&
+                  EVP_EncryptUpdate(ctx, out.data(), &len, record.data(),
+                                    static_cast<int>(record.size())) == 1 &&
+                  EVP_EncryptFinal_ex(ctx, out.data() + len, &fin) == 1;
+  EVP_CIPHER_CTX_free(ctx);
+  EXPECT_TRUE(ok);
+  out.resize(static_cast<size_t>(len + fin));
+  return out;
+}
+
+int Check(HSESSIONCTX s, const char *key, Bytes *blob, const std::string &otp) {
+  Bytes next(blob->size());
+  uint32_t len = static_cast<uint32_t>(next.size());
+  const int rc = QOATHCheckHOTP(s, key, blob->data(), static_cast<uint32_t>(blob->size()),
+                                otp.c_str(), next.data(), &len, 0);
+  if (rc == QL_OK) {
+    next.resize(len);
+    *blob = next;
+  }
+  return rc;
+}
+
+const std::string kRfc4226Seed = "12345678901234567890";
+const char *const kRfc4226[] = {"755224", "287082", "359152", "969429", "338314",
+                                "254676", "287922", "162583", "399871", "520489"};
+
+TEST(OathBlob, Rfc4226ChainOfChecks) {
+  Session s;
+  ImportedKey mk(s.get(), "oath_mk", kMasterKey, QL_KEY_EXPORTABLE);
+  const Bytes first = MakeBlob(kMasterKey, 2, 0, 6, 0, 0, kRfc4226Seed);
+  Bytes blob = first;
+  for (const char *otp : kRfc4226) ASSERT_EQ(Check(s.get(), "oath_mk", &blob, otp), QL_OK) << otp;
+  // Every value is spent: the newest blob refuses them all, the last one included.
+  for (const char *otp : kRfc4226)
+    EXPECT_EQ(Check(s.get(), "oath_mk", &blob, otp), QL_ERR_CHECK_FAILED) << otp;
+  QL_OATH_TOKEN_INFO info;
+  uint32_t len = sizeof info;
+  ASSERT_EQ(QOATHGetBlobInfo(s.get(), "oath_mk", blob.data(), static_cast<uint32_t>(blob.size()),
+                             QL_OATH_INFO_RECORD, reinterpret_cast<unsigned char *>(&info), &len),
+            QL_OK);
+  EXPECT_EQ(info.dwType, 2u);
+  EXPECT_EQ(info.qwCounter, 10u);
+  EXPECT_EQ(info.dwSeedLen, 20u);
+  EXPECT_EQ(info.pbSeed[0], 0) << "the record comes without its seed";
+  unsigned char seed[QL_OATH_MAX_SEED];
+  len = sizeof seed;
+  ASSERT_EQ(QOATHGetBlobInfo(s.get(), "oath_mk", blob.data(), static_cast<uint32_t>(blob.size()),
+                             QL_OATH_INFO_SEED, seed, &len),
+            QL_OK);
+  EXPECT_EQ(std::string(reinterpret_cast<char *>(seed), len), kRfc4226Seed);
+
+  // The look-ahead window: from counter 0, counter 9 is reachable and moves the counter past it.
+  Bytes ahead = first;
+  EXPECT_EQ(Check(s.get(), "oath_mk", &ahead, kRfc4226[9]), QL_OK);
+  EXPECT_EQ(Check(s.get(), "oath_mk", &ahead, kRfc4226[8]), QL_ERR_CHECK_FAILED);
+  // Counter 10 is past the window of a blob at counter 0.
+  Bytes at_zero = first;
+  char otp10[7];
+  ASSERT_EQ(QGenerateHOTPOffline(reinterpret_cast<const unsigned char *>(kRfc4226Seed.data()), 20,
+                                 2, 10, 0, 0, 6, otp10),
+            QL_OK);
+  EXPECT_EQ(Check(s.get(), "oath_mk", &at_zero, otp10), QL_ERR_CHECK_FAILED);
+}
+
+TEST(OathBlob, RefusalsAndTheSeedOnlyUnderAnExportableKey) {
+  Session s;
+  unsigned char other_key[32];
+  std::memcpy(other_key, kMasterKey, sizeof other_key);
+  other_key[0] ^= 1;
+  ImportedKey mk(s.get(), "oath_mk2", kMasterKey, 0);
+  ImportedKey other(s.get(), "oath_other", other_key, QL_KEY_EXPORTABLE);
+  Bytes blob = MakeBlob(kMasterKey, 2, 0, 6, 0, 0, kRfc4226Seed);
+  Bytes copy = blob;
+  EXPECT_EQ(Check(s.get(), "oath_other", &copy, kRfc4226[0]), QL_ERR_BAD_TAG);
+  copy[copy.size() / 2] ^= 0x10;
+  EXPECT_EQ(Check(s.get(), "oath_mk2", &copy, kRfc4226[0]), QL_ERR_BAD_TAG);
+  copy = blob;
+  EXPECT_EQ(Check(s.get(), "oath_mk2", &copy, "12345a"), QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Check(s.get(), "oath_none", &copy, kRfc4226[0]), QL_ERR_OBJ_NOT_FOUND);
+  unsigned char seed[QL_OATH_MAX_SEED];
+  uint32_t len = sizeof seed;
+  EXPECT_EQ(QOATHGetBlobInfo(s.get(), "oath_mk2", blob.data(), static_cast<uint32_t>(blob.size()),
+                             QL_OATH_INFO_SEED, seed, &len),
+            QL_ERR_NOT_EXPORTABLE);
+  // A seed shorter than 16 bytes is no token record.
+  Bytes short_seed = MakeBlob(kMasterKey, 2, 0, 6, 0, 0, "0123456789");
+  EXPECT_EQ(Check(s.get(), "oath_mk2", &short_seed, kRfc4226[0]), QL_ERR_BAD_ARGUMENT);
+  // A size query spends nothing: the same OTP still passes afterwards.
+  uint32_t need = 0;
+  EXPECT_EQ(QOATHCheckHOTP(s.get(), "oath_mk2", blob.data(), static_cast<uint32_t>(blob.size()),
+                           kRfc4226[0], nullptr, &need, 0),
+            QL_ERR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(need, blob.size());
+  EXPECT_EQ(Check(s.get(), "oath_mk2", &blob, kRfc4226[0]), QL_OK);
+}
+
+// RFC 6238 Appendix B: the HSM's clock set to each time in turn, one blob per seed checked in a
+// chain (each time is a later step than the one before).
+TEST(OathBlob, Rfc6238AtTheHsmsTime) {
+  Session s;
+  ImportedKey mk(s.get(), "oath_mk3", kMasterKey, 0);
+  std::string seed64;
+  for (int i = 0; i < 6; ++i) seed64 += "1234567890";
+  seed64 += "1234";
+  const std::string seeds[3] = {kRfc4226Seed, seed64.substr(0, 32), seed64};
+  Bytes blobs[3];
+  for (uint32_t h = 0; h < 3; ++h) blobs[h] = MakeBlob(kMasterKey, 3, h, 8, 30, 0, seeds[h]);
+  const struct {
+    uint64_t time;
+    const char *otp[3];
+  } vectors[] = {
+      {59, {"94287082", "46119246", "90693936"}},
+      {1111111109, {"07081804", "68084774", "25091201"}},
+      {1111111111, {"14050471", "67062674", "99943326"}},
+      {1234567890, {"89005924", "91819424", "93441116"}},
+      {2000000000, {"69279037", "90698825", "38618901"}},
+      {20000000000, {"65353130", "77737706", "47863826"}},
+  };
+  for (const auto &v : vectors) {
+    ASSERT_EQ(
+        QAdmOperation(s.get(), QL_ADM_SET_DATE_TIME, &v.time, sizeof v.time, nullptr, nullptr, 0),
+        QL_OK);
+    for (int h = 0; h < 3; ++h) {
+      EXPECT_EQ(Check(s.get(), "oath_mk3", &blobs[h], v.otp[h]), QL_OK) << v.time << " " << h;
+      // Accepted once: the same step again is a replay.
+      EXPECT_EQ(Check(s.get(), "oath_mk3", &blobs[h], v.otp[h]), QL_ERR_CHECK_FAILED) << v.time;
+    }
+  }
+  // A value from an earlier step never passes later.
+  EXPECT_EQ(Check(s.get(), "oath_mk3", &blobs[0], "94287082"), QL_ERR_CHECK_FAILED);
+  const uint64_t now = static_cast<uint64_t>(std::time(nullptr));
+  EXPECT_EQ(QAdmOperation(s.get(), QL_ADM_SET_DATE_TIME, &now, sizeof now, nullptr, nullptr, 0),
+            QL_OK);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
+  const int rc = RUN_ALL_TESTS();
+  QFinalize();
+  return rc;
+}
