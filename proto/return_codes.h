@@ -83,5 +83,17 @@
   X(kSessionExpired,   QL_ERR_SESSION_EXPIRED,      5046,                                          \
     "The session expired after sitting idle; open a new one.")                                     \
   X(kAddressRefused,   QL_ERR_ADDRESS_REFUSED,      5047,                                          \
-    "The HSM does not accept connections from this address.")
+    "The HSM does not accept connections from this address.")                                         \
+  X(kBchainInvalidKey, QL_ERR_BCHAIN_INVALID_KEY,   5110,                                          \
+    "Invalid blockchain key: out of the curve's range; take the next index.")                     \
+  X(kBchainBadEncoding, QL_ERR_BCHAIN_BAD_ENCODING, 5111,                                          \
+    "Malformed blockchain key, address or signature encoding.")                                    \
+  X(kShareCorrupt,     QL_ERR_SHARE_CORRUPT,        5112,                                          \
+    "A secret share is damaged: its checksum or layout is wrong.")                                 \
+  X(kSharesMismatch,   QL_ERR_SHARES_MISMATCH,      5113,                                          \
+    "The secret shares do not belong together.")                                                   \
+  X(kSharesTooFew,     QL_ERR_SHARES_TOO_FEW,       5114,                                          \
+    "Too few secret shares to recover the secret.")                                                \
+  X(kSkeepMismatch,    QL_ERR_SKEEP_MISMATCH,       5115,                                          \
+    "The kept secret does not match.")
 // clang-format on

@@ -65,7 +65,15 @@
   X(kGenKeyX963Sha256,      QL_GEN_KEY_X9_63_SHA256,   2)    \
   X(kIpFilterList,          QL_IPF_LIST,               1)    \
   X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
-  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)
+  X(kIpFilterRemove,        QL_IPF_REMOVE,             3)    \
+  X(kBchainHashSha256,      QL_BCHAIN_HASH_SHA256,     1)    \
+  X(kBchainHashHash160,     QL_BCHAIN_HASH_HASH160,    3)    \
+  X(kBchainHashMessage,     QL_BCHAIN_HASH_MESSAGE,    4)    \
+  X(kBchainSigCompact,      QL_BCHAIN_SIG_COMPACT,     1)    \
+  X(kBchainSigSchnorr,      QL_BCHAIN_SIG_SCHNORR,     3)    \
+  X(kBchainPbkCompressed,   QL_BCHAIN_PBK_COMPRESSED,  1)    \
+  X(kBchainPbkUncompressed, QL_BCHAIN_PBK_UNCOMPRESSED, 2)   \
+  X(kBchainPbkXOnly,        QL_BCHAIN_PBK_XONLY,       3)
 // clang-format on
 
 namespace qlproto {

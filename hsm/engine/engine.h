@@ -15,9 +15,11 @@
 #include "engine/core.h"
 #include "engine/data_dir.h"
 #include "engine/guard.h"
+#include "engine/services/bchain.h"
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/objects.h"
+#include "engine/services/sharing.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 
@@ -61,6 +63,8 @@ class Engine {
   KeysService &keys() { return keys_; }
   HashesService &hashes() { return hashes_; }
   SystemService &system() { return system_; }
+  SharingService &sharing() { return sharing_; }
+  BchainService &bchain() { return bchain_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -79,6 +83,8 @@ class Engine {
   KeysService keys_{core_, guard_, objects_};
   HashesService hashes_{guard_, keys_};
   SystemService system_{core_, guard_};
+  SharingService sharing_{guard_};
+  BchainService bchain_{guard_};
 };
 
 }  // namespace qlhsm

@@ -109,4 +109,12 @@ void Backup(const pb::Request &, Call &, pb::Response *);
 void PushUpdatePackage(const pb::Request &, Call &, pb::Response *);
 void IpFilter(const pb::Request &, Call &, pb::Response *);
 
+// --- M-of-N sharing (sharing.cpp) ---
+void MofNSplit(const pb::Request &, Call &, pb::Response *);
+void MofNRecover(const pb::Request &, Call &, pb::Response *);
+
+// --- blockchain signatures without a key (bchain.cpp) ---
+void BchainVerify(const pb::Request &, Call &, pb::Response *);
+void BchainRecoverPbk(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

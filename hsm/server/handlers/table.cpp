@@ -68,10 +68,16 @@ constexpr Row kRows[] = {
     {R::kBackup, Backup},
     {R::kUpackPush, PushUpdatePackage},
     {R::kIpFilter, IpFilter},
+    // M-of-N sharing
+    {R::kMofnSplit, MofNSplit},
+    {R::kMofnRecover, MofNRecover},
+    // blockchain signatures without a key
+    {R::kBchainVerify, BchainVerify},
+    {R::kBchainRecoverPbk, BchainRecoverPbk},
 };
 
 // Request kinds are the body's field numbers, all below this.
-constexpr size_t kMaxKind = 128;
+constexpr size_t kMaxKind = 256;
 
 constexpr std::array<Handler, kMaxKind> MakeIndex() {
   std::array<Handler, kMaxKind> index{};
