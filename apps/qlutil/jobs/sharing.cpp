@@ -2,8 +2,6 @@
 // recovers through the facade; parts go to one file each (--out is a prefix) or are printed in
 // hex. A share's checksum is computed here, without a session.
 
-#include <openssl/crypto.h>
-
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,8 +46,10 @@ bool ReadParts(const char *list, DataInform inform, std::vector<Bytes> *parts) {
   return true;
 }
 
+// Clears a secret's bytes through a volatile pointer, so the stores are not optimised away.
 void Wipe(Bytes *b) {
-  if (!b->empty()) OPENSSL_cleanse(b->data(), b->size());
+  volatile unsigned char *p = b->data();
+  for (size_t i = 0; i < b->size(); ++i) p[i] = 0;
 }
 
 }  // namespace
