@@ -101,5 +101,17 @@
   X(kBadPinBlock,      QL_ERR_BAD_PIN_BLOCK,        5061,                                          \
     "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \
   X(kEftdNotAuthorized, QL_ERR_EFTD_NOT_AUTHORIZED, 5062,                                          \
-    "the EFT daemon is not authorised for this activity")
+    "the EFT daemon is not authorised for this activity")                                          \
+  X(kBchainInvalidKey, QL_ERR_BCHAIN_INVALID_KEY,   5110,                                          \
+    "Invalid blockchain key: out of the curve's range; take the next index.")                      \
+  X(kBchainBadEncoding, QL_ERR_BCHAIN_BAD_ENCODING, 5111,                                          \
+    "Malformed blockchain key, address or signature encoding.")                                    \
+  X(kShareCorrupt,     QL_ERR_SHARE_CORRUPT,        5112,                                          \
+    "A secret share is damaged: its checksum or layout is wrong.")                                 \
+  X(kSharesMismatch,   QL_ERR_SHARES_MISMATCH,      5113,                                          \
+    "The secret shares do not belong together.")                                                   \
+  X(kSharesTooFew,     QL_ERR_SHARES_TOO_FEW,       5114,                                          \
+    "Too few secret shares to recover the secret.")                                                \
+  X(kSkeepMismatch,    QL_ERR_SKEEP_MISMATCH,       5115,                                          \
+    "The kept secret does not match.")
 // clang-format on

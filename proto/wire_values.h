@@ -83,7 +83,15 @@
   X(kVaultMasked,           QL_SVAULT_MASKED,          1)    \
   X(kOathInfoRecord,        QL_OATH_INFO_RECORD,       1)    \
   X(kOathInfoSeed,          QL_OATH_INFO_SEED,         2)    \
-  X(kOathMaxSeed,           QL_OATH_MAX_SEED,          64)
+  X(kOathMaxSeed,           QL_OATH_MAX_SEED,          64)   \
+  X(kBchainHashSha256,      QL_BCHAIN_HASH_SHA256,     1)    \
+  X(kBchainHashHash160,     QL_BCHAIN_HASH_HASH160,    3)    \
+  X(kBchainHashMessage,     QL_BCHAIN_HASH_MESSAGE,    4)    \
+  X(kBchainSigCompact,      QL_BCHAIN_SIG_COMPACT,     1)    \
+  X(kBchainSigSchnorr,      QL_BCHAIN_SIG_SCHNORR,     3)    \
+  X(kBchainPbkCompressed,   QL_BCHAIN_PBK_COMPRESSED,  1)    \
+  X(kBchainPbkUncompressed, QL_BCHAIN_PBK_UNCOMPRESSED, 2)   \
+  X(kBchainPbkXOnly,        QL_BCHAIN_PBK_XONLY,       3)
 // clang-format on
 
 namespace qlproto {

@@ -18,6 +18,7 @@
 #include "engine/core.h"
 #include "engine/data_dir.h"
 #include "engine/guard.h"
+#include "engine/services/bchain.h"
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/logs.h"
@@ -25,6 +26,7 @@
 #include "engine/services/objects.h"
 #include "engine/services/pki.h"
 #include "engine/services/payment.h"
+#include "engine/services/sharing.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 #include "engine/services/vault.h"
@@ -74,6 +76,8 @@ class Engine {
   PaymentService &payment() { return payment_; }
   VaultService &vault() { return vault_; }
   OathService &oath() { return oath_; }
+  SharingService &sharing() { return sharing_; }
+  BchainService &bchain() { return bchain_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -97,6 +101,8 @@ class Engine {
   PaymentService payment_{core_, guard_, keys_};
   VaultService vault_{guard_, keys_};
   OathService oath_{core_, guard_, keys_};
+  SharingService sharing_{guard_};
+  BchainService bchain_{guard_};
 };
 
 }  // namespace qlhsm

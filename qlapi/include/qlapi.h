@@ -168,6 +168,13 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
 #define QL_ERR_EFTD_NOT_AUTHORIZED 5062 /* the activity needs an EFT daemon authorisation */
 /* Vault and one-time passwords. */
+/* Blockchain keys, M-of-N sharing, secret keeping */
+#define QL_ERR_BCHAIN_INVALID_KEY 5110  /* a key out of range (BIP32: take the next index) */
+#define QL_ERR_BCHAIN_BAD_ENCODING 5111 /* a malformed key, address or signature encoding */
+#define QL_ERR_SHARE_CORRUPT 5112       /* a share whose checksum or layout is wrong */
+#define QL_ERR_SHARES_MISMATCH 5113     /* shares of different sets, repeated or off the set */
+#define QL_ERR_SHARES_TOO_FEW 5114      /* fewer shares than the threshold */
+#define QL_ERR_SKEEP_MISMATCH 5115      /* the kept secret, its level or auth type differ */
 
 /* QGetReturnCodeString formats. */
 #define QL_RC_STR_NAME 1        /* the constant's name: "QL_ERR_ACCESS_DENIED" */
@@ -1281,6 +1288,18 @@ QLAPI_EXPORT int QSVaultGetData(HSESSIONCTX hSession, const char *szKeyName, uin
 /* ===========================================================================================
  * Blockchain keys
  */
+/* Blockchain keys: hash modes (QBchainHashData; the digest's origin elsewhere), signature types,
+ * public key forms. */
+#define QL_BCHAIN_HASH_SHA256 1      /* SHA-256 */
+#define QL_BCHAIN_HASH_SHA256D 2     /* SHA-256 of SHA-256 */
+#define QL_BCHAIN_HASH_HASH160 3     /* RIPEMD-160 of SHA-256 (20 bytes) */
+#define QL_BCHAIN_HASH_MESSAGE 4     /* BIP137 signed-message hash */
+#define QL_BCHAIN_SIG_COMPACT 1      /* ECDSA, 65 bytes: header 31 + recovery id, r, s */
+#define QL_BCHAIN_SIG_DER 2          /* ECDSA, strict DER, low S */
+#define QL_BCHAIN_SIG_SCHNORR 3      /* BIP340, 64 bytes */
+#define QL_BCHAIN_PBK_COMPRESSED 1   /* SEC1, 33 bytes */
+#define QL_BCHAIN_PBK_UNCOMPRESSED 2 /* SEC1, 65 bytes */
+#define QL_BCHAIN_PBK_XONLY 3        /* BIP340, 32 bytes */
 typedef struct QL_BCHAIN_KEY_INFO_ {
   uint32_t dwType;
   uint32_t dwVersion;

@@ -168,20 +168,8 @@ int QBchainGetAddress(HSESSIONCTX, const char *, uint32_t, uint32_t, const char 
                       uint32_t *) {
   QL_NOT_SUPPORTED;
 }
-int QBchainVerify(HSESSIONCTX, uint32_t, uint32_t, const unsigned char *, uint32_t,
-                  const unsigned char *, uint32_t, uint32_t, const unsigned char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainRecoverPbkFromSignature(HSESSIONCTX, uint32_t, uint32_t, const unsigned char *, uint32_t,
-                                   const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
 int QBchainSignHash(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *, uint32_t,
                     unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainHashData(HSESSIONCTX, uint32_t, const unsigned char *, uint32_t, unsigned char *,
-                    uint32_t *) {
   QL_NOT_SUPPORTED;
 }
 int QBchainGetKeyInfo(HSESSIONCTX, const char *, QL_BCHAIN_KEY_INFO *) {
@@ -199,14 +187,6 @@ int QBchainPkImport(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigne
   QL_NOT_SUPPORTED;
 }
 
-int QMofNSplit(HSESSIONCTX, uint32_t, uint32_t, const unsigned char *, uint32_t, unsigned char **,
-               uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QMofNRecover(HSESSIONCTX, const unsigned char *, uint32_t, uint32_t, unsigned char **,
-                 uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
 int QSKeepNewSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
   QL_NOT_SUPPORTED;
 }
@@ -225,9 +205,6 @@ int QSKeepMatchSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t
 }
 int QSKeepRecoverSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
                         uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepCalcShareCks(const unsigned char *, uint32_t, uint32_t *) {
   QL_NOT_SUPPORTED;
 }
 

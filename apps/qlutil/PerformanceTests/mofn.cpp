@@ -1,6 +1,5 @@
 // The secret-sharing performance tests: mofn-split and mofn-recover. Their thread bodies
-// publish a failure through ThreadErrorSignaling. They run against the library's M-of-N calls,
-// which answer "not supported" until the HSM serves them.
+// publish a failure through ThreadErrorSignaling.
 
 #include <cstring>
 #include <vector>

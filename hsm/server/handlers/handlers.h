@@ -134,5 +134,12 @@ void VaultGetData(const pb::Request &, Call &, pb::Response *);
 // --- OATH token blobs (oath.cpp) ---
 void OathCheckBlob(const pb::Request &, Call &, pb::Response *);
 void OathBlobInfo(const pb::Request &, Call &, pb::Response *);
+// --- M-of-N sharing (sharing.cpp) ---
+void MofNSplit(const pb::Request &, Call &, pb::Response *);
+void MofNRecover(const pb::Request &, Call &, pb::Response *);
+
+// --- blockchain signatures without a key (bchain.cpp) ---
+void BchainVerify(const pb::Request &, Call &, pb::Response *);
+void BchainRecoverPbk(const pb::Request &, Call &, pb::Response *);
 
 }  // namespace qlhsm::server::handlers

@@ -92,6 +92,12 @@ constexpr Row kRows[] = {
     // OATH token blobs
     {R::kOathCheckBlob, OathCheckBlob},
     {R::kOathBlobInfo, OathBlobInfo},
+    // M-of-N sharing
+    {R::kMofnSplit, MofNSplit},
+    {R::kMofnRecover, MofNRecover},
+    // blockchain signatures without a key
+    {R::kBchainVerify, BchainVerify},
+    {R::kBchainRecoverPbk, BchainRecoverPbk},
 };
 
 // Request kinds are the body's field numbers, all below this.
