@@ -167,7 +167,6 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
 #define QL_ERR_EFTD_NOT_AUTHORIZED 5062 /* the activity needs an EFT daemon authorisation */
-/* Vault and one-time passwords. */
 /* Blockchain keys, M-of-N sharing, secret keeping */
 #define QL_ERR_BCHAIN_INVALID_KEY 5110  /* a key out of range (BIP32: take the next index) */
 #define QL_ERR_BCHAIN_BAD_ENCODING 5111 /* a malformed key, address or signature encoding */
