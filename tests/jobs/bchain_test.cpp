@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "library_session.h"
+#include "library_job_test.h"
 
 namespace jobs_test {
 namespace {
