@@ -94,8 +94,8 @@ Result<KeysService::UsableKey> KeysService::Usable(const KeyTarget &t) {
   return UsableKey{cached->key, cached->info.flags};
 }
 
-Result<KeyDesc> KeysService::StoreOrHold(Session &s, std::string_view name, crypto::KeyPtr key,
-                                         uint32_t flags, bool want_handle) {
+Result<KeyDesc> KeysService::KeepNewKey(Session &s, std::string_view name, crypto::KeyPtr key,
+                                        uint32_t flags, bool want_handle) {
   if (IsTemporary(name, flags)) {
     if (s.FindTempByName(name))
       return Status::Error(Code::kObjectExists, "a session key of that name exists");
@@ -128,7 +128,7 @@ Result<KeyDesc> KeysService::GenerateKey(Session &s, std::string_view name, uint
           return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
         crypto::Result<crypto::KeyPtr> key = crypto::Key::Generate(algorithm, flags);
         if (!key.ok()) return FromCrypto(key.status());
-        return StoreOrHold(s, name, *key, flags, want_handle);
+        return KeepNewKey(s, name, *key, flags, want_handle);
       });
 }
 
@@ -179,7 +179,7 @@ Result<KeyDesc> KeysService::ImportKey(Session &s, std::string_view name, const 
         crypto::Result<crypto::KeyPtr> key = crypto::ImportKey(
             crypto::ByteView(blob.data(), blob.size()), blob_type, algorithm, kek_key);
         if (!key.ok()) return FromCrypto(key.status());
-        return StoreOrHold(s, name, *key, flags, want_handle);
+        return KeepNewKey(s, name, *key, flags, want_handle);
       });
 }
 
@@ -552,7 +552,7 @@ Result<KeyDesc> KeysService::Pkcs8Import(Session &s, std::string_view name,
         crypto::Result<crypto::KeyPtr> key =
             crypto::ImportPkcs8Encrypted(crypto::ByteView(der.data(), der.size()), password, 0);
         if (!key.ok()) return FromCrypto(key.status());
-        return StoreOrHold(s, name, *key, flags, false);
+        return KeepNewKey(s, name, *key, flags, false);
       });
 }
 
@@ -634,7 +634,7 @@ Result<secure::Bytes> KeysService::GenEcdhKey(Session &s, const EcdhArgs &a, uin
         if (!derived.ok()) return FromCrypto(derived.status());
         // A temporary target has no handle to reach it by (the call hands none out), so it ends
         // here, as a temporary key generated without a handle does.
-        Result<KeyDesc> kept = StoreOrHold(s, a.target_name, *derived, a.flags, false);
+        Result<KeyDesc> kept = KeepNewKey(s, a.target_name, *derived, a.flags, false);
         if (!kept.ok()) return kept.status();
         return secure::Bytes{};
       });

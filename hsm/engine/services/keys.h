@@ -146,22 +146,16 @@ class KeysService {
     objects::ObjectRef ref;
   };
   Status Target(sessions::Session &s, const KeyArg &arg, KeyTarget *out) const;
-  // Keeps a key another service made, from inside that service's guarded body: held in the
-  // session when temporary, else stored as `name` (the caller checked the create right).
-  Result<KeyDesc> Keep(sessions::Session &s, std::string_view name, crypto::KeyPtr key,
-                       uint32_t flags, bool want_handle) {
-    return StoreOrHold(s, name, std::move(key), flags, want_handle);
-  }
+  // Keeps a key just made (here or by another service, from inside its guarded body): held in
+  // the session when temporary, else stored as `name` (the caller checked the create right).
+  Result<KeyDesc> KeepNewKey(sessions::Session &s, std::string_view name, crypto::KeyPtr key,
+                             uint32_t flags, bool want_handle);
   // The right a use of the key needs: none for a temporary key.
   static access::Request UseRight(sessions::Session &s, const KeyArg &arg);
   // Existence and state of the key: the cached key, else loaded; kObjectBlocked when blocked.
   Result<UsableKey> Usable(const KeyTarget &target);
 
  private:
-  // A key that was just made: held in the session when temporary, else stored as `name`.
-  Result<KeyDesc> StoreOrHold(sessions::Session &s, std::string_view name, crypto::KeyPtr key,
-                              uint32_t flags, bool want_handle);
-
   Core &core_;
   Guard &guard_;
   ObjectsService &objects_;

@@ -288,7 +288,7 @@ Status PaymentService::GenerateDukpt(Session &s, const KeyArg &bdk, const secure
         if (!derived.ok()) return FromCrypto(derived.status());
         crypto::Result<crypto::KeyPtr> key = crypto::Key::FromSecret(k.algorithm(), *derived);
         if (!key.ok()) return FromCrypto(key.status());
-        Result<KeyDesc> kept = keys_.Keep(s, name, *key, key_flags, temporary);
+        Result<KeyDesc> kept = keys_.KeepNewKey(s, name, *key, key_flags, temporary);
         return kept.ok() ? Status::Ok() : kept.status();
       });
 }

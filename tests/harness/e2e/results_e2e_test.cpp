@@ -129,6 +129,11 @@ TEST_F(ResultsE2E, FixedDurationStopsOnItsOwnAndCountsWhatWasDone) {
   // The footer's rate is over what was done.
   const double expected = d["operations"].get<double>() / (d["elapsed_ms"].get<double>() / 1000);
   EXPECT_NEAR(d["rate"].get<double>(), expected, expected * 1e-6);
+  // The plot script draws it.
+  const std::string plot = "'" PLOT_SCRIPT "' '" + (dir_ / "d.json").string() + "' -o '" +
+                           (dir_ / "d.png").string() + "' >/dev/null";
+  ASSERT_EQ(std::system(plot.c_str()), 0);
+  EXPECT_EQ(Read("d.png").substr(0, 4), "\x89PNG");
 }
 
 TEST_F(ResultsE2E, CompareGatesOnTheRate) {
