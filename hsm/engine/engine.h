@@ -1,14 +1,11 @@
 // The HSM engine: every service the daemon offers, callable in-process. The daemon owns one
 // Engine and gives each connection a Session; tests and the fuzzer call the engine directly.
 //
-// The services (users, objects, keys, hashes, system, payment) share the engine's core (store,
-// users, objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in
-// one fixed order: session, arguments, right, existence, state, then writes the audit record. Each
-// The services (users, objects, keys, hashes, system, vault, oath) share the engine's core (store, users,
-// objects, audit log, clock, key cache) and one guard (guard.h) that checks every request in one
-// fixed order: session, arguments, right, existence, state, then writes the audit record. Each
-// service may be called from many threads at once, each with its own Session; a Session itself is
-// used by one thread at a time.
+// The services (users, objects, keys, hashes, system, logs, pki, payment, vault, oath, sharing)
+// share the engine's core (store, users, objects, audit log, clock, key cache) and one guard
+// (guard.h) that checks every request in one fixed order: session, arguments, right, existence,
+// state, then writes the audit record. Each service may be called from many threads at once,
+// each with its own Session; a Session itself is used by one thread at a time.
 #pragma once
 
 #include <memory>
@@ -24,8 +21,8 @@
 #include "engine/services/logs.h"
 #include "engine/services/oath.h"
 #include "engine/services/objects.h"
-#include "engine/services/pki.h"
 #include "engine/services/payment.h"
+#include "engine/services/pki.h"
 #include "engine/services/sharing.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"

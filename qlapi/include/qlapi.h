@@ -157,12 +157,12 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_NOT_IN_CLUSTER 5050 /* the HSM is not part of a cluster */
 #define QL_ERR_LOG_CORRUPT 5051    /* a log page that is cut short or damaged */
 /* Certificates and signing identities. */
-#define QL_ERR_BAD_CERT 5080           /* not a certificate, chain or CRL in DER or PEM */
-#define QL_ERR_CERT_UNTRUSTED 5081     /* no path to an anchor of the chain, or a stale CRL */
-#define QL_ERR_CERT_EXPIRED 5082       /* a certificate of the path is expired or not yet valid */
-#define QL_ERR_CERT_REVOKED 5083       /* the CRL names the certificate */
-#define QL_ERR_KEY_CERT_MISMATCH 5084  /* the key is not the certificate's */
-#define QL_ERR_BAD_PASSWORD 5085       /* a PKCS#12 file whose MAC or decryption fails */
+#define QL_ERR_BAD_CERT 5080          /* not a certificate, chain or CRL in DER or PEM */
+#define QL_ERR_CERT_UNTRUSTED 5081    /* no path to an anchor of the chain, or a stale CRL */
+#define QL_ERR_CERT_EXPIRED 5082      /* a certificate of the path is expired or not yet valid */
+#define QL_ERR_CERT_REVOKED 5083      /* the CRL names the certificate */
+#define QL_ERR_KEY_CERT_MISMATCH 5084 /* the key is not the certificate's */
+#define QL_ERR_BAD_PASSWORD 5085      /* a PKCS#12 file whose MAC or decryption fails */
 /* Payment: card values, PINs and the EFT daemon. */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
@@ -842,15 +842,15 @@ QLAPI_EXPORT int QOATHResync(HSESSIONCTX hSession, const char *szUserName, const
 #define QL_OATH_SHA512 0x200
 #define QL_OATH_MAX_SEED 64
 typedef struct QL_OATH_TOKEN_INFO_ {
-  uint32_t dwType;      /* 2 event (HOTP), 3 time (TOTP) */
-  uint32_t dwHash;      /* 0 SHA-1, 1 SHA-256, 2 SHA-512 */
-  uint32_t dwDigits;    /* 6 to 8 */
-  uint32_t dwTimeStep;  /* time: seconds, 1 to 3600 */
-  uint64_t qwCounter;   /* event: the next counter; time: the last accepted step + 1 (0 none) */
-  uint64_t qwT0;        /* time: seconds since 1970 of step 0 */
-  int32_t nDrift;       /* time: steps the token runs ahead (negative: behind) */
-  uint32_t dwFailures;  /* failed checks in a row */
-  uint32_t dwSeedLen;   /* 16 to 64 */
+  uint32_t dwType;     /* 2 event (HOTP), 3 time (TOTP) */
+  uint32_t dwHash;     /* 0 SHA-1, 1 SHA-256, 2 SHA-512 */
+  uint32_t dwDigits;   /* 6 to 8 */
+  uint32_t dwTimeStep; /* time: seconds, 1 to 3600 */
+  uint64_t qwCounter;  /* event: the next counter; time: the last accepted step + 1 (0 none) */
+  uint64_t qwT0;       /* time: seconds since 1970 of step 0 */
+  int32_t nDrift;      /* time: steps the token runs ahead (negative: behind) */
+  uint32_t dwFailures; /* failed checks in a row */
+  uint32_t dwSeedLen;  /* 16 to 64 */
   unsigned char pbSeed[QL_OATH_MAX_SEED];
 } QL_OATH_TOKEN_INFO;
 QLAPI_EXPORT int QOATHCheckHOTP(HSESSIONCTX hSession, const char *szMasterKey,
