@@ -184,24 +184,24 @@ Status AuditLog::Flush() {
 }
 
 Status AuditLog::Truncate() {
-  // No flush runs meanwhile, and no line is added between the store's delete and the reset.
+  // No flush runs meanwhile (flush_mu_). The store is locked before mu_, in the order Load and
+  // Flush take them; mu_ is held from the delete to the reset, so no line falls in between.
   std::lock_guard<std::mutex> one_at_a_time(flush_mu_);
-  std::lock_guard<std::mutex> lock(mu_);
-  Status st = store_.Locked([&](store::Connection &conn) -> Status {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    std::lock_guard<std::mutex> lock(mu_);
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
     Result<store::Statement> del = conn.Prepare("DELETE FROM audit_pages");
     if (!del.ok()) return del.status();
     QL_RETURN_IF_ERROR(del->Run());
-    return tx.Commit();
+    QL_RETURN_IF_ERROR(tx.Commit());
+    closed_.clear();
+    current_.clear();
+    current_number_ = 1;
+    stored_closed_len_ = 0;
+    dirty_ = false;
+    return Status::Ok();
   });
-  if (!st.ok()) return st;
-  closed_.clear();
-  current_.clear();
-  current_number_ = 1;
-  stored_closed_len_ = 0;
-  dirty_ = false;
-  return Status::Ok();
 }
 
 void AuditLog::set_cache(bool on) {
