@@ -1,6 +1,7 @@
 #include "known_hsms.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <mutex>
 #include <string_view>
 #include <utility>
@@ -145,6 +146,12 @@ Result<std::string> DefaultPath() {
     std::lock_guard<std::mutex> lock(g_mu);
     if (!g_test_path.empty()) return g_test_path;
   }
+#if defined(__GLIBC__)
+  const char *chosen = secure_getenv("QLAPI_KNOWN_HSMS");  // never honoured when set-user-id
+#else
+  const char *chosen = std::getenv("QLAPI_KNOWN_HSMS");
+#endif
+  if (chosen != nullptr && *chosen != '\0') return std::string(chosen);
   return UserHomeFile(kFileName, kBadFile);
 }
 

@@ -23,8 +23,8 @@ inline constexpr const char *kFileName = ".qlapi_known_hsms";
 // "host:port", with an IPv6 address in brackets.
 std::string Endpoint(const std::string &host, int port);
 
-// The file for the calling user: the pin file set by SetPathForTesting, else
-// "<home>/.qlapi_known_hsms".
+// The file for the calling user: the pin file set by SetPathForTesting, else the file named by
+// QLAPI_KNOWN_HSMS (a service account's own file, say), else "<home>/.qlapi_known_hsms".
 Result<std::string> DefaultPath();
 
 // Tests only: pins go to `path` instead of the home directory ("" restores the default). The

@@ -81,24 +81,33 @@ class Hsm:
         subprocess.run([qlhsmd, "init", "--data-dir", self.data, "--password", PASSWORD,
                         "--kdf-cost", "16", "--unlock-cost", "16"], env=env, check=True,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.log_path = os.path.join(root, "qlhsmd.log")
+        self.log = open(self.log_path, "w")
         self.proc = subprocess.Popen([qlhsmd, "serve", "--data-dir", self.data, "--listen",
                                       "127.0.0.1:0"], env=env, stdout=subprocess.PIPE,
-                                     stderr=subprocess.DEVNULL, text=True)
+                                     stderr=self.log, text=True)
         line = self.proc.stdout.readline().strip()
         if not line.startswith("listening on "):
-            raise RuntimeError("qlhsmd did not start: " + line)
+            raise RuntimeError("qlhsmd did not start: " + line + self.tail())
         self.port = line.rsplit(":", 1)[1]
+
+    def tail(self):
+        self.log.flush()
+        with open(self.log_path, errors="replace") as f:
+            return "\n--- qlhsmd's standard error:\n" + f.read()[-4000:]
 
     def stop(self):
         self.proc.terminate()
-        self.proc.wait(timeout=30)
+        self.proc.wait(timeout=60)
+        self.log.close()
 
 
 def main():
     qlutil, qlhsmd, libqlapi = (os.path.abspath(p) for p in sys.argv[1:4])
     failures = []
     with tempfile.TemporaryDirectory() as root:
-        os.environ["HOME"] = root  # the HSM's certificate is pinned here on first use
+        # The HSM's certificate is pinned on first use in a file of this run's own.
+        os.environ["QLAPI_KNOWN_HSMS"] = os.path.join(root, "known_hsms")
         hsm = Hsm(qlhsmd, root)
         try:
             def job(*args):
@@ -106,7 +115,8 @@ def main():
                                     "-w", PASSWORD, "-j"] + list(args), cwd=root,
                                    capture_output=True, text=True)
                 if r.returncode != 0:
-                    raise RuntimeError(" ".join(args) + ": " + r.stdout)
+                    raise RuntimeError("%s: exit %d\n%s%s%s" % (" ".join(args), r.returncode,
+                                                               r.stdout, r.stderr, hsm.tail()))
                 return r.stdout
 
             def field(out, label):

@@ -103,6 +103,15 @@ TEST(KnownHsmsPath, TheDefaultFileIsInTheHomeFromThePasswordDatabase) {
   ASSERT_TRUE(path.ok());
   EXPECT_EQ(path.value().find("/nonexistent-home"), std::string::npos);
   EXPECT_NE(path.value().find("/.qlapi_known_hsms"), std::string::npos);
+  // A file of its own for a service account, named by the environment; empty means unset.
+  setenv("QLAPI_KNOWN_HSMS", "/srv/hsm-client/known", 1);
+  auto chosen = kh::DefaultPath();
+  setenv("QLAPI_KNOWN_HSMS", "", 1);
+  auto unset = kh::DefaultPath();
+  unsetenv("QLAPI_KNOWN_HSMS");
+  ASSERT_TRUE(chosen.ok() && unset.ok());
+  EXPECT_EQ(chosen.value(), "/srv/hsm-client/known");
+  EXPECT_EQ(unset.value(), path.value());
 }
 
 }  // namespace
