@@ -10,7 +10,7 @@ PACKAGES=(
   libp11-kit-dev softhsm2 libsecp256k1-dev nlohmann-json3-dev python3-jsonschema
   python3-matplotlib
   libgtest-dev libgmock-dev libbenchmark-dev
-  procps
+  procps dpkg-dev systemd
 )
 
 missing=()

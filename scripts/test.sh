@@ -9,14 +9,16 @@ ROOT=$(pwd)
 bash scripts/install-deps.sh
 
 JOBS=${JOBS:-$(nproc)}
-FUZZ_SECONDS=${FUZZ_SECONDS:-60}
+FUZZ_SECONDS=${FUZZ_SECONDS:-30}
+
+stage() { echo "=== $* (at ${SECONDS} s)"; }
 
 run_preset() {
   local preset=$1; shift
-  echo "=== ${preset}: build"
+  stage "${preset}: build"
   cmake --preset "${preset}" >/dev/null
   cmake --build --preset "${preset}" -j "${JOBS}"
-  echo "=== ${preset}: test"
+  stage "${preset}: test"
   ctest --preset "${preset}" -j "${JOBS}" --timeout 300 "$@"
 }
 
@@ -25,20 +27,20 @@ for preset in ${PRESETS:-asan}; do
   run_preset "${preset}"
 done
 # ThreadSanitizer: the binaries labelled tsan (threads, runners, shared keys), each run whole.
-echo "=== tsan: build"
+stage "tsan: build"
 cmake --preset tsan >/dev/null
 mapfile -t TSAN_TARGETS < <(grep -v '^$' build/tsan/tsan_targets.txt)
 if [ ${#TSAN_TARGETS[@]} -gt 0 ]; then
   cmake --build --preset tsan -j "${JOBS}" --target "${TSAN_TARGETS[@]}"
   for t in "${TSAN_TARGETS[@]}"; do
-    echo "=== tsan: ${t}"
+    stage "tsan: ${t}"
     dir=$(mktemp -d)
     (cd "${dir}" && TSAN_OPTIONS=halt_on_error=1 "${ROOT}/build/tsan/bin/${t}" --gtest_brief=1)
     rm -rf "${dir}"
   done
 fi
 
-echo "=== fuzz"
+stage "fuzz"
 cmake --preset fuzz >/dev/null
 mapfile -t FUZZERS < <(sed -n 's/^ql_add_fuzzer(\([A-Za-z0-9_]*\).*/\1/p' tests/fuzz/CMakeLists.txt 2>/dev/null)
 if [ ${#FUZZERS[@]} -gt 0 ]; then
@@ -51,4 +53,4 @@ if [ ${#FUZZERS[@]} -gt 0 ]; then
     rm -rf "${corpus}"
   done
 fi
-echo "=== all tests passed"
+stage "all tests passed"

@@ -2,7 +2,9 @@
 // Helpers shared by the API families: asking the HSM through a session handle and moving
 // results into callers' buffers.
 
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "api_guard.h"
@@ -56,6 +58,16 @@ inline uint32_t ReadLittleEndian32(const void *p) {
 inline Status NumberOut(uint64_t v, std::size_t width, void *out, uint32_t *len) {
   return CopyOut(width == 8 ? LittleEndian64(v) : LittleEndian32(static_cast<uint32_t>(v)), out,
                  len);
+}
+
+// The whole of a local file: QL_ERR_FILE_IO when it cannot be opened or read.
+inline Status ReadLocalFile(const char *path, std::string *data) {
+  std::unique_ptr<FILE, int (*)(FILE *)> f(std::fopen(path, "rb"), std::fclose);
+  if (!f) return Status(QL_ERR_FILE_IO);
+  char buf[65536];
+  std::size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, f.get())) > 0) data->append(buf, n);
+  return std::ferror(f.get()) ? Status(QL_ERR_FILE_IO) : Status::Ok();
 }
 
 // A copy of data in a buffer from QAlloc, for the calls that hand out buffers.

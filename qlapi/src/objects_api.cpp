@@ -1,6 +1,4 @@
 // Objects and files.
-#include <cstdio>
-#include <memory>
 
 #include "api_common.h"
 
@@ -125,13 +123,8 @@ extern "C" int QWriteFile(HSESSIONCTX hSession, const char *szLocalPath, const c
                           uint32_t dwFlags) {
   return Guard([&] {
     if (!HasText(szLocalPath)) return QL_ERR_BAD_ARGUMENT;
-    std::unique_ptr<FILE, int (*)(FILE *)> f(std::fopen(szLocalPath, "rb"), std::fclose);
-    if (!f) return QL_ERR_FILE_IO;
     std::string data;
-    char buf[65536];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f.get())) > 0) data.append(buf, n);
-    if (std::ferror(f.get())) return QL_ERR_FILE_IO;
+    QL_RETURN_CODE_IF_ERROR(ReadLocalFile(szLocalPath, &data));
     return QWriteFileBuffer(hSession, szObjName,
                             reinterpret_cast<const unsigned char *>(data.data()),
                             static_cast<uint32_t>(data.size()), dwFlags);

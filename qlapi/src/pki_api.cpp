@@ -5,7 +5,6 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
-#include <cstdio>
 #include <memory>
 
 #include "api_common.h"
@@ -51,13 +50,8 @@ extern "C" int QImportPKCS12(HSESSIONCTX hSession, const char *szPkcs12File, con
                              const char *szKeyName, const char *szCertName, uint32_t dwFlags) {
   return Guard([&] {
     if (!HasText(szPkcs12File)) return QL_ERR_BAD_ARGUMENT;
-    std::unique_ptr<FILE, int (*)(FILE *)> f(std::fopen(szPkcs12File, "rb"), std::fclose);
-    if (!f) return QL_ERR_FILE_IO;
     std::string data;
-    char buf[65536];
-    std::size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f.get())) > 0) data.append(buf, n);
-    if (std::ferror(f.get())) return QL_ERR_FILE_IO;
+    QL_RETURN_CODE_IF_ERROR(ReadLocalFile(szPkcs12File, &data));
     return QImportPKCS12Buffer(hSession, reinterpret_cast<const unsigned char *>(data.data()),
                                static_cast<uint32_t>(data.size()), szPassword, szKeyName,
                                szCertName, dwFlags);

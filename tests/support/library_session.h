@@ -4,13 +4,17 @@
 //   qltest::LibrarySession s(hsm);                 // master; s.rc() is QOpenSession's code
 //   QGenerateKey(s.get(), ...);
 //   EXPECT_EQ(qltest::ListObjectNames(hsm), before);
+//   qltest::OpenedSession user("alice", "pw");    // fails the test if it does not open
 //
 // Header only, like password_record.h.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "password_record.h"
@@ -39,6 +43,17 @@ class LibrarySession {
  private:
   HSESSIONCTX session_ = nullptr;
   int rc_ = 0;
+};
+
+// A LibrarySession that must open: a refusal fails the test, which then reads what the
+// session is given or refused.
+class OpenedSession : public LibrarySession {
+ public:
+  explicit OpenedSession(const std::string &user = "master", std::string password = {},
+                         const HsmProcess &hsm = HsmEnvironment::hsm())
+      : LibrarySession(hsm, user, std::move(password)) {
+    EXPECT_EQ(rc(), QL_OK) << "QOpenSession as " << user;
+  }
 };
 
 namespace detail {

@@ -78,20 +78,17 @@ unsigned int PerfGenKeyThread(void *pThreadInfo) {
   const uint32_t blob_type =
       IsSymmetricKeyAlg(info->KeyAlgId) ? QL_PLAINTEXTKEY_BLOB : QL_PRIVATEKEY_BLOB;
   char name[kTempKeyNameSize];
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     GetTempKeyNameOffline(name);
     // A stored key is removed from the HSM whichever way the pass ends.
     RemovedKeyOwner stored;
     KeyOwner session_key;
-    rc = QGenerateKey(info->hSession, name, static_cast<uint32_t>(info->KeyAlgId), flags,
-                      info->bPersistent ? stored.Put() : session_key.Put());
+    int rc = QGenerateKey(info->hSession, name, static_cast<uint32_t>(info->KeyAlgId), flags,
+                          info->bPersistent ? stored.Put() : session_key.Put());
     if (rc != 0) {
       ScreenOutput("[PerfGenKeyThread] Fail in QGenerateKey rc = %d. Iteration = %lu\r\n", rc,
                    counter);
-      break;
+      return rc;
     }
     const HKEYCTX key = info->bPersistent ? stored.Get() : session_key.Get();
     if (info->bExport) {
@@ -100,18 +97,17 @@ unsigned int PerfGenKeyThread(void *pThreadInfo) {
       if (rc != 0) {
         ScreenOutput("[PerfGenKeyThread] Fail in QExportKey rc = %d. Iteration = %lu\r\n", rc,
                      counter);
-        break;
+        return rc;
       }
     }
     rc = info->bPersistent ? stored.Free() : session_key.Free();
     if (rc != 0) {
       ScreenOutput("[PerfGenKeyThread] Fail in QDestroyKey rc = %d. Iteration = %lu\r\n", rc,
                    counter);
-      break;
+      return rc;
     }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return 0;
+  });
 }
 
 int PerfGenKeyThreadFin(void *pThreadInfo) {
@@ -229,20 +225,16 @@ int PerfListKeysThreadInit(void *pThreadInfo) {
 
 unsigned int PerfListKeysThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_LIST_KEYS_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     unsigned long listed = 0;
-    rc = QListObjs(info->hSession, CountListedName, &listed);
+    int rc = QListObjs(info->hSession, CountListedName, &listed);
     if (rc != 0) {
       ScreenOutput("[PerfListKeysThread] Fail in QListObjs rc = %d. Iteration = %lu\r\n", rc,
                    counter);
-      break;
+      return rc;
     }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return 0;
+  });
 }
 
 int PerfListKeys(TEST_PARAMETER *pTestParam, int nParameters) {
@@ -323,22 +315,18 @@ int PerfGenKeyMaterialThreadInit(void *pThreadInfo) {
 
 unsigned int PerfGenKeyMaterialThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_GEN_KEY_MATERIAL_INFO *>(pThreadInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     uint32_t len = info->dwMaterialLen;
-    rc = QGenerateKeyMaterial(info->hSession, static_cast<uint32_t>(info->KeyAlgId), 0,
-                              info->pbMaterial, &len);
+    int rc = QGenerateKeyMaterial(info->hSession, static_cast<uint32_t>(info->KeyAlgId), 0,
+                                  info->pbMaterial, &len);
     if (rc != 0) {
       ScreenOutput(
           "[PerfGenKeyMaterialThread] Fail in QGenerateKeyMaterial rc = %d. Iteration = %lu\r\n",
           rc, counter);
-      break;
+      return rc;
     }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return 0;
+  });
 }
 
 int PerfGenKeyMaterialThreadFin(void *pThreadInfo) {
@@ -466,33 +454,29 @@ unsigned int PerfGenerateECDHThread(void *pThreadInfo) {
   const bool store = !info->bNoTarget && info->Kdf == QL_GEN_KEY_X9_63_SHA256;
   const uint32_t target_flags = info->bTemporaryTarget ? QL_KEY_TEMPORARY : 0u;
   char target[kTempKeyNameSize];
-  unsigned long counter = 0;
-  int rc = 0;
-  do {
-    if (ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) break;
+  return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     // The raw secret fills the buffer up to its size; X9.63 derives -kdflen bytes.
     uint32_t out_len = info->Kdf == QL_GEN_KEY_KDF_RAW_SECRET ? info->dwOutLen : info->dwKdfLen;
     if (store) GetTempKeyNameOffline(target);
-    rc = QGenEcdhKey(info->hSession, static_cast<uint32_t>(info->Kdf), info->szPrivKeyName,
-                     info->pbPeerPub, info->dwPeerPubLen, nullptr, 0, store ? target : nullptr,
-                     store ? static_cast<uint32_t>(info->TargetAlgId) : 0u, target_flags,
-                     store ? nullptr : info->pbOut, &out_len);
+    int rc = QGenEcdhKey(info->hSession, static_cast<uint32_t>(info->Kdf), info->szPrivKeyName,
+                         info->pbPeerPub, info->dwPeerPubLen, nullptr, 0, store ? target : nullptr,
+                         store ? static_cast<uint32_t>(info->TargetAlgId) : 0u, target_flags,
+                         store ? nullptr : info->pbOut, &out_len);
     if (rc != 0) {
       ScreenOutput("[PerfGenerateECDHThread] Fail in QGenEcdhKey rc = %d. Iteration = %lu\r\n", rc,
                    counter);
-      break;
+      return rc;
     }
     if (store && !info->bTemporaryTarget) {
       rc = QRemoveObj(info->hSession, target);
       if (rc != 0) {
         ScreenOutput("[PerfGenerateECDHThread] Fail in QRemoveObj rc = %d. Iteration = %lu\r\n", rc,
                      counter);
-        break;
+        return rc;
       }
     }
-  } while (!PerfRunFailed(&info->ti));
-  PublishPerfThreadError(&info->ti, rc);
-  return 1;
+    return 0;
+  });
 }
 
 int PerfGenerateECDHThreadFin(void *pThreadInfo) {

@@ -16,23 +16,16 @@ typedef struct tag_PERF_NOP_INFO {
 
 unsigned int PerfNopThread(void *pvInfo) {
   auto *info = static_cast<PERF_NOP_INFO *>(pvInfo);
-  unsigned long counter = 0;
-  int rc = 0;
-  while (!ShouldStopPerfTestLoop(&counter, info->ti.Iterations)) {
+  return RunPerfLoop(&info->ti, [info](unsigned long) {
     HSESSIONCTX hSession = nullptr;
-    rc = ConnectEx(&hSession, &info->ti);
+    const int rc = ConnectEx(&hSession, &info->ti);
     if (rc != 0) {
       ScreenOutput("[PerfNopThread] Fail in ConnectEx. rc = %d\r\n", rc);
-      break;
+      return rc;
     }
     QCloseSession(&hSession, 0);
-    if (IsErrorEventSignaled(info->ti.phErrorEvent)) break;
-  }
-  if (rc != 0) {
-    info->ti.Error = rc;
-    SignalErrorEvent(info->ti.phErrorEvent);
-  }
-  return 1;
+    return 0;
+  });
 }
 
 // Nothing to prepare per thread: the session is the operation.

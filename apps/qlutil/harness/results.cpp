@@ -225,13 +225,12 @@ RunMonitor::RunMonitor(const ResultsOptions &options, int threads)
     : options_(options),
       tallies_(static_cast<size_t>(std::max(threads, 0))),
       histograms_(options.latency ? static_cast<size_t>(std::max(threads, 0)) : 0),
-      control_(new Control) {
+      control_(std::make_unique<Control>()) {
   for (size_t i = 0; i < histograms_.size(); ++i) tallies_[i].histogram = &histograms_[i];
 }
 
 RunMonitor::~RunMonitor() {
   Finish();
-  delete control_;
 }
 
 void RunMonitor::Start() {

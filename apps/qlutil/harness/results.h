@@ -16,6 +16,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -141,7 +142,7 @@ class RunMonitor {
   std::vector<uint64_t> per_second_;
   std::atomic<uint64_t> measure_start_ns_{0};
   struct Control;
-  Control *control_;
+  std::unique_ptr<Control> control_;
 };
 
 uint64_t SteadyNowNs();

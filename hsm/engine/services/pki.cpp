@@ -64,6 +64,20 @@ Result<objects::ObjectInfo> PkiService::Usable(const objects::ObjectRef &ref) {
   return info;
 }
 
+Result<secure::Bytes> PkiService::CertificateOf(const crypto::Key &key,
+                                                const objects::ObjectRef &cert_ref,
+                                                bool blocked_ok) {
+  Result<objects::ObjectInfo> cert = blocked_ok ? core_.objects->Get(cert_ref) : Usable(cert_ref);
+  if (!cert.ok()) return cert.status();
+  if (cert->type != static_cast<int>(ObjectType::kCertificate))
+    return BadCert("not a certificate object");
+  Result<secure::Bytes> der = core_.objects->ReadMaterial(cert_ref);
+  if (!der.ok()) return der.status();
+  if (!crypto::pki::KeyMatchesCertificate(key, View(der.value())))
+    return Status::Error(Code::kKeyCertMismatch, "the key is not the certificate's");
+  return der;
+}
+
 Status PkiService::WriteTyped(Session &s, std::string_view name, const secure::Bytes &data,
                               bool replace) {
   crypto::Result<crypto::pki::PkiObject> obj = crypto::pki::ReadPkiObject(View(data));
@@ -250,14 +264,8 @@ Result<secure::Bytes> PkiService::ExportPkcs12(Session &s, std::string_view key_
         if (!(key->info.flags & qlproto::kKeyExportable))
           return Status::Error(Code::kNotExportable,
                                "the key was made without the exportable flag");
-        Result<objects::ObjectInfo> cert = Usable(cert_ref);
-        if (!cert.ok()) return cert.status();
-        if (cert->type != static_cast<int>(ObjectType::kCertificate))
-          return BadCert("not a certificate object");
-        Result<secure::Bytes> der = core_.objects->ReadMaterial(cert_ref);
+        Result<secure::Bytes> der = CertificateOf(*key->key, cert_ref);
         if (!der.ok()) return der.status();
-        if (!crypto::pki::KeyMatchesCertificate(*key->key, View(der.value())))
-          return Status::Error(Code::kKeyCertMismatch, "the key is not the certificate's");
         crypto::Result<crypto::Bytes> p12 =
             crypto::pki::MakePkcs12(*key->key, View(der.value()), password);
         if (!p12.ok()) return FromCrypto(p12.status());
@@ -277,14 +285,8 @@ Status PkiService::AssociateKey(Session &s, std::string_view key_name, std::stri
       [&](const users::UserInfo &) -> Status {
         Result<KeyCache::Entry> key = core_.keys.Load(*core_.objects, key_ref);
         if (!key.ok()) return key.status();
-        Result<objects::ObjectInfo> cert = core_.objects->Get(cert_ref);
-        if (!cert.ok()) return cert.status();
-        if (cert->type != static_cast<int>(ObjectType::kCertificate))
-          return BadCert("not a certificate object");
-        Result<secure::Bytes> der = core_.objects->ReadMaterial(cert_ref);
+        Result<secure::Bytes> der = CertificateOf(*key->key, cert_ref, /*blocked_ok=*/true);
         if (!der.ok()) return der.status();
-        if (!crypto::pki::KeyMatchesCertificate(*key->key, View(der.value())))
-          return Status::Error(Code::kKeyCertMismatch, "the key is not the certificate's");
         crypto::Result<crypto::Bytes> id = crypto::pki::PublicKeyId(View(der.value()));
         if (!id.ok()) return FromCrypto(id.status());
         const secure::Bytes id_value(id->begin(), id->end());
@@ -367,14 +369,8 @@ Result<secure::Bytes> PkiService::Pkcs7Sign(Session &s, std::string_view key_nam
         Result<KeyCache::Entry> key = core_.keys.Load(*core_.objects, key_ref);
         if (!key.ok()) return key.status();
         if (key->info.blocked) return Status::Error(Code::kObjectBlocked, "object blocked");
-        Result<objects::ObjectInfo> cert = Usable(cert_ref);
-        if (!cert.ok()) return cert.status();
-        if (cert->type != static_cast<int>(ObjectType::kCertificate))
-          return BadCert("not a certificate object");
-        Result<secure::Bytes> der = core_.objects->ReadMaterial(cert_ref);
+        Result<secure::Bytes> der = CertificateOf(*key->key, cert_ref);
         if (!der.ok()) return der.status();
-        if (!crypto::pki::KeyMatchesCertificate(*key->key, View(der.value())))
-          return Status::Error(Code::kKeyCertMismatch, "the key is not the certificate's");
         std::vector<crypto::Bytes> chain;
         if (!chain_name.empty()) {
           Result<std::vector<secure::Bytes>> certs = LoadChain(chain_ref);

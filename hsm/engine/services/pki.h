@@ -86,6 +86,11 @@ class PkiService {
 
  private:
   Result<objects::ObjectInfo> Usable(const objects::ObjectRef &ref);
+  // The DER of the certificate object `cert_ref` when it holds `key`'s public key: kBadCert for
+  // another kind of object, kKeyCertMismatch for another key; kObjectBlocked for a blocked
+  // certificate unless `blocked_ok`.
+  Result<secure::Bytes> CertificateOf(const crypto::Key &key, const objects::ObjectRef &cert_ref,
+                                      bool blocked_ok = false);
 
   Core &core_;
   Guard &guard_;

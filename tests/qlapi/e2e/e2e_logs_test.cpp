@@ -11,30 +11,12 @@
 #include <vector>
 
 #include "hsm_fixture.h"
-#include "password_record.h"
+#include "library_session.h"
 #include "qlapi.h"
 
 namespace {
 
-qltest::HsmProcess &Hsm() {
-  return qltest::HsmEnvironment::hsm();
-}
-
-class Session {
- public:
-  explicit Session(const std::string &user = "master", std::string pwd = "") {
-    if (pwd.empty()) pwd = Hsm().master_password();
-    AUTH_PWD_EX r = qltest::PasswordRecord(Hsm(), user, pwd);
-    EXPECT_EQ(QOpenSession(&s_, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
-  }
-  Session(const Session &) = delete;
-  Session &operator=(const Session &) = delete;
-  ~Session() { QCloseSession(&s_, 0); }
-  HSESSIONCTX get() const { return s_; }
-
- private:
-  HSESSIONCTX s_ = nullptr;
-};
+using Session = qltest::OpenedSession;
 
 void CreateUser(const char *name, uint32_t acl) {
   Session m;
