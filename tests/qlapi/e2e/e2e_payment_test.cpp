@@ -1,6 +1,7 @@
 // Payment through the library against a real qlhsmd: the published CVV, the published ISO 9564-1
 // format 0 block, the published DUKPT keys of both schemes, the worked key blocks of versions B
-// and D (and an exported block opened with the openssl command line), and the refusals.
+// and D (and an exported block opened with the openssl command line), the EFT daemon's
+// authorisations, configuration and counters, and the refusals.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -391,14 +392,16 @@ TEST(E2ePayment, ExportedBlocksKeepAttributesAndOpenWithOpenssl) {
   EXPECT_EQ(d0.substr(5, 7), "D0AB00E");
   EXPECT_EQ(OpensslUnwrapD(kKbpkD, d0), Exported(s.get(), "t31_fresh"));
   // Version B under a triple-DES KBPK, read back by the HSM.
-  const std::string b = ExportBlock(s.get(), "kbpk_b", "t31_p0", Usage("P0"), 'E', 'E');
+  ASSERT_EQ(ImportBlock(s.get(), "kbpk_b", "t31_tb", kBlockB), QL_OK);
+  const std::string b = ExportBlock(s.get(), "kbpk_b", "t31_tb", Usage("P0"), 'E', 'E');
   EXPECT_EQ(b.substr(0, 1) + b.substr(5, 7), "BP0TE00E");
   ASSERT_EQ(ImportBlock(s.get(), "kbpk_b", "t31_back", b), QL_OK);
   EXPECT_EQ(Exported(s.get(), "t31_back"), kWorkedKey);
 
   // The refusals.
   EXPECT_EQ(ExportBlock(s.get(), "kbpk_d", "t31_p0", Usage("B0"), 'E'), Rc(QL_ERR_BAD_ARGUMENT));
-  EXPECT_EQ(ExportBlock(s.get(), "kbpk_b", "t31_fresh"), Rc(QL_ERR_BAD_KEY_USAGE));  // stronger
+  // An AES-128 key is stronger than a double-length triple-DES KBPK.
+  EXPECT_EQ(ExportBlock(s.get(), "kbpk_b", "t31_p0"), Rc(QL_ERR_BAD_KEY_USAGE));
   HKEYCTX rsa = nullptr;
   ASSERT_EQ(QGenerateKey(s.get(), "t31_rsa", QL_ALG_RSA1024, QL_KEY_EXPORTABLE, &rsa), QL_OK);
   EXPECT_EQ(ExportBlock(s.get(), "kbpk_d", "t31_rsa"), Rc(QL_ERR_BAD_KEY_USAGE));
@@ -418,7 +421,7 @@ TEST(E2ePayment, ExportedBlocksKeepAttributesAndOpenWithOpenssl) {
   QDestroyKey(&fresh, QL_DESTROY_REMOVE);
   QDestroyKey(&rsa, QL_DESTROY_REMOVE);
   QDestroyKey(&kept, QL_DESTROY_REMOVE);
-  for (const char *name : {"t31_p0", "t31_back"}) QRemoveObj(s.get(), name);
+  for (const char *name : {"t31_p0", "t31_tb", "t31_back"}) QRemoveObj(s.get(), name);
   QDestroyKey(&kd, 0);
   QDestroyKey(&kb, 0);
 }
@@ -461,6 +464,150 @@ TEST(E2ePayment, KeyBlockRightsAndTemporaryImports) {
   }
   QDestroyKey(&key, QL_DESTROY_REMOVE);
   QDestroyKey(&stored, QL_DESTROY_REMOVE);
+}
+
+// --- the EFT daemon ---
+
+int Authorize(HSESSIONCTX s, bool authorize, uint32_t activities, uint32_t minutes = 5) {
+  QL_EFTD_AUTH a{activities, minutes};
+  return QAdmOperation(s, authorize ? QL_ADM_EFTD_AUTHORIZE : QL_ADM_EFTD_DEAUTHORIZE, &a, sizeof a,
+                       nullptr, nullptr, 0);
+}
+
+QL_EFTD_INFO EftdInfo(HSESSIONCTX s) {
+  QL_EFTD_INFO info{};
+  uint32_t len = sizeof info;
+  EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_INFO, nullptr, 0, &info, &len, 0), QL_OK);
+  return info;
+}
+
+int SetConf(HSESSIONCTX s, const QL_EFTD_CONF &conf) {
+  return QAdmOperation(s, QL_ADM_EFTD_SET_CONF, &conf, sizeof conf, nullptr, nullptr, 0);
+}
+
+std::string Pin(HKEYCTX pgk, uint32_t length, int *rc) {
+  char pin[13] = {};
+  uint32_t len = sizeof pin;
+  *rc = QGeneratePIN(pgk, "43219876543210987", length, pin, &len, 0);
+  return pin;
+}
+
+TEST(E2ePayment, EftdAuthorisationsOpenFormat1AndClearPins) {
+  Session s;
+  const QL_EFTD_CONF defaults = EftdInfo(s.get()).stConf;
+  HKEYCTX src = Import(s.get(), kCvkPair, QL_ALG_3DES_112, "eft_src");
+  HKEYCTX one = Import(s.get(), "0123456789ABCDEF23456789ABCDEF01", QL_ALG_3DES_112, "eft_one");
+  const Bytes in = Hex("C967C8198151A458");
+  const uint32_t to1 = QL_PIN_BLOCK_TRANSLATE(QL_PIN_BLOCK_ISO_0, QL_PIN_BLOCK_ISO_1);
+  unsigned char f1[8], back[8];
+  uint32_t f1_len = sizeof f1, back_len = sizeof back;
+  const QL_EFTD_COUNTER before = EftdInfo(s.get()).astCounters[QL_EFTD_OP_TRANSLATE_PIN_BLOCK];
+  EXPECT_EQ(QPINBlockTranslate(s.get(), "eft_src", "eft_one", to1, "43219876543210987", in.data(),
+                               8, f1, &f1_len, 0),
+            QL_ERR_EFTD_NOT_AUTHORIZED);
+
+  // Authorised: the format 1 block carries the PIN, and back to format 0 gives the published
+  // block again.
+  ASSERT_EQ(Authorize(s.get(), true, QL_EFTD_ACT_PIN_FORMAT1), QL_OK);
+  ASSERT_EQ(QPINBlockTranslate(s.get(), "eft_src", "eft_one", to1, "43219876543210987", in.data(),
+                               8, f1, &f1_len, 0),
+            QL_OK);
+  ASSERT_EQ(QPINBlockTranslate(s.get(), "eft_one", "eft_src",
+                               QL_PIN_BLOCK_TRANSLATE(QL_PIN_BLOCK_ISO_1, QL_PIN_BLOCK_ISO_0),
+                               "43219876543210987", f1, f1_len, back, &back_len, 0),
+            QL_OK);
+  EXPECT_EQ(HexOf(back, back_len), "C967C8198151A458");
+  QL_EFTD_INFO info = EftdInfo(s.get());
+  EXPECT_EQ(info.dwAuthActivities, uint32_t{QL_EFTD_ACT_PIN_FORMAT1});
+  EXPECT_STREQ(info.szAuthUser, "master");
+  EXPECT_GT(info.qwAuthUntil, 0);
+  const QL_EFTD_COUNTER after = info.astCounters[QL_EFTD_OP_TRANSLATE_PIN_BLOCK];
+  EXPECT_EQ(after.qwSuccesses - before.qwSuccesses, 2u);
+  EXPECT_EQ(after.qwFailures - before.qwFailures, 1u);
+  ASSERT_EQ(Authorize(s.get(), false, QL_EFTD_ACT_ALL), QL_OK);
+  EXPECT_EQ(QPINBlockTranslate(s.get(), "eft_src", "eft_one", to1, "43219876543210987", in.data(),
+                               8, f1, &f1_len, 0),
+            QL_ERR_EFTD_NOT_AUTHORIZED);
+  EXPECT_EQ(EftdInfo(s.get()).dwAuthActivities, 0u);
+
+  // Clear PINs need an authorisation once the configuration says so; the table and the PIN
+  // lengths come from the configuration.
+  HKEYCTX pgk = Import(s.get(), "0123456789ABCDEF23456789ABCDEF01", QL_ALG_3DES_112);
+  int rc = 0;
+  const std::string natural = Pin(pgk, 6, &rc);
+  ASSERT_EQ(rc, QL_OK);
+  QL_EFTD_CONF conf = defaults;
+  conf.dwAuthRequired = QL_EFTD_ACT_ALL;
+  std::memcpy(conf.szDecTable, "1234567890123456", 17);  // every digit of the default plus one
+  ASSERT_EQ(SetConf(s.get(), conf), QL_OK);
+  Pin(pgk, 6, &rc);
+  EXPECT_EQ(rc, QL_ERR_EFTD_NOT_AUTHORIZED);
+  ASSERT_EQ(Authorize(s.get(), true, QL_EFTD_ACT_CLEAR_PIN, 1), QL_OK);
+  const std::string shifted = Pin(pgk, 6, &rc);
+  ASSERT_EQ(rc, QL_OK);
+  ASSERT_EQ(shifted.size(), natural.size());
+  for (size_t i = 0; i < natural.size(); ++i)
+    EXPECT_EQ(shifted[i] - '0', (natural[i] - '0' + 1) % 10) << natural << " " << shifted;
+  conf.dwPinMax = 5;
+  ASSERT_EQ(SetConf(s.get(), conf), QL_OK);
+  Pin(pgk, 6, &rc);
+  EXPECT_EQ(rc, QL_ERR_BAD_ARGUMENT);
+
+  // Reset ends the authorisations and zeroes the counters; the configuration stays.
+  ASSERT_EQ(QAdmOperation(s.get(), QL_ADM_EFTD_RESET, nullptr, 0, nullptr, nullptr, 0), QL_OK);
+  info = EftdInfo(s.get());
+  EXPECT_EQ(info.dwAuthActivities, 0u);
+  EXPECT_EQ(info.astCounters[QL_EFTD_OP_TRANSLATE_PIN_BLOCK].qwSuccesses, 0u);
+  EXPECT_EQ(info.astCounters[QL_EFTD_OP_GENERATE_PIN].qwFailures, 0u);
+  EXPECT_STREQ(info.stConf.szDecTable, "1234567890123456");
+  EXPECT_EQ(info.stConf.dwPinMax, 5u);
+  Pin(pgk, 5, &rc);
+  EXPECT_EQ(rc, QL_ERR_EFTD_NOT_AUTHORIZED);
+
+  // Malformed records are refused before they leave the library.
+  QL_EFTD_CONF bad = defaults;
+  bad.dwPinMin = 3;
+  EXPECT_EQ(SetConf(s.get(), bad), QL_ERR_BAD_ARGUMENT);
+  bad = defaults;
+  bad.dwFormats = QL_EFTD_FORMAT(2);
+  EXPECT_EQ(SetConf(s.get(), bad), QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Authorize(s.get(), true, QL_EFTD_ACT_CLEAR_PIN, QL_EFTD_MAX_MINUTES + 1),
+            QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(Authorize(s.get(), true, 0x4), QL_ERR_BAD_ARGUMENT);
+  uint32_t short_len = 8;
+  QL_EFTD_INFO out{};
+  EXPECT_EQ(QAdmOperation(s.get(), QL_ADM_EFTD_INFO, nullptr, 0, &out, &short_len, 0),
+            QL_ERR_BUFFER_TOO_SMALL);
+  EXPECT_EQ(short_len, sizeof(QL_EFTD_INFO));
+
+  ASSERT_EQ(SetConf(s.get(), defaults), QL_OK);
+  QDestroyKey(&pgk, 0);
+  QDestroyKey(&src, 0);
+  QDestroyKey(&one, 0);
+}
+
+TEST(E2ePayment, EftdNeedsTheOperatorRight) {
+  Session m;
+  QL_USER_INFO u;
+  std::memset(&u, 0, sizeof u);
+  std::strncpy(u.szUserId, "eftclerk", sizeof u.szUserId - 1);
+  std::strncpy(u.szPassword, "pw123456", sizeof u.szPassword - 1);
+  u.dwAcl = 0x7F;  // every object and user right, not the operator's
+  ASSERT_EQ(QCreateUser(m.get(), &u), QL_OK);
+  AUTH_PWD_EX r = qltest::PasswordRecord(qltest::HsmEnvironment::hsm(), "eftclerk", "pw123456");
+  HSESSIONCTX s = nullptr;
+  ASSERT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
+  const QL_EFTD_CONF conf = EftdInfo(m.get()).stConf;
+  QL_EFTD_INFO info{};
+  uint32_t len = sizeof info;
+  EXPECT_EQ(Authorize(s, true, QL_EFTD_ACT_ALL), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(Authorize(s, false, QL_EFTD_ACT_ALL), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_INFO, nullptr, 0, &info, &len, 0), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_RESET, nullptr, 0, nullptr, nullptr, 0),
+            QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(SetConf(s, conf), QL_ERR_ACCESS_DENIED);
+  QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  EXPECT_EQ(QRemoveUser(m.get(), "eftclerk"), QL_OK);
 }
 
 }  // namespace
