@@ -656,6 +656,76 @@ QLAPI_EXPORT int QAdmOperation(HSESSIONCTX hSession, uint32_t dwOperation, const
                                uint32_t dwInLen, void *pvOut, uint32_t *pdwOutLen,
                                uint32_t dwFlags);
 
+/* The EFT daemon: the payment family's own state. Its configuration is stored; an authorisation
+ * lives in memory until its time runs out, a deauthorisation, a reset or a restart; counters of
+ * successes and failures are kept per payment operation. All five operations need
+ * ACL_SYS_OPERATOR.
+ *   QL_ADM_EFTD_AUTHORIZE    in: QL_EFTD_AUTH (activities, minutes 1 to 720); the activities
+ *                            are authorised to the caller until now + minutes (one end time for
+ *                            all of them: the latest authorisation sets it)
+ *   QL_ADM_EFTD_DEAUTHORIZE  in: QL_EFTD_AUTH (activities; minutes ignored)
+ *   QL_ADM_EFTD_INFO         out: QL_EFTD_INFO
+ *   QL_ADM_EFTD_RESET        none: ends every authorisation and zeroes the counters
+ *   QL_ADM_EFTD_SET_CONF     in: QL_EFTD_CONF, the whole configuration (read, change, write)
+ * Activities that need an authorisation only while the configuration says so
+ * (dwAuthRequired): a clear PIN from QGeneratePIN, a PAN-bound PIN block translated to format 1.
+ * The default configuration: table "0123456789012345", PINs of 4 to 12 digits, formats 0, 1, 3
+ * and 4, authorisation required for the translation to format 1. */
+#define QL_EFTD_ACT_CLEAR_PIN 0x1   /* a clear PIN handed out by QGeneratePIN */
+#define QL_EFTD_ACT_PIN_FORMAT1 0x2 /* a PAN-bound PIN block translated to format 1 */
+#define QL_EFTD_ACT_ALL 0x3
+#define QL_EFTD_FORMAT(n) (1u << (n)) /* dwFormats: bit n enables PIN block format n */
+#define QL_EFTD_MAX_MINUTES 720
+/* The counted operations, the index of each in astCounters. */
+#define QL_EFTD_OP_GENERATE_CVV 0
+#define QL_EFTD_OP_VERIFY_CVV 1
+#define QL_EFTD_OP_GENERATE_PIN 2
+#define QL_EFTD_OP_VERIFY_PIN_BLOCK 3
+#define QL_EFTD_OP_TRANSLATE_PIN_BLOCK 4
+#define QL_EFTD_OP_GENERATE_DUKPT 5
+#define QL_EFTD_OP_EXPORT_TR31 6
+#define QL_EFTD_OP_IMPORT_TR31 7
+#define QL_EFTD_OP_COUNT 8
+#define QL_EFTD_USER_LEN 24
+
+typedef struct QL_EFTD_CONF_ {
+  char szDecTable[17]; /* 16 decimal digits and a NUL */
+  uint8_t bReserved[3];
+  uint32_t dwPinMin; /* 4 to 12, at most dwPinMax */
+  uint32_t dwPinMax;
+  uint32_t dwFormats;      /* QL_EFTD_FORMAT bits of 0, 1, 3 and 4 */
+  uint32_t dwAuthRequired; /* QL_EFTD_ACT_* */
+} QL_EFTD_CONF;
+
+typedef struct QL_EFTD_AUTH_ {
+  uint32_t dwActivities; /* QL_EFTD_ACT_* */
+  uint32_t dwMinutes;    /* 1 to QL_EFTD_MAX_MINUTES */
+} QL_EFTD_AUTH;
+
+typedef struct QL_EFTD_COUNTER_ {
+  uint64_t qwSuccesses;
+  uint64_t qwFailures;
+} QL_EFTD_COUNTER;
+
+typedef struct QL_EFTD_INFO_ {
+  QL_EFTD_CONF stConf;
+  uint32_t dwAuthActivities;         /* authorised now */
+  int64_t qwAuthUntil;               /* seconds since 1970; 0 when nothing is authorised */
+  char szAuthUser[QL_EFTD_USER_LEN]; /* who authorised them */
+  QL_EFTD_COUNTER astCounters[QL_EFTD_OP_COUNT];
+} QL_EFTD_INFO;
+
+QL_STATIC_ASSERT(sizeof(QL_EFTD_CONF) == 36, "QL_EFTD_CONF is 36 bytes");
+QL_STATIC_ASSERT(offsetof(QL_EFTD_CONF, dwPinMin) == 20, "QL_EFTD_CONF.dwPinMin");
+QL_STATIC_ASSERT(offsetof(QL_EFTD_CONF, dwAuthRequired) == 32, "QL_EFTD_CONF.dwAuthRequired");
+QL_STATIC_ASSERT(sizeof(QL_EFTD_AUTH) == 8, "QL_EFTD_AUTH is 8 bytes");
+QL_STATIC_ASSERT(sizeof(QL_EFTD_COUNTER) == 16, "QL_EFTD_COUNTER is 16 bytes");
+QL_STATIC_ASSERT(offsetof(QL_EFTD_INFO, dwAuthActivities) == 36, "QL_EFTD_INFO.dwAuthActivities");
+QL_STATIC_ASSERT(offsetof(QL_EFTD_INFO, qwAuthUntil) == 40, "QL_EFTD_INFO.qwAuthUntil");
+QL_STATIC_ASSERT(offsetof(QL_EFTD_INFO, szAuthUser) == 48, "QL_EFTD_INFO.szAuthUser");
+QL_STATIC_ASSERT(offsetof(QL_EFTD_INFO, astCounters) == 72, "QL_EFTD_INFO.astCounters");
+QL_STATIC_ASSERT(sizeof(QL_EFTD_INFO) == 200, "QL_EFTD_INFO is 200 bytes");
+
 /* ===========================================================================================
  * HSM information and statistics
  */
@@ -1179,6 +1249,18 @@ QLAPI_EXPORT int QGenerateBDKName(HSESSIONCTX hSession, const unsigned char *pbK
 QLAPI_EXPORT int QGenerateDUKPT(HSESSIONCTX hSession, const char *szBdkName,
                                 const unsigned char *pbKsn, uint32_t dwKsnLen,
                                 const char *szKeyName, uint32_t dwFlags);
+/* Key blocks (ANSI X9.143 / TR-31): QEFTExportTR31 writes the key under the KBPK, version B for a
+ * triple-DES KBPK and D for an AES one, key version "00", no optional blocks. dwUsage holds the two
+ * usage characters packed little-endian (first in the low byte: "B0" is 0x3042), dwMode and
+ * dwExportability one character each (mode 85, U, is written as T); 0 takes the attributes the
+ * key kept from its own key block, else D0, B and E. A combination the standard forbids answers
+ * QL_ERR_BAD_ARGUMENT, a key without QL_KEY_EXPORTABLE QL_ERR_NOT_EXPORTABLE, a key stronger than
+ * the KBPK or not a DES, triple-DES or AES key QL_ERR_BAD_KEY_USAGE. The block is NUL-terminated
+ * text; *pdwKeyBlockLen counts the NUL (QL_ERR_BUFFER_TOO_SMALL with that length).
+ * QEFTImportTR31 reads versions B and D (A and C: QL_ERR_NOT_SUPPORTED), checks header, lengths
+ * and MAC (QL_ERR_BAD_TAG) and keeps the key as szKeyName with the block's usage, mode and
+ * exportability (N: not exportable); dwFlags 0 or QL_KEY_TEMPORARY; dwKeyBlockLen may count the
+ * NUL. Rights: a use right on the KBPK and on the exported key; ACL_OBJ_CREATE to import. */
 QLAPI_EXPORT int QEFTExportTR31(HSESSIONCTX hSession, const char *szKbpkName, const char *szKeyName,
                                 uint32_t dwUsage, uint32_t dwMode, uint32_t dwExportability,
                                 char *szKeyBlock, uint32_t *pdwKeyBlockLen, uint32_t dwFlags);

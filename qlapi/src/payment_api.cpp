@@ -1,8 +1,10 @@
-// Payment: card verification values, natural PINs, PIN block checks and translation. Arguments
+// Payment: card verification values, natural PINs, PIN block checks and translation, DUKPT,
+// key blocks. Arguments
 // are checked here first, so that a malformed card never costs a round trip; the HSM checks them
 // again.
 #include <cstring>
 
+#include "eftd_admin.h"
 #include "key_handle.h"
 
 using namespace qlapi;
@@ -213,3 +215,162 @@ extern "C" int QGenerateDUKPT(HSESSIONCTX hSession, const char *szBdkName,
     return Ask(hSession, request).code();
   });
 }
+
+namespace {
+
+bool HeaderChar(uint32_t c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z');
+}
+
+}  // namespace
+
+extern "C" int QEFTExportTR31(HSESSIONCTX hSession, const char *szKbpkName, const char *szKeyName,
+                              uint32_t dwUsage, uint32_t dwMode, uint32_t dwExportability,
+                              char *szKeyBlock, uint32_t *pdwKeyBlockLen, uint32_t dwFlags) {
+  return Guard([&] {
+    if (!HasText(szKbpkName) || !HasText(szKeyName) || pdwKeyBlockLen == nullptr)
+      return QL_ERR_BAD_ARGUMENT;
+    // 0 is "auto" for each attribute.
+    if (dwUsage != 0 &&
+        (dwUsage > 0xFFFF || !HeaderChar(dwUsage & 0xFF) || !HeaderChar(dwUsage >> 8))) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    if (dwMode != 0 && !HeaderChar(dwMode)) return QL_ERR_BAD_ARGUMENT;
+    if (dwExportability != 0 && dwExportability != 'E' && dwExportability != 'N' &&
+        dwExportability != 'S') {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
+    pb::Request request;
+    auto *m = request.mutable_export_key_block();
+    m->mutable_kbpk()->set_name(szKbpkName);
+    m->mutable_key()->set_name(szKeyName);
+    m->set_usage(dwUsage);
+    m->set_mode(dwMode);
+    m->set_exportability(dwExportability);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (!response.has_blob() || response.blob().data().empty()) return QL_ERR_PROTOCOL;
+    // The block's text and its NUL.
+    std::string text = response.blob().data();
+    text.push_back('\0');
+    return CopyOut(text, szKeyBlock, pdwKeyBlockLen).code();
+  });
+}
+
+extern "C" int QEFTImportTR31(HSESSIONCTX hSession, const char *szKbpkName, const char *szKeyName,
+                              const char *szKeyBlock, uint32_t dwKeyBlockLen, uint32_t dwFlags) {
+  return Guard([&] {
+    if (!HasText(szKbpkName) || !HasText(szKeyName) || szKeyBlock == nullptr)
+      return QL_ERR_BAD_ARGUMENT;
+    if (dwFlags & ~uint32_t{QL_KEY_TEMPORARY}) return QL_ERR_BAD_FLAGS;
+    // The length may count the text's NUL.
+    const std::size_t len = strnlen(szKeyBlock, dwKeyBlockLen);
+    if (len < 16) return QL_ERR_BAD_LENGTH;
+    pb::Request request;
+    auto *m = request.mutable_import_key_block();
+    m->mutable_kbpk()->set_name(szKbpkName);
+    m->set_name(szKeyName);
+    m->set_block(szKeyBlock, len);
+    m->set_flags(dwFlags);
+    return Ask(hSession, request).code();
+  });
+}
+
+// --- the EFT daemon ---
+
+namespace qlapi {
+namespace {
+
+constexpr uint32_t kAllFormats =
+    QL_EFTD_FORMAT(0) | QL_EFTD_FORMAT(1) | QL_EFTD_FORMAT(3) | QL_EFTD_FORMAT(4);
+
+bool GoodConf(const QL_EFTD_CONF &c) {
+  // The table must end within its field.
+  if (std::memchr(c.szDecTable, '\0', sizeof c.szDecTable) == nullptr) return false;
+  return Digits(c.szDecTable, 16, 16) && c.dwPinMin >= 4 && c.dwPinMax <= 12 &&
+         c.dwPinMin <= c.dwPinMax && c.dwFormats != 0 && (c.dwFormats & ~kAllFormats) == 0 &&
+         (c.dwAuthRequired & ~uint32_t{QL_EFTD_ACT_ALL}) == 0;
+}
+
+void CopyText(const std::string &text, char *out, std::size_t size) {
+  const std::size_t n = text.size() < size - 1 ? text.size() : size - 1;
+  std::memcpy(out, text.data(), n);
+  out[n] = '\0';
+}
+
+}  // namespace
+
+int EftdOperation(HSESSIONCTX hSession, uint32_t dwOperation, const void *pvIn, uint32_t dwInLen,
+                  void *pvOut, uint32_t *pdwOutLen) {
+  pb::Request request;
+  switch (dwOperation) {
+    case QL_ADM_EFTD_AUTHORIZE:
+    case QL_ADM_EFTD_DEAUTHORIZE: {
+      if (pvIn == nullptr) return QL_ERR_BAD_ARGUMENT;
+      if (dwInLen != sizeof(QL_EFTD_AUTH)) return QL_ERR_BAD_LENGTH;
+      QL_EFTD_AUTH auth;
+      std::memcpy(&auth, pvIn, sizeof auth);
+      const bool deauthorize = dwOperation == QL_ADM_EFTD_DEAUTHORIZE;
+      if (auth.dwActivities == 0 || (auth.dwActivities & ~uint32_t{QL_EFTD_ACT_ALL}) ||
+          (!deauthorize && (auth.dwMinutes < 1 || auth.dwMinutes > QL_EFTD_MAX_MINUTES))) {
+        return QL_ERR_BAD_ARGUMENT;
+      }
+      auto *m = request.mutable_eftd_authorize();
+      m->set_activities(auth.dwActivities);
+      m->set_minutes(auth.dwMinutes);
+      m->set_deauthorize(deauthorize);
+      return Ask(hSession, request).code();
+    }
+    case QL_ADM_EFTD_RESET:
+      request.mutable_eftd_reset();
+      return Ask(hSession, request).code();
+    case QL_ADM_EFTD_SET_CONF: {
+      if (pvIn == nullptr) return QL_ERR_BAD_ARGUMENT;
+      if (dwInLen != sizeof(QL_EFTD_CONF)) return QL_ERR_BAD_LENGTH;
+      QL_EFTD_CONF conf;
+      std::memcpy(&conf, pvIn, sizeof conf);
+      if (!GoodConf(conf)) return QL_ERR_BAD_ARGUMENT;
+      auto *m = request.mutable_eftd_set_conf()->mutable_conf();
+      m->set_decimalisation(conf.szDecTable);
+      m->set_pin_min(conf.dwPinMin);
+      m->set_pin_max(conf.dwPinMax);
+      m->set_formats(conf.dwFormats);
+      m->set_auth_required(conf.dwAuthRequired);
+      return Ask(hSession, request).code();
+    }
+    case QL_ADM_EFTD_INFO: {
+      if (pdwOutLen == nullptr) return QL_ERR_BAD_ARGUMENT;
+      if (pvOut == nullptr || *pdwOutLen < sizeof(QL_EFTD_INFO)) {
+        *pdwOutLen = sizeof(QL_EFTD_INFO);
+        return QL_ERR_BUFFER_TOO_SMALL;
+      }
+      request.mutable_eftd_info();
+      pb::Response response;
+      QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+      if (!response.has_eftd_info()) return QL_ERR_PROTOCOL;
+      const pb::EftdInfoReply &r = response.eftd_info();
+      QL_EFTD_INFO info;
+      std::memset(&info, 0, sizeof info);
+      CopyText(r.conf().decimalisation(), info.stConf.szDecTable, sizeof info.stConf.szDecTable);
+      info.stConf.dwPinMin = r.conf().pin_min();
+      info.stConf.dwPinMax = r.conf().pin_max();
+      info.stConf.dwFormats = r.conf().formats();
+      info.stConf.dwAuthRequired = r.conf().auth_required();
+      info.dwAuthActivities = r.activities();
+      info.qwAuthUntil = r.until();
+      CopyText(r.user(), info.szAuthUser, sizeof info.szAuthUser);
+      for (int i = 0; i < r.counters_size() && i < QL_EFTD_OP_COUNT; ++i) {
+        info.astCounters[i].qwSuccesses = r.counters(i).successes();
+        info.astCounters[i].qwFailures = r.counters(i).failures();
+      }
+      std::memcpy(pvOut, &info, sizeof info);
+      *pdwOutLen = sizeof info;
+      return QL_OK;
+    }
+    default:
+      return QL_ERR_BAD_ARGUMENT;
+  }
+}
+
+}  // namespace qlapi

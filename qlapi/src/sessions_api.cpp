@@ -1,6 +1,7 @@
 // Sessions: QOpenSession, QCloseSession, QGetSessionParam, QAdmOperation.
 #include "api_common.h"
 #include "auth_records.h"
+#include "eftd_admin.h"
 #include "session_cache.h"
 
 namespace qlapi {
@@ -114,6 +115,8 @@ extern "C" int QAdmOperation(HSESSIONCTX hSession, uint32_t dwOperation, const v
                              uint32_t dwInLen, void *pvOut, uint32_t *pdwOutLen, uint32_t dwFlags) {
   return Guard([&] {
     if ((pvIn == nullptr && dwInLen > 0) || dwFlags != 0) return QL_ERR_BAD_ARGUMENT;
+    if (dwOperation >= QL_ADM_EFTD_AUTHORIZE && dwOperation <= QL_ADM_EFTD_SET_CONF)
+      return EftdOperation(hSession, dwOperation, pvIn, dwInLen, pvOut, pdwOutLen);
     pb::Request request;
     auto *op = request.mutable_adm_operation();
     op->set_operation(dwOperation);

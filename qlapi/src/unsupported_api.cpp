@@ -66,14 +66,6 @@ int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, co
   QL_NOT_SUPPORTED;
 }
 
-int QEFTExportTR31(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t, char *,
-                   uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QEFTImportTR31(HSESSIONCTX, const char *, const char *, const char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
 int QSPBEncodeInit(HSESSIONCTX, const char *, const char *, uint32_t, unsigned char, unsigned char,
                    HSPBMSGCTX *phMsg, uint32_t) {
   if (phMsg) *phMsg = nullptr;

@@ -847,7 +847,9 @@ int PerfExportTR31Init(void *pTestInfo) {
   int rc = ConnectEx(&info->hSrcSession, &info->ti);
   if (rc != 0) ScreenOutput("[%s] Fail in ConnectEx. rc = %d\r\n", tag, rc);
   if (rc == 0) rc = GenTempKey(tag, info->hSrcSession, info->KbpkAlgId, info->szKbpkName);
-  if (rc == 0) rc = GenTempKey(tag, info->hSrcSession, info->KeyAlgId, info->szKeyName);
+  if (rc == 0) {
+    rc = GenTempKey(tag, info->hSrcSession, info->KeyAlgId, info->szKeyName, QL_KEY_EXPORTABLE);
+  }
   if (rc == 0) {
     // The imported keys' names: "T31" and the first eight digits of the key's name.
     std::snprintf(info->szImportPrefix, sizeof(info->szImportPrefix), "T31%.8s_", info->szKeyName);

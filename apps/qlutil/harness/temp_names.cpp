@@ -45,13 +45,13 @@ void GetTempKeyNameOffline(char *pszName) {
   WriteHexName(random, pszName);
 }
 
-int GenTempKey(const char *tag, HSESSIONCTX hSession, int alg, char *name) {
+int GenTempKey(const char *tag, HSESSIONCTX hSession, int alg, char *name, uint32_t flags) {
   int rc = 0;
   if (!GetTempKeyName(name, hSession, &rc)) {
     ScreenOutput("[%s] Fail in GetTempKeyName. rc = %d\r\n", tag, rc);
     return rc;
   }
-  rc = QGenerateKey(hSession, name, static_cast<uint32_t>(alg), 0, nullptr);
+  rc = QGenerateKey(hSession, name, static_cast<uint32_t>(alg), flags, nullptr);
   if (rc != 0) {
     ScreenOutput("[%s] Fail in QGenerateKey. rc = %d\r\n", tag, rc);
     name[0] = '\0';

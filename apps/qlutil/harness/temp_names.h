@@ -20,6 +20,7 @@ void GetTempKeyNameOffline(char *pszName);
 
 // Init's whole-test keys: generates a stored key of alg under a temporary name (name holds
 // kTempKeyNameSize bytes) and prints "[tag] Fail in ..." on failure; the name is left empty
-// when nothing was made. RemoveTempKey removes it (when named) and empties the name.
-int GenTempKey(const char *tag, HSESSIONCTX hSession, int alg, char *name);
+// when nothing was made; flags are the key's (QL_KEY_EXPORTABLE for a key a test exports).
+// RemoveTempKey removes it (when named) and empties the name.
+int GenTempKey(const char *tag, HSESSIONCTX hSession, int alg, char *name, uint32_t flags = 0);
 void RemoveTempKey(HSESSIONCTX hSession, char *name);

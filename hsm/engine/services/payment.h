@@ -3,6 +3,8 @@
 // activities authorised for a while, counters) is this family's own.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -38,6 +40,32 @@ struct Authorization {
   uint32_t activities = 0;
   std::string user;
   int64_t until = 0;  // seconds since 1970 by the HSM's clock
+};
+
+inline constexpr uint32_t kMaxMinutes = 720;
+
+// The counted operations, in the order the counters are reported.
+enum Operation : unsigned {
+  kOpGenerateCvv,
+  kOpVerifyCvv,
+  kOpGeneratePin,
+  kOpVerifyPinBlock,
+  kOpTranslatePinBlock,
+  kOpGenerateDukpt,
+  kOpExportKeyBlock,
+  kOpImportKeyBlock,
+  kOpCount
+};
+
+struct Counter {
+  uint64_t successes = 0;
+  uint64_t failures = 0;
+};
+
+struct Info {
+  Config config;
+  Authorization auth;  // what is in force now (nothing once its time ran out)
+  std::array<Counter, kOpCount> counters;
 };
 
 }  // namespace eftd
@@ -77,10 +105,44 @@ class PaymentService {
   Status GenerateDukpt(sessions::Session &s, const KeyArg &bdk, const secure::Bytes &ksn,
                        std::string_view name, uint32_t flags);
 
+  // The key in a key block under the KBPK: version B under a triple-DES KBPK, D under an AES
+  // one. usage (two characters packed little-endian), mode and exportability (a character
+  // each) 0 take what the key kept from its own key block, else D0, B and E. Rights: the use of
+  // the KBPK and of the key.
+  Result<std::string> ExportKeyBlock(sessions::Session &s, const KeyArg &kbpk, const KeyArg &key,
+                                     uint32_t usage, uint32_t mode, uint32_t exportability,
+                                     uint32_t flags);
+  // The key of a key block (versions B and D) kept as `name`, with the block's usage, mode and
+  // exportability (N: not exportable). flags: 0 or the temporary flag. Rights: the create right
+  // unless temporary, then the use of the KBPK.
+  Status ImportKeyBlock(sessions::Session &s, const KeyArg &kbpk, std::string_view name,
+                        std::string_view block, uint32_t flags);
+
   // The EFT daemon's configuration as it stands.
   eftd::Config Config() const;
 
+  // The EFT daemon's administration (the administrator's right for each). Authorise: the
+  // activities until now + minutes (1 to 720), to the caller; with `deauthorize` the activities
+  // end instead.
+  Status EftdAuthorize(sessions::Session &s, uint32_t activities, uint32_t minutes,
+                       bool deauthorize);
+  Result<eftd::Info> EftdInfo(sessions::Session &s);
+  // Ends every authorisation and zeroes the counters; the configuration stays.
+  Status EftdReset(sessions::Session &s);
+  // Replaces the stored configuration.
+  Status EftdSetConf(sessions::Session &s, const eftd::Config &config);
+
  private:
+  // Counts the outcome of an operation and hands it on.
+  template <typename R>
+  R Counted(eftd::Operation op, R outcome) {
+    auto &slot = outcome.ok() ? counters_[op].successes : counters_[op].failures;
+    slot.fetch_add(1, std::memory_order_relaxed);
+    return outcome;
+  }
+  // Reads the stored configuration once; the caller holds mu_.
+  void LoadConfigLocked() const;
+
   // Ok when the activity needs no authorisation or one is in force; else kEftdNotAuthorized.
   Status Authorized(uint32_t activity) const;
   // The CVK pair behind a key (kBadKeyUsage for any other key).
@@ -90,9 +152,15 @@ class PaymentService {
   Core &core_;
   Guard &guard_;
   KeysService &keys_;
-  mutable std::mutex mu_;  // guards config_ and auth_
-  eftd::Config config_;
+  mutable std::mutex mu_;  // guards config_, config_loaded_ and auth_
+  mutable eftd::Config config_;
+  mutable bool config_loaded_ = false;
   eftd::Authorization auth_;
+  struct AtomicCounter {
+    std::atomic<uint64_t> successes{0};
+    std::atomic<uint64_t> failures{0};
+  };
+  std::array<AtomicCounter, eftd::kOpCount> counters_;
 };
 
 }  // namespace qlhsm

@@ -127,6 +127,12 @@ void GeneratePin(const pb::Request &, Call &, pb::Response *);
 void VerifyPinBlock(const pb::Request &, Call &, pb::Response *);
 void TranslatePinBlock(const pb::Request &, Call &, pb::Response *);
 void GenerateDukpt(const pb::Request &, Call &, pb::Response *);
+void ExportKeyBlock(const pb::Request &, Call &, pb::Response *);
+void ImportKeyBlock(const pb::Request &, Call &, pb::Response *);
+void EftdAuthorize(const pb::Request &, Call &, pb::Response *);
+void EftdInfo(const pb::Request &, Call &, pb::Response *);
+void EftdReset(const pb::Request &, Call &, pb::Response *);
+void EftdSetConf(const pb::Request &, Call &, pb::Response *);
 // --- the tokenisation vault (vault.cpp) ---
 void VaultGenToken(const pb::Request &, Call &, pb::Response *);
 void VaultGetData(const pb::Request &, Call &, pb::Response *);

@@ -86,6 +86,12 @@ constexpr Row kRows[] = {
     {R::kVerifyPinBlock, VerifyPinBlock},
     {R::kTranslatePinBlock, TranslatePinBlock},
     {R::kGenerateDukpt, GenerateDukpt},
+    {R::kExportKeyBlock, ExportKeyBlock},
+    {R::kImportKeyBlock, ImportKeyBlock},
+    {R::kEftdAuthorize, EftdAuthorize},
+    {R::kEftdInfo, EftdInfo},
+    {R::kEftdReset, EftdReset},
+    {R::kEftdSetConf, EftdSetConf},
     // the tokenisation vault
     {R::kVaultGenToken, VaultGenToken},
     {R::kVaultGetData, VaultGetData},
