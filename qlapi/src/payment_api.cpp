@@ -1,7 +1,6 @@
 // Payment: card verification values, natural PINs, PIN block checks and translation, DUKPT,
-// key blocks. Arguments
-// are checked here first, so that a malformed card never costs a round trip; the HSM checks them
-// again.
+// key blocks. Arguments are checked here first, so that a malformed card never costs a round
+// trip; the HSM checks them again.
 #include <cstring>
 
 #include "eftd_admin.h"
@@ -37,6 +36,18 @@ uint32_t PinBlockLength(uint32_t format) {
   return format == 4 ? 16 : 8;
 }
 
+// Asks the HSM on hKey's session: fill(request) writes the request's fields and answers the
+// reference its key goes into.
+template <typename Fill>
+Status AskWithKey(HKEYCTX hKey, Fill &&fill, pb::Response *response = nullptr) {
+  KeyHandle *key = nullptr;
+  uint64_t server = 0;
+  QL_RETURN_IF_ERROR(KeyFor(hKey, &key, &server));
+  pb::Request request;
+  SetKeyRef(fill(request), server);
+  return AskCore(*key->core, request, response);
+}
+
 }  // namespace
 
 extern "C" int QGenerateCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
@@ -44,17 +55,17 @@ extern "C" int QGenerateCVV(HKEYCTX hKey, const char *szPan, const char *szExpir
   return Guard([&] {
     if (!Card(szPan, szExpiry, szServiceCode) || szCvv == nullptr) return QL_ERR_BAD_ARGUMENT;
     if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
-    KeyHandle *key = nullptr;
-    uint64_t server = 0;
-    QL_RETURN_CODE_IF_ERROR(KeyFor(hKey, &key, &server));
-    pb::Request request;
-    auto *m = request.mutable_generate_cvv();
-    SetKeyRef(m->mutable_key(), server);
-    m->set_pan(szPan);
-    m->set_expiry(szExpiry);
-    m->set_service_code(szServiceCode);
     pb::Response response;
-    QL_RETURN_CODE_IF_ERROR(AskCore(*key->core, request, &response));
+    QL_RETURN_CODE_IF_ERROR(AskWithKey(
+        hKey,
+        [&](pb::Request &request) {
+          auto *m = request.mutable_generate_cvv();
+          m->set_pan(szPan);
+          m->set_expiry(szExpiry);
+          m->set_service_code(szServiceCode);
+          return m->mutable_key();
+        },
+        &response));
     const std::string &cvv = response.blob().data();
     if (!response.has_blob() || cvv.size() != 3) return QL_ERR_PROTOCOL;
     std::memcpy(szCvv, cvv.data(), 3);
@@ -68,17 +79,16 @@ extern "C" int QVerifyCVV(HKEYCTX hKey, const char *szPan, const char *szExpiry,
   return Guard([&] {
     if (!Card(szPan, szExpiry, szServiceCode) || !Digits(szCvv, 3, 3)) return QL_ERR_BAD_ARGUMENT;
     if (dwFlags != 0) return QL_ERR_BAD_FLAGS;
-    KeyHandle *key = nullptr;
-    uint64_t server = 0;
-    QL_RETURN_CODE_IF_ERROR(KeyFor(hKey, &key, &server));
-    pb::Request request;
-    auto *m = request.mutable_verify_cvv();
-    SetKeyRef(m->mutable_key(), server);
-    m->set_pan(szPan);
-    m->set_expiry(szExpiry);
-    m->set_service_code(szServiceCode);
-    m->set_cvv(szCvv);
-    return AskCore(*key->core, request).code();
+    return AskWithKey(hKey,
+                      [&](pb::Request &request) {
+                        auto *m = request.mutable_verify_cvv();
+                        m->set_pan(szPan);
+                        m->set_expiry(szExpiry);
+                        m->set_service_code(szServiceCode);
+                        m->set_cvv(szCvv);
+                        return m->mutable_key();
+                      })
+        .code();
   });
 }
 
@@ -94,16 +104,16 @@ extern "C" int QGeneratePIN(HKEYCTX hPinKey, const char *szPan, uint32_t dwPinLe
       *pdwPinLen = dwPinLen + 1;
       return QL_ERR_BUFFER_TOO_SMALL;
     }
-    KeyHandle *key = nullptr;
-    uint64_t server = 0;
-    QL_RETURN_CODE_IF_ERROR(KeyFor(hPinKey, &key, &server));
-    pb::Request request;
-    auto *m = request.mutable_generate_pin();
-    SetKeyRef(m->mutable_key(), server);
-    m->set_pan(szPan);
-    m->set_length(dwPinLen);
     pb::Response response;
-    QL_RETURN_CODE_IF_ERROR(AskCore(*key->core, request, &response));
+    QL_RETURN_CODE_IF_ERROR(AskWithKey(
+        hPinKey,
+        [&](pb::Request &request) {
+          auto *m = request.mutable_generate_pin();
+          m->set_pan(szPan);
+          m->set_length(dwPinLen);
+          return m->mutable_key();
+        },
+        &response));
     const std::string &pin = response.blob().data();
     if (!response.has_blob() || pin.size() != dwPinLen) return QL_ERR_PROTOCOL;
     std::memcpy(szPin, pin.data(), pin.size());

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,6 +56,17 @@ class OpenedSession : public LibrarySession {
     EXPECT_EQ(rc(), QL_OK) << "QOpenSession as " << user;
   }
 };
+
+// Creates a user with the given password and mask through `master`; QCreateUser's code.
+inline int CreateUser(HSESSIONCTX master, const std::string &name, const std::string &password,
+                      uint32_t acl) {
+  QL_USER_INFO u;
+  std::memset(&u, 0, sizeof u);
+  std::strncpy(u.szUserId, name.c_str(), sizeof u.szUserId - 1);
+  std::strncpy(u.szPassword, password.c_str(), sizeof u.szPassword - 1);
+  u.dwAcl = acl;
+  return QCreateUser(master, &u);
+}
 
 namespace detail {
 inline int CollectName(void *names, const char *name, int last) {

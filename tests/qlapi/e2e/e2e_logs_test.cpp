@@ -20,12 +20,7 @@ using Session = qltest::OpenedSession;
 
 void CreateUser(const char *name, uint32_t acl) {
   Session m;
-  QL_USER_INFO u;
-  std::memset(&u, 0, sizeof u);
-  std::strncpy(u.szUserId, name, sizeof u.szUserId - 1);
-  std::strncpy(u.szPassword, "pw123456", sizeof u.szPassword - 1);
-  u.dwAcl = acl;
-  EXPECT_EQ(QCreateUser(m.get(), &u), QL_OK);
+  EXPECT_EQ(qltest::CreateUser(m.get(), name, "pw123456", acl), QL_OK);
 }
 
 // The raw pages of one read, in the order the library hands them out.

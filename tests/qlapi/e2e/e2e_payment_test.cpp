@@ -13,25 +13,14 @@
 #include <vector>
 
 #include "hsm_fixture.h"
-#include "password_record.h"
+#include "library_session.h"
 #include "qlapi.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-class Session {
- public:
-  Session() {
-    AUTH_PWD_EX r = qltest::PasswordRecord(qltest::HsmEnvironment::hsm());
-    EXPECT_EQ(QOpenSession(&s_, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
-  }
-  ~Session() { QCloseSession(&s_, 0); }
-  HSESSIONCTX get() const { return s_; }
-
- private:
-  HSESSIONCTX s_ = nullptr;
-};
+using Session = qltest::OpenedSession;
 
 Bytes Hex(const std::string &hex) {
   Bytes out;
@@ -438,28 +427,23 @@ TEST(E2ePayment, KeyBlockRightsAndTemporaryImports) {
   ASSERT_EQ(QGenerateKey(m.get(), "t31_shared", QL_ALG_AES128, QL_KEY_EXPORTABLE, &key), QL_OK);
   for (uint32_t acl : {0u, uint32_t{ACL_OBJ_READ}}) {
     const std::string user = "t31user" + std::to_string(acl);
-    QL_USER_INFO u;
-    std::memset(&u, 0, sizeof u);
-    std::strncpy(u.szUserId, user.c_str(), sizeof u.szUserId - 1);
-    std::strncpy(u.szPassword, "pw123456", sizeof u.szPassword - 1);
-    u.dwAcl = acl;
-    ASSERT_EQ(QCreateUser(m.get(), &u), QL_OK);
-    AUTH_PWD_EX r = qltest::PasswordRecord(qltest::HsmEnvironment::hsm(), user, "pw123456");
-    HSESSIONCTX s = nullptr;
-    ASSERT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
-    const bool can_use = acl != 0;
-    EXPECT_EQ(ExportBlock(s, "master/kbpk_shared", "master/t31_shared").substr(0, 3),
-              can_use ? "D01" : "rc ");
-    // Storing needs the create right; a session key needs only the use of the KBPK.
-    EXPECT_EQ(ImportBlock(s, "master/kbpk_shared", "t31_mine", kBlockD), QL_ERR_ACCESS_DENIED);
-    EXPECT_EQ(ImportBlock(s, "master/kbpk_shared", "t31_tmp", kBlockD, QL_KEY_TEMPORARY),
-              can_use ? QL_OK : QL_ERR_ACCESS_DENIED);
-    if (can_use) {
-      HKEYCTX tmp = nullptr;
-      EXPECT_EQ(QGetUserKey(s, "t31_tmp", 0, &tmp), QL_OK);
-      QDestroyKey(&tmp, 0);
+    ASSERT_EQ(qltest::CreateUser(m.get(), user, "pw123456", acl), QL_OK);
+    {
+      Session user_session(user, "pw123456");
+      HSESSIONCTX s = user_session.get();
+      const bool can_use = acl != 0;
+      EXPECT_EQ(ExportBlock(s, "master/kbpk_shared", "master/t31_shared").substr(0, 3),
+                can_use ? "D01" : "rc ");
+      // Storing needs the create right; a session key needs only the use of the KBPK.
+      EXPECT_EQ(ImportBlock(s, "master/kbpk_shared", "t31_mine", kBlockD), QL_ERR_ACCESS_DENIED);
+      EXPECT_EQ(ImportBlock(s, "master/kbpk_shared", "t31_tmp", kBlockD, QL_KEY_TEMPORARY),
+                can_use ? QL_OK : QL_ERR_ACCESS_DENIED);
+      if (can_use) {
+        HKEYCTX tmp = nullptr;
+        EXPECT_EQ(QGetUserKey(s, "t31_tmp", 0, &tmp), QL_OK);
+        QDestroyKey(&tmp, 0);
+      }
     }
-    QCloseSession(&s, QL_CLOSE_PHYSICAL);
     EXPECT_EQ(QRemoveUser(m.get(), user.c_str()), QL_OK);
   }
   QDestroyKey(&key, QL_DESTROY_REMOVE);
@@ -588,25 +572,21 @@ TEST(E2ePayment, EftdAuthorisationsOpenFormat1AndClearPins) {
 
 TEST(E2ePayment, EftdNeedsTheOperatorRight) {
   Session m;
-  QL_USER_INFO u;
-  std::memset(&u, 0, sizeof u);
-  std::strncpy(u.szUserId, "eftclerk", sizeof u.szUserId - 1);
-  std::strncpy(u.szPassword, "pw123456", sizeof u.szPassword - 1);
-  u.dwAcl = 0x7F;  // every object and user right, not the operator's
-  ASSERT_EQ(QCreateUser(m.get(), &u), QL_OK);
-  AUTH_PWD_EX r = qltest::PasswordRecord(qltest::HsmEnvironment::hsm(), "eftclerk", "pw123456");
-  HSESSIONCTX s = nullptr;
-  ASSERT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_ENCRYPTED), QL_OK);
-  const QL_EFTD_CONF conf = EftdInfo(m.get()).stConf;
-  QL_EFTD_INFO info{};
-  uint32_t len = sizeof info;
-  EXPECT_EQ(Authorize(s, true, QL_EFTD_ACT_ALL), QL_ERR_ACCESS_DENIED);
-  EXPECT_EQ(Authorize(s, false, QL_EFTD_ACT_ALL), QL_ERR_ACCESS_DENIED);
-  EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_INFO, nullptr, 0, &info, &len, 0), QL_ERR_ACCESS_DENIED);
-  EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_RESET, nullptr, 0, nullptr, nullptr, 0),
-            QL_ERR_ACCESS_DENIED);
-  EXPECT_EQ(SetConf(s, conf), QL_ERR_ACCESS_DENIED);
-  QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  // Every object and user right, not the operator's.
+  ASSERT_EQ(qltest::CreateUser(m.get(), "eftclerk", "pw123456", 0x7F), QL_OK);
+  {
+    Session clerk("eftclerk", "pw123456");
+    HSESSIONCTX s = clerk.get();
+    const QL_EFTD_CONF conf = EftdInfo(m.get()).stConf;
+    QL_EFTD_INFO info{};
+    uint32_t len = sizeof info;
+    EXPECT_EQ(Authorize(s, true, QL_EFTD_ACT_ALL), QL_ERR_ACCESS_DENIED);
+    EXPECT_EQ(Authorize(s, false, QL_EFTD_ACT_ALL), QL_ERR_ACCESS_DENIED);
+    EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_INFO, nullptr, 0, &info, &len, 0), QL_ERR_ACCESS_DENIED);
+    EXPECT_EQ(QAdmOperation(s, QL_ADM_EFTD_RESET, nullptr, 0, nullptr, nullptr, 0),
+              QL_ERR_ACCESS_DENIED);
+    EXPECT_EQ(SetConf(s, conf), QL_ERR_ACCESS_DENIED);
+  }
   EXPECT_EQ(QRemoveUser(m.get(), "eftclerk"), QL_OK);
 }
 
