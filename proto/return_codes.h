@@ -102,6 +102,10 @@
     "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \
   X(kEftdNotAuthorized, QL_ERR_EFTD_NOT_AUTHORIZED, 5062,                                          \
     "the EFT daemon is not authorised for this activity")                                          \
+  X(kTokenExists,      QL_ERR_TOKEN_EXISTS,         5070, "The user already has an OATH token.")   \
+  X(kNoToken,          QL_ERR_NO_TOKEN,             5071, "The user has no OATH token.")           \
+  X(kSecondFactorExists, QL_ERR_SECOND_FACTOR_EXISTS, 5072,                                        \
+    "the user already has another second factor")                                                  \
   X(kBchainInvalidKey, QL_ERR_BCHAIN_INVALID_KEY,   5110,                                          \
     "Invalid blockchain key: out of the curve's range; take the next index.")                      \
   X(kBchainBadEncoding, QL_ERR_BCHAIN_BAD_ENCODING, 5111,                                          \

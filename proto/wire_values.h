@@ -14,6 +14,7 @@
   X(kAuthAnonymous,         QL_AUTH_ANONYMOUS,         1)    \
   X(kAuthUserPassword,      QL_AUTH_USER_PWD,          16)   \
   X(kAuthToken,             QL_AUTH_ATOKEN,            32)   \
+  X(kStrongAuthOtp,         QL_STRONG_AUTH_OTP,        1)    \
   X(kKeyExportable,         QL_KEY_EXPORTABLE,         1)    \
   X(kKeyNoCrypt,            QL_KEY_NO_CRYPT,           2)    \
   X(kKeyTemporary,          QL_KEY_TEMPORARY,          4)    \

@@ -20,6 +20,7 @@
 #include "engine/store/store.h"
 #include "engine/system/ip_filter.h"
 #include "engine/users/login_throttle.h"
+#include "engine/users/otp_tokens.h"
 #include "engine/users/tokens.h"
 #include "engine/users/user_directory.h"
 
@@ -55,6 +56,7 @@ struct Core {
   std::unique_ptr<store::Store> store;
   std::unique_ptr<users::UserDirectory> users;
   std::unique_ptr<users::TokenStore> tokens;
+  std::unique_ptr<users::OtpTokens> otp;  // the users' OATH tokens
   std::unique_ptr<objects::ObjectStore> objects;
   std::unique_ptr<audit::AuditLog> audit;
   sessions::SessionRegistry registry;

@@ -69,6 +69,8 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   c.users = std::make_unique<users::UserDirectory>(*c.store, kdf, &c.clock);
   QL_RETURN_IF_ERROR(c.users->Load());
   c.tokens = std::make_unique<users::TokenStore>(*c.store, &c.clock);
+  c.otp = std::make_unique<users::OtpTokens>(*c.store, c.master_key);
+  QL_RETURN_IF_ERROR(c.otp->Load());
   c.objects = std::make_unique<objects::ObjectStore>(*c.store, c.master_key, &c.clock);
   c.audit = std::make_unique<audit::AuditLog>(*c.store, page, &c.clock);
   QL_RETURN_IF_ERROR(c.audit->Load());

@@ -167,6 +167,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
 #define QL_ERR_EFTD_NOT_AUTHORIZED 5062 /* the activity needs an EFT daemon authorisation */
+/* OATH tokens of users. */
+#define QL_ERR_TOKEN_EXISTS 5070         /* the user already has an OATH token */
+#define QL_ERR_NO_TOKEN 5071             /* the user has no OATH token */
+#define QL_ERR_SECOND_FACTOR_EXISTS 5072 /* the user already has another second factor */
 /* Blockchain keys, M-of-N sharing, secret keeping */
 #define QL_ERR_BCHAIN_INVALID_KEY 5110  /* a key out of range (BIP32: take the next index) */
 #define QL_ERR_BCHAIN_BAD_ENCODING 5111 /* a malformed key, address or signature encoding */
@@ -197,6 +201,9 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_AUTH_USER_PWD 16        /* AUTH_PWD_EX */
 #define QL_AUTH_ATOKEN 32          /* AUTH_ATOKEN */
 #define QL_AUTH_WIN_CREDENTIAL 128 /* AUTH_WIN_CREDENTIAL: user and password from the store */
+/* AUTH_PWD_EX.dwAuthType: the second factor of a user and password login. A user with an OATH
+ * token (QAssignToken) needs it on every login; a user without one is refused with it. */
+#define QL_STRONG_AUTH_OTP 1
 
 /* The records are little-endian wire records with fixed offsets (asserted below). */
 #pragma pack(push, 4)
@@ -206,12 +213,12 @@ typedef struct AUTH_PWD_EX_ {
   int32_t nPort;       /* TCP port; 0 or negative: 4433 */
   char szUserId[16];   /* user name, NUL-terminated when shorter */
   char szPassword[16]; /* password, NUL-terminated when shorter */
-  uint32_t dwAuthType; /* strong-authentication type; must be 0 */
+  uint32_t dwAuthType; /* second factor: 0 none, QL_STRONG_AUTH_OTP a one-time password */
   union {
-    unsigned char *pbStrongAuth; /* must be null */
+    unsigned char *pbStrongAuth; /* QL_STRONG_AUTH_OTP: the OTP's digits; 0: null */
     uint64_t qwStrongAuthPad;    /* keeps the field 8 bytes wide on 32-bit builds */
   };
-  int32_t nStrongAuthLen; /* must be 0 */
+  int32_t nStrongAuthLen; /* the number of digits (6 to 8); 0 with dwAuthType 0 */
 } AUTH_PWD_EX;
 
 typedef struct QL_A_TOKEN_ {
@@ -893,7 +900,14 @@ QLAPI_EXPORT int QManageAToken(HSESSIONCTX hSession, uint32_t dwOperation, QL_A_
 #define QL_ATOKEN_CACHE_GC 2    /* *pqwValue out: expired tokens removed */
 QLAPI_EXPORT int QManageATokenCache(HSESSIONCTX hSession, uint32_t dwOperation, uint64_t *pqwValue);
 
-/* OATH: dwType 2 event (HOTP), 3 time (TOTP). */
+/* OATH tokens of users: the second factor of their logins (QL_STRONG_AUTH_OTP). Operator right.
+ * dwType 2 event (HOTP), 3 time (TOTP), with the hash in bits 8 to 11 (QL_OATH_SHA256,
+ * QL_OATH_SHA512); seed 16 to 64 bytes (QL_ERR_BAD_LENGTH); dwTimeStep 1 to 3,600 s (0: 30) and
+ * qwT0 (seconds since 1970) for time tokens; bits 0 to 3 of dwFlags the digits (0: 6; 6 to 8).
+ * A user with a token: QL_ERR_TOKEN_EXISTS; QUnassignToken of a user without one:
+ * QL_ERR_NO_TOKEN. Ten OTP failures in a row that came with the right password block the user
+ * until unblocked or resynchronised. QOATHResync: two consecutive OTPs within 1,000 counters or
+ * 60 steps set the counter or drift and clear the failures (QL_ERR_CHECK_FAILED otherwise). */
 QLAPI_EXPORT int QAssignToken(HSESSIONCTX hSession, const char *szUserName, uint32_t dwType,
                               const unsigned char *pbSeed, uint32_t dwSeedLen, uint32_t dwTimeStep,
                               uint64_t qwT0, uint32_t dwFlags);

@@ -7,6 +7,10 @@
 namespace qlapi {
 namespace {
 
+// A one-time password's digits.
+constexpr int32_t kMinOtpDigits = 6;
+constexpr int32_t kMaxOtpDigits = 8;
+
 Status ReadAddress(const char *addr, int32_t port, Credentials *creds) {
   creds->host = FieldText(addr, QL_MAX_ADDR);
   if (creds->host.empty()) return Status(QL_ERR_BAD_ARGUMENT);
@@ -37,12 +41,22 @@ Status CredentialsFromRecord(uint32_t kind, const void *record, uint32_t record_
       if (record_len < sizeof(AUTH_PWD_EX)) return Status(QL_ERR_BAD_ARGUMENT);
       AUTH_PWD_EX r;
       std::memcpy(&r, record, sizeof r);  // the caller's record may be unaligned
-      if (r.dwAuthType != 0 || r.pbStrongAuth != nullptr || r.nStrongAuthLen != 0) {
-        return Status(QL_ERR_NOT_SUPPORTED);
+      if (r.dwAuthType == 0) {
+        if (r.pbStrongAuth != nullptr || r.nStrongAuthLen != 0) return Status(QL_ERR_BAD_ARGUMENT);
+      } else if (r.dwAuthType != QL_STRONG_AUTH_OTP || kind != QL_AUTH_USER_PWD) {
+        return Status(QL_ERR_BAD_ARGUMENT);
+      } else if (r.pbStrongAuth == nullptr || r.nStrongAuthLen < kMinOtpDigits ||
+                 r.nStrongAuthLen > kMaxOtpDigits) {
+        return Status(QL_ERR_BAD_ARGUMENT);
       }
       Status st = ReadAddress(r.szAddr, r.nPort, creds);
       if (!st.ok()) return st;
       creds->kind = kind;
+      if (r.dwAuthType == QL_STRONG_AUTH_OTP) {
+        creds->strong_auth_type = QL_STRONG_AUTH_OTP;
+        creds->otp.assign(reinterpret_cast<const char *>(r.pbStrongAuth),
+                          static_cast<std::size_t>(r.nStrongAuthLen));
+      }
       if (kind == QL_AUTH_USER_PWD) {
         creds->user = FieldText(r.szUserId, sizeof r.szUserId);
         creds->secret = FieldText(r.szPassword, sizeof r.szPassword);

@@ -1,4 +1,5 @@
-// OATH token blobs checked and read by the HSM under a master key the caller names.
+// OATH: tokens of users (the second factor of their logins), and token blobs checked and read by
+// the HSM under a master key the caller names.
 #include <cstring>
 
 #include "api_common.h"
@@ -88,5 +89,47 @@ extern "C" int QOATHGetBlobInfo(HSESSIONCTX hSession, const char *szMasterKey,
     std::memcpy(pbOut, &record, sizeof record);
     *pdwOutLen = sizeof record;
     return QL_OK;
+  });
+}
+
+extern "C" int QAssignToken(HSESSIONCTX hSession, const char *szUserName, uint32_t dwType,
+                            const unsigned char *pbSeed, uint32_t dwSeedLen, uint32_t dwTimeStep,
+                            uint64_t qwT0, uint32_t dwFlags) {
+  return Guard([&] {
+    if (!HasText(szUserName) || (pbSeed == nullptr && dwSeedLen != 0)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::AssignToken *a = request.mutable_assign_token();
+    a->set_user(szUserName);
+    a->set_type(dwType);
+    if (dwSeedLen != 0) a->set_seed(reinterpret_cast<const char *>(pbSeed), dwSeedLen);
+    a->set_time_step(dwTimeStep);
+    a->set_t0(qwT0);
+    a->set_flags(dwFlags);
+    pb::Response response;
+    return Ask(hSession, request, &response).code();
+  });
+}
+
+extern "C" int QUnassignToken(HSESSIONCTX hSession, const char *szUserName) {
+  return Guard([&] {
+    if (!HasText(szUserName)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    request.mutable_unassign_token()->set_user(szUserName);
+    pb::Response response;
+    return Ask(hSession, request, &response).code();
+  });
+}
+
+extern "C" int QOATHResync(HSESSIONCTX hSession, const char *szUserName, const char *szOtp1,
+                           const char *szOtp2) {
+  return Guard([&] {
+    if (!HasText(szUserName) || !HasText(szOtp1) || !HasText(szOtp2)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::OathResync *o = request.mutable_oath_resync();
+    o->set_user(szUserName);
+    o->set_otp1(szOtp1);
+    o->set_otp2(szOtp2);
+    pb::Response response;
+    return Ask(hSession, request, &response).code();
   });
 }

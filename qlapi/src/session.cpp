@@ -40,6 +40,10 @@ void FillLogin(const Credentials &creds, pb::Login *login) {
   if (creds.kind == QL_AUTH_USER_PWD) {
     login->set_user(creds.user);
     login->set_password(creds.secret);
+    if (creds.strong_auth_type != 0) {
+      login->set_strong_auth_type(creds.strong_auth_type);
+      login->set_strong_auth(creds.otp);
+    }
   } else if (creds.kind == QL_AUTH_ATOKEN) {
     login->set_user(creds.user);
     login->set_token_key(creds.secret);

@@ -27,6 +27,10 @@ struct Credentials {
   uint32_t kind = QL_AUTH_ANONYMOUS;  // on the wire: 1, 16 or 32
   std::string user;
   std::string secret;  // password, or the token's 16-byte key
+  // The second factor (QL_STRONG_AUTH_OTP): sent with every login, never part of the cache key,
+  // so a cached connection logs in again with the next one-time password.
+  uint32_t strong_auth_type = 0;
+  std::string otp;
 
   // Cache key: the secret enters only as a digest, so the cache never compares passwords.
   std::string CacheKey() const;

@@ -41,17 +41,6 @@ int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 
-int QAssignToken(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t, uint32_t,
-                 uint64_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QUnassignToken(HSESSIONCTX, const char *) {
-  QL_NOT_SUPPORTED;
-}
-int QOATHResync(HSESSIONCTX, const char *, const char *, const char *) {
-  QL_NOT_SUPPORTED;
-}
-
 int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigned char *, uint32_t,
                 unsigned char **, uint32_t *) {
   QL_NOT_SUPPORTED;

@@ -268,6 +268,26 @@ TEST_F(PerfE2E, EcdhRefusalsAreReportedFromTheLoop) {
   }
 }
 
+// Logins by one-time password: each thread's user gets a token, logs in with the next value
+// of its event counter or of the current second, and is removed at the end. A time run sleeps a
+// step between logins, since a step's value is accepted once.
+TEST_F(PerfE2E, OathLoginsRunForReal) {
+  const std::vector<std::string> users = qltest::ListUserNames();
+  const char *const runs[] = {
+      "-p oath-sa-auth -t 2 -i 12",
+      "-p oath-sa-auth -t 2 -i 4 -oathsc 0 -oathtls 0",
+      "-p oath-sa-auth -t 1 -i 3 -oathtype time -timestep 1 -sleep 1000",
+  };
+  for (const char *args : runs) {
+    SCOPED_TRACE(args);
+    const RunResult r = RunClean(std::string(args) + " --retfiles");
+    EXPECT_EQ(r.exit_code, 0) << r.out;
+    EXPECT_TRUE(std::regex_match(r.out, kOpsFooter)) << r.out;
+    EXPECT_EQ(Read("qlutil_result"), "0");
+    EXPECT_EQ(qltest::ListUserNames(), users) << "test users left behind";
+  }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {

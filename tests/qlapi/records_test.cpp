@@ -116,6 +116,13 @@ TEST(Records, RefusalsComeWithTheirCodes) {
   AUTH_PWD_EX big_port = PwdRecord("hsm", 70000, "u", "p");
   AUTH_PWD_EX strong = PwdRecord("hsm", 0, "u", "p");
   strong.dwAuthType = 3;
+  unsigned char digits[] = "12345";
+  AUTH_PWD_EX short_otp = PwdRecord("hsm", 0, "u", "p");
+  short_otp.dwAuthType = QL_STRONG_AUTH_OTP;
+  short_otp.pbStrongAuth = digits;
+  short_otp.nStrongAuthLen = 5;
+  AUTH_PWD_EX stray_otp = PwdRecord("hsm", 0, "u", "p");
+  stray_otp.pbStrongAuth = digits;
   struct Case {
     const char *what;
     uint32_t kind;
@@ -131,12 +138,30 @@ TEST(Records, RefusalsComeWithTheirCodes) {
       {"short credential record", QL_AUTH_WIN_CREDENTIAL, &good, 131, QL_ERR_BAD_ARGUMENT},
       {"empty address", QL_AUTH_USER_PWD, &no_addr, 180, QL_ERR_BAD_ARGUMENT},
       {"port past 65535", QL_AUTH_USER_PWD, &big_port, 180, QL_ERR_BAD_ARGUMENT},
-      {"strong authentication", QL_AUTH_USER_PWD, &strong, 180, QL_ERR_NOT_SUPPORTED},
+      {"unknown second factor", QL_AUTH_USER_PWD, &strong, 180, QL_ERR_BAD_ARGUMENT},
+      {"OTP of 5 digits", QL_AUTH_USER_PWD, &short_otp, 180, QL_ERR_BAD_ARGUMENT},
+      {"OTP of an anonymous login", QL_AUTH_ANONYMOUS, &short_otp, 180, QL_ERR_BAD_ARGUMENT},
+      {"OTP digits without the kind", QL_AUTH_USER_PWD, &stray_otp, 180, QL_ERR_BAD_ARGUMENT},
   };
   for (const Case &k : cases) {
     qlapi::Credentials c;
     EXPECT_EQ(qlapi::CredentialsFromRecord(k.kind, k.record, k.len, &c).code(), k.code) << k.what;
   }
+}
+
+TEST(Records, OneTimePasswordTravelsOutsideTheCacheKey) {
+  unsigned char first[] = "755224", second[] = "287082";
+  AUTH_PWD_EX r = PwdRecord("hsm", 0, "u", "p");
+  r.dwAuthType = QL_STRONG_AUTH_OTP;
+  r.pbStrongAuth = first;
+  r.nStrongAuthLen = 6;
+  qlapi::Credentials a, b;
+  ASSERT_TRUE(qlapi::CredentialsFromRecord(QL_AUTH_USER_PWD, &r, sizeof r, &a).ok());
+  r.pbStrongAuth = second;
+  ASSERT_TRUE(qlapi::CredentialsFromRecord(QL_AUTH_USER_PWD, &r, sizeof r, &b).ok());
+  EXPECT_EQ(a.otp, "755224");
+  EXPECT_EQ(b.otp, "287082");
+  EXPECT_EQ(a.CacheKey(), b.CacheKey());
 }
 
 TEST(SessionFlags, TransportAndRefusals) {

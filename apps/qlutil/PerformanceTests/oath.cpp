@@ -1,8 +1,8 @@
 // The OATH performance test: oath-sa-auth measures logins authenticated by a one-time password.
 // Each thread creates a test user of its own with a random seed (ThreadInit) and removes it
 // (ThreadFin); each pass computes the next password locally and opens and closes a session
-// with it. It runs against the library's token calls, which answer "not supported" until the
-// HSM serves OATH.
+// with it. A time token's value is accepted once per step, so a time run sleeps a step between
+// logins (-timestep 1 -sleep 1000).
 
 #include <cstdio>
 #include <cstring>

@@ -5,13 +5,13 @@
 #include "crypto/cipher.h"
 #include "crypto/oath.h"
 #include "engine/crypto_result.h"
+#include "engine/utf8.h"
 #include "wire_values.h"
 
 namespace qlhsm {
 
 using cryptomap::FromCrypto;
 using sessions::Session;
-namespace oath = crypto::oath;
 
 namespace {
 
@@ -19,10 +19,8 @@ namespace {
 //   0 type, 4 hash, 8 digits, 12 time step (uint32); 16 counter, 24 T0 (uint64);
 //   32 drift (int32), 36 failures, 40 seed length (uint32); 44 the seed, zero-filled to 64.
 constexpr size_t kRecordSize = 44 + qlproto::kOathMaxSeed;
-constexpr uint32_t kEvent = 2;
-constexpr uint32_t kTime = 3;
-// RFC 4226 section 7.4: the next counters an event token may have moved on to.
-constexpr uint32_t kEventWindow = 10;
+constexpr uint32_t kEvent = users::kOtpEvent;
+constexpr uint32_t kTime = users::kOtpTime;
 
 struct Record {
   uint32_t type = 0, hash = 0, digits = 0, step = 0;
@@ -77,6 +75,12 @@ secure::Bytes Serialize(const Record &r, bool with_seed) {
   return b;
 }
 
+// A one-time password: 6 to 8 decimal digits.
+bool IsOtp(std::string_view otp) {
+  return otp.size() >= 6 && otp.size() <= 8 &&
+         std::all_of(otp.begin(), otp.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
 std::string_view AuditName(const KeyArg &arg) {
   return arg.name.empty() ? std::string_view("-") : std::string_view(arg.name);
 }
@@ -109,6 +113,95 @@ Result<Opened> OpenBlob(KeysService &keys, const KeysService::KeyTarget &target,
 
 }  // namespace
 
+// --- tokens of users ---
+
+namespace {
+
+constexpr uint32_t kDefaultStep = 30;
+constexpr uint32_t kMaxStep = 3600;
+constexpr uint32_t kMinSeed = 16;
+
+// The token QAssignToken describes, or the refusal of its arguments.
+Status TokenParams(uint32_t type, size_t seed_len, uint32_t step, uint64_t t0, uint32_t flags,
+                   users::OtpParams *out) {
+  const uint32_t kind = type & 0xff;
+  const uint32_t hash = (type >> 8) & 0xf;
+  if ((type & ~0xfffu) != 0 || (kind != kEvent && kind != kTime) || hash > 2)
+    return Status::Error(Code::kBadArgument, "type: event or time, and SHA-1, -256 or -512");
+  if ((flags & ~0xfu) != 0) return Status::Error(Code::kBadFlags, "flags: only the digits");
+  const uint32_t digits = flags == 0 ? 6 : flags;
+  if (digits < 6 || digits > 8) return Status::Error(Code::kBadArgument, "6 to 8 digits");
+  if (seed_len < kMinSeed || seed_len > qlproto::kOathMaxSeed)
+    return Status::Error(Code::kBadLength, "a seed is 16 to 64 bytes");
+  if (step > kMaxStep) return Status::Error(Code::kBadArgument, "a time step is 1 to 3,600 s");
+  out->type = kind;
+  out->hash = hash;
+  out->digits = digits;
+  out->step = kind == kTime ? (step == 0 ? kDefaultStep : step) : 0;
+  out->t0 = kind == kTime ? t0 : 0;
+  return Status::Ok();
+}
+
+Status CheckUser(std::string_view user) {
+  if (!IsUtf8(user)) return Status::Error(Code::kBadUtf8, "a user name that is not UTF-8");
+  return users::CheckUserName(user);
+}
+
+}  // namespace
+
+Status OathService::AssignToken(Session &s, std::string_view user, uint32_t type,
+                                const secure::Bytes &seed, uint32_t step, uint64_t t0,
+                                uint32_t flags) {
+  users::OtpParams params;
+  Op op{"assign-token", user, access::Request::kSetOtherUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(CheckUser(user));
+        return TokenParams(type, seed.size(), step, t0, flags, &params);
+      },
+      [&](const users::UserInfo &) -> Status {
+        QL_RETURN_IF_ERROR(core_.users->Find(user).status());
+        return core_.otp->Assign(user, params, seed);
+      });
+}
+
+Status OathService::UnassignToken(Session &s, std::string_view user) {
+  Op op{"unassign-token", user, access::Request::kSetOtherUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op, [&] { return CheckUser(user); },
+      [&](const users::UserInfo &) -> Status {
+        QL_RETURN_IF_ERROR(core_.users->Find(user).status());
+        return core_.otp->Unassign(user);
+      });
+}
+
+Status OathService::Resync(Session &s, std::string_view user, std::string_view otp1,
+                           std::string_view otp2) {
+  Op op{"oath-resync", user, access::Request::kSetOtherUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(CheckUser(user));
+        if (!IsOtp(otp1) || !IsOtp(otp2))
+          return Status::Error(Code::kBadArgument, "a one-time password is 6 to 8 digits");
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) -> Status {
+        QL_RETURN_IF_ERROR(core_.users->Find(user).status());
+        uint32_t failures = 0;
+        QL_RETURN_IF_ERROR(core_.otp->Resync(user, otp1, otp2, core_.clock.Now(), &failures));
+        // The failures blocked the user: the resync lifts that block (an operator's own block
+        // came without them and stays).
+        Result<users::UserInfo> u = core_.users->Find(user);
+        if (u.ok() && u->blocked && failures >= users::kOtpMaxFailures)
+          return core_.users->SetBlocked(user, false);
+        return Status::Ok();
+      });
+}
+
+// --- token blobs ---
+
 Result<secure::Bytes> OathService::CheckBlob(Session &s, const KeyArg &master,
                                              const secure::Bytes &blob, std::string_view otp,
                                              uint32_t flags) {
@@ -120,8 +213,7 @@ Result<secure::Bytes> OathService::CheckBlob(Session &s, const KeyArg &master,
       [&] {
         if (flags != 0) return Status::Error(Code::kBadFlags, "no flags are defined");
         if (blob.empty()) return Status::Error(Code::kBadArgument, "empty blob");
-        if (otp.size() < 6 || otp.size() > 8 ||
-            !std::all_of(otp.begin(), otp.end(), [](char c) { return c >= '0' && c <= '9'; }))
+        if (!IsOtp(otp))
           return Status::Error(Code::kBadArgument, "a one-time password is 6 to 8 digits");
         return keys_.Target(s, master, &target);
       },
@@ -129,25 +221,8 @@ Result<secure::Bytes> OathService::CheckBlob(Session &s, const KeyArg &master,
         Result<Opened> opened = OpenBlob(keys_, target, blob);
         if (!opened.ok()) return opened.status();
         Record &r = opened->record;
-        const auto hash = static_cast<oath::OathHash>(r.hash);
-        const crypto::ByteView seed(r.seed.data(), r.seed.size());
-        std::optional<uint64_t> match;
-        if (r.type == kEvent) {
-          match = oath::FindCounter(seed, r.counter, kEventWindow, r.digits, hash, otp);
-        } else {
-          // RFC 6238 section 5.2: the current step and one back, shifted by the drift; never
-          // a step at or before the last one accepted.
-          std::optional<uint64_t> now =
-              oath::TimeStep(core_.clock.Now(), static_cast<int64_t>(r.t0), r.step);
-          if (now) {
-            const int64_t last = static_cast<int64_t>(*now) + r.drift;
-            const int64_t first = std::max<int64_t>({last - 1, 0, static_cast<int64_t>(r.counter)});
-            if (last >= first)
-              match =
-                  oath::FindCounter(seed, static_cast<uint64_t>(first),
-                                    static_cast<uint32_t>(last - first + 1), r.digits, hash, otp);
-          }
-        }
+        users::OtpParams p{r.type, r.hash, r.digits, r.step, r.counter, r.t0, r.drift, 0};
+        const std::optional<uint64_t> match = users::MatchOtp(p, r.seed, core_.clock.Now(), otp);
         if (!match)
           return Status::Error(Code::kCheckFailed, "the one-time password does not match");
         r.counter = *match + 1;

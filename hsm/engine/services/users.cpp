@@ -44,15 +44,39 @@ bool Own(const Session &s, std::string_view name) {
 
 // --- log in ---
 
+Status UsersService::CheckSecondFactor(std::string_view user, const std::string *otp) {
+  const Status failed = Status::Error(Code::kAuthFailed, "authentication failed");
+  if (!core_.otp->Has(user)) return otp ? failed : Status::Ok();
+  // A login without the OTP is refused but not counted: only a wrong OTP is a guess.
+  if (!otp) return failed;
+  Result<users::OtpTokens::Outcome> outcome = core_.otp->Check(user, *otp, core_.clock.Now());
+  if (!outcome.ok()) return outcome.status().code() == Code::kNoToken ? failed : outcome.status();
+  if (outcome->matched) return Status::Ok();
+  if (outcome->failures >= users::kOtpMaxFailures) {
+    // RFC 4226 section 7.3; the password was right, so only its holder can get here.
+    std::lock_guard<std::mutex> lock(core_.administrators_mu);
+    if (KeepAnAdministrator(user, false).ok())
+      QL_RETURN_IF_ERROR(core_.users->SetBlocked(user, true));
+  }
+  return failed;
+}
+
 Status UsersService::Login(Session &s, std::string_view user, std::string_view password,
-                           std::string_view source, std::chrono::milliseconds *delay) {
+                           std::string_view source, std::chrono::milliseconds *delay,
+                           const std::string *otp) {
   ResetSession(s);
   const std::chrono::milliseconds wait = core_.throttle.Delay(user, source);
   Result<users::UserInfo> info = core_.users->Authenticate(user, password);
+  // The OTP is checked on every login, the remembered ones included.
   Status st = info.ok() ? s.Attach(AuthKind::kPassword, std::string(user)) : info.status();
+  // After the session's slot is taken, so that a refusal for want of one spends no OTP.
+  if (st.ok()) {
+    st = CheckSecondFactor(user, otp);
+    if (!st.ok()) ResetSession(s);
+  }
   if (st.ok()) s.set_credential(info->credential);
   if (st.code() == Code::kAuthFailed) core_.throttle.Failed(user, source);
-  if (info.ok()) core_.throttle.Succeeded(user, source);
+  if (info.ok() && st.code() != Code::kAuthFailed) core_.throttle.Succeeded(user, source);
   core_.audit->Append(user, "login", source.empty() ? std::string_view("-") : source,
                       ToWire(st.code()));
   if (delay) *delay = wait;
@@ -92,7 +116,11 @@ Status UsersService::LoginAnonymous(Session &s) {
 
 Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view user,
                                      std::string_view password, const secure::Bytes &token_key,
-                                     std::string_view source, std::chrono::milliseconds *delay) {
+                                     std::string_view source, std::chrono::milliseconds *delay,
+                                     uint32_t strong_kind, const std::string &otp) {
+  if (strong_kind != 0 &&
+      (kind != qlproto::kAuthUserPassword || strong_kind != qlproto::kStrongAuthOtp))
+    return Status::Error(Code::kBadArgument, "a second factor goes with a password login");
   if (kind != qlproto::kAuthAnonymous) {
     Status text = CheckText(user, kind == qlproto::kAuthUserPassword ? password : "");
     if (!text.ok()) return text;
@@ -103,7 +131,7 @@ Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view
       st = LoginAnonymous(s);
       break;
     case qlproto::kAuthUserPassword:
-      st = Login(s, user, password, source, delay);
+      st = Login(s, user, password, source, delay, strong_kind != 0 ? &otp : nullptr);
       break;
     case qlproto::kAuthToken:
       st = LoginToken(s, user, token_key);
@@ -145,7 +173,8 @@ Status UsersService::RemoveUser(Session &s, std::string_view name) {
         std::lock_guard<std::mutex> lock(core_.administrators_mu);
         QL_RETURN_IF_ERROR(KeepAnAdministrator(name, false));
         QL_RETURN_IF_ERROR(core_.users->Remove(name));
-        core_.keys.ForgetAll();  // the user's objects went with it
+        core_.otp->Forget(name);  // the store dropped its token with it
+        core_.keys.ForgetAll();   // the user's objects went with it
         return Status::Ok();
       });
 }
@@ -205,7 +234,9 @@ Status UsersService::SetUserBlocked(Session &s, std::string_view name, bool bloc
   return ChangeUser(s, blocked ? "block-user" : "unblock-user", name, [&]() -> Status {
     std::lock_guard<std::mutex> lock(core_.administrators_mu);
     if (blocked) QL_RETURN_IF_ERROR(KeepAnAdministrator(name, false));
-    return core_.users->SetBlocked(name, blocked);
+    QL_RETURN_IF_ERROR(core_.users->SetBlocked(name, blocked));
+    // An unblocked user's OTP failures start again from none.
+    return blocked ? Status::Ok() : core_.otp->ClearFailures(name);
   });
 }
 

@@ -32,16 +32,22 @@ class UsersService {
   // kAuthFailed, kUserBlocked, kLimitReached. `source` (the client's address, may be empty) is
   // counted with the user's failures; *delay (when given) receives how long the caller must hold
   // the answer back (see users/login_throttle.h).
+  // `otp` (null: none) is the one-time password of a user with an OATH token: such a user needs
+  // it, and a user without one is refused with it. Ten OTP failures in a row that came with the
+  // right password block the user (never the last administrator).
   Status Login(sessions::Session &s, std::string_view user, std::string_view password,
-               std::string_view source = {}, std::chrono::milliseconds *delay = nullptr);
+               std::string_view source = {}, std::chrono::milliseconds *delay = nullptr,
+               const std::string *otp = nullptr);
   Status LoginToken(sessions::Session &s, std::string_view user, const secure::Bytes &key);
   // Anonymous: only requests that need no right.
   Status LoginAnonymous(sessions::Session &s);
   // A login of any kind (the wire's login kinds); the caller's mask on success. `source` and
   // `delay` as for Login (a password login is throttled).
+  // `strong_kind` (kind 16 only): 0 none, 1 (QL_STRONG_AUTH_OTP) `otp` is a one-time password.
   Result<uint32_t> LogIn(sessions::Session &s, uint32_t kind, std::string_view user,
                          std::string_view password, const secure::Bytes &token_key,
-                         std::string_view source = {}, std::chrono::milliseconds *delay = nullptr);
+                         std::string_view source = {}, std::chrono::milliseconds *delay = nullptr,
+                         uint32_t strong_kind = 0, const std::string &otp = {});
   // Back to the state of a new connection: no login, no temporary objects.
   void ResetSession(sessions::Session &s);
 
@@ -85,6 +91,9 @@ class UsersService {
   // a mask without it; `stays`: the change keeps it): kLastAdministrator when no other unblocked
   // user with the operator right would remain. Run under core_.administrators_mu.
   Status KeepAnAdministrator(std::string_view name, bool stays);
+  // The second factor of a password login that passed: kAuthFailed for a missing or wrong OTP
+  // (counted, and blocking at the limit) or an OTP for a user without a token.
+  Status CheckSecondFactor(std::string_view user, const std::string *otp);
 
   Core &core_;
   Guard &guard_;

@@ -44,6 +44,18 @@ CREATE TABLE IF NOT EXISTS object_records (
   value BLOB NOT NULL,
   PRIMARY KEY(object_id, record)
 );
+CREATE TABLE IF NOT EXISTS user_otp (
+  name TEXT PRIMARY KEY REFERENCES users(name) ON DELETE CASCADE,
+  type INTEGER NOT NULL,
+  hash INTEGER NOT NULL,
+  digits INTEGER NOT NULL,
+  step INTEGER NOT NULL,
+  t0 INTEGER NOT NULL,
+  counter INTEGER NOT NULL,
+  drift INTEGER NOT NULL,
+  failures INTEGER NOT NULL,
+  seed BLOB NOT NULL
+);
 CREATE TABLE IF NOT EXISTS audit_pages (
   page_no INTEGER PRIMARY KEY,
   compressed INTEGER NOT NULL,

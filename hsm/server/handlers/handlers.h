@@ -140,6 +140,10 @@ void VaultGetData(const pb::Request &, Call &, pb::Response *);
 // --- OATH token blobs (oath.cpp) ---
 void OathCheckBlob(const pb::Request &, Call &, pb::Response *);
 void OathBlobInfo(const pb::Request &, Call &, pb::Response *);
+// --- OATH tokens of users (oath.cpp) ---
+void AssignToken(const pb::Request &, Call &, pb::Response *);
+void UnassignToken(const pb::Request &, Call &, pb::Response *);
+void OathResync(const pb::Request &, Call &, pb::Response *);
 // --- M-of-N sharing (sharing.cpp) ---
 void MofNSplit(const pb::Request &, Call &, pb::Response *);
 void MofNRecover(const pb::Request &, Call &, pb::Response *);

@@ -98,6 +98,10 @@ constexpr Row kRows[] = {
     // OATH token blobs
     {R::kOathCheckBlob, OathCheckBlob},
     {R::kOathBlobInfo, OathBlobInfo},
+    // OATH tokens of users
+    {R::kAssignToken, AssignToken},
+    {R::kUnassignToken, UnassignToken},
+    {R::kOathResync, OathResync},
     // M-of-N sharing
     {R::kMofnSplit, MofNSplit},
     {R::kMofnRecover, MofNRecover},

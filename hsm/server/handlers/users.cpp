@@ -6,9 +6,9 @@ namespace qlhsm::server::handlers {
 void Login(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::Login &l = req.login();
   // The answer may be held back (c.state.answer_delay): the connection sends it by a timer.
-  Result<uint32_t> mask =
-      c.engine.users().LogIn(c.session, l.kind(), l.user(), l.password(), ToBytes(l.token_key()),
-                             c.state.peer, &c.state.answer_delay);
+  Result<uint32_t> mask = c.engine.users().LogIn(
+      c.session, l.kind(), l.user(), l.password(), ToBytes(l.token_key()), c.state.peer,
+      &c.state.answer_delay, l.strong_auth_type(), l.strong_auth());
   Reply(mask, r, [&](uint32_t m) {
     auto *reply = r->mutable_login();
     reply->set_session_id(c.session.id());

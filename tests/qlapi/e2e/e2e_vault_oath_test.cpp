@@ -1,5 +1,6 @@
 // libqlapi against a real qlhsmd: vault tokens and their blobs; OATH token blobs, made here with
-// OpenSSL's key wrap (RFC 5649) and checked by the HSM against the published one-time passwords.
+// OpenSSL's key wrap (RFC 5649) and checked by the HSM against the published one-time passwords;
+// OATH tokens of users, checked by logins.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
@@ -7,8 +8,10 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "hsm_fixture.h"
@@ -445,6 +448,224 @@ TEST(OathBlob, Rfc6238AtTheHsmsTime) {
   }
   // A value from an earlier step never passes later.
   EXPECT_EQ(Check(s.get(), "oath_mk3", &blobs[0], "94287082"), QL_ERR_CHECK_FAILED);
+  const uint64_t now = static_cast<uint64_t>(std::time(nullptr));
+  EXPECT_EQ(QAdmOperation(s.get(), QL_ADM_SET_DATE_TIME, &now, sizeof now, nullptr, nullptr, 0),
+            QL_OK);
+}
+
+// --- OATH tokens of users: the second factor of their logins ---
+
+const char kOtpUserPassword[] = "pw123456";
+
+// A user without rights for one test, removed at the end.
+class TestUser {
+ public:
+  TestUser(HSESSIONCTX s, const char *name) : s_(s), name_(name) {
+    QL_USER_INFO u;
+    std::memset(&u, 0, sizeof u);
+    std::strncpy(u.szUserId, name, sizeof u.szUserId - 1);
+    std::strncpy(u.szPassword, kOtpUserPassword, sizeof u.szPassword - 1);
+    EXPECT_EQ(QCreateUser(s, &u), QL_OK);
+  }
+  ~TestUser() { QRemoveUser(s_, name_.c_str()); }
+  const char *name() const { return name_.c_str(); }
+
+ private:
+  HSESSIONCTX s_;
+  std::string name_;
+};
+
+int AssignRfcSeed(HSESSIONCTX s, const char *user, uint32_t type = 2, uint32_t digits = 0) {
+  return QAssignToken(s, user, type, reinterpret_cast<const unsigned char *>(kRfc4226Seed.data()),
+                      20, 30, 0, digits);
+}
+
+// Opens and closes a session of `user` (otp null: no second factor); QOpenSession's code. Without
+// QL_SESSION_BYPASS_CACHE in `flags` the connection goes back to the cache and serves the next
+// login.
+int OtpLogin(const char *user, const char *otp, uint32_t flags = QL_SESSION_ENCRYPTED,
+             const char *password = kOtpUserPassword) {
+  AUTH_PWD_EX r = qltest::PasswordRecord(Hsm(), user, password);
+  if (otp != nullptr) {
+    r.dwAuthType = QL_STRONG_AUTH_OTP;
+    r.pbStrongAuth = reinterpret_cast<unsigned char *>(const_cast<char *>(otp));
+    r.nStrongAuthLen = static_cast<int32_t>(std::strlen(otp));
+  }
+  HSESSIONCTX h = nullptr;
+  const int rc = QOpenSession(&h, QL_AUTH_USER_PWD, &r, sizeof r, flags);
+  if (rc == QL_OK) QCloseSession(&h, 0);
+  return rc;
+}
+
+TEST(UserToken, Rfc4226ThroughLoginsCachedOrNot) {
+  Session s;
+  TestUser u(s.get(), "otp_rfc");
+  ASSERT_EQ(AssignRfcSeed(s.get(), u.name()), QL_OK);
+  EXPECT_EQ(AssignRfcSeed(s.get(), u.name()), QL_ERR_TOKEN_EXISTS);
+  EXPECT_EQ(OtpLogin(u.name(), nullptr), QL_ERR_AUTH_FAILED) << "the second factor is needed";
+  // Every value once, alternately on a new and on a cached connection: the cache never skips it.
+  for (int i = 0; i < 10; ++i) {
+    const uint32_t flags = QL_SESSION_ENCRYPTED | (i % 2 ? 0 : QL_SESSION_BYPASS_CACHE);
+    ASSERT_EQ(OtpLogin(u.name(), kRfc4226[i], flags), QL_OK) << i;
+  }
+  EXPECT_EQ(OtpLogin(u.name(), kRfc4226[9]), QL_ERR_AUTH_FAILED) << "replay on a cached connection";
+  EXPECT_EQ(OtpLogin(u.name(), kRfc4226[9], QL_SESSION_ENCRYPTED | QL_SESSION_BYPASS_CACHE),
+            QL_ERR_AUTH_FAILED);
+  // A wrong password stays wrong with a good OTP.
+  char next[7];
+  ASSERT_EQ(QGenerateHOTPOffline(reinterpret_cast<const unsigned char *>(kRfc4226Seed.data()), 20,
+                                 2, 10, 0, 0, 6, next),
+            QL_OK);
+  EXPECT_EQ(OtpLogin(u.name(), next, QL_SESSION_ENCRYPTED, "wrong-pw"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(OtpLogin(u.name(), next), QL_OK);
+
+  ASSERT_EQ(QUnassignToken(s.get(), u.name()), QL_OK);
+  EXPECT_EQ(QUnassignToken(s.get(), u.name()), QL_ERR_NO_TOKEN);
+  EXPECT_EQ(OtpLogin(u.name(), nullptr), QL_OK);
+  EXPECT_EQ(OtpLogin(u.name(), "123456"), QL_ERR_AUTH_FAILED) << "an OTP for a user without token";
+}
+
+TEST(UserToken, AssignmentRefusals) {
+  Session s;
+  TestUser u(s.get(), "otp_refused");
+  const auto *seed = reinterpret_cast<const unsigned char *>(kRfc4226Seed.data());
+  const struct {
+    const char *what;
+    const char *user;
+    uint32_t type, seed_len, step, flags;
+    int code;
+  } rows[] = {
+      {"no such user", "otp_nobody", 2, 20, 0, 0, QL_ERR_USER_NOT_FOUND},
+      {"seed of 15 bytes", u.name(), 2, 15, 0, 0, QL_ERR_BAD_LENGTH},
+      {"seed of 65 bytes", u.name(), 2, 65, 0, 0, QL_ERR_BAD_LENGTH},
+      {"type 1", u.name(), 1, 20, 0, 0, QL_ERR_BAD_ARGUMENT},
+      {"hash 3", u.name(), 0x302, 20, 0, 0, QL_ERR_BAD_ARGUMENT},
+      {"9 digits", u.name(), 2, 20, 0, 9, QL_ERR_BAD_ARGUMENT},
+      {"flags past the digits", u.name(), 2, 20, 0, 0x16, QL_ERR_BAD_FLAGS},
+      {"step of 3,601 s", u.name(), 3, 20, 3601, 0, QL_ERR_BAD_ARGUMENT},
+  };
+  std::string long_seed(65, 'x');
+  for (const auto &r : rows) {
+    const unsigned char *bytes =
+        r.seed_len > 20 ? reinterpret_cast<const unsigned char *>(long_seed.data()) : seed;
+    EXPECT_EQ(QAssignToken(s.get(), r.user, r.type, bytes, r.seed_len, r.step, 0, r.flags), r.code)
+        << r.what;
+  }
+  EXPECT_EQ(OtpLogin(u.name(), nullptr), QL_OK) << "a refused assignment left no token";
+  EXPECT_EQ(QUnassignToken(s.get(), "otp_nobody"), QL_ERR_USER_NOT_FOUND);
+  EXPECT_EQ(QOATHResync(s.get(), "otp_nobody", "123456", "123456"), QL_ERR_USER_NOT_FOUND);
+  // The operator right, like setting another user's password.
+  AUTH_PWD_EX r = qltest::PasswordRecord(Hsm(), u.name(), kOtpUserPassword);
+  HSESSIONCTX plain = nullptr;
+  ASSERT_EQ(QOpenSession(&plain, QL_AUTH_USER_PWD, &r, sizeof r, QL_SESSION_BYPASS_CACHE), QL_OK);
+  EXPECT_EQ(AssignRfcSeed(plain, u.name()), QL_ERR_ACCESS_DENIED);
+  EXPECT_EQ(QUnassignToken(plain, u.name()), QL_ERR_ACCESS_DENIED);
+  QCloseSession(&plain, QL_CLOSE_PHYSICAL);
+}
+
+TEST(UserToken, OneOtpGivesOneLoginEvenAtOnce) {
+  Session s;
+  TestUser u(s.get(), "otp_race");
+  ASSERT_EQ(AssignRfcSeed(s.get(), u.name()), QL_OK);
+  std::vector<int> codes(6, -1);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < codes.size(); ++i)
+    threads.emplace_back([&, i] {
+      codes[i] = OtpLogin(u.name(), kRfc4226[0], QL_SESSION_ENCRYPTED | QL_SESSION_BYPASS_CACHE);
+    });
+  for (auto &t : threads) t.join();
+  int ok = 0;
+  for (int c : codes) {
+    if (c == QL_OK)
+      ++ok;
+    else
+      EXPECT_EQ(c, QL_ERR_AUTH_FAILED);
+  }
+  EXPECT_EQ(ok, 1);
+}
+
+// RFC 4226 section 7.3: ten OTP failures in a row with the right password block the user; wrong
+// passwords never count; a resync (or unblock-user) lifts the block.
+TEST(UserToken, TenFailuresBlockUntilResync) {
+  Session s;
+  TestUser u(s.get(), "otp_block");
+  ASSERT_EQ(AssignRfcSeed(s.get(), u.name()), QL_OK);
+  for (int i = 0; i < 9; ++i) ASSERT_EQ(OtpLogin(u.name(), "000000"), QL_ERR_AUTH_FAILED) << i;
+  EXPECT_EQ(OtpLogin(u.name(), "000000", QL_SESSION_ENCRYPTED, "wrong-pw"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(OtpLogin(u.name(), "000000", QL_SESSION_ENCRYPTED, "wrong-pw"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(OtpLogin(u.name(), nullptr), QL_ERR_AUTH_FAILED) << "no OTP is no guess";
+  EXPECT_EQ(OtpLogin(u.name(), "000000"), QL_ERR_AUTH_FAILED) << "the tenth failure";
+  EXPECT_EQ(OtpLogin(u.name(), kRfc4226[0]), QL_ERR_USER_BLOCKED);
+
+  EXPECT_EQ(QOATHResync(s.get(), u.name(), kRfc4226[5], kRfc4226[7]), QL_ERR_CHECK_FAILED);
+  EXPECT_EQ(OtpLogin(u.name(), kRfc4226[0]), QL_ERR_USER_BLOCKED)
+      << "a failed resync lifts nothing";
+  ASSERT_EQ(QOATHResync(s.get(), u.name(), kRfc4226[4], kRfc4226[5]), QL_OK);
+  EXPECT_EQ(OtpLogin(u.name(), kRfc4226[5]), QL_ERR_AUTH_FAILED) << "the resync spent it";
+  EXPECT_EQ(OtpLogin(u.name(), kRfc4226[6]), QL_OK);
+
+  // Past the look-ahead of a login, within reach of a resync.
+  char far[2][7];
+  for (int i = 0; i < 2; ++i)
+    ASSERT_EQ(QGenerateHOTPOffline(reinterpret_cast<const unsigned char *>(kRfc4226Seed.data()), 20,
+                                   2, 500 + i, 0, 0, 6, far[i]),
+              QL_OK);
+  EXPECT_EQ(OtpLogin(u.name(), far[0]), QL_ERR_AUTH_FAILED);
+  ASSERT_EQ(QOATHResync(s.get(), u.name(), far[0], far[1]), QL_OK);
+  char after[7];
+  ASSERT_EQ(QGenerateHOTPOffline(reinterpret_cast<const unsigned char *>(kRfc4226Seed.data()), 20,
+                                 2, 502, 0, 0, 6, after),
+            QL_OK);
+  EXPECT_EQ(OtpLogin(u.name(), after), QL_OK);
+}
+
+// The last user with the operator right is never blocked by OTP failures (only slowed down).
+TEST(UserToken, LastAdministratorIsNeverBlocked) {
+  Session s;
+  ASSERT_EQ(AssignRfcSeed(s.get(), "master"), QL_OK);
+  struct Unassign {
+    HSESSIONCTX s;
+    ~Unassign() { EXPECT_EQ(QUnassignToken(s, "master"), QL_OK); }
+  } unassign{s.get()};
+  const std::string pwd = Hsm().master_password();
+  for (int i = 0; i < 10; ++i)
+    ASSERT_EQ(OtpLogin("master", "000000", QL_SESSION_ENCRYPTED, pwd.c_str()), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(OtpLogin("master", kRfc4226[0], QL_SESSION_ENCRYPTED, pwd.c_str()), QL_OK);
+}
+
+// RFC 6238 Appendix B through logins: the HSM's clock set to each time, tokens of each hash.
+TEST(UserToken, TimeTokensAtTheHsmsTime) {
+  Session s;
+  std::string seed64;
+  for (int i = 0; i < 6; ++i) seed64 += "1234567890";
+  seed64 += "1234";
+  const std::string seeds[3] = {kRfc4226Seed, seed64.substr(0, 32), seed64};
+  const char *names[3] = {"otp_t_sha1", "otp_t_sha256", "otp_t_sha512"};
+  std::vector<std::unique_ptr<TestUser>> users;
+  for (uint32_t h = 0; h < 3; ++h) {
+    users.push_back(std::make_unique<TestUser>(s.get(), names[h]));
+    ASSERT_EQ(QAssignToken(s.get(), names[h], 3 | (h << 8),
+                           reinterpret_cast<const unsigned char *>(seeds[h].data()),
+                           static_cast<uint32_t>(seeds[h].size()), 30, 0, 8),
+              QL_OK);
+  }
+  const struct {
+    uint64_t time;
+    const char *otp[3];
+  } vectors[] = {
+      {59, {"94287082", "46119246", "90693936"}},
+      {1111111109, {"07081804", "68084774", "25091201"}},
+      {1234567890, {"89005924", "91819424", "93441116"}},
+  };
+  for (const auto &v : vectors) {
+    ASSERT_EQ(
+        QAdmOperation(s.get(), QL_ADM_SET_DATE_TIME, &v.time, sizeof v.time, nullptr, nullptr, 0),
+        QL_OK);
+    for (int h = 0; h < 3; ++h) {
+      EXPECT_EQ(OtpLogin(names[h], v.otp[h]), QL_OK) << v.time << " " << h;
+      EXPECT_EQ(OtpLogin(names[h], v.otp[h]), QL_ERR_AUTH_FAILED) << "replay " << v.time;
+    }
+  }
   const uint64_t now = static_cast<uint64_t>(std::time(nullptr));
   EXPECT_EQ(QAdmOperation(s.get(), QL_ADM_SET_DATE_TIME, &now, sizeof now, nullptr, nullptr, 0),
             QL_OK);
