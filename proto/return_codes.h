@@ -102,6 +102,12 @@
     "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \
   X(kEftdNotAuthorized, QL_ERR_EFTD_NOT_AUTHORIZED, 5062,                                          \
     "the EFT daemon is not authorised for this activity")                                          \
+  X(kSpbBadHeader,     QL_ERR_SPB_BAD_HEADER,       5100,                                          \
+    "The SPB security header is malformed.")                                                       \
+  X(kSpbNoCert,        QL_ERR_SPB_NO_CERT,          5101,                                          \
+    "No active SPB certificate of that ISPB and serial.")                                          \
+  X(kSpbBadCert,       QL_ERR_SPB_BAD_CERT,         5102,                                          \
+    "Not an SPB certificate: RSA-2048 X.509 v3 naming an 8-digit ISPB.")                           \
   X(kBchainInvalidKey, QL_ERR_BCHAIN_INVALID_KEY,   5110,                                          \
     "Invalid blockchain key: out of the curve's range; take the next index.")                      \
   X(kBchainBadEncoding, QL_ERR_BCHAIN_BAD_ENCODING, 5111,                                          \

@@ -74,47 +74,6 @@ int QEFTImportTR31(HSESSIONCTX, const char *, const char *, const char *, uint32
   QL_NOT_SUPPORTED;
 }
 
-int QSPBEncodeInit(HSESSIONCTX, const char *, const char *, uint32_t, unsigned char, unsigned char,
-                   HSPBMSGCTX *phMsg, uint32_t) {
-  if (phMsg) *phMsg = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSPBEncodeCont(HSPBMSGCTX, const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBEncodeEnd(HSPBMSGCTX *phMsg, unsigned char *, uint32_t *) {
-  if (phMsg) *phMsg = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSPBDecodeInit(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-                   uint32_t, unsigned char, unsigned char, HSPBMSGCTX *phMsg, uint32_t) {
-  if (phMsg) *phMsg = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSPBDecodeCont(HSPBMSGCTX, const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBDecodeEnd(HSPBMSGCTX *phMsg) {
-  if (phMsg) *phMsg = nullptr;
-  return QL_OK;
-}
-int QSPBGenerateKey(HSESSIONCTX, const char *, char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBGenerateCSR(HSESSIONCTX, const char *, const char *, const char *, unsigned char **,
-                    uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBImportCertificate(HSESSIONCTX, const unsigned char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBImportPKCS12(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBActivateCertificate(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
 int QPIXSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
              unsigned char **, uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
