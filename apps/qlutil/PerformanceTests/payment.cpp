@@ -81,6 +81,13 @@ int UninstallSPBCerts(const THREAD_INFO *ti, char *pszKeyName) {
   return UninstallSPBDefaultObjects(session.Get(), pszKeyName);
 }
 
+// The random message of a thread, drawn a piece at a time (the HSM hands out at most 64 KiB of
+// random bytes per call).
+void RandomMessage(PerfSetup *setup, HSESSIONCTX hSession, unsigned char *data, uint32_t size) {
+  for (uint32_t done = 0; done < size && setup->Ok(); done += kSpbPieceLen)
+    setup->Random(hSession, data + done, std::min(size - done, kSpbPieceLen));
+}
+
 // --c3 in hexadecimal and --c4 in decimal, 0 when absent.
 unsigned char GetSpbByte(TEST_PARAMETER *pTestParam, int nParameters, const char *name, int base) {
   const char *value = GetParameterStr(pTestParam, nParameters, name);
@@ -209,7 +216,7 @@ int PerfSPBEncodeThreadInit(void *pThreadInfo) {
   }
   SessionOwner session;
   setup.Connect(&info->ti, &session);
-  setup.Random(session.Get(), in.Get(), size);
+  RandomMessage(&setup, session.Get(), in.Get(), size);
   if (!setup.Ok()) return setup.Rc();
   info->dwOutBufferSize = kSpbOutLen;
   info->pbInBuffer = in.Release();
@@ -315,7 +322,7 @@ int PerfSPBDecodeThreadInit(void *pThreadInfo) {
   }
   SessionOwner session;
   setup.Connect(&info->ti, &session);
-  setup.Random(session.Get(), in.Get(), size);
+  RandomMessage(&setup, session.Get(), in.Get(), size);
   HSPBMSGCTX msg = nullptr;
   setup.Do("QSPBEncodeInit", [&] {
     return QSPBEncodeInit(session.Get(), spb.pszDstISPB, spb.pszSrcISPB, size, spb.bC3, spb.bC4,

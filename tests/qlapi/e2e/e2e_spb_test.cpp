@@ -3,6 +3,7 @@
 // the HSM wrote, and an institution set up as an operator would (key, CSR, a CA's certificate,
 // import, activation) exchanging messages with the default one.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -82,9 +83,13 @@ Decoded Decode(HSESSIONCTX s, const char *local, const char *remote, const Bytes
   return d;
 }
 
+// Random bytes from the HSM, drawn a few KiB at a time.
 Bytes RandomBytes(HSESSIONCTX s, size_t n) {
   Bytes b(n);
-  if (n > 0) EXPECT_EQ(QGetRandom(s, b.data(), static_cast<uint32_t>(n)), 0);
+  for (size_t at = 0; at < n; at += 4096) {
+    const auto len = static_cast<uint32_t>(std::min<size_t>(4096, n - at));
+    EXPECT_EQ(QGetRandom(s, b.data() + at, len), 0);
+  }
   return b;
 }
 
@@ -134,7 +139,7 @@ class Spb : public ::testing::Test {
   }
   // A shell command in the test's folder; its exit status.
   int Sh(const std::string &command) const {
-    const std::string line = "cd '" + dir_.string() + "' && " + command + " >/dev/null 2>&1";
+    const std::string line = "cd '" + dir_.string() + "' && (" + command + ") >/dev/null 2>&1";
     return std::system(line.c_str());
   }
 
@@ -216,8 +221,12 @@ TEST_F(Spb, TamperedFieldsAndBodyAreRefusedWithTheirCodes) {
     (f.at < 588 ? header[f.at] : body[f.at - 588]) ^= 0x01;
     const Decoded d = Decode(s(), kDefaultIspb, kDefaultIspb, header, body, 0);
     EXPECT_EQ(d.init, f.init);
-    if (f.init == 0) EXPECT_EQ(d.end, f.end);
-    if (f.init == 0 && f.end == 0) EXPECT_EQ(d.plain, plain);
+    if (f.init == 0) {
+      EXPECT_EQ(d.end, f.end);
+    }
+    if (f.init == 0 && f.end == 0) {
+      EXPECT_EQ(d.plain, plain);
+    }
   }
   // A version 2 header refused when version 3 is demanded; a body of the wrong length.
   const Encoded v2 = Encode(s(), kDefaultIspb, kDefaultIspb, plain, 0);
@@ -367,7 +376,8 @@ TEST_F(Spb, AnInstitutionSetUpByAnOperatorExchangesMessages) {
   EXPECT_EQ(std::string(key_name).rfind("SPB_22222222_", 0), 0u) << key_name;
 
   // CSRs: PEM with SHA-256, DER with SHA-1; openssl accepts both.
-  for (uint32_t flags : {uint32_t{0}, uint32_t{QL_SPB_CSR_DER | QL_SPB_CSR_SHA1}}) {
+  // The PEM one last: the CA signs it below.
+  for (uint32_t flags : {uint32_t{QL_SPB_CSR_DER | QL_SPB_CSR_SHA1}, uint32_t{0}}) {
     unsigned char *csr = nullptr;
     uint32_t csr_len = 0;
     ASSERT_EQ(QSPBGenerateCSR(s(), kOtherIspb, key_name,
@@ -389,10 +399,10 @@ TEST_F(Spb, AnInstitutionSetUpByAnOperatorExchangesMessages) {
 
   // The CA's certificate for the request, imported inactive, then activated by serial.
   ASSERT_EQ(Sh("openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 30 "
-               "-subj /CN=Test-CA"),
+               "-subj /CN=Test-CA && printf 'basicConstraints=CA:FALSE\\n' > ext.cnf"),
             0);
   ASSERT_EQ(Sh("openssl x509 -req -in req -CA ca.pem -CAkey ca.key -set_serial 0x0123456789AB "
-               "-days 30 -extfile /dev/null -out inst.pem"),
+               "-days 30 -extfile ext.cnf -out inst.pem"),
             0);
   const Bytes pem = Read("inst.pem");
   ASSERT_FALSE(pem.empty());
@@ -433,7 +443,7 @@ TEST_F(Spb, AnInstitutionSetUpByAnOperatorExchangesMessages) {
   ASSERT_EQ(Sh("openssl req -newkey rsa:2048 -nodes -keyout p.key -out p.csr "
                "-subj '/O=P/CN=PAGADOR 33333333' && "
                "openssl x509 -req -in p.csr -CA ca.pem -CAkey ca.key -set_serial 77 -days 30 "
-               "-extfile /dev/null -out p.pem && "
+               "-extfile ext.cnf -out p.pem && "
                "openssl pkcs12 -export -inkey p.key -in p.pem -passout pass:pw -out p.p12"),
             0);
   EXPECT_EQ(QSPBImportPKCS12(s(), Path("missing.p12").c_str(), "pw", "33333333", 0),
@@ -449,6 +459,150 @@ TEST_F(Spb, AnInstitutionSetUpByAnOperatorExchangesMessages) {
     if (name.rfind("SPB_22222222_", 0) == 0 || name.rfind("SPB_33333333_", 0) == 0)
       QRemoveObj(s(), name.c_str());
 }
+
+TEST_F(Spb, RightsOfEachCall) {
+  DefaultObjects defaults(s());
+  ASSERT_EQ(defaults.rc(), 0);
+  struct Case {
+    const char *user;
+    uint32_t mask;
+    int generate, activate, encode;
+  };
+  const Case cases[] = {
+      {"spbread", ACL_OBJ_READ, QL_ERR_ACCESS_DENIED, QL_ERR_ACCESS_DENIED, 0},
+      {"spbupdate", ACL_OBJ_UPDATE, QL_ERR_ACCESS_DENIED, 0, QL_ERR_ACCESS_DENIED},
+      {"spbcreate", ACL_OBJ_CREATE, 0, QL_ERR_ACCESS_DENIED, 0},
+  };
+  const std::string serial_of_default = [&] {
+    HKEYCTX cert = nullptr;
+    Bytes der(8192);
+    uint32_t len = static_cast<uint32_t>(der.size());
+    if (QGetUserKey(s(), (std::string(defaults.name()) + ".crt").c_str(), 0, &cert) != 0 ||
+        QExportKey(cert, nullptr, QL_CERT_BLOB, 0, der.data(), &len) != 0)
+      return std::string();
+    QDestroyKey(&cert, 0);
+    der.resize(len);
+    Write("d.der", der);
+    Sh("openssl x509 -inform DER -in d.der -noout -serial | cut -d= -f2 > serial.txt");
+    const Bytes text = Read("serial.txt");
+    return std::string(text.begin(), text.end() - (text.empty() ? 0 : 1));
+  }();
+  ASSERT_FALSE(serial_of_default.empty());
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.user);
+    QL_USER_INFO info{};
+    std::snprintf(info.szUserId, sizeof info.szUserId, "%s", c.user);
+    std::snprintf(info.szPassword, sizeof info.szPassword, "%s", "spb-pass-1");
+    info.dwAcl = c.mask;
+    ASSERT_EQ(QCreateUser(s(), &info), 0);
+    {
+      qltest::LibrarySession as(qltest::HsmEnvironment::hsm(), c.user, "spb-pass-1");
+      ASSERT_EQ(as.rc(), 0);
+      char name[QL_MAX_OBJ_NAME + 1];
+      uint32_t len = sizeof name;
+      EXPECT_EQ(QSPBGenerateKey(as.get(), "55555555", name, &len, 0), c.generate);
+      EXPECT_EQ(
+          QSPBActivateCertificate(as.get(), kDefaultIspb, nullptr, serial_of_default.c_str(), 0),
+          c.activate);
+      EXPECT_EQ(Encode(as.get(), kDefaultIspb, kDefaultIspb, Bytes(10, 'r'), 0).rc, c.encode);
+    }
+    EXPECT_EQ(QRemoveUser(s(), c.user), 0);  // and the key it made
+  }
+}
+
+#ifdef QLUTIL_BIN
+// The jobs, as an operator runs them: qlutil as master against the same daemon.
+class SpbJobs : public Spb {
+ protected:
+  struct Run {
+    int exit_code = -1;
+    std::string out;
+  };
+  Run Qlutil(const std::string &args) const {
+    const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
+    const std::string cmd = "cd '" + dir_.string() + "' && '" + QLUTIL_BIN + "' -a " +
+                            hsm.address() + " --port " + std::to_string(hsm.port()) +
+                            " -u master -w '" + hsm.master_password() + "' " + args;
+    Run r;
+    FILE *pipe = popen(cmd.c_str(), "r");
+    if (pipe == nullptr) return r;
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) r.out.append(buffer, n);
+    const int status = pclose(pipe);
+    r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+  }
+};
+
+TEST_F(SpbJobs, MissingOptionsPrintTheHelp) {
+  for (const char *job :
+       {"spb-gen-key", "spb-gen-csr --ispb 22222222", "spb-import-cert", "spb-import-pkcs12 -pwd x",
+        "spb-activate-cert --ispb 22222222", "spb-encode --si 11111111 -in x",
+        "spb-decode --di 11111111", "spb-dump-message"}) {
+    SCOPED_TRACE(job);
+    const Run r = Qlutil(std::string("-j ") + job);
+    EXPECT_EQ(r.exit_code, 255);
+    EXPECT_EQ(r.out.rfind("\r\nDESCRIPTION\r\n", 0), 0u) << r.out;
+    EXPECT_NE(r.out.find("\r\nEXAMPLE\r\n"), std::string::npos) << r.out;
+  }
+}
+
+TEST_F(SpbJobs, KeyRequestMessagesAndDump) {
+  DefaultObjects defaults(s(), QL_KEY_EXPORTABLE);
+  ASSERT_EQ(defaults.rc(), 0);
+  const std::string text = "<SISMSG>one SPB message</SISMSG>";
+  const Bytes plain(text.begin(), text.end());
+  Write("msg.xml", plain);
+  for (const char *version : {"", " --v3", " --gen01"}) {
+    SCOPED_TRACE(version);
+    Run r = Qlutil(std::string("-j spb-encode --si 11111111 --di 11111111 -in msg.xml --c3 1F") +
+                   version + " --out msg.spb");
+    ASSERT_EQ(r.exit_code, 0) << r.out;
+    const Bytes encoded = Read("msg.spb");
+    ASSERT_GT(encoded.size(), static_cast<size_t>(QL_SPB_HEADER_LEN));
+    EXPECT_EQ(encoded[3], 0x1F);
+    r = Qlutil("-j spb-decode --si 11111111 --di 11111111 -in msg.spb --out back.xml");
+    EXPECT_EQ(r.exit_code, 0) << r.out;
+    EXPECT_EQ(Read("back.xml"), plain);
+    r = Qlutil(std::string("-j spb-dump-message -in msg.spb") +
+               (std::strcmp(version, " --gen01") == 0
+                    ? ""
+                    : std::string(" -kn ") + defaults.name() + " --out dumped.xml"));
+    EXPECT_EQ(r.exit_code, 0) << r.out;
+    EXPECT_NE(r.out.find("C15 : "), std::string::npos) << r.out;
+    if (std::strcmp(version, " --gen01") != 0) {
+      EXPECT_EQ(Read("dumped.xml"), plain);
+    }
+  }
+  // A changed body: the signature check refuses and nothing is written.
+  Bytes encoded = Read("msg.spb");
+  encoded.back() ^= 1;
+  Write("bad.spb", encoded);
+  const Run bad = Qlutil("-j spb-decode --si 11111111 --di 11111111 -in bad.spb --out bad.xml");
+  EXPECT_EQ(bad.exit_code, QL_ERR_BAD_SIGNATURE & 0xFF);
+  EXPECT_NE(bad.out.find("Error in QSPBDecodeEnd. Err = 5017"), std::string::npos) << bad.out;
+  EXPECT_FALSE(fs::exists(Path("bad.xml")));
+
+  // A key, its request, and the refusals of the certificate jobs.
+  const Run key = Qlutil("-j spb-gen-key --ispb 44444444");
+  ASSERT_EQ(key.exit_code, 0) << key.out;
+  ASSERT_EQ(key.out.rfind("Key: SPB_44444444_", 0), 0u) << key.out;
+  const std::string name = key.out.substr(5, key.out.find('\r') - 5);
+  const Run csr =
+      Qlutil("-j spb-gen-csr --ispb 44444444 -kn " + name +
+             " --dn /C=BR/O=Bank/CN=BANK_44444444 -h spbsha1 --outform der --out r.der");
+  EXPECT_EQ(csr.exit_code, 0) << csr.out;
+  EXPECT_EQ(Sh("openssl req -verify -noout -inform DER -in r.der"), 0);
+  const Run activate = Qlutil("-j spb-activate-cert --ispb 44444444 --serial 01");
+  EXPECT_EQ(activate.exit_code, QL_ERR_SPB_NO_CERT & 0xFF);
+  EXPECT_NE(activate.out.find("Error in QSPBActivateCertificate. Err = 5101"), std::string::npos);
+  Write("junk.pem", Bytes{'x'});
+  EXPECT_EQ(Qlutil("-j spb-import-cert -in junk.pem").exit_code, QL_ERR_SPB_BAD_CERT & 0xFF);
+  EXPECT_EQ(Qlutil("-j spb-import-pkcs12 -in none.p12 -pwd x").exit_code, QL_ERR_FILE_IO & 0xFF);
+  EXPECT_EQ(QRemoveObj(s(), name.c_str()), 0);
+}
+#endif
 
 }  // namespace
 
