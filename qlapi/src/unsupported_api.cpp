@@ -1,4 +1,4 @@
-// The calls whose HSM services are not built yet (parts of payment, SPB, PIX, tokenisation,
+// The calls whose HSM services are not built yet (parts of payment, PIX, tokenisation,
 // blockchain, secret keeping, metadata records and maps, PKI, OATH tokens and the network tools).
 // Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at once that the
 // service is missing; handle-releasing calls clear the handle they are given.

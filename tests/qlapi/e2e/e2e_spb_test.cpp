@@ -432,6 +432,35 @@ TEST_F(Spb, AnInstitutionSetUpByAnOperatorExchangesMessages) {
     EXPECT_EQ(Decode(s(), kOtherIspb, kDefaultIspb, back.header, back.body, flags).end, 0);
   }
 
+  // A second certificate of the same key (serial ABC): a message to it still opens once the
+  // first is active again (rollover), and a message from it is refused until --autocer
+  // activates it.
+  ASSERT_EQ(Sh("openssl x509 -req -in req -CA ca.pem -CAkey ca.key -set_serial 0xABC -days 30 "
+               "-extfile ext.cnf -out inst2.pem"),
+            0);
+  const Bytes pem2 = Read("inst2.pem");
+  ASSERT_EQ(QSPBImportCertificate(s(), pem2.data(), static_cast<uint32_t>(pem2.size()),
+                                  QL_SPB_CERT_ACTIVATE),
+            0);
+  const Encoded to_new = Encode(s(), kDefaultIspb, kOtherIspb, plain, QL_SPB_V3);
+  const Encoded from_new = Encode(s(), kOtherIspb, kDefaultIspb, plain, QL_SPB_V3);
+  ASSERT_EQ(to_new.rc, 0);
+  ASSERT_EQ(from_new.rc, 0);
+  ASSERT_EQ(QSPBActivateCertificate(s(), kOtherIspb, nullptr, "123456789AB", 0), 0);
+  EXPECT_EQ(Decode(s(), kOtherIspb, kDefaultIspb, to_new.header, to_new.body, 0).end, 0);
+  EXPECT_EQ(Decode(s(), kDefaultIspb, kOtherIspb, from_new.header, from_new.body, 0).init,
+            QL_ERR_SPB_NO_CERT);
+  HSPBMSGCTX msg = nullptr;
+  ASSERT_EQ(QSPBDecodeInit(s(), kDefaultIspb, kOtherIspb, from_new.header.data(), QL_SPB_HEADER_LEN,
+                           static_cast<uint32_t>(from_new.body.size()), 0, 1, &msg, 0),
+            0);
+  EXPECT_EQ(QSPBDecodeEnd(&msg), QL_ERR_BAD_LENGTH) << "ended before its body";
+  const Encoded again = Encode(s(), kOtherIspb, kDefaultIspb, plain, QL_SPB_V3);
+  ASSERT_EQ(again.rc, 0);
+  EXPECT_EQ(Bytes(again.header.begin() + 44, again.header.begin() + 76),
+            Bytes(from_new.header.begin() + 44, from_new.header.begin() + 76))
+      << "--autocer made the certificate of C13 the active one";
+
   // Bad certificates: not one, and one naming no ISPB.
   const Bytes junk = {'n', 'o', 't'};
   EXPECT_EQ(QSPBImportCertificate(s(), junk.data(), 3, 0), QL_ERR_SPB_BAD_CERT);
