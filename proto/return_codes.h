@@ -106,6 +106,12 @@
   X(kNoToken,          QL_ERR_NO_TOKEN,             5071, "The user has no OATH token.")           \
   X(kSecondFactorExists, QL_ERR_SECOND_FACTOR_EXISTS, 5072,                                        \
     "the user already has another second factor")                                                  \
+  X(kSpbBadHeader,     QL_ERR_SPB_BAD_HEADER,       5100,                                          \
+    "The SPB security header is malformed.")                                                       \
+  X(kSpbNoCert,        QL_ERR_SPB_NO_CERT,          5101,                                          \
+    "No active SPB certificate of that ISPB and serial.")                                          \
+  X(kSpbBadCert,       QL_ERR_SPB_BAD_CERT,         5102,                                          \
+    "Not an SPB certificate: RSA-2048 X.509 v3 naming an 8-digit ISPB.")                           \
   X(kBchainInvalidKey, QL_ERR_BCHAIN_INVALID_KEY,   5110,                                          \
     "Invalid blockchain key: out of the curve's range; take the next index.")                      \
   X(kBchainBadEncoding, QL_ERR_BCHAIN_BAD_ENCODING, 5111,                                          \

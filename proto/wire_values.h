@@ -92,7 +92,14 @@
   X(kBchainSigSchnorr,      QL_BCHAIN_SIG_SCHNORR,     3)    \
   X(kBchainPbkCompressed,   QL_BCHAIN_PBK_COMPRESSED,  1)    \
   X(kBchainPbkUncompressed, QL_BCHAIN_PBK_UNCOMPRESSED, 2)   \
-  X(kBchainPbkXOnly,        QL_BCHAIN_PBK_XONLY,       3)
+  X(kBchainPbkXOnly,        QL_BCHAIN_PBK_XONLY,       3)    \
+  X(kSpbCertActivate,       QL_SPB_CERT_ACTIVATE,      1)    \
+  X(kSpbGen01,              QL_SPB_GEN01,              2)    \
+  X(kSpbV3,                 QL_SPB_V3,                 4)    \
+  X(kSpbPad,                QL_SPB_PAD,                8)    \
+  X(kSpbKeySelfSigned,      QL_SPB_KEY_SELF_SIGNED,    256)  \
+  X(kSpbCsrSha1,            QL_SPB_CSR_SHA1,           1)    \
+  X(kSpbCsrDer,             QL_SPB_CSR_DER,            2)
 // clang-format on
 
 namespace qlproto {

@@ -26,6 +26,7 @@
 #include "engine/services/sharing.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
+#include "engine/services/spb.h"
 #include "engine/services/vault.h"
 
 namespace qlhsm {
@@ -75,6 +76,7 @@ class Engine {
   OathService &oath() { return oath_; }
   SharingService &sharing() { return sharing_; }
   BchainService &bchain() { return bchain_; }
+  SpbService &spb() { return spb_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -100,6 +102,7 @@ class Engine {
   OathService oath_{core_, guard_, keys_};
   SharingService sharing_{guard_};
   BchainService bchain_{guard_};
+  SpbService spb_{core_, guard_};
 };
 
 }  // namespace qlhsm

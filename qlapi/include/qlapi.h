@@ -171,6 +171,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_TOKEN_EXISTS 5070         /* the user already has an OATH token */
 #define QL_ERR_NO_TOKEN 5071             /* the user has no OATH token */
 #define QL_ERR_SECOND_FACTOR_EXISTS 5072 /* the user already has another second factor */
+/* SPB secure messages. */
+#define QL_ERR_SPB_BAD_HEADER 5100 /* a security header whose fixed fields are wrong */
+#define QL_ERR_SPB_NO_CERT 5101    /* no (active) certificate of the ISPB with that serial */
+#define QL_ERR_SPB_BAD_CERT 5102   /* not an RSA-2048 X.509 v3 certificate naming an ISPB */
 /* Blockchain keys, M-of-N sharing, secret keeping */
 #define QL_ERR_BCHAIN_INVALID_KEY 5110  /* a key out of range (BIP32: take the next index) */
 #define QL_ERR_BCHAIN_BAD_ENCODING 5111 /* a malformed key, address or signature encoding */
@@ -1284,6 +1288,52 @@ QLAPI_EXPORT int QEFTImportTR31(HSESSIONCTX hSession, const char *szKbpkName, co
 /* ===========================================================================================
  * SPB messages
  */
+/* SPB secure messages: flags and the security header.
+ * An institution is named by its 8-digit ISPB. In both directions the first ISPB is the local
+ * institution (its private key signs or opens C14), the second the counterpart. The body is CBC
+ * with a zero IV under a session key made in the HSM for each message, PKCS#7 padded; Cont gives
+ * whole blocks and the piece that reaches dwMessageLen adds the padding, so the last Cont's
+ * output may be up to 16 bytes longer than its input. End always releases the message.
+ * Decoding output must be discarded unless QSPBDecodeEnd answers 0: a tampered C14, C15 or body
+ * all answer QL_ERR_BAD_SIGNATURE there and nowhere earlier. C03 and C04 are outside the
+ * signature, as in the network's layout. */
+#define QL_SPB_CERT_ACTIVATE 1     /* QSPBImportCertificate/PKCS12: make the certificate active */
+#define QL_SPB_GEN01 2             /* QSPBEncodeInit: sign only, the body in the clear, C07 0 */
+#define QL_SPB_V3 4                /* encode: version 3 (else 2); decode: refuse version 2 */
+#define QL_SPB_PAD 8               /* QSPBDecodeInit: the output keeps its padding */
+#define QL_SPB_KEY_SELF_SIGNED 256 /* QSPBGenerateKey: and a self-signed active certificate */
+#define QL_SPB_CSR_SHA1 1          /* QSPBGenerateCSR: signed with SHA-1 (else SHA-256) */
+#define QL_SPB_CSR_DER 2           /* QSPBGenerateCSR: DER (else PEM) */
+
+#pragma pack(push, 1)
+typedef struct QL_SPB_HEADER_ {
+  unsigned char C01[2];   /* at 0: the header's length, 588, big-endian */
+  unsigned char C02;      /* at 2: version, 2 or 3 */
+  unsigned char C03;      /* at 3: error code (the caller's) */
+  unsigned char C04;      /* at 4: special treatment (the caller's) */
+  unsigned char C05;      /* at 5: 0 */
+  unsigned char C06;      /* at 6: the destination's key, 2 (RSA-2048) */
+  unsigned char C07;      /* at 7: cipher: 1 3DES-168 (v2), 2 AES-256 (v3), 0 none */
+  unsigned char C08;      /* at 8: the sender's key, 2 (RSA-2048) */
+  unsigned char C09;      /* at 9: hash: 2 SHA-1 (v2), 3 SHA-256 (v3) */
+  unsigned char C10;      /* at 10: 0 */
+  unsigned char C11[32];  /* at 11: the destination certificate's serial, right-aligned */
+  unsigned char C12;      /* at 43: 0 */
+  unsigned char C13[32];  /* at 44: the sender certificate's serial, right-aligned */
+  unsigned char C14[256]; /* at 76: the session key under the destination's key (PKCS#1 v1.5) */
+  unsigned char C15[256]; /* at 332: the sender's PKCS#1 v1.5 signature over the plain body */
+} QL_SPB_HEADER;
+#pragma pack(pop)
+QL_STATIC_ASSERT(sizeof(QL_SPB_HEADER) == 588, "QL_SPB_HEADER is 588 bytes");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C02) == 2, "QL_SPB_HEADER.C02");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C07) == 7, "QL_SPB_HEADER.C07");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C09) == 9, "QL_SPB_HEADER.C09");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C11) == 11, "QL_SPB_HEADER.C11");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C12) == 43, "QL_SPB_HEADER.C12");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C13) == 44, "QL_SPB_HEADER.C13");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C14) == 76, "QL_SPB_HEADER.C14");
+QL_STATIC_ASSERT(offsetof(QL_SPB_HEADER, C15) == 332, "QL_SPB_HEADER.C15");
+
 QLAPI_EXPORT int QSPBEncodeInit(HSESSIONCTX hSession, const char *szSrcIspb, const char *szDstIspb,
                                 uint32_t dwMessageLen, unsigned char bC3, unsigned char bC4,
                                 HSPBMSGCTX *phMsg, uint32_t dwFlags);

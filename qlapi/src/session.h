@@ -96,6 +96,7 @@ enum : uint32_t {
   kSessionMagic = 0x51534553,  // "QSES"
   kKeyMagic = 0x514b4559,      // "QKEY"
   kHashMagic = 0x51485348,     // "QHSH"
+  kSpbMagic = 0x51535042,      // "QSPB"
   kDeadMagic = 0xdeadbeef,
 };
 

@@ -1,5 +1,5 @@
-// The calls whose HSM services are not built yet (parts of payment, SPB, PIX, tokenisation,
-// blockchain, secret keeping, metadata records and maps, PKI, OATH tokens and the network tools).
+// The calls whose HSM services are not built yet (PIX and XML, blockchain keys, secret keeping,
+// metadata records and maps, parts of PKI, and the network tools).
 // Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at once that the
 // service is missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
@@ -52,47 +52,6 @@ int QSignXml(HSESSIONCTX, uint32_t, const char *, const char *, const char *, co
 }
 int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, const unsigned char *,
                        uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QSPBEncodeInit(HSESSIONCTX, const char *, const char *, uint32_t, unsigned char, unsigned char,
-                   HSPBMSGCTX *phMsg, uint32_t) {
-  if (phMsg) *phMsg = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSPBEncodeCont(HSPBMSGCTX, const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBEncodeEnd(HSPBMSGCTX *phMsg, unsigned char *, uint32_t *) {
-  if (phMsg) *phMsg = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSPBDecodeInit(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-                   uint32_t, unsigned char, unsigned char, HSPBMSGCTX *phMsg, uint32_t) {
-  if (phMsg) *phMsg = nullptr;
-  QL_NOT_SUPPORTED;
-}
-int QSPBDecodeCont(HSPBMSGCTX, const unsigned char *, uint32_t, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBDecodeEnd(HSPBMSGCTX *phMsg) {
-  if (phMsg) *phMsg = nullptr;
-  return QL_OK;
-}
-int QSPBGenerateKey(HSESSIONCTX, const char *, char *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBGenerateCSR(HSESSIONCTX, const char *, const char *, const char *, unsigned char **,
-                    uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBImportCertificate(HSESSIONCTX, const unsigned char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBImportPKCS12(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSPBActivateCertificate(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 

@@ -297,3 +297,25 @@ int main(int argc, char **argv) {
   ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment(options));
   return RUN_ALL_TESTS();
 }
+
+TEST_F(PerfE2E, SpbRunsInstallTheDefaultObjectsOnlyWithoutBothIspbs) {
+  // Without --si or --di the default objects are installed and removed again (RunClean).
+  for (const char *args :
+       {"-p spb-encode -t 1 -i 2 -m 1", "-p spb-encode -t 2 -i 2 -m 32768 --v3",
+        "-p spb-encode -t 1 -i 2 -m 100000 --gen01 --c3 1F --c4 9", "-p spb-decode -t 1 -i 2 -m 16",
+        "-p spb-decode -t 2 -i 2 -m 100000 --v3", "-p spb-decode -t 1 -i 2 -m 32768 --v3 --pad"}) {
+    SCOPED_TRACE(args);
+    const RunResult r = RunClean(args);
+    EXPECT_EQ(r.exit_code, 0) << r.out;
+    EXPECT_TRUE(std::regex_match(r.out, kOpsFooter)) << r.out;
+  }
+  // With both given nothing is installed: ISPBs without certificates fail the first message.
+  const RunResult r = RunClean("-p spb-encode -t 1 -i 2 -m 10 --si 44444444 --di 55555555");
+  EXPECT_EQ(r.exit_code, ExitStatusOf(QL_ERR_SPB_NO_CERT)) << r.out;
+  EXPECT_EQ(r.out.substr(0, r.out.find('\n') + 1),
+            "[PerfSPBEncodeThread] Fail in QSPBEncodeInit rc = 5101. Iteration = 1\r\n");
+  // -m is mandatory: the help, and -1.
+  const RunResult help = RunClean("-p spb-decode -t 1 -i 1");
+  EXPECT_EQ(help.exit_code, ExitStatusOf(-1));
+  EXPECT_EQ(help.out.rfind("\r\nDESCRIPTION\r\n", 0), 0u) << help.out;
+}

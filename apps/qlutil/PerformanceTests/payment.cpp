@@ -16,11 +16,14 @@
 namespace {
 
 // SPB message flags.
-constexpr uint32_t kSpbFlagGen01 = 1u << 1;  // --gen01
-constexpr uint32_t kSpbFlagV3 = 1u << 2;     // --v3: version 3 message (else version 2)
-constexpr uint32_t kSpbFlagPad = 1u << 3;    // --pad (spb-decode)
+constexpr uint32_t kSpbFlagGen01 = QL_SPB_GEN01;  // --gen01
+constexpr uint32_t kSpbFlagV3 = QL_SPB_V3;        // --v3: version 3 message (else version 2)
+constexpr uint32_t kSpbFlagPad = QL_SPB_PAD;      // --pad (spb-decode)
 constexpr const char *kDefaultIspb = "11111111";
 constexpr uint32_t kSpbPieceLen = 32768;
+// A piece's output may hold up to one block more than the piece: the padding when encoding,
+// the block the HSM holds back when decoding.
+constexpr uint32_t kSpbOutLen = kSpbPieceLen + 16;
 constexpr size_t kSpbKeyNameSize = QL_MAX_OBJ_NAME + 1;
 
 // The card of the CVV and PIN tests.
@@ -34,18 +37,23 @@ constexpr uint32_t kPaymentKeyAlg = QL_ALG_3DES_112;
 constexpr uint32_t kKsnLen = 10;
 constexpr uint32_t kKsiLen = 5;
 
-// The SPB default objects of the test ISPB: its key, made by the HSM's SPB service. The
-// certificates of the default ISPB come with that service.
+// The SPB default objects of the test ISPB: its key and a self-signed certificate of it
+// ("<key>.crt"), made active by the HSM, so that one key serves both sides of a message.
 int InstallSPBDefaultObjects(HSESSIONCTX hSession, char *pszKeyName) {
   uint32_t len = kSpbKeyNameSize;
-  const int rc = QSPBGenerateKey(hSession, kDefaultIspb, pszKeyName, &len, 0);
+  const int rc = QSPBGenerateKey(hSession, kDefaultIspb, pszKeyName, &len, QL_SPB_KEY_SELF_SIGNED);
   if (rc != 0) pszKeyName[0] = '\0';
   return rc;
 }
 
 int UninstallSPBDefaultObjects(HSESSIONCTX hSession, char *pszKeyName) {
   int rc = 0;
-  if (pszKeyName[0] != '\0') rc = QRemoveObj(hSession, pszKeyName);
+  if (pszKeyName[0] != '\0') {
+    const std::string certificate = std::string(pszKeyName) + ".crt";
+    rc = QRemoveObj(hSession, certificate.c_str());
+    const int key_rc = QRemoveObj(hSession, pszKeyName);
+    if (rc == 0) rc = key_rc;
+  }
   pszKeyName[0] = '\0';
   return rc;
 }
@@ -71,6 +79,13 @@ int UninstallSPBCerts(const THREAD_INFO *ti, char *pszKeyName) {
     return rc;
   }
   return UninstallSPBDefaultObjects(session.Get(), pszKeyName);
+}
+
+// The random message of a thread, drawn a piece at a time (the HSM hands out at most 64 KiB of
+// random bytes per call).
+void RandomMessage(PerfSetup *setup, HSESSIONCTX hSession, unsigned char *data, uint32_t size) {
+  for (uint32_t done = 0; done < size && setup->Ok(); done += kSpbPieceLen)
+    setup->Random(hSession, data + done, std::min(size - done, kSpbPieceLen));
 }
 
 // --c3 in hexadecimal and --c4 in decimal, 0 when absent.
@@ -173,7 +188,7 @@ typedef struct tag_PERF_SPB_ENCODE_INFO {
   SPB_TEST_OPTIONS spb;
   HSESSIONCTX hSession;
   unsigned char *pbInBuffer;   // the random message
-  unsigned char *pbOutBuffer;  // kSpbPieceLen bytes
+  unsigned char *pbOutBuffer;  // kSpbOutLen bytes
   uint32_t dwOutBufferSize;
 } PERF_SPB_ENCODE_INFO;
 
@@ -194,16 +209,16 @@ int PerfSPBEncodeThreadInit(void *pThreadInfo) {
   info->pbOutBuffer = nullptr;
   const uint32_t size = static_cast<uint32_t>(info->spb.cbMessageSize);
   PerfSetup setup("PerfSPBEncodeThreadInit");
-  HeapBuffer in(size), out(kSpbPieceLen);
+  HeapBuffer in(size), out(kSpbOutLen);
   if (!in || !out) {
     setup.Fail("malloc", -1);
     return setup.Rc();
   }
   SessionOwner session;
   setup.Connect(&info->ti, &session);
-  setup.Random(session.Get(), in.Get(), size);
+  RandomMessage(&setup, session.Get(), in.Get(), size);
   if (!setup.Ok()) return setup.Rc();
-  info->dwOutBufferSize = kSpbPieceLen;
+  info->dwOutBufferSize = kSpbOutLen;
   info->pbInBuffer = in.Release();
   info->pbOutBuffer = out.Release();
   info->hSession = session.Detach();
@@ -276,7 +291,7 @@ typedef struct tag_PERF_SPB_DECODE_INFO {
   HSESSIONCTX hSession;
   unsigned char *pbEncoded;  // the 588-byte header, then the encoded body
   uint32_t dwEncodedLen;
-  unsigned char *pbOutBuffer;  // kSpbPieceLen bytes
+  unsigned char *pbOutBuffer;  // kSpbOutLen bytes
 } PERF_SPB_DECODE_INFO;
 
 int PerfSPBDecodeTestInit(void *pTestInfo) {
@@ -300,14 +315,14 @@ int PerfSPBDecodeThreadInit(void *pThreadInfo) {
   // The encoded body is at most the message plus a block of padding per piece.
   const uint32_t encoded_cap = QL_SPB_HEADER_LEN + size + (size / kSpbPieceLen + 1) * 16;
   PerfSetup setup("PerfSPBDecodeThreadInit");
-  HeapBuffer in(size), encoded(encoded_cap), out(kSpbPieceLen);
+  HeapBuffer in(size), encoded(encoded_cap), out(kSpbOutLen);
   if (!in || !encoded || !out) {
     setup.Fail("malloc", -1);
     return setup.Rc();
   }
   SessionOwner session;
   setup.Connect(&info->ti, &session);
-  setup.Random(session.Get(), in.Get(), size);
+  RandomMessage(&setup, session.Get(), in.Get(), size);
   HSPBMSGCTX msg = nullptr;
   setup.Do("QSPBEncodeInit", [&] {
     return QSPBEncodeInit(session.Get(), spb.pszDstISPB, spb.pszSrcISPB, size, spb.bC3, spb.bC4,
@@ -349,7 +364,7 @@ unsigned int PerfSPBDecodeThread(void *pThreadInfo) {
     if (rc != 0) return PerfPassFailed(tag, "QSPBDecodeInit", rc, counter);
     for (uint32_t done = 0; done < body_len && rc == 0;) {
       const uint32_t piece = std::min(body_len - done, kSpbPieceLen);
-      uint32_t out_len = kSpbPieceLen;
+      uint32_t out_len = kSpbOutLen;
       rc = QSPBDecodeCont(msg, info->pbEncoded + QL_SPB_HEADER_LEN + done, piece, info->pbOutBuffer,
                           &out_len);
       done += piece;
@@ -390,7 +405,7 @@ int PerfSPBDecode(TEST_PARAMETER *pTestParam, int nParameters) {
   ShowHelpSpbOptions();
   ScreenOutput("     --aexp  [OPTIONAL] Accept an expired sender certificate.\r\n");
   ScreenOutput("     --autocer [OPTIONAL] Update the sender certificate from the message.\r\n");
-  ScreenOutput("     --pad   [OPTIONAL] The message carries padding.\r\n");
+  ScreenOutput("     --pad   [OPTIONAL] Leave the padding on the decoded message.\r\n");
   return PerfHelpCommandExamples("spb-decode", {"-t 5 -i 10 -m 1024"});
 }
 

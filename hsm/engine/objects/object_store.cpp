@@ -281,6 +281,24 @@ Result<std::vector<std::string>> ObjectStore::List(std::string_view owner) {
   });
 }
 
+Result<std::vector<ObjectRef>> ObjectStore::ListAllWithPrefix(std::string_view prefix) {
+  return store_.Locked([&](store::Connection &conn) -> Result<std::vector<ObjectRef>> {
+    Result<store::Statement> st = conn.Prepare(
+        "SELECT owner, name FROM objects WHERE substr(name, 1, length(?1)) = ?1 "
+        "ORDER BY owner, name");
+    if (!st.ok()) return st.status();
+    st->Bind(1, prefix);
+    std::vector<ObjectRef> out;
+    for (;;) {
+      Result<bool> row = st->Step();
+      if (!row.ok()) return row.status();
+      if (!row.value()) break;
+      out.push_back(ObjectRef{st->Text(0), st->Text(1)});
+    }
+    return out;
+  });
+}
+
 Result<int64_t> ObjectStore::Count() {
   return store_.Locked([&](store::Connection &conn) -> Result<int64_t> {
     Result<store::Statement> st = conn.Prepare("SELECT COUNT(*) FROM objects");

@@ -90,6 +90,8 @@ class ObjectStore {
   Status SetMetadata(const ObjectRef &ref, std::string_view json);
   // Names owned by `owner`, sorted.
   Result<std::vector<std::string>> List(std::string_view owner);
+  // Every user's objects whose name starts with `prefix`, in (owner, name) order.
+  Result<std::vector<ObjectRef>> ListAllWithPrefix(std::string_view prefix);
   Result<int64_t> Count();
 
  private:

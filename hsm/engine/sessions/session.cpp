@@ -33,6 +33,7 @@ void Session::Reset() {
   opened_.clear();
   hashes_.clear();
   ciphers_.clear();
+  contexts_.clear();
   if (counted_) registry_.Release();
   counted_ = false;
   auth_ = AuthKind::kNone;
@@ -96,6 +97,21 @@ crypto::HashState *Session::FindHash(uint64_t handle) {
 
 bool Session::RemoveHash(uint64_t handle) {
   return hashes_.erase(handle) != 0;
+}
+
+uint64_t Session::AddContext(std::unique_ptr<SessionContext> context) {
+  uint64_t h = next_handle_++;
+  contexts_.emplace(h, std::move(context));
+  return h;
+}
+
+SessionContext *Session::FindContext(uint64_t handle) {
+  auto it = contexts_.find(handle);
+  return it == contexts_.end() ? nullptr : it->second.get();
+}
+
+bool Session::RemoveContext(uint64_t handle) {
+  return contexts_.erase(handle) != 0;
 }
 
 bool Session::RemoveTemp(uint64_t handle) {

@@ -29,6 +29,13 @@ struct TempObject {
   std::string name;  // a named session key is found by its name too; "" for none
 };
 
+// A multi-request operation a service keeps in the session (an SPB message being encoded or
+// decoded); it dies with the session like a temporary key.
+class SessionContext {
+ public:
+  virtual ~SessionContext() = default;
+};
+
 class SessionRegistry;
 
 class Session {
@@ -81,6 +88,11 @@ class Session {
   crypto::HashState *FindHash(uint64_t handle);
   bool RemoveHash(uint64_t handle);
 
+  // Operations in progress of this session, by handle (one numbering with keys and hashes).
+  uint64_t AddContext(std::unique_ptr<SessionContext> context);
+  SessionContext *FindContext(uint64_t handle);
+  bool RemoveContext(uint64_t handle);
+
  private:
   SessionRegistry &registry_;
   uint64_t id_;
@@ -95,6 +107,7 @@ class Session {
   std::unordered_map<uint64_t, std::string> opened_;
   std::unordered_map<uint64_t, crypto::HashState> hashes_;
   std::unordered_map<uint64_t, crypto::CipherState> ciphers_;
+  std::unordered_map<uint64_t, std::unique_ptr<SessionContext>> contexts_;
 };
 
 class SessionRegistry {

@@ -137,6 +137,19 @@ void EftdSetConf(const pb::Request &, Call &, pb::Response *);
 void VaultGenToken(const pb::Request &, Call &, pb::Response *);
 void VaultGetData(const pb::Request &, Call &, pb::Response *);
 
+// --- SPB secure messages (spb.cpp) ---
+void SpbGenerateKey(const pb::Request &, Call &, pb::Response *);
+void SpbGenerateCsr(const pb::Request &, Call &, pb::Response *);
+void SpbImportCertificate(const pb::Request &, Call &, pb::Response *);
+void SpbImportPkcs12(const pb::Request &, Call &, pb::Response *);
+void SpbActivateCertificate(const pb::Request &, Call &, pb::Response *);
+void SpbEncodeInit(const pb::Request &, Call &, pb::Response *);
+void SpbEncodeCont(const pb::Request &, Call &, pb::Response *);
+void SpbEncodeEnd(const pb::Request &, Call &, pb::Response *);
+void SpbDecodeInit(const pb::Request &, Call &, pb::Response *);
+void SpbDecodeCont(const pb::Request &, Call &, pb::Response *);
+void SpbDecodeEnd(const pb::Request &, Call &, pb::Response *);
+
 // --- OATH token blobs (oath.cpp) ---
 void OathCheckBlob(const pb::Request &, Call &, pb::Response *);
 void OathBlobInfo(const pb::Request &, Call &, pb::Response *);

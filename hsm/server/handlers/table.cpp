@@ -108,6 +108,18 @@ constexpr Row kRows[] = {
     // blockchain signatures without a key
     {R::kBchainVerify, BchainVerify},
     {R::kBchainRecoverPbk, BchainRecoverPbk},
+    // SPB secure messages
+    {R::kSpbGenerateKey, SpbGenerateKey},
+    {R::kSpbGenerateCsr, SpbGenerateCsr},
+    {R::kSpbImportCertificate, SpbImportCertificate},
+    {R::kSpbImportPkcs12, SpbImportPkcs12},
+    {R::kSpbActivateCertificate, SpbActivateCertificate},
+    {R::kSpbEncodeInit, SpbEncodeInit},
+    {R::kSpbEncodeCont, SpbEncodeCont},
+    {R::kSpbEncodeEnd, SpbEncodeEnd},
+    {R::kSpbDecodeInit, SpbDecodeInit},
+    {R::kSpbDecodeCont, SpbDecodeCont},
+    {R::kSpbDecodeEnd, SpbDecodeEnd},
 };
 
 // Request kinds are the body's field numbers, all below this.
