@@ -612,20 +612,27 @@ Result<uint64_t> SpbService::EncodeInit(Session &s, const SpbEncodeArgs &a) {
       });
 }
 
-Result<secure::Bytes> SpbService::EncodeCont(Session &s, uint64_t handle,
-                                             const secure::Bytes &piece) {
-  Op op{"spb-encode-piece", "-", Request::kUseObject, AuditMode::kRefusal};
+Result<secure::Bytes> SpbService::Piece(Session &s, uint64_t handle, const secure::Bytes &piece,
+                                        bool encoding) {
+  Op op{encoding ? "spb-encode-piece" : "spb-decode-piece", "-", Request::kUseObject,
+        AuditMode::kRefusal};
   return guard_.Run(s, op, NoArgs, [&](const users::UserInfo &) -> Result<secure::Bytes> {
-    Result<SpbMessage *> m = MessageOf(s, handle, true);
+    Result<SpbMessage *> m = MessageOf(s, handle, encoding);
     if (!m.ok()) return m.status();
     if ((*m)->failed) return Status::Error(Code::kBadState, "the message already failed");
-    crypto::Result<crypto::Bytes> out = (*m)->encoder->Update(View(piece));
+    crypto::Result<crypto::Bytes> out =
+        encoding ? (*m)->encoder->Update(View(piece)) : (*m)->decoder->Update(View(piece));
     if (!out.ok()) {
       (*m)->failed = true;
       return FromCrypto(out.status());
     }
     return secure::Bytes(out->begin(), out->end());
   });
+}
+
+Result<secure::Bytes> SpbService::EncodeCont(Session &s, uint64_t handle,
+                                             const secure::Bytes &piece) {
+  return Piece(s, handle, piece, true);
 }
 
 Result<secure::Bytes> SpbService::EncodeEnd(Session &s, uint64_t handle) {
@@ -713,18 +720,7 @@ Result<uint64_t> SpbService::DecodeInit(Session &s, const SpbDecodeArgs &a) {
 
 Result<secure::Bytes> SpbService::DecodeCont(Session &s, uint64_t handle,
                                              const secure::Bytes &piece) {
-  Op op{"spb-decode-piece", "-", Request::kUseObject, AuditMode::kRefusal};
-  return guard_.Run(s, op, NoArgs, [&](const users::UserInfo &) -> Result<secure::Bytes> {
-    Result<SpbMessage *> m = MessageOf(s, handle, false);
-    if (!m.ok()) return m.status();
-    if ((*m)->failed) return Status::Error(Code::kBadState, "the message already failed");
-    crypto::Result<crypto::Bytes> out = (*m)->decoder->Update(View(piece));
-    if (!out.ok()) {
-      (*m)->failed = true;
-      return FromCrypto(out.status());
-    }
-    return secure::Bytes(out->begin(), out->end());
-  });
+  return Piece(s, handle, piece, false);
 }
 
 Status SpbService::DecodeEnd(Session &s, uint64_t handle) {

@@ -109,6 +109,10 @@ class SpbService {
   Result<std::vector<SpbCertificate>> Certificates(std::string_view ispb);
 
  private:
+  // A piece of a message through its encoder or decoder; a failed piece fails the message.
+  Result<secure::Bytes> Piece(sessions::Session &s, uint64_t handle, const secure::Bytes &piece,
+                              bool encoding);
+
   Status SetActive(const std::vector<SpbCertificate> &of_ispb, const objects::ObjectRef &which,
                    std::string_view domain);
   // A key of the ISPB in the store that the certificate carries, or empty.
