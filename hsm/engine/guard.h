@@ -19,9 +19,9 @@ namespace qlhsm {
 
 // How a request is written to the audit log.
 enum class AuditMode {
-  kRead,     // a line kept in memory and written with the next change
+  kRead,     // a line kept in memory and written with the next change (signatures too)
   kChange,   // a change: its line is on disk before the answer leaves
-  kRefusal,  // only when refused (the hot paths: a line per signature would be the log's size)
+  kRefusal,  // only when refused (the hot paths of ciphers, hashes and verification)
 };
 
 struct Op {

@@ -767,13 +767,17 @@ QLAPI_EXPORT int QGetStatInfo(HSESSIONCTX hSession, uint32_t *pdwSessionCount,
 /* The size in bytes of the HSM's audit log. Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QGetStatLogSize(HSESSIONCTX hSession, uint64_t *pqwLogSize);
 
-/* Network configuration of the HSM as text lines "name=value\n". */
+/* Network configuration of the HSM as text lines "name=value\n": "hostname=<name>", then one line
+ * per address, "if.<interface>.ipv4=<address>/<prefix>" or ".ipv6=". szInfo gets the text and its
+ * NUL (size query as usual). Right ACL_USR_REMOTE_LOG or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QGetNetInfo(HSESSIONCTX hSession, char *szInfo, uint32_t *pdwInfoLen);
 
 /* A list of names: called once per name with bLast 0, then once with szName null and bLast 1.
  * A non-zero return stops the list; the listing call then answers QL_ERR_CANCELLED. */
 typedef int (*PQL_LIST_CALLBACK)(void *pvParam, const char *szName, int bLast);
 
+/* What the HSM runs, one name each: "service:<name>" per service of the HSM, "openssl:<version>",
+ * "sqlite:<version>", "provider:<name> <version>" per OpenSSL provider loaded. Any login. */
 QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
                                     void *pvParam);
 

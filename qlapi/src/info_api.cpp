@@ -77,6 +77,30 @@ extern "C" int QGetStatLogSize(HSESSIONCTX hSession, uint64_t *pqwLogSize) {
   });
 }
 
+extern "C" int QGetNetInfo(HSESSIONCTX hSession, char *szInfo, uint32_t *pdwInfoLen) {
+  return Guard([&] {
+    if (pdwInfoLen == nullptr) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    request.mutable_get_net_info();
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (!response.has_blob()) return QL_ERR_PROTOCOL;
+    // Text with its terminating NUL, under the usual size query.
+    std::string text = response.blob().data();
+    text.push_back('\0');
+    return CopyOut(text, reinterpret_cast<unsigned char *>(szInfo), pdwInfoLen).code();
+  });
+}
+
+extern "C" int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
+                                  void *pvParam) {
+  return Guard([&] {
+    pb::Request request;
+    request.mutable_list_modules();
+    return ListNames(hSession, request, pfnCallback, pvParam);
+  });
+}
+
 extern "C" int QGetRandom(HSESSIONCTX hSession, unsigned char *pbData, uint32_t dwDataLen) {
   return Guard([&] {
     if (pbData == nullptr && dwDataLen > 0) return QL_ERR_BAD_ARGUMENT;

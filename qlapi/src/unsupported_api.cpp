@@ -8,12 +8,6 @@
 
 extern "C" {
 
-int QGetNetInfo(HSESSIONCTX, char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QListLoadedModules(HSESSIONCTX, PQL_LIST_CALLBACK, void *) {
-  QL_NOT_SUPPORTED;
-}
 int QGetHSMP11Info(HSESSIONCTX, HP11INFOCTX *phInfo, uint32_t) {
   if (phInfo) *phInfo = nullptr;
   QL_NOT_SUPPORTED;

@@ -112,10 +112,11 @@ std::string Mask(std::string text) {
   static const std::regex kLongHex("\\b[0-9A-Fa-f]{16,}\\b");
   static const std::regex kBase64("[A-Za-z0-9+/]{20,}={1,2}");
   static const std::regex kBareCount("(^|\n)[0-9]+(\r?\n)");
-  // The HSM's own figures and identity (-j info): its serial, host, build and load.
+  // The HSM's own figures and identity (-j info): its serial, host, build, load, network and
+  // libraries.
   static const std::regex kHsmFigures(
-      "((?:Serial number|Hardware|CPU|Memory|Log size) : )[^\r\n]*|( Name : )[^\r\n]*(\r\n "
-      "+Library)");
+      "((?:Serial number|Hardware|CPU|Memory|Log size|Host|Addresses|OpenSSL|SQLite|Providers) : )"
+      "[^\r\n]*|( Name : )[^\r\n]*(\r\n +Library)");
   text = std::regex_replace(text, kHsmFigures, "$1$2<varies>$3");
   text = std::regex_replace(text, kDateTime, "<time>");
   text = std::regex_replace(text, kDecimal, "#.#");

@@ -59,6 +59,12 @@ class LogJobs : public ::testing::Test {
 TEST_F(LogJobs, GetLogForwardsAndBackwardsAcrossCompressedPages) {
   for (int i = 0; i < 12; ++i)
     MustRun("create-user", {"-un", "u" + std::to_string(i), "-pwd", "12345678"});
+  // A run of signatures: each is a line.
+  MustRun("gen-key", {"-k", "ecc_secp256r1", "-kn", "logsig", "-exp", "0", "-tmp", "0"});
+  WriteText(Path("data.txt"), "signed\n");
+  for (int i = 0; i < 3; ++i)
+    MustRun("sign-hash", {"-kn", "logsig", "-h", "sha256", "-in", Path("data.txt"), "--out",
+                          Path("sig" + std::to_string(i))});
   const std::vector<std::string> forwards = Lines(MustRun("get-log", {"-raw"}));
   const std::vector<std::string> backwards = Lines(MustRun("get-log", {"-raw", "-rev"}));
   ASSERT_GT(forwards.size(), 12u);
@@ -70,6 +76,13 @@ TEST_F(LogJobs, GetLogForwardsAndBackwardsAcrossCompressedPages) {
     if (line.find("master create-user u" + std::to_string(next) + " 0") != std::string::npos)
       ++next;
   EXPECT_EQ(next, 12) << "every creation, in order, across pages";
+  EXPECT_GE(std::count_if(forwards.begin(), forwards.end(),
+                          [](const std::string &line) {
+                            return line.find("master sign ") != std::string::npos &&
+                                   line.find("logsig 0") != std::string::npos;
+                          }),
+            3)
+      << "a line per signature (a size query signs too)";
   const std::string formatted = MustRun("get-log");
   EXPECT_NE(formatted.find(" UTC  master  create-user u3  ok\r\n"), std::string::npos) << formatted;
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -111,9 +112,50 @@ int InfoWork(HSESSIONCTX session) {
   std::string listed;
   for (const std::string &rule : rules) listed += (listed.empty() ? "" : ", ") + rule;
   if (listed.empty()) listed = "(none: every address)";
+  // "hostname=<name>" and "if.<interface>.ipv4=<address>/<prefix>" (or .ipv6) lines.
+  std::string host, addresses;
+  uint32_t net_len = 0;
+  int net_rc = QGetNetInfo(session, nullptr, &net_len);
+  if (net_rc == QL_ERR_BUFFER_TOO_SMALL) {
+    std::string text(net_len, '\0');
+    net_rc = QGetNetInfo(session, text.data(), &net_len);
+    std::istringstream lines(text.c_str());
+    for (std::string line; std::getline(lines, line);) {
+      const size_t eq = line.find('=');
+      if (eq == std::string::npos) continue;
+      const std::string name = line.substr(0, eq), value = line.substr(eq + 1);
+      if (name == "hostname") host = value;
+      if (name.rfind("if.", 0) == 0 && name.find('.', 3) != std::string::npos)
+        addresses +=
+            (addresses.empty() ? "" : ", ") + name.substr(3, name.find('.', 3) - 3) + " " + value;
+    }
+  }
   SectionTable network("Network", 16);
   network.AddRow("Allow-list", "%s", FigureOrReason(rules_rc, listed).c_str());
+  network.AddRow("Host", "%s", FigureOrReason(net_rc, host).c_str());
+  network.AddRow("Addresses", "%s", FigureOrReason(net_rc, addresses).c_str());
   network.Print();
+  ScreenOutput("\r\n");
+
+  // "service:<name>", "openssl:<version>", "sqlite:<version>", "provider:<name> <version>".
+  std::vector<std::string> modules;
+  const int modules_rc = QListLoadedModules(session, &AddName, &modules);
+  std::string services, openssl, sqlite, providers;
+  for (const std::string &m : modules) {
+    const size_t colon = m.find(':');
+    if (colon == std::string::npos) continue;
+    const std::string kind = m.substr(0, colon), value = m.substr(colon + 1);
+    if (kind == "service") services += (services.empty() ? "" : " ") + value;
+    if (kind == "openssl") openssl = value;
+    if (kind == "sqlite") sqlite = value;
+    if (kind == "provider") providers += (providers.empty() ? "" : ", ") + value;
+  }
+  SectionTable loaded("Modules", 16);
+  loaded.AddRow("Services", "%s", FigureOrReason(modules_rc, services).c_str());
+  loaded.AddRow("OpenSSL", "%s", FigureOrReason(modules_rc, openssl).c_str());
+  loaded.AddRow("SQLite", "%s", FigureOrReason(modules_rc, sqlite).c_str());
+  loaded.AddRow("Providers", "%s", FigureOrReason(modules_rc, providers).c_str());
+  loaded.Print();
   return 0;
 }
 

@@ -48,6 +48,15 @@ std::string_view AuditName(const KeyArg &arg) {
   return arg.name.empty() ? std::string_view("-") : std::string_view(arg.name);
 }
 
+// The name of the key, also when a handle names it: an opened object's "owner/object", a named
+// session key's name, else "-".
+std::string KeyNameOf(Session &s, const KeyArg &arg) {
+  if (!arg.name.empty() || arg.handle == 0) return std::string(AuditName(arg));
+  if (const std::string *opened = s.FindOpened(arg.handle)) return *opened;
+  const sessions::TempObject *temp = s.FindTemp(arg.handle);
+  return temp != nullptr && !temp->name.empty() ? temp->name : "-";
+}
+
 // The cipher state of a handle, made from its key on first use.
 crypto::CipherState *StateFor(Session &s, uint64_t handle, const crypto::KeyPtr &key) {
   if (crypto::CipherState *c = s.FindCipher(handle)) return c;
@@ -416,7 +425,9 @@ Result<secure::Bytes> KeysService::SignHash(Session &s, const KeyArg &key, uint3
                                             const secure::Bytes &digest, uint32_t flags,
                                             size_t capacity, size_t *longest) {
   KeyTarget target;
-  Op op{"sign", AuditName(key), UseRight(s, key), AuditMode::kRefusal};
+  // Every signature is a line of the log (kept in memory while the log cache is on).
+  const std::string key_name = KeyNameOf(s, key);
+  Op op{"sign", key_name, UseRight(s, key), AuditMode::kRead};
   return guard_.Run(
       s, op, [&] { return Target(s, key, &target); },
       [&](const users::UserInfo &) -> Result<secure::Bytes> {
@@ -496,7 +507,8 @@ Result<secure::Bytes> KeysService::Cipher(Session &s, const KeyArg &key, bool en
 Result<secure::Bytes> KeysService::BatchSign(Session &s, const KeyArg &key, uint32_t count,
                                              const secure::Bytes &blocks) {
   KeyTarget target;
-  Op op{"batch-sign", AuditName(key), UseRight(s, key), AuditMode::kRefusal};
+  const std::string key_name = KeyNameOf(s, key);
+  Op op{"batch-sign", key_name, UseRight(s, key), AuditMode::kRead};
   return guard_.Run(
       s, op, [&] { return Target(s, key, &target); },
       [&](const users::UserInfo &) -> Result<secure::Bytes> {

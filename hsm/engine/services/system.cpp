@@ -1,13 +1,21 @@
 // The HSM itself. Its date and time are an offset to this machine's clock, kept in the settings.
 #include "engine/services/system.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/opensslv.h>
+#include <openssl/provider.h>
+#include <sqlite3.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 
+#include "crypto/ossl.h"
 #include "engine/backup/backup.h"
 
 namespace qlhsm {
@@ -127,6 +135,82 @@ Result<HsmInfo> SystemService::GetHsmInfo(Session &s) {
                         std::replace(v.begin(), v.end(), '%', ' ');  // never a '%' in versions
                       return info;
                     });
+}
+
+namespace {
+
+// The prefix length of a netmask (its leading one bits).
+int PrefixOf(const sockaddr *mask) {
+  if (mask == nullptr) return 0;
+  const auto *bytes = mask->sa_family == AF_INET
+                          ? reinterpret_cast<const uint8_t *>(
+                                &reinterpret_cast<const sockaddr_in *>(mask)->sin_addr)
+                          : reinterpret_cast<const uint8_t *>(
+                                &reinterpret_cast<const sockaddr_in6 *>(mask)->sin6_addr);
+  const size_t n = mask->sa_family == AF_INET ? 4 : 16;
+  int prefix = 0;
+  for (size_t i = 0; i < n; ++i)
+    for (int bit = 7; bit >= 0 && (bytes[i] >> bit & 1); --bit) ++prefix;
+  return prefix;
+}
+
+}  // namespace
+
+Result<std::string> SystemService::GetNetInfo(Session &s) {
+  return guard_.Run(
+      s, Op{"net-info", "-", Request::kReadStats, AuditMode::kRefusal}, NoArgs,
+      [&](const users::UserInfo &) -> Result<std::string> {
+        char host[256] = {};
+        if (gethostname(host, sizeof host - 1) != 0) host[0] = '\0';
+        std::string out = std::string("hostname=") + host + "\n";
+        ifaddrs *list = nullptr;
+        if (getifaddrs(&list) != 0) return Status::Error(Code::kInternal, "getifaddrs failed");
+        for (const ifaddrs *a = list; a != nullptr; a = a->ifa_next) {
+          if (a->ifa_addr == nullptr ||
+              (a->ifa_addr->sa_family != AF_INET && a->ifa_addr->sa_family != AF_INET6))
+            continue;
+          const bool v4 = a->ifa_addr->sa_family == AF_INET;
+          char text[INET6_ADDRSTRLEN] = {};
+          const void *where =
+              v4 ? static_cast<const void *>(
+                       &reinterpret_cast<const sockaddr_in *>(a->ifa_addr)->sin_addr)
+                 : static_cast<const void *>(
+                       &reinterpret_cast<const sockaddr_in6 *>(a->ifa_addr)->sin6_addr);
+          if (inet_ntop(a->ifa_addr->sa_family, where, text, sizeof text) == nullptr) continue;
+          out += std::string("if.") + a->ifa_name + (v4 ? ".ipv4=" : ".ipv6=") + text + "/" +
+                 std::to_string(PrefixOf(a->ifa_netmask)) + "\n";
+        }
+        freeifaddrs(list);
+        return out;
+      });
+}
+
+Result<std::vector<std::string>> SystemService::ListModules(Session &s) {
+  return guard_.Run(
+      s, Op{"list-modules", "-", Request::kFree, AuditMode::kRefusal}, NoArgs,
+      [&](const users::UserInfo &) -> Result<std::vector<std::string>> {
+        std::vector<std::string> names;
+        for (const char *service : {"users", "objects", "keys", "hashes", "system", "logs", "pki",
+                                    "payment", "vault", "oath", "sharing", "bchain", "spb"})
+          names.push_back(std::string("service:") + service);
+        names.push_back(std::string("openssl:") + OpenSSL_version(OPENSSL_VERSION_STRING));
+        names.push_back(std::string("sqlite:") + sqlite3_libversion());
+        OSSL_PROVIDER_do_all(
+            crypto::ossl::LibCtx(),
+            [](OSSL_PROVIDER *provider, void *out) {
+              const char *version = nullptr;
+              OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_ptr(
+                                         OSSL_PROV_PARAM_VERSION, const_cast<char **>(&version), 0),
+                                     OSSL_PARAM_construct_end()};
+              std::string line = std::string("provider:") + OSSL_PROVIDER_get0_name(provider);
+              if (OSSL_PROVIDER_get_params(provider, params) == 1 && version != nullptr)
+                line += std::string(" ") + version;
+              static_cast<std::vector<std::string> *>(out)->push_back(std::move(line));
+              return 1;
+            },
+            &names);
+        return names;
+      });
 }
 
 Status SystemService::KeepAlive(Session &s) {

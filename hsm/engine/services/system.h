@@ -49,6 +49,14 @@ class SystemService {
   Result<uint64_t> GetLogSize(sessions::Session &s);
   Result<audit::Page> ReadLogPage(sessions::Session &s, uint64_t number);
   Result<HsmInfo> GetHsmInfo(sessions::Session &s);
+  // The host's network as "name=value" lines: "hostname=<name>", then one line per address,
+  // "if.<interface>.ipv4=<address>/<prefix>" (or .ipv6): the statistics right, since it maps
+  // the network the HSM sits in.
+  Result<std::string> GetNetInfo(sessions::Session &s);
+  // What the HSM runs: "service:<name>" for each service of the engine, then "openssl:<version>",
+  // "sqlite:<version>" and "provider:<name> <version>" for each OpenSSL provider loaded into
+  // the engine's library context. Any logged-in session.
+  Result<std::vector<std::string>> ListModules(sessions::Session &s);
   Status KeepAlive(sessions::Session &s);
   Result<secure::Bytes> Backup(sessions::Session &s, std::string_view pin);
   Status PushUpdatePackage(sessions::Session &s, const secure::Bytes &package);

@@ -101,6 +101,8 @@ void Cipher(const pb::Request &, Call &, pb::Response *);
 void GetSessionParam(const pb::Request &, Call &, pb::Response *);
 void AdmOperation(const pb::Request &, Call &, pb::Response *);
 void GetHsmInfo(const pb::Request &, Call &, pb::Response *);
+void GetNetInfo(const pb::Request &, Call &, pb::Response *);
+void ListModules(const pb::Request &, Call &, pb::Response *);
 void GetStatInfo(const pb::Request &, Call &, pb::Response *);
 void GetStatLogSize(const pb::Request &, Call &, pb::Response *);
 void GetTlsCert(const pb::Request &, Call &, pb::Response *);

@@ -45,6 +45,16 @@ void GetHsmInfo(const pb::Request &, Call &c, pb::Response *r) {
   });
 }
 
+void GetNetInfo(const pb::Request &, Call &c, pb::Response *r) {
+  Reply(c.engine.system().GetNetInfo(c.session), r,
+        [&](const std::string &text) { r->mutable_blob()->set_data(text); });
+}
+
+void ListModules(const pb::Request &, Call &c, pb::Response *r) {
+  Reply(c.engine.system().ListModules(c.session), r,
+        [&](const std::vector<std::string> &names) { SetNames(names, r); });
+}
+
 void GetStatInfo(const pb::Request &, Call &c, pb::Response *r) {
   Reply(c.engine.system().GetStatInfo(c.session), r, [&](const StatInfo &info) {
     auto *m = r->mutable_stat_info();

@@ -61,6 +61,8 @@ constexpr Row kRows[] = {
     {R::kGetSessionParam, GetSessionParam},
     {R::kAdmOperation, AdmOperation},
     {R::kGetHsmInfo, GetHsmInfo},
+    {R::kGetNetInfo, GetNetInfo},
+    {R::kListModules, ListModules},
     {R::kGetStatInfo, GetStatInfo},
     {R::kGetStatLogSize, GetStatLogSize},
     {R::kGetTlsCert, GetTlsCert},
@@ -123,7 +125,7 @@ constexpr Row kRows[] = {
 };
 
 // Request kinds are the body's field numbers, all below this.
-constexpr size_t kMaxKind = 256;
+constexpr size_t kMaxKind = 512;
 
 constexpr std::array<Handler, kMaxKind> MakeIndex() {
   std::array<Handler, kMaxKind> index{};

@@ -2,10 +2,13 @@
 // secret outside the HSM), JSON metadata, the HSM's date and time, and the probe's state word.
 #include <gtest/gtest.h>
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/x509.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -156,6 +159,48 @@ TEST(E2eServices, ProbeAnswersItsStateWord) {
   EXPECT_EQ(small[0], 0xEE) << "a short buffer was written";
   // No length: the caller wants no output.
   EXPECT_EQ(QAdmOperation(anon.get(), QL_ADM_PROBE, nullptr, 0, nullptr, nullptr, 0), QL_OK);
+}
+
+int Collect(void *names, const char *name, int last) {
+  if (!last && name != nullptr) static_cast<std::vector<std::string> *>(names)->push_back(name);
+  return 0;
+}
+
+TEST(E2eServices, NetworkAndModulesOfTheHsm) {
+  Session m;
+  uint32_t len = 0;
+  ASSERT_EQ(QGetNetInfo(m.get(), nullptr, &len), QL_ERR_BUFFER_TOO_SMALL);
+  std::string text(len, '\0');
+  ASSERT_EQ(QGetNetInfo(m.get(), text.data(), &len), QL_OK);
+  ASSERT_EQ(text.back(), '\0');
+  // The host is this machine, and loopback is among its addresses.
+  char host[256] = {};
+  ASSERT_EQ(gethostname(host, sizeof host - 1), 0);
+  EXPECT_EQ(text.rfind(std::string("hostname=") + host + "\n", 0), 0u) << text;
+  EXPECT_NE(text.find(".ipv4=127.0.0.1/8\n"), std::string::npos) << text;
+
+  std::vector<std::string> modules;
+  ASSERT_EQ(QListLoadedModules(m.get(), &Collect, &modules), QL_OK);
+  auto listed = [&](const std::string &name) {
+    return std::find(modules.begin(), modules.end(), name) != modules.end();
+  };
+  EXPECT_TRUE(listed("service:keys"));
+  // The HSM runs on the OpenSSL this test links.
+  EXPECT_TRUE(listed(std::string("openssl:") + OpenSSL_version(OPENSSL_VERSION_STRING)));
+  EXPECT_TRUE(listed(std::string("provider:default ") + OpenSSL_version(OPENSSL_VERSION_STRING)));
+  EXPECT_EQ(QListLoadedModules(
+                m.get(), [](void *, const char *, int) { return 1; }, nullptr),
+            QL_ERR_CANCELLED);
+
+  // The network needs the statistics right; the modules only a login.
+  User plain("netplain", 0);
+  Session p = plain.Open();
+  EXPECT_EQ(QGetNetInfo(p.get(), nullptr, &len), QL_ERR_ACCESS_DENIED);
+  modules.clear();
+  EXPECT_EQ(QListLoadedModules(p.get(), &Collect, &modules), QL_OK);
+  EXPECT_FALSE(modules.empty());
+  Session anonymous{Session::Anonymous{}};
+  EXPECT_EQ(QListLoadedModules(anonymous.get(), &Collect, &modules), QL_ERR_ACCESS_DENIED);
 }
 
 TEST(E2eServices, DateAndTimeMoveWhatTheHsmReports) {
