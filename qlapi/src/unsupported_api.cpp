@@ -1,7 +1,7 @@
-// The calls whose HSM services are not built yet (PIX and XML, blockchain keys, secret keeping,
-// metadata records and maps, parts of PKI, and the network tools).
-// Each answers QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at once that the
-// service is missing; handle-releasing calls clear the handle they are given.
+// The calls whose HSM services are not built yet (PIX JWS and requests, blockchain keys, secret
+// keeping, metadata records and maps, parts of PKI, and the network tools). Each answers
+// QL_ERR_NOT_SUPPORTED after checking nothing, so a caller learns at once that the service is
+// missing; handle-releasing calls clear the handle they are given.
 #include "api_common.h"
 
 #define QL_NOT_SUPPORTED return QL_ERR_NOT_SUPPORTED
@@ -46,30 +46,6 @@ int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigne
   QL_NOT_SUPPORTED;
 }
 
-int QSignXml(HSESSIONCTX, uint32_t, const char *, const char *, const char *, const unsigned char *,
-             uint32_t, unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, const unsigned char *,
-                       uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QPIXSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-             unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXVerify(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXDictSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-                 unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXDictVerify(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-                   uint32_t) {
-  QL_NOT_SUPPORTED;
-}
 int QPIXJWSSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, char **,
                 uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
