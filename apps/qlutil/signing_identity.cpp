@@ -58,7 +58,29 @@ const char kSigningIdentityPkcs12Base64[] =
     "IwYJKoZIhvcNAQkVMRYEFG3Vzqc7hpkShiNyUA6CVF2ibSIOMEEwMTANBglghkgBZQMEAgEFAAQg"
     "KLnDWB+zUBt/hf6nb1bnVCCsgI/sZU6/FXX6uX1C6gMECLUHSRaYdcixAgIIAA==";
 
-const char kSigningIdentityCaPem[] =
+// The chain object's content: the signer, then its CA (the anchor). The PIX checks find the
+// signer in it by issuer and serial number.
+const char kSigningIdentityChainPem[] =
+    "-----BEGIN CERTIFICATE-----\n"
+    "MIIDVDCCAjygAwIBAgICEAEwDQYJKoZIhvcNAQELBQAwPDELMAkGA1UEBhMCQlIx\n"
+    "FDASBgNVBAoMC3FsdXRpbCB0ZXN0MRcwFQYDVQQDDA5xbHV0aWwgdGVzdCBDQTAe\n"
+    "Fw0yNjExMjQwNTUzMTRaFw00OTEyMzAwNTUzMTRaMD8xCzAJBgNVBAYTAkJSMRQw\n"
+    "EgYDVQQKDAtxbHV0aWwgdGVzdDEaMBgGA1UEAwwRcWx1dGlsIFhNTCBzaWduZXIw\n"
+    "ggEiMA0GCSqGSIb3DQEBAQUAA4IBDwAwggEKAoIBAQC2Gt8h7oWnpX8JeGa9CqpZ\n"
+    "lY5u0cSWxjmDPci030RuoRjFCS0IuHoITkg6qb/vuctptpxwGDyhjXciUdkllhRB\n"
+    "jnj9lA66SsqIJfKZIKNobsm3Y+G+wzGZ0YcRAH3vktWECVOiwSttrW81cXZenSvt\n"
+    "FEqxlnWgkOJy9Jq00pAyVIeo335bEo1dhzcUJmXvheI3MYm+JoCtRFYy9kEdIleT\n"
+    "QWE+onGdomgOe+XA8ZrFc9FR5l2hcOZfkQ8zQrg65GwW87tNiMdWvq2DQOFblgqR\n"
+    "uVh4ZV+lR8m+1khLk6Nci7e+0jhOEaDKZq/GZ5DYc6dPhMN0e2Gsc+YOCvz2yD9R\n"
+    "AgMBAAGjXTBbMAkGA1UdEwQCMAAwDgYDVR0PAQH/BAQDAgbAMB0GA1UdDgQWBBQt\n"
+    "zjoGfG4+39bh2PnK3VY07W3CQTAfBgNVHSMEGDAWgBRgTB9mz1S8J9PD56IOEmqT\n"
+    "LRH2zTANBgkqhkiG9w0BAQsFAAOCAQEAGNV0gXsMXt6HejALr1+XLyOj45qzSPFi\n"
+    "Z/feRXdjKWC3KLDW4fHXVQUkm9thh8Qrb+SarpAH+5+UoR4x1qQ8AspW1USS6bVT\n"
+    "IEliUU2ABodAiV51nwtd22OGORxd0U5oDi37rohxsGU06Ba2zEUfoMlv5kSrS0Ai\n"
+    "bFDiDtLpstI2T1hDbwdh46MTPdd9ZUqyylGozPncYkyjDg/rbDp6D3LdHT46UuJE\n"
+    "YQOLB6AHIlDEtnphddKIlH7LEIBwJuEsQ2KGrvPOoL0J9V3QvrGt6YMjy89fnMja\n"
+    "CctGgPeXf7UKo0ZgPuZYx/eW7V4k/lemFUSxjO59EPXNvq6CB9t40A==\n"
+    "-----END CERTIFICATE-----\n"
     "-----BEGIN CERTIFICATE-----\n"
     "MIIDaTCCAlGgAwIBAgIURN4VNoKvYSYVyqujY9icY4twg48wDQYJKoZIhvcNAQEL\n"
     "BQAwPDELMAkGA1UEBhMCQlIxFDASBgNVBAoMC3FsdXRpbCB0ZXN0MRcwFQYDVQQD\n"
@@ -110,8 +132,8 @@ int InstallSigningIdentity(const char *tag, HSESSIONCTX hSession, SigningIdentit
   std::memcpy(names->szKey, made.szKey, sizeof made.szKey);
   std::memcpy(names->szCert, made.szCert, sizeof made.szCert);
   rc = QWriteFileBuffer(
-      hSession, made.szChain, reinterpret_cast<const unsigned char *>(kSigningIdentityCaPem),
-      static_cast<uint32_t>(std::strlen(kSigningIdentityCaPem)), QL_WRITE_FILE_TYPED);
+      hSession, made.szChain, reinterpret_cast<const unsigned char *>(kSigningIdentityChainPem),
+      static_cast<uint32_t>(std::strlen(kSigningIdentityChainPem)), QL_WRITE_FILE_TYPED);
   if (rc != 0) {
     RemoveSigningIdentity(hSession, names);
     return Fail(tag, "QWriteFileBuffer", rc);

@@ -7,16 +7,16 @@
 
 extern const char kSigningIdentityPkcs12Base64[];
 extern const char kSigningIdentityPassword[];
-extern const char kSigningIdentityCaPem[];
+extern const char kSigningIdentityChainPem[];  // the certificate, then its CA
 
 // The HSM objects of one installed identity, under temporary names.
 struct SigningIdentityNames {
   char szKey[kTempKeyNameSize];
   char szCert[kTempKeyNameSize];
-  char szChain[kTempKeyNameSize];  // the CA certificate, which verifies the signer
+  char szChain[kTempKeyNameSize];  // the certificate and its CA: verifies the signer
 };
 
-// Imports the key and certificate, writes the CA as a typed object and associates key and
+// Imports the key and certificate, writes the chain as a typed object and associates key and
 // certificate. Prints "[tag] Fail in <call>. rc = %d" on a failure, removes what it made and
 // answers the code.
 int InstallSigningIdentity(const char *tag, HSESSIONCTX hSession, SigningIdentityNames *names);

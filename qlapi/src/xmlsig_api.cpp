@@ -481,7 +481,7 @@ int Sign(HSESSIONCTX hSession, Layout layout, uint32_t hash_id, const char *key_
   uint32_t value_len = sizeof value;
   RETURN_IF_FAILED((QSignHashedData(
       hSession, key_name, QL_PAD_NONE, reinterpret_cast<const unsigned char *>(digest.data()),
-      static_cast<uint32_t>(digest.size()), hash_id, value, &value_len, 0)));
+      static_cast<uint32_t>(digest.size()), hash_id, value, &value_len, QL_SIGN_DISABLE_LEGACY)));
   std::string sig_value(reinterpret_cast<char *>(value), value_len);
   if (key_type == EVP_PKEY_EC) {
     std::string raw;

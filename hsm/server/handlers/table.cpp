@@ -125,7 +125,7 @@ constexpr Row kRows[] = {
 };
 
 // Request kinds are the body's field numbers, all below this.
-constexpr size_t kMaxKind = 256;
+constexpr size_t kMaxKind = 320;
 
 constexpr std::array<Handler, kMaxKind> MakeIndex() {
   std::array<Handler, kMaxKind> index{};
