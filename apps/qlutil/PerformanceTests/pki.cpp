@@ -190,12 +190,11 @@ int RunXmlTest(TEST_PARAMETER *pTestParam, int nParameters, bool verify) {
   }
   ScreenOutput("     -h      Hash algorithm:\r\n");
   ShowHelpHashAlgorithms();
-  ScreenOutput("     -kn     [OPTIONAL] Name of the signing key. A test identity by default.\r\n");
-  ScreenOutput("     -c      [OPTIONAL] Name of the signer certificate (with -kn).\r\n");
+  ScreenOutput("     -kn     [OPTIONAL] Name of the signing key. A test key by default.\r\n");
+  ScreenOutput("     -c      [OPTIONAL] Name of the signer certificate.\r\n");
   if (verify) {
     ScreenOutput(
-        "     -p7     [OPTIONAL] Name of the chain (PKCS#7) that verifies the signer (with "
-        "-kn).\r\n");
+        "     -p7     [OPTIONAL] Name of the chain (PKCS#7) that verifies the signer.\r\n");
     ScreenOutput("     -crl    [OPTIONAL] Name of the CRL checked.\r\n");
   }
   ScreenOutput("     -ft     [OPTIONAL] Filter: the element to sign.\r\n");

@@ -74,6 +74,30 @@ openssl ca -config ca.cnf -gencrl -keyfile ca.key -cert ca.pem -out crl.pem
 cat leaf.pem revoked.pem ca.pem > chain.pem
 )";
 
+// Checks a namespace-free PIX message independently: each reference's digest recomputed with
+// xmllint --exc-c14n over the element it names (KeyInfo, the AppHdr without its Signature, the
+// Document), and SignedInfo's canonical form written for openssl dgst to check the value.
+constexpr const char *kCheckPix = R"(import base64, hashlib, re, subprocess, sys
+doc = open(sys.argv[1]).read()
+def c14n(fragment):
+    return subprocess.run(['xmllint', '--exc-c14n', '-'], input=fragment.encode(),
+                          capture_output=True, check=True).stdout
+def element(name, text):
+    return re.search(r'<%s[ >].*?</%s>' % (name, name), text, re.S).group(0)
+ds = 'xmlns="http://www.w3.org/2000/09/xmldsig#"'
+sig = element('Signature', doc)
+key_info = element('KeyInfo', sig).replace('<KeyInfo', '<KeyInfo ' + ds, 1)
+header = element('AppHdr', doc).replace(sig, '')
+want = [base64.b64encode(hashlib.sha256(c14n(x)).digest()).decode()
+        for x in (key_info, header, element('Document', doc))]
+got = re.findall(r'<DigestValue>([^<]*)</DigestValue>', sig)
+sys.exit('digests %s, recomputed %s' % (got, want)) if got != want else None
+signed_info = element('SignedInfo', sig).replace('<SignedInfo', '<SignedInfo ' + ds, 1)
+open('si.c14n', 'wb').write(c14n(signed_info))
+value = re.search(r'<SignatureValue>([^<]*)</SignatureValue>', sig).group(1)
+open('sig.bin', 'wb').write(base64.b64decode(value))
+)";
+
 std::string Unique(const char *what) {
   return std::string("xs_") + what + "_" + std::to_string(getpid());
 }
@@ -217,7 +241,8 @@ TEST_F(XmlSig, SameSignatureValueAsXmlsec1AndXmlsec1SignaturesVerify) {
   std::string tmpl = Replace(ours, "<DigestValue>" + Between(ours, "DigestValue"), "<DigestValue>");
   tmpl = Replace(tmpl, "<SignatureValue>" + Between(ours, "SignatureValue"), "<SignatureValue>");
   Write("tmpl.xml", tmpl);
-  ASSERT_EQ(Sh("xmlsec1 --sign --privkey-pem leaf.key --output theirs.xml tmpl.xml"), 0) << tmpl;
+  ASSERT_EQ(Sh("xmlsec1 --sign --privkey-pem leaf.key,leaf.pem --output theirs.xml tmpl.xml"), 0)
+      << tmpl;
   EXPECT_EQ(Between(Read("theirs.xml"), "SignatureValue"), Between(ours, "SignatureValue"));
 
   Write("doc_tmpl.xml", kXmlsecTemplate);
@@ -321,6 +346,13 @@ TEST_F(XmlSig, PixMessagesSignAndVerify) {
   const std::string bare = SignPix(kPixMessage, false, QL_PIX_REMOVE_NS);
   EXPECT_EQ(bare.find("pacs.008"), std::string::npos) << bare;
   EXPECT_EQ(VerifyPix(bare, false, QL_PIX_REMOVE_NS), 0);
+  Write("bare.xml", bare);
+  Write("check_pix.py", kCheckPix);
+  EXPECT_EQ(Sh("/usr/bin/python3 check_pix.py bare.xml && openssl x509 -in leaf.pem -pubkey "
+               "-noout > pub.pem && openssl dgst -sha256 -verify pub.pem -signature sig.bin "
+               "si.c14n"),
+            0)
+      << bare;
   EXPECT_EQ(VerifyPix(msg, false, 2), QL_ERR_BAD_FLAGS);
 }
 
