@@ -56,7 +56,8 @@ constexpr const char *kXmlsecTemplate =
     "</Reference></SignedInfo><SignatureValue/><KeyInfo><X509Data/></KeyInfo></Signature>"
     "</doc>\n";
 
-// A test CA, a signer, a revoked signer, a CRL naming it, and a chain of all three.
+// A test CA, a signer, a revoked signer, an ECDSA signer, a CRL naming the revoked one, and a
+// chain of the CA and the two RSA signers.
 constexpr const char *kMakeIdentities = R"(set -e
 openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -subj /CN=xmltest-CA \
   -days 30 -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign
@@ -67,6 +68,10 @@ for c in leaf revoked; do
   openssl pkcs12 -export -inkey $c.key -in $c.pem -passout pass:pw -out $c.p12
   n=$((n+16))
 done
+openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ec.key -out ec.csr \
+  -subj /CN=ec
+openssl x509 -req -in ec.csr -CA ca.pem -CAkey ca.key -set_serial 64 -days 30 -out ec.pem
+openssl pkcs12 -export -inkey ec.key -in ec.pem -passout pass:pw -out ec.p12
 printf '[ca]\ndefault_ca=d\n[d]\ndatabase=index.txt\ncrlnumber=crlnumber\n' > ca.cnf
 printf 'default_md=sha256\ndefault_crl_days=30\n' >> ca.cnf
 touch index.txt; echo 01 > crlnumber
@@ -111,7 +116,7 @@ class XmlSig : public ::testing::Test {
     std::ofstream(dir_ / "mk.sh") << kMakeIdentities;
     ASSERT_EQ(Sh("sh mk.sh"), 0);
     qltest::OpenedSession s;
-    for (const char *who : {"leaf", "revoked"}) {
+    for (const char *who : {"leaf", "revoked", "ec"}) {
       const std::string key = Unique(who), cert = key + "_cert";
       ASSERT_EQ(QImportPKCS12(s.get(), Path(std::string(who) + ".p12").c_str(), "pw", key.c_str(),
                               cert.c_str(), 0),
@@ -126,7 +131,7 @@ class XmlSig : public ::testing::Test {
   }
   static void TearDownTestSuite() {
     qltest::OpenedSession s;
-    for (const char *name : {"leaf", "revoked", "chain", "crl"}) {
+    for (const char *name : {"leaf", "revoked", "ec", "chain", "crl"}) {
       QRemoveObj(s.get(), Unique(name).c_str());
       QRemoveObj(s.get(), (Unique(name) + "_cert").c_str());
     }
@@ -218,11 +223,22 @@ std::string Replace(std::string doc, const std::string &from, const std::string 
 }
 
 TEST_F(XmlSig, Xmlsec1AcceptsEverySignatureHashAndRefusesATamperedByte) {
-  for (uint32_t hash : {QL_ALG_SHA1, QL_ALG_SHA256, QL_ALG_SHA384, QL_ALG_SHA512}) {
-    SCOPED_TRACE(hash);
-    const std::string signed_doc = SignXml(kDocument, nullptr, hash);
+  const struct {
+    const char *who;
+    uint32_t hash;
+    const char *method;
+  } cases[] = {
+      {"leaf", QL_ALG_SHA1, "xmldsig#rsa-sha1"},  {"leaf", QL_ALG_SHA256, "more#rsa-sha256"},
+      {"leaf", QL_ALG_SHA384, "more#rsa-sha384"}, {"leaf", QL_ALG_SHA512, "more#rsa-sha512"},
+      {"ec", QL_ALG_SHA256, "more#ecdsa-sha256"}, {"ec", QL_ALG_SHA512, "more#ecdsa-sha512"},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.who) + " " + c.method);
+    const std::string signed_doc = SignXml(kDocument, nullptr, c.hash, c.who);
     ASSERT_FALSE(signed_doc.empty());
+    EXPECT_NE(signed_doc.find(c.method), std::string::npos) << signed_doc;
     Write("signed.xml", signed_doc);
+    // The chain object holds only the RSA signers; xmlsec1 and the HSM need the CA alone.
     EXPECT_EQ(Sh("xmlsec1 --verify --trusted-pem ca.pem signed.xml"), 0) << signed_doc;
     EXPECT_EQ(VerifyXml(signed_doc), 0);
     const std::string tampered = Replace(signed_doc, "45.00", "46.00");
