@@ -447,11 +447,3 @@ TEST_F(XmlSig, PerformanceAndFunctionalCommandsLeaveNoObjects) {
 #endif
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
-  const int rc = RUN_ALL_TESTS();
-  QFinalize();
-  return rc;
-}
