@@ -97,6 +97,8 @@
     "The key does not match the certificate.")                                                     \
   X(kBadPassword,      QL_ERR_BAD_PASSWORD,         5085,                                          \
     "Wrong password: the file's integrity check or decryption fails.")                             \
+  X(kBadXml,           QL_ERR_BAD_XML,              5090,                                          \
+    "Malformed or refused XML: a DOCTYPE, duplicate IDs or no signature.")                         \
   X(kCheckFailed,      QL_ERR_CHECK_FAILED,         5060, "the value does not match")              \
   X(kBadPinBlock,      QL_ERR_BAD_PIN_BLOCK,        5061,                                          \
     "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \

@@ -8,6 +8,7 @@ PACKAGES=(
   libssl-dev openssl libsqlite3-dev zlib1g-dev
   libprotobuf-dev protobuf-compiler libasio-dev libcli11-dev
   libp11-kit-dev softhsm2 libsecp256k1-dev nlohmann-json3-dev python3-jsonschema
+  libxml2-dev libxml2-utils xmlsec1
   python3-matplotlib
   libgtest-dev libgmock-dev libbenchmark-dev
   procps dpkg-dev systemd

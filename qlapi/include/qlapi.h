@@ -163,6 +163,8 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_CERT_REVOKED 5083      /* the CRL names the certificate */
 #define QL_ERR_KEY_CERT_MISMATCH 5084 /* the key is not the certificate's */
 #define QL_ERR_BAD_PASSWORD 5085      /* a PKCS#12 file whose MAC or decryption fails */
+/* XML signatures and PIX messages. */
+#define QL_ERR_BAD_XML 5090 /* malformed XML, a DOCTYPE, duplicate IDs, no signature */
 /* Payment: card values, PINs and the EFT daemon. */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
@@ -1369,6 +1371,11 @@ QLAPI_EXPORT int QSPBActivateCertificate(HSESSIONCTX hSession, const char *szIsp
 /* ===========================================================================================
  * PIX
  */
+/* PIX message signatures (QPIXSign, QPIXVerify, QPIXDictSign, QPIXDictVerify): RSA-SHA256,
+ * SHA-256 and Exclusive C14N, the signer named by X509IssuerSerial and found in the chain object
+ * when checked. QL_PIX_REMOVE_NS: the root's default namespace declaration is removed before
+ * signing and before checking. */
+#define QL_PIX_REMOVE_NS 0x1
 QLAPI_EXPORT int QPIXSign(HSESSIONCTX hSession, const char *szKeyName, const char *szCertName,
                           const unsigned char *pbXml, uint32_t dwXmlLen, unsigned char **ppbOut,
                           uint32_t *pdwOutLen, uint32_t dwFlags);

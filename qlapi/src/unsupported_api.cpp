@@ -40,30 +40,6 @@ int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigne
   QL_NOT_SUPPORTED;
 }
 
-int QSignXml(HSESSIONCTX, uint32_t, const char *, const char *, const char *, const unsigned char *,
-             uint32_t, unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QVerifySignedXmlEx(HSESSIONCTX, const char *, const char *, const char *, const unsigned char *,
-                       uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QPIXSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-             unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXVerify(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXDictSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-                 unsigned char **, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXDictVerify(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t,
-                   uint32_t) {
-  QL_NOT_SUPPORTED;
-}
 int QPIXJWSSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, char **,
                 uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;

@@ -200,5 +200,54 @@ TEST_F(PkiServiceTest, ExportAndLinkNeedTheMatchingCertificate) {
   EXPECT_TRUE(pki().ReadRecords(s(), "c")->empty());
 }
 
+TEST_F(PkiServiceTest, SignatureUnderAValidatedSigner) {
+  ASSERT_TRUE(pki().ImportPkcs12(s(), Pfx("leaf.pfx", "signer", "", "secret")).ok());
+  ASSERT_TRUE(pki().WriteTyped(s(), "chain", Cat("leaf.pem", "ca.pem"), false).ok());
+  const secure::Bytes digest(32, 0x5A);
+  Result<secure::Bytes> sig =
+      f_.engine->keys().SignHash(s(), KeyArg{0, "signer"}, QL_ALG_SHA256, digest, 0, 512);
+  ASSERT_TRUE(sig.ok());
+  CertSignatureCheck in;
+  in.certificate = File("leaf.pem");
+  in.chain_name = "ca";
+  in.hash_algorithm = QL_ALG_SHA256;
+  in.digest = digest;
+  in.signature = sig.value();
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), in).code(), Code::kOk);
+  in.crl_name = "crl";
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), in).code(), Code::kOk);
+  CertSignatureCheck bad = in;
+  bad.signature.back() ^= 1;
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), bad).code(), Code::kBadSignature);
+  bad = in;
+  bad.certificate = File("gone.pem");
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), bad).code(), Code::kCertRevoked);
+
+  // By issuer and serial: the chain must hold the signer.
+  CertSignatureCheck by_serial = in;
+  by_serial.certificate.clear();
+  by_serial.issuer = "CN=Test CA";
+  by_serial.serial = secure::Bytes{10};
+  by_serial.chain_name = "chain";
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), by_serial).code(), Code::kOk);
+  by_serial.serial = secure::Bytes{11};
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), by_serial).code(), Code::kCertUntrusted);
+  by_serial.serial = secure::Bytes{10};
+  by_serial.chain_name = "ca";
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), by_serial).code(), Code::kCertUntrusted);
+
+  // Arguments, then the right (before existence), then existence.
+  bad = in;
+  bad.digest.clear();
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), bad).code(), Code::kBadArgument);
+  bad = in;
+  bad.chain_name = "nothing";
+  EXPECT_EQ(pki().VerifyWithCertificate(s(), bad).code(), Code::kObjectNotFound);
+  ASSERT_TRUE(f_.engine->users().CreateUser(s(), "norights", "password1", 0).ok());
+  auto none = f_.LoginAs("norights", "password1");
+  EXPECT_EQ(pki().VerifyWithCertificate(*none, bad).code(), Code::kAccessDenied);
+  EXPECT_EQ(pki().VerifyWithCertificate(*none, in).code(), Code::kAccessDenied);
+}
+
 }  // namespace
 }  // namespace qlhsm::testing

@@ -11,60 +11,9 @@
 #include "harness/harness.h"
 #include "option_usage.h"
 #include "ql_arch.h"
+#include "signing_identity.h"
 
 namespace {
-
-// A PKCS#12 made for this test (RSA-2048 key and its self-signed certificate
-// "CN=qlutil functional test", password "24681357"), written to a local file before the
-// threads start.
-const char kTestPkcs12Base64[] =
-    "MIIKHwIBAzCCCdUGCSqGSIb3DQEHAaCCCcYEggnCMIIJvjCCBDIGCSqGSIb3DQEHBqCCBCMwggQf"
-    "AgEAMIIEGAYJKoZIhvcNAQcBMFcGCSqGSIb3DQEFDTBKMCkGCSqGSIb3DQEFDDAcBAjrStXbCXzE"
-    "bQICCAAwDAYIKoZIhvcNAgkFADAdBglghkgBZQMEASoEEAHt2jxvLEjp3GSVmLMmtYGAggOwh3S2"
-    "36tIFU75aiNp6o+MAc2tgVXblNpUduxarsfbw4V1p/J5POTImzhSeilrHBLy5quZNfNSdEPSLxmB"
-    "TpQ2qRwXtghExgSFca30Z0h+AeKEbDswaKJH8J7sloaIN7ilaeP2QbS9Yej5jnVimr4QBIr/Qa6S"
-    "Z9tAHHO+Tm/pLaPm10ZxtSvhRxfMfziNhDMVWlCK74pCnwDkdYSz5i/Ov1adimW7aBF6EUyYH8TW"
-    "k9yXFGirLyb2vXG7VAc70WTq6L0mvK9y0Z2kc8IQ4eJnGuNHMEwp/grIFw5rcmgQlbdi8tmppSjT"
-    "y+Um1Ei4PPZW35fBCXH5nbpK8egHT+TS28tUvKjah9vQyzQ1Bu1CPOyXk4wWC+4m6QhPz3hfyVBV"
-    "ViRPMlNb3lrunpfCbaFbNkd1EiJVurklJFpCnuxRBInq6kCT36HaicggvlRgbjVgeiOUo+/PBepI"
-    "GT/Uop71HOi8a5jxMI/8/BzCvp8D04L4cwEaMY2uaYIDF4U9olpsKuTApoaplmi8n+lw0qm6GWnI"
-    "/t+cW5z8bKKKLAnl1pYHNhBsdoTzpR0c431I4Eu64IX0yR9h1EdxDBhmTS5Dd4+V28/edrcWhQ9v"
-    "We1DM9qaDbaO/tqj9r5F39FvLubg8CsS2ZrWh+W5qttN5nHX2la51ptSGgf2uGoN/UQtEqDs8e4d"
-    "lShBaUzKpd0KQwNnt34w9eJgEjgb75GYpxlITz0GYcHxp0tq83GUVVV+bThYbz2pNnk//T5nNh9V"
-    "62T/y7cheG6FpMKEPDU//M3l9HkXBTuEET8Pfx5JkevugyJJPkSeYosdtSPxYnTmEiWictjDvu51"
-    "yvD+GOXT3Ok6IBnYe0Ek/7o81NZTdTH/q0d9SRQADhlzbZ2dH3zo9fqRBxzwqnQry/rQBduE6QoC"
-    "GWQd3xem31E/qDQLWLVh3ljDwulkcUk3PbSkMTVeQdGO2JrXOoLwLHi5cIT5Fcz2BwSzDFc4bHSE"
-    "56HdPAGUCRV2HWSr/1PGRvQbbFKFrpXFP7ChV+4CBRhu1Li5Dih77FURJxNQOU0a+tSSgskIqQZ3"
-    "wXEGK1T62hxASXB0o3xdH1x3PH/MRTXPWCZEjQiV5/dUip5JLxwN0yaGZvk8+zA3ETutYHMJw4vF"
-    "Hxn1ozSn/uxVR1Dx17V9EcvEBZxiQqqm5ZmQqB7fIRJs3LXqsoivDumH4Op52K80APnZC4Qo8mGB"
-    "ji8uCkA3VL2Jc/TYPXLBZQ33EmxR//1tKESy7YIwggWEBgkqhkiG9w0BBwGgggV1BIIFcTCCBW0w"
-    "ggVpBgsqhkiG9w0BDAoBAqCCBTEwggUtMFcGCSqGSIb3DQEFDTBKMCkGCSqGSIb3DQEFDDAcBAgA"
-    "DgYnB8VVjQICCAAwDAYIKoZIhvcNAgkFADAdBglghkgBZQMEASoEENWZdy/iWFosQWAcLMVz4VAE"
-    "ggTQmtUB5VmrAlgpRsP8gX5YUaB2ZgGp88K16T8E7STVvgOU5JzIM4MqsqctrBPriolePnn9vgGr"
-    "TwqptRon7LdoDEOLHqZ+aGZxLg22US/sc/EqrL9TWE1wcEoKTdZh76sB7ocplWGxZvstLfkPFFSX"
-    "wrXo2Dz06D5PFNQG8J1cPM7ZvCeBN8PNYU1mfpWN34L2mugwtBxnhQy128QLSIpc5vLaOHU1hqCF"
-    "xu6cVniV0R56Xx8ptyTjVgiV6GfQ+o7hVhOUb+lfN/vBXsNr7uIyfy+jTMWEOQPjFSHOn4NrC6ha"
-    "ql33ly3jsjUKrC/YrAuYaRPL8DwTOFZaxi0/4aKtPZM2gmiuwumjuKVrZlnPvGsZFB6WcsOBycbO"
-    "yHciVJdtyZfRcHJnL0/b52gGN31Wm0LBe97fjUV8ZNhgvQ6zqH3oyuMcnRLa49ePgymkc8ouUen/"
-    "LwyHnHJKUt0GO5Y5Xq0TtXuQT+b1+H1M2ybbm4y3bq6/OjOTqYxiptJWgFLaFZ0w3KlxRlETNN5D"
-    "y5nKqm6jzBBxgv0Tr2p/fMYvrcSGkToOo6FdP8W6FWt+YrlFgCEBG7sbmvYii7E5hEDs6uLYmuXP"
-    "2ZOOpbTISSlOCZb1DOUGzhM2PJlffF6PvLiK/XsM2rFoNGHKteGJJ7Bf/WwRLZ2YBeg5p+8Wkp9S"
-    "k1VyQH9Y5Qlu6XJ2WXpfo/iBA5IufqK0cbm8Jbqx9OmN8X9kKmncl7WcG5tnXd4i1a3z2cjwXRjr"
-    "kJ85tQ9z8eXorkxnmeEmZ5GPbrTzZ4A7sDGZFflKr7Brxuv1v6+KQRyDSvihyp+svufzY/uFeNVW"
-    "eBgJeNl/vVu4treecW3teNNj6yD7Tg1VsN078DcBMX51hA6KEdR0EmT2yTQjxPdFFgK0rvOZF8n3"
-    "xFV8wkfR57+IvMPrONGRu2diEuL6eDW/k1sRRdvPCxtLnnYAnxgXwQSPesMCEitJR2qcPtjFWKlO"
-    "LwZuxK2rLN565SNyT7erAYT9C8l5cR9hxF9l9CV7hCXuSSPng2kZMRJBpGGfhpvmEH4faAgAv9/X"
-    "SzQW4MDPmiGyb33sQxPNh14qcdTJf+zcbHtazuN8RlrBKW5BU5x9Aud4kDEXwEBswen2U5QV5yM6"
-    "VMsexFx6Hc6TbIlmJ0AM1e6nuO7lKCMvkcAsXuAPhdtAs3SQlV6vX1NBuTH54RSdILyJC0yRE3o+"
-    "r1rcAYYXlHU8bxwH/Fvcq4FOo+Nyg5fJTkWmn3bJoaoPoEjnF5LeBZVvxc8PQVjiLrRJV+Khcv9I"
-    "kiORCZWKfR9ooG9OiOh2+sVzeu7+aGp40CKxY0orJr3XRBZeSp/VPikn1MOHYIbePSVSpQM3eO6L"
-    "4iFaLnm0eHN3g563BvNDRACC5/C+SCKqi6yRocREuP+USCXv5W/1kI+uEqcN8CPSALPnisB0IzcH"
-    "z1SWvoa5rzXYYPXwaG2gR2zM+DTlSjFgdAjKcqmyzv9uPHzbU6mHd1Xc7C3I5hKKfZbqrRzhHqlx"
-    "mtC2Aq1Px+sDJQGVI11yKdEU+BTt9gN6kAcI4avPy58nb1NZIt9z33Yj9uA2XLBWkfVnijSmYCt8"
-    "xmveK3a4WPQUKt18XLL7nJJ2EhKnJ1H+Wi2AoD3pjY9lZENKiisxJTAjBgkqhkiG9w0BCRUxFgQU"
-    "E+xYlYhdAKiwkyrs/HEd1vUoI4kwQTAxMA0GCWCGSAFlAwQCAQUABCBVCNwnNHli6kg4P1NQ3n4c"
-    "zAoQCMp8vlqkiuwzQaFzMwQIC4ZkhZKtuW4CAggA";
-constexpr const char *kTestPkcs12Password = "24681357";
 
 // The document every thread signs: a small electronic invoice.
 const char kInvoiceXml[] =
@@ -116,12 +65,14 @@ int LoadKeyAndCert(FUNC_SIGN_XML_INFO *info) {
   snprintf(info->szPfxFile, sizeof info->szPfxFile, "test%lu.pfx", n);
   unsigned char pfx[4096];
   uint32_t pfxLen = sizeof pfx;
-  rc = QBase642ByteArray(kTestPkcs12Base64, sizeof kTestPkcs12Base64 - 1, pfx, &pfxLen);
+  // The embedded signing identity, written to a local file before the threads start.
+  rc = QBase642ByteArray(kSigningIdentityPkcs12Base64,
+                         static_cast<uint32_t>(strlen(kSigningIdentityPkcs12Base64)), pfx, &pfxLen);
   if (rc != 0 || WriteSecretFile(info->szPfxFile, pfx, pfxLen) != 0) {
     ScreenOutput("[LoadKeyAndCert] Error in fopen(%s).\r\n", info->szPfxFile);
     return rc != 0 ? rc : QL_ERR_FILE_IO;
   }
-  rc = QImportPKCS12(session.Get(), info->szPfxFile, kTestPkcs12Password, info->szKeyName,
+  rc = QImportPKCS12(session.Get(), info->szPfxFile, kSigningIdentityPassword, info->szKeyName,
                      info->szCertName, 0);
   if (rc != 0) {
     ScreenOutput("[LoadKeyAndCert] Error in QImportPKCS12. Err = %lu\r\n",

@@ -4,9 +4,8 @@
 // Members that differ only in the call share their callbacks: pix-sign and pix-dict-sign run
 // PerfSignPIXDictThread, pix-verify and pix-dict-verify PerfVerifyPIXDictThread, pix-jws-sign
 // and pix-jws-check PerfSignCheckPIXJWSThread; the record says which call to make. The PIX
-// default objects (the signing key of the test) are installed in Init and removed in Fin when
-// the user names no key. They run against the library's PIX calls, which answer "not
-// supported" until the HSM serves PIX.
+// default objects (the embedded signing identity: key, certificate and its CA as the chain) are
+// installed in Init and removed in Fin when the user names no key.
 
 #include <cstdio>
 #include <cstring>
@@ -14,6 +13,7 @@
 
 #include "PerformanceTests.h"
 #include "harness/harness.h"
+#include "signing_identity.h"
 
 namespace {
 
@@ -31,7 +31,6 @@ constexpr const char kDefaultJwsHeader[] = "{\"alg\":\"RS256\",\"typ\":\"JWT\"}"
 constexpr const char kDefaultJwsPayload[] = "{\"sub\":\"qlutil\",\"test\":\"pix-jws\"}";
 constexpr uint32_t kPixFlagRemoveNamespace = 1;  // --rns
 constexpr uint32_t kDefaultRequestTimeoutMs = 30000;
-constexpr int kPixKeyAlg = QL_ALG_RSA2048;
 
 enum PixKind { kPixSign, kPixVerify, kPixJwsSign, kPixJwsCheck, kPixRequest };
 enum PixMethod { kPixPost, kPixGet, kPixPut, kPixDelete };
@@ -54,8 +53,8 @@ typedef struct _PERF_PIX_INFO {
   uint32_t dwTimeoutMs;     // --tmout
   DBLOB stInput;            // -x or --rdata or --payload: the document, request body or payload
   HSESSIONCTX hSrcSession;  // Init and Fin
-  char szDefaultKey[kTempKeyNameSize];  // the PIX default objects
-  unsigned char *pbSigned;              // verify and check: signed once in Init (QAlloc)
+  SigningIdentityNames stIdentity;  // the PIX default objects
+  unsigned char *pbSigned;          // verify and check: signed once in Init (QAlloc)
   uint32_t dwSignedLen;
   HSESSIONCTX hSession;
 } PERF_PIX_INFO;
@@ -63,14 +62,19 @@ typedef struct _PERF_PIX_INFO {
 namespace {
 
 const char *PixKey(const PERF_PIX_INFO *info) {
-  return info->pszKeyName != nullptr ? info->pszKeyName : info->szDefaultKey;
+  return info->pszKeyName != nullptr ? info->pszKeyName : info->stIdentity.szKey;
+}
+const char *PixCert(const PERF_PIX_INFO *info) {
+  return info->pszCertName != nullptr ? info->pszCertName : info->stIdentity.szCert;
+}
+const char *PixChain(const PERF_PIX_INFO *info) {
+  return info->pszChain != nullptr ? info->pszChain : info->stIdentity.szChain;
 }
 
-// The PIX default objects: a stored signing key under a temporary name. (The certificate of the
-// default objects comes with the HSM's PIX service.)
+// The PIX default objects: the embedded signing identity under temporary names.
 int PIXDefaultObjects(const char *tag, PERF_PIX_INFO *info, bool install) {
-  if (install) return GenTempKey(tag, info->hSrcSession, kPixKeyAlg, info->szDefaultKey);
-  RemoveTempKey(info->hSrcSession, info->szDefaultKey);
+  if (install) return InstallSigningIdentity(tag, info->hSrcSession, &info->stIdentity);
+  RemoveSigningIdentity(info->hSrcSession, &info->stIdentity);
   return 0;
 }
 
@@ -83,10 +87,10 @@ int SignOnce(PERF_PIX_INFO *info, HSESSIONCTX session, unsigned char **out, uint
       return QPIXJWSSign(session, PixKey(info), info->pszHeader, in, in_len,
                          reinterpret_cast<char **>(out), out_len, info->dwFlags);
     default:
-      return info->bDict ? QPIXDictSign(session, PixKey(info), info->pszCertName, in, in_len, out,
+      return info->bDict ? QPIXDictSign(session, PixKey(info), PixCert(info), in, in_len, out,
                                         out_len, info->dwFlags)
-                         : QPIXSign(session, PixKey(info), info->pszCertName, in, in_len, out,
-                                    out_len, info->dwFlags);
+                         : QPIXSign(session, PixKey(info), PixCert(info), in, in_len, out, out_len,
+                                    info->dwFlags);
   }
 }
 
@@ -163,9 +167,9 @@ unsigned int PerfSignPIXDictThread(void *pThreadInfo) {
 unsigned int PerfVerifyPIXDictThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_PIX_INFO *>(pThreadInfo);
   return RunPerfLoop(&info->ti, [info](unsigned long counter) {
-    const int rc = info->bDict ? QPIXDictVerify(info->hSession, info->pszChain, info->pszCrl,
+    const int rc = info->bDict ? QPIXDictVerify(info->hSession, PixChain(info), info->pszCrl,
                                                 info->pbSigned, info->dwSignedLen, info->dwFlags)
-                               : QPIXVerify(info->hSession, info->pszChain, info->pszCrl,
+                               : QPIXVerify(info->hSession, PixChain(info), info->pszCrl,
                                             info->pbSigned, info->dwSignedLen, info->dwFlags);
     return rc == 0 ? 0
                    : PerfPassFailed("PerfVerifyPIXDictThread",
@@ -289,7 +293,10 @@ int RunPixXmlTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, bool di
   LoadPixCommon(&info, pTestParam, nParameters, kind);
   info.bDict = dict;
   const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, "-x", kDefaultPixXml);
-  if (IsValidTestCountersConfig(&info.ti) && input_ok && CheckConnectionFlags(&info.ti, false)) {
+  // A key of the user's signs with the user's certificate.
+  const bool names_ok = info.pszKeyName == nullptr || info.pszCertName != nullptr;
+  if (IsValidTestCountersConfig(&info.ti) && input_ok && names_ok &&
+      CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(
         kind == kPixSign ? PerfSignPIXDictThread : PerfVerifyPIXDictThread, PerfPIXInit, PerfPIXFin,
         PerfPIXThreadInit, PerfPIXThreadFin, &info, sizeof(info));

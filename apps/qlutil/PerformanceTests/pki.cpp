@@ -1,11 +1,11 @@
-// The PKI performance tests: sign-xml, verify-xml and pkcs7-sign. They run against the
-// library's XML and PKCS#7 calls, which answer "not supported" until the HSM serves them.
+// The PKI performance tests: sign-xml, verify-xml and pkcs7-sign.
 
 #include <cstring>
 #include <iterator>
 
 #include "PerformanceTests.h"
 #include "harness/harness.h"
+#include "signing_identity.h"
 
 namespace {
 
@@ -13,7 +13,6 @@ constexpr const char kDefaultXml[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>"
     "<document><header><id>QLUTIL-PERF-0001</id></header>"
     "<body Id=\"body\"><item>performance test</item></body></document>";
-constexpr int kXmlKeyAlg = QL_ALG_RSA2048;
 
 const char *OptionalText(TEST_PARAMETER *pTestParam, int nParameters, const char *name) {
   const char *value = GetParameterStr(pTestParam, nParameters, name);
@@ -44,14 +43,14 @@ typedef struct _PERF_XML_INFO {
   THREAD_INFO ti;
   int HashAlgId;            // -h
   bool bVerify;             // verify-xml
-  const char *pszKeyName;   // -kn; the installed test key when absent
+  const char *pszKeyName;   // -kn; the installed test identity when absent
   const char *pszCertName;  // -c
   const char *pszChain;     // -p7: the chain (PKCS#7) that verifies the signer
   const char *pszCrl;       // -crl
   const char *pszFilter;    // -ft: the element signed
   DBLOB stXml;              // -x, or the sample document
   HSESSIONCTX hSrcSession;
-  char szTestKey[kTempKeyNameSize];  // the XML signing objects of the test
+  SigningIdentityNames stIdentity;  // the XML signing objects of the test
   HSESSIONCTX hSession;
   HKEYCTX hKey;             // the signing key, opened by name
   unsigned char *pbSigned;  // verify-xml: signed once in ThreadInit (QAlloc)
@@ -61,20 +60,26 @@ typedef struct _PERF_XML_INFO {
 namespace {
 
 const char *XmlKey(const PERF_XML_INFO *info) {
-  return info->pszKeyName != nullptr ? info->pszKeyName : info->szTestKey;
+  return info->pszKeyName != nullptr ? info->pszKeyName : info->stIdentity.szKey;
+}
+const char *XmlCert(const PERF_XML_INFO *info) {
+  return info->pszCertName != nullptr ? info->pszCertName : info->stIdentity.szCert;
+}
+const char *XmlChain(const PERF_XML_INFO *info) {
+  return info->pszChain != nullptr ? info->pszChain : info->stIdentity.szChain;
 }
 
-// The XML signing objects of the test: a stored key under a temporary name. (Its certificate
-// comes with the HSM's XML signature service.)
+// The XML signing objects of the test: the embedded identity (key, certificate and its CA as
+// the chain) under temporary names.
 int InstallXMSigObjects(const char *tag, PERF_XML_INFO *info) {
-  return GenTempKey(tag, info->hSrcSession, kXmlKeyAlg, info->szTestKey);
+  return InstallSigningIdentity(tag, info->hSrcSession, &info->stIdentity);
 }
 
 }  // namespace
 
 int PerfXMLFin(void *pTestInfo) {
   auto *info = static_cast<PERF_XML_INFO *>(pTestInfo);
-  RemoveTempKey(info->hSrcSession, info->szTestKey);
+  RemoveSigningIdentity(info->hSrcSession, &info->stIdentity);
   CloseRecordSession(&info->hSrcSession);
   return 0;
 }
@@ -84,7 +89,7 @@ int PerfXMLInit(void *pTestInfo) {
   if (info->pszKeyName != nullptr) return 0;
   PerfSetup setup(info->bVerify ? "PerfVerifyXMLInit" : "PerfSignXMLInit");
   setup.Connect(&info->ti, &info->hSrcSession);
-  // GenTempKey reports its own failure first.
+  // InstallSigningIdentity reports its own failure first.
   setup.Do("InstallXMSigObjects", [&] { return InstallXMSigObjects(setup.Tag(), info); });
   if (!setup.Ok()) PerfXMLFin(info);
   return setup.Rc();
@@ -112,7 +117,7 @@ int PerfXMLThreadInit(void *pThreadInfo) {
   if (info->bVerify) {
     setup.Do("QSignXml", [&] {
       return QSignXml(info->hSession, static_cast<uint32_t>(info->HashAlgId), XmlKey(info),
-                      info->pszCertName, info->pszFilter, info->stXml.pvData, info->stXml.dwDataLen,
+                      XmlCert(info), info->pszFilter, info->stXml.pvData, info->stXml.dwDataLen,
                       &info->pbSigned, &info->dwSignedLen, 0);
     });
   }
@@ -126,7 +131,7 @@ unsigned int PerfSignXMLThread(void *pThreadInfo) {
     unsigned char *signed_xml = nullptr;
     uint32_t signed_len = 0;
     const int rc = QSignXml(info->hSession, static_cast<uint32_t>(info->HashAlgId), XmlKey(info),
-                            info->pszCertName, info->pszFilter, info->stXml.pvData,
+                            XmlCert(info), info->pszFilter, info->stXml.pvData,
                             info->stXml.dwDataLen, &signed_xml, &signed_len, 0);
     QFree(signed_xml);
     return rc == 0 ? 0 : PerfPassFailed("PerfSignXMLThread", "QSignXml", rc, counter);
@@ -136,7 +141,7 @@ unsigned int PerfSignXMLThread(void *pThreadInfo) {
 unsigned int PerfVerifyXMLThread(void *pThreadInfo) {
   auto *info = static_cast<PERF_XML_INFO *>(pThreadInfo);
   return RunPerfLoop(&info->ti, [info](unsigned long counter) {
-    const int rc = QVerifySignedXmlEx(info->hSession, info->pszChain, info->pszCrl, info->pszFilter,
+    const int rc = QVerifySignedXmlEx(info->hSession, XmlChain(info), info->pszCrl, info->pszFilter,
                                       info->pbSigned, info->dwSignedLen, 0);
     return rc == 0 ? 0 : PerfPassFailed("PerfVerifyXMLThread", "QVerifySignedXmlEx", rc, counter);
   });
@@ -166,7 +171,11 @@ int RunXmlTest(TEST_PARAMETER *pTestParam, int nParameters, bool verify) {
   info.pszFilter = OptionalText(pTestParam, nParameters, "-ft");
   const bool xml_ok = LoadDocument(&info.stXml, pTestParam, nParameters, "-x", kDefaultXml);
 
-  if (IsValidTestCountersConfig(&info.ti) && info.HashAlgId != -1 && xml_ok &&
+  // A named key needs its certificate; a key of the user's is checked against a chain of the
+  // user's.
+  const bool names_ok = info.pszKeyName == nullptr ||
+                        (info.pszCertName != nullptr && (!verify || info.pszChain != nullptr));
+  if (IsValidTestCountersConfig(&info.ti) && info.HashAlgId != -1 && xml_ok && names_ok &&
       CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(verify ? PerfVerifyXMLThread : PerfSignXMLThread, PerfXMLInit,
                                   PerfXMLFin, PerfXMLThreadInit, PerfXMLThreadFin, &info,

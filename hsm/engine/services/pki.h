@@ -23,6 +23,19 @@ struct Pkcs12Import {
   uint32_t flags = 0;     // the stored key's QL_KEY_* flags
 };
 
+// A signature value checked under a signer certificate: the certificate itself, or the chain's
+// certificate of that issuer and serial number.
+struct CertSignatureCheck {
+  secure::Bytes certificate;  // DER or PEM; empty: found in the chain by issuer and serial
+  std::string issuer;         // RFC 4514
+  secure::Bytes serial;       // big-endian magnitude
+  std::string chain_name;
+  std::string crl_name;  // empty: no CRL
+  uint32_t hash_algorithm = 0;
+  secure::Bytes digest;
+  secure::Bytes signature;  // RSA PKCS#1 v1.5; ECDSA r||s (the XML signature form)
+};
+
 class PkiService {
  public:
   PkiService(Core &core, Guard &guard, ObjectsService &objects, KeysService &keys)
@@ -80,6 +93,10 @@ class PkiService {
                                   std::string_view cert_name, std::string_view chain_name,
                                   uint32_t attributes, uint32_t hash_algorithm,
                                   const secure::Bytes &data);
+  // Validates the signer as ValidateCertificate does, then checks `signature` over `digest`
+  // with its public key: the use right on the chain and CRL; kCertUntrusted for a signer the
+  // chain does not hold; kBadSignature when the value does not verify.
+  Status VerifyWithCertificate(sessions::Session &s, const CertSignatureCheck &in);
   // An object's numbered records (QL_META_* ids): a use right.
   Result<std::vector<objects::ObjectStore::Record>> ReadRecords(sessions::Session &s,
                                                                 std::string_view name);

@@ -122,6 +122,8 @@ constexpr Row kRows[] = {
     {R::kSpbDecodeInit, SpbDecodeInit},
     {R::kSpbDecodeCont, SpbDecodeCont},
     {R::kSpbDecodeEnd, SpbDecodeEnd},
+    // XML signatures
+    {R::kVerifyCertSignature, VerifyCertSignature},
 };
 
 // Request kinds are the body's field numbers, all below this.
