@@ -41,11 +41,6 @@ int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 
-int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigned char *, uint32_t,
-                unsigned char **, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-
 int QSignXml(HSESSIONCTX, uint32_t, const char *, const char *, const char *, const unsigned char *,
              uint32_t, unsigned char **, uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
@@ -124,27 +119,6 @@ int QBchainPkExport(HSESSIONCTX, const char *, uint32_t, uint32_t, int, unsigned
 }
 int QBchainPkImport(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *,
                     uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QSKeepNewSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepRemoveSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepSplitSecret(HSESSIONCTX, const char *, uint32_t, uint32_t, uint32_t, uint32_t,
-                      unsigned char **, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepProbeSecret(HSESSIONCTX, const char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepMatchSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepRecoverSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
-                        uint32_t *) {
   QL_NOT_SUPPORTED;
 }
 

@@ -120,6 +120,15 @@ constexpr Row kRows[] = {
     {R::kSpbDecodeInit, SpbDecodeInit},
     {R::kSpbDecodeCont, SpbDecodeCont},
     {R::kSpbDecodeEnd, SpbDecodeEnd},
+    // secret keeping
+    {R::kSkeepNew, SKeepNew},
+    {R::kSkeepRemove, SKeepRemove},
+    {R::kSkeepSplit, SKeepSplit},
+    {R::kSkeepProbe, SKeepProbe},
+    {R::kSkeepMatch, SKeepMatch},
+    {R::kSkeepRecover, SKeepRecover},
+    // key export for cloud imports
+    {R::kByokExport, ByokExport},
 };
 
 // Request kinds are the body's field numbers, all below this.
