@@ -3,6 +3,7 @@
 // match, remove, recover), the library's refusals, and shares bound to one HSM refused by another.
 // Signatures and exports are checked with the openssl command line.
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +16,6 @@ namespace {
 
 using Share = std::vector<unsigned char>;
 
-constexpr const char *kUser = "custodian";
 constexpr const char *kUserPassword = "keeper-pw-1";
 
 int Split(HSESSIONCTX s, const char *id, uint32_t level, uint32_t auth, uint32_t m, uint32_t n,
@@ -83,16 +83,20 @@ class SkeepJobs : public LibraryJobTest {
  protected:
   // A user with the rights to create, use and remove objects, as a custodian's operator holds.
   void MakeUser(uint32_t acl = 0x7) {
-    ASSERT_EQ(qltest::CreateUser(session_, kUser, kUserPassword, acl), 0);
+    // Named after the test: the cases may share one HSM when run in one process.
+    user_ = std::string("u_") + ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    user_.resize(std::min<size_t>(user_.size(), 30));
+    ASSERT_EQ(qltest::CreateUser(session_, user_, kUserPassword, acl), 0);
   }
   RunResult UserJob(const std::string &job, std::vector<std::string> options) const {
-    return JobAs(kUser, kUserPassword, job, std::move(options));
+    return JobAs(user_, kUserPassword, job, std::move(options));
   }
   std::string UserMustRun(const std::string &job, std::vector<std::string> options) const {
     RunResult r = UserJob(job, std::move(options));
     EXPECT_EQ(r.exitCode, 0) << job << ":\n" << r.out;
     return r.out;
   }
+  std::string user_;
 };
 
 TEST_F(SkeepJobs, NewSplitMatchRemoveRecoverAsANewUser) {
@@ -185,7 +189,7 @@ TEST_F(SkeepJobs, LibraryRefusals) {
   EXPECT_EQ(Probe(s, "k"), 3u);
 
   // Rights: a user that may only create cannot remove, and one without any right cannot use.
-  UserSession user(port(), kUser, kUserPassword);
+  UserSession user(port(), user_, kUserPassword);
   ASSERT_EQ(user.rc(), 0);
   EXPECT_EQ(QSKeepNewSecret(user.get(), "mine", 3, 2), 0);
   EXPECT_EQ(QSKeepRemoveSecret(user.get(), "mine", 3, 2), QL_ERR_ACCESS_DENIED);
@@ -193,9 +197,10 @@ TEST_F(SkeepJobs, LibraryRefusals) {
   UserSession nobody(port(), "nobody", "nobody-pw");
   ASSERT_EQ(nobody.rc(), 0);
   uint32_t state = 0;
-  EXPECT_EQ(QSKeepProbeSecret(nobody.get(), "custodian/mine", &state), QL_ERR_ACCESS_DENIED);
+  const std::string mine = user_ + "/mine";
+  EXPECT_EQ(QSKeepProbeSecret(nobody.get(), mine.c_str(), &state), QL_ERR_ACCESS_DENIED);
   EXPECT_EQ(QSKeepNewSecret(nobody.get(), "x", 1, 1), QL_ERR_ACCESS_DENIED);
-  EXPECT_EQ(Probe(s, "custodian/mine"), 1u);
+  EXPECT_EQ(Probe(s, mine.c_str()), 1u);
 }
 
 TEST_F(SkeepJobs, BoundSharesOpenOnlyOnTheirHsm) {

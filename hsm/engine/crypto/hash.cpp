@@ -158,7 +158,7 @@ Result<Bytes> Mac(AlgId alg, const KeyPtr &key, ByteView data) {
 }
 
 Result<SecretBytes> HkdfSha256(ByteView ikm, ByteView salt, ByteView info, size_t out_len) {
-  if (out_len == 0 || out_len > 255 * 32) return Status::Error(Code::kBadLength, "HKDF length");
+  if (out_len == 0 || out_len > 255 * 32) return Status(Code::kBadLength, "HKDF length");
   EVP_KDF *kdf = EVP_KDF_fetch(ossl::LibCtx(), "HKDF", nullptr);
   if (kdf == nullptr) return ossl::Fail("EVP_KDF_fetch(HKDF)");
   EVP_KDF_CTX *ctx = EVP_KDF_CTX_new(kdf);

@@ -55,7 +55,8 @@ Result<secure::Bytes> ByokService::Export(Session &s, std::string_view key, std:
         }
         crypto::SecretBytes material;
         if (k->key->is_secret()) {
-          material.assign(k->key->secret().begin(), k->key->secret().end());
+          const crypto::ByteView secret = k->key->secret();
+          material.assign(secret.begin(), secret.end());
         } else {
           crypto::Result<crypto::SecretBytes> der = k->key->Pkcs8Der();
           if (!der.ok()) return Status::Error(Code::kBadKeyUsage, "a public key has no secret");

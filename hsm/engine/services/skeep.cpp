@@ -102,7 +102,7 @@ Result<crypto::KeyPtr> WrapKey(const secure::Bytes &master_key) {
 bool IsPlainShare(crypto::ByteView b) {
   if (b.size() < crypto::mofn::kPartOverhead + kIdCheckLen + 1 || b[0] != kShareVersion)
     return false;
-  const size_t len = (size_t{b[7]} << 8) | b[8];
+  const size_t len = (size_t{b[8]} << 8) | b[9];
   if (b.size() != len + crypto::mofn::kPartOverhead + kIdCheckLen) return false;
   const size_t crc_at = len + crypto::mofn::kPartOverhead - 4;
   const uint32_t crc = (uint32_t{b[crc_at]} << 24) | (uint32_t{b[crc_at + 1]} << 16) |
