@@ -87,6 +87,8 @@
   X(kOathInfoRecord,        QL_OATH_INFO_RECORD,       1)    \
   X(kOathInfoSeed,          QL_OATH_INFO_SEED,         2)    \
   X(kOathMaxSeed,           QL_OATH_MAX_SEED,          64)   \
+  X(kObjHotp,               QL_OBJ_HOTP,               16)   \
+  X(kHotpBlob,              QL_HOTP_BLOB,              6)    \
   X(kBchainHashSha256,      QL_BCHAIN_HASH_SHA256,     1)    \
   X(kBchainHashHash160,     QL_BCHAIN_HASH_HASH160,    3)    \
   X(kBchainHashMessage,     QL_BCHAIN_HASH_MESSAGE,    4)    \

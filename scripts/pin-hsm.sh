@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Pins an HSM's certificate for libqlapi: writes "ADDRESS:PORT FINGERPRINT" into the calling
 # user's ~/.qlapi_known_hsms (the home directory from the password database, as the library
-# finds it), replacing any line for that address and port. The file stays private (0600) and is
+# finds it), or into $QLAPI_KNOWN_HSMS when set (the library reads that file then), replacing any line for that address and port. The file stays private (0600) and is
 # replaced in one rename.
 #
 #   scripts/pin-hsm.sh 127.0.0.1:4433 "$(qlhsmd fingerprint --data-dir DIR)"
@@ -13,9 +13,13 @@ if [[ $# -ne 2 || ! "$2" =~ ^[0-9a-fA-F]{64}$ || "$1" =~ [[:space:]#] ]]; then
 fi
 endpoint="$1"
 fingerprint="${2,,}"
-home="$(getent passwd "$(id -u)" | cut -d: -f6)"
-[[ -n "$home" && -d "$home" ]] || { echo "pin-hsm: no home directory for $(id -un)" >&2; exit 1; }
-file="$home/.qlapi_known_hsms"
+if [[ -n "${QLAPI_KNOWN_HSMS:-}" ]]; then
+  file="$QLAPI_KNOWN_HSMS"
+else
+  home="$(getent passwd "$(id -u)" | cut -d: -f6)"
+  [[ -n "$home" && -d "$home" ]] || { echo "pin-hsm: no home directory for $(id -un)" >&2; exit 1; }
+  file="$home/.qlapi_known_hsms"
+fi
 if [[ -e "$file" && ( ! -O "$file" || -n "$(find "$file" -maxdepth 0 -perm /077)" ) ]]; then
   echo "pin-hsm: $file is not private to $(id -un); fix it (chmod 600) first" >&2
   exit 1

@@ -14,7 +14,7 @@ Result<KeyCache::Entry> KeyCache::Load(objects::ObjectStore &store, const object
   }
   Result<objects::ObjectInfo> info = store.Get(ref);
   if (!info.ok()) return info.status();
-  if (objects::IsDataObject(info->type) || info->type == static_cast<int>(qlproto::kObjSkeep))
+  if (!objects::IsKeyObject(info->type))
     return Status::Error(Code::kBadKeyUsage, "the object is not a key");
   Result<secure::Bytes> material = store.ReadMaterial(ref);
   if (!material.ok()) return material.status();

@@ -1,8 +1,6 @@
 // SPB secure messages: keys, requests and certificates by ISPB, and messages encoded and decoded
 // in the HSM in pieces. A message handle names a message in progress in its session's HSM
 // context; it dies with the session.
-#include <fstream>
-#include <iterator>
 #include <memory>
 
 #include "api_common.h"
@@ -255,10 +253,9 @@ extern "C" int QSPBImportPKCS12(HSESSIONCTX hSession, const char *szPkcs12File,
     if (!HasText(szPkcs12File) || szPassword == nullptr) return QL_ERR_BAD_ARGUMENT;
     if (szIspb != nullptr && szIspb[0] != '\0' && !Ispb(szIspb)) return QL_ERR_BAD_ARGUMENT;
     if (dwFlags & ~QL_SPB_CERT_ACTIVATE) return QL_ERR_BAD_FLAGS;
-    std::ifstream in(szPkcs12File, std::ios::binary);
-    if (!in) return QL_ERR_FILE_IO;
-    std::string pfx((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (in.bad() || pfx.empty()) return QL_ERR_FILE_IO;
+    std::string pfx;
+    QL_RETURN_CODE_IF_ERROR(ReadLocalFile(szPkcs12File, &pfx));
+    if (pfx.empty()) return QL_ERR_FILE_IO;
     pb::Request request;
     pb::SpbImportPkcs12 *p = request.mutable_spb_import_pkcs12();
     p->set_pfx(pfx);

@@ -17,6 +17,9 @@
 //   }
 //   ... qltest::HsmEnvironment::hsm().port() ...
 //
+// The library's end-to-end binaries share that main() (e2e_main.cpp, which also finalises the
+// library); one that needs other daemon options, or no daemon, says so with an HsmSetup.
+//
 // The binary is the qlhsmd built with the tests (QLHSMD_BIN), or $QLHSMD when set. The daemon's
 // log goes to log_path(); a failed start throws std::runtime_error with the log's tail. Link the
 // CMake target `ql_test_support` (it carries no wire messages, so it can sit beside libqlapi).
@@ -31,6 +34,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -115,6 +119,20 @@ class HsmEnvironment : public ::testing::Environment {
 
  private:
   HsmOptions options_;
+};
+
+// For the shared main() of e2e_main.cpp: a binary defines at most one, at namespace scope.
+//   const qltest::HsmSetup kSetup{options};       // the shared daemon gets these options
+//   const qltest::HsmSetup kSetup{std::nullopt};  // no shared daemon
+class HsmSetup {
+ public:
+  explicit HsmSetup(std::optional<HsmOptions> options);
+  // The binary's setup; null when it defines none (one daemon with the default options).
+  static const HsmSetup *Defined();
+  const std::optional<HsmOptions> &options() const { return options_; }
+
+ private:
+  std::optional<HsmOptions> options_;
 };
 
 }  // namespace qltest

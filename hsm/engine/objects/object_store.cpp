@@ -81,7 +81,8 @@ Status ObjectStore::Create(const ObjectInfo &info, const secure::Bytes &material
   return CreateMany({{info, material}});
 }
 
-Status ObjectStore::CreateMany(const std::vector<std::pair<ObjectInfo, secure::Bytes>> &objects) {
+Status ObjectStore::CreateMany(const std::vector<std::pair<ObjectInfo, secure::Bytes>> &objects,
+                               const std::vector<RecordSet> &records) {
   std::vector<secure::Bytes> sealed;
   for (const auto &[info, material] : objects) {
     Result<secure::Bytes> one = secure::Seal(master_key_, material, ObjectAad(info.ref, info.type));
@@ -93,23 +94,33 @@ Status ObjectStore::CreateMany(const std::vector<std::pair<ObjectInfo, secure::B
     QL_RETURN_IF_ERROR(tx.begin_status());
     for (size_t i = 0; i < objects.size(); ++i)
       QL_RETURN_IF_ERROR(Insert(conn, objects[i].first, sealed[i]));
+    for (const RecordSet &set : records) QL_RETURN_IF_ERROR(WriteRecords(conn, set));
     return tx.Commit();
   });
 }
 
+Status ObjectStore::WriteRecords(store::Connection &conn, const RecordSet &set) {
+  for (const Record &r : set.records) {
+    Result<store::Statement> st = conn.Prepare(
+        "INSERT OR REPLACE INTO object_records(object_id, record, value) "
+        "SELECT id, ?3, ?4 FROM objects WHERE owner = ?1 AND name = ?2");
+    if (!st.ok()) return st.status();
+    st->Bind(1, set.ref.owner).Bind(2, set.ref.name).Bind(3, int64_t{r.id}).BindBlob(4, r.value);
+    QL_RETURN_IF_ERROR(st->Run());
+    if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
+  }
+  return Status::Ok();
+}
+
 Status ObjectStore::SetRecords(const ObjectRef &ref, const std::vector<Record> &records) {
+  return SetRecords(std::vector<RecordSet>{{ref, records}});
+}
+
+Status ObjectStore::SetRecords(const std::vector<RecordSet> &sets) {
   return store_.Locked([&](store::Connection &conn) -> Status {
     store::Transaction tx(conn);
     QL_RETURN_IF_ERROR(tx.begin_status());
-    for (const Record &r : records) {
-      Result<store::Statement> st = conn.Prepare(
-          "INSERT OR REPLACE INTO object_records(object_id, record, value) "
-          "SELECT id, ?3, ?4 FROM objects WHERE owner = ?1 AND name = ?2");
-      if (!st.ok()) return st.status();
-      st->Bind(1, ref.owner).Bind(2, ref.name).Bind(3, int64_t{r.id}).BindBlob(4, r.value);
-      QL_RETURN_IF_ERROR(st->Run());
-      if (conn.Changes() == 0) return Status::Error(Code::kObjectNotFound, "no such object");
-    }
+    for (const RecordSet &set : sets) QL_RETURN_IF_ERROR(WriteRecords(conn, set));
     return tx.Commit();
   });
 }

@@ -24,6 +24,8 @@ enum class ObjectType : int {
   kCertificate = qlproto::kObjX509,
   kChain = qlproto::kObjPkcs7,
   kCrl = qlproto::kObjCrl,
+  kHotp = qlproto::kObjHotp,    // an OATH token record
+  kSkeep = qlproto::kObjSkeep,  // a kept secret, never read out
   // A key's type is its algorithm (QL_ALG_*).
 };
 
@@ -53,6 +55,12 @@ inline bool IsDataObject(int type) {
          type == static_cast<int>(ObjectType::kChain) || type == static_cast<int>(ObjectType::kCrl);
 }
 
+// Keys: every object but data objects, token records and kept secrets.
+inline bool IsKeyObject(int type) {
+  return !IsDataObject(type) && type != static_cast<int>(ObjectType::kHotp) &&
+         type != static_cast<int>(ObjectType::kSkeep);
+}
+
 // Splits "owner/object" or plain "object" (owned by `caller`). kBadName for anything else.
 Result<ObjectRef> ParseObjectName(std::string_view text, std::string_view caller);
 
@@ -65,17 +73,27 @@ class ObjectStore {
         master_key_(std::move(master_key)),
         clock_(clock ? clock : &MachineClock()) {}
 
-  // kObjectExists when the owner already has an object of that name.
-  Status Create(const ObjectInfo &info, const secure::Bytes &material);
-  // Several objects in one transaction: all of them or, on any refusal, none.
-  Status CreateMany(const std::vector<std::pair<ObjectInfo, secure::Bytes>> &objects);
   // Numbered records of an object (identifiers, labels, ...), kept in the clear beside it and
   // gone with it; a record written again replaces the old value.
   struct Record {
     uint32_t id = 0;
     secure::Bytes value;
   };
+  // Records for one object, new or existing.
+  struct RecordSet {
+    ObjectRef ref;
+    std::vector<Record> records;
+  };
+  // kObjectExists when the owner already has an object of that name.
+  Status Create(const ObjectInfo &info, const secure::Bytes &material);
+  // Several objects, and records of them or of objects already stored, in one transaction: all
+  // of it or, on any refusal, none.
+  Status CreateMany(const std::vector<std::pair<ObjectInfo, secure::Bytes>> &objects,
+                    const std::vector<RecordSet> &records = {});
   Status SetRecords(const ObjectRef &ref, const std::vector<Record> &records);
+  // Records of several objects in one transaction (kObjectNotFound, and nothing written, when
+  // one of them is missing).
+  Status SetRecords(const std::vector<RecordSet> &sets);
   Result<std::vector<Record>> GetRecords(const ObjectRef &ref);
   // kObjectNotFound when missing.
   Result<ObjectInfo> Get(const ObjectRef &ref);
@@ -101,6 +119,7 @@ class ObjectStore {
   };
   // The row's sealed material and kind; the caller holds the store's lock.
   Status Insert(store::Connection &conn, const ObjectInfo &info, const secure::Bytes &sealed) const;
+  static Status WriteRecords(store::Connection &conn, const RecordSet &set);
   static Result<SealedRow> ReadSealed(store::Connection &conn, const ObjectRef &ref);
   Status UpdateOne(const ObjectRef &ref, const char *sql, int64_t value);
   store::Store &store_;

@@ -95,19 +95,25 @@ Result<KeysService::UsableKey> KeysService::Usable(const KeyTarget &t) {
 }
 
 Result<KeyDesc> KeysService::KeepNewKey(Session &s, std::string_view name, crypto::KeyPtr key,
-                                        uint32_t flags, bool want_handle) {
+                                        uint32_t flags, bool want_handle,
+                                        std::vector<objects::ObjectStore::Record> records) {
   if (IsTemporary(name, flags)) {
     if (s.FindTempByName(name))
       return Status::Error(Code::kObjectExists, "a session key of that name exists");
-    uint64_t h = want_handle ? s.AddTemp({key, flags, std::string(name)}) : 0;
+    uint64_t h = 0;
+    if (want_handle) {
+      sessions::TempObject temp{key, flags, std::string(name), {}};
+      for (auto &r : records) temp.records.emplace_back(r.id, std::move(r.value));
+      h = s.AddTemp(std::move(temp));
+    }
     return Describe(*key, flags, h);
   }
   crypto::Result<crypto::SecretBytes> stored = key->Serialize();
   if (!stored.ok()) return FromCrypto(stored.status());
   KeyDesc d = Describe(*key, flags, 0);
-  QL_RETURN_IF_ERROR(objects_.CreateObject(s, name, static_cast<int>(d.algorithm),
-                                           static_cast<int>(d.algorithm), flags,
-                                           secure::Bytes(stored->begin(), stored->end())));
+  QL_RETURN_IF_ERROR(objects_.CreateObject(
+      s, name, static_cast<int>(d.algorithm), static_cast<int>(d.algorithm), flags,
+      secure::Bytes(stored->begin(), stored->end()), std::move(records)));
   objects::ObjectRef ref;
   if (want_handle && core_.Ref(s, name, &ref).ok()) d.handle = s.AddOpened(ref.Full());
   return d;
@@ -136,11 +142,12 @@ Result<KeyDesc> KeysService::OpenKey(Session &s, std::string_view name) {
   if (s.FindTempByName(name)) {
     // A named session key: a handle of its own to the same key, so that its cipher state and
     // its release are the new handle's alone.
-    return guard_.Run(s, Op{"open-key", name, Request::kFree, AuditMode::kRefusal}, NoArgs,
-                      [&](const users::UserInfo &) -> Result<KeyDesc> {
-                        const sessions::TempObject *t = s.FindTempByName(name);
-                        return Describe(*t->key, t->flags, s.AddTemp({t->key, t->flags, {}}));
-                      });
+    return guard_.Run(
+        s, Op{"open-key", name, Request::kFree, AuditMode::kRefusal}, NoArgs,
+        [&](const users::UserInfo &) -> Result<KeyDesc> {
+          const sessions::TempObject *t = s.FindTempByName(name);
+          return Describe(*t->key, t->flags, s.AddTemp({t->key, t->flags, {}, t->records}));
+        });
   }
   Result<objects::ObjectInfo> info = objects_.OpenObject(s, name);
   if (!info.ok()) return info.status();

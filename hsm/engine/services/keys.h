@@ -156,8 +156,10 @@ class KeysService {
   Status Target(sessions::Session &s, const KeyArg &arg, KeyTarget *out) const;
   // Keeps a key just made (here or by another service, from inside its guarded body): held in
   // the session when temporary, else stored as `name` (the caller checked the create right).
+  // `records` go with it: into the session key, or beside the stored key in its transaction.
   Result<KeyDesc> KeepNewKey(sessions::Session &s, std::string_view name, crypto::KeyPtr key,
-                             uint32_t flags, bool want_handle);
+                             uint32_t flags, bool want_handle,
+                             std::vector<objects::ObjectStore::Record> records = {});
   // The right a use of the key needs: none for a temporary key.
   static access::Request UseRight(sessions::Session &s, const KeyArg &arg);
   // Existence and state of the key: the cached key, else loaded; kObjectBlocked when blocked.

@@ -95,13 +95,20 @@ struct Opened {
   Record record;
 };
 
-Result<Opened> OpenBlob(KeysService &keys, const KeysService::KeyTarget &target,
-                        const secure::Bytes &blob) {
+// The master key, AES and ready for use, or its refusal.
+Result<KeysService::UsableKey> MasterKey(KeysService &keys, const KeysService::KeyTarget &target) {
   Result<KeysService::UsableKey> k = keys.Usable(target);
   if (!k.ok()) return k.status();
   const std::string_view family = k->key->info().ossl_name ? k->key->info().ossl_name : "";
   if (k->key->kind() != crypto::KeyKind::kSymmetric || family.substr(0, 3) != "AES")
     return Status::Error(Code::kBadKeyUsage, "the master key is an AES key");
+  return k;
+}
+
+Result<Opened> OpenBlob(KeysService &keys, const KeysService::KeyTarget &target,
+                        const secure::Bytes &blob) {
+  Result<KeysService::UsableKey> k = MasterKey(keys, target);
+  if (!k.ok()) return k.status();
   crypto::Result<crypto::SecretBytes> plain =
       crypto::KeyUnwrap(k->key, true, crypto::ByteView(blob.data(), blob.size()));
   // Any blob that does not unwrap is as foreign as one under another key.
@@ -255,6 +262,112 @@ Result<secure::Bytes> OathService::BlobInfo(Session &s, const KeyArg &master,
           return Status::Error(Code::kNotExportable,
                                "the seed leaves only under an exportable key");
         return opened->record.seed;
+      });
+}
+
+// --- token objects ---
+
+namespace {
+
+Status TokenObjectFlags(uint32_t flags) {
+  if (flags & ~qlproto::kKeyExportable)
+    return Status::Error(Code::kBadFlags, "a token object takes the exportable flag only");
+  return Status::Ok();
+}
+
+}  // namespace
+
+Result<KeyDesc> OathService::StoreToken(Session &s, const objects::ObjectRef &ref,
+                                        const secure::Bytes &record, uint32_t flags,
+                                        bool want_handle) {
+  Result<int64_t> count = core_.objects->Count();
+  if (!count.ok()) return count.status();
+  if (static_cast<size_t>(count.value()) >= core_.max_objects)
+    return Status::Error(Code::kLimitReached, "object limit reached");
+  objects::ObjectInfo info;
+  info.ref = ref;
+  info.type = info.algorithm = static_cast<int>(qlproto::kObjHotp);
+  info.flags = flags;
+  QL_RETURN_IF_ERROR(core_.objects->Create(info, record));
+  KeyDesc d;
+  d.algorithm = qlproto::kObjHotp;
+  d.flags = flags;
+  d.key_length = static_cast<uint32_t>(record.size());
+  if (want_handle) d.handle = s.AddOpened(ref.Full());
+  return d;
+}
+
+Result<KeyDesc> OathService::GenerateTokenObject(Session &s, std::string_view name, uint32_t flags,
+                                                 bool want_handle) {
+  objects::ObjectRef ref;
+  Op op{"generate-token-object", name, access::Request::kCreateObject, AuditMode::kChange};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(TokenObjectFlags(flags));
+        return core_.Ref(s, name, &ref);
+      },
+      [&](const users::UserInfo &) -> Result<KeyDesc> {
+        crypto::Result<crypto::SecretBytes> seed = crypto::RandomBytes(20);
+        if (!seed.ok()) return FromCrypto(seed.status());
+        Record r;
+        r.type = kEvent;
+        r.digits = 6;
+        r.seed.assign(seed->begin(), seed->end());
+        return StoreToken(s, ref, Serialize(r, true), flags, want_handle);
+      });
+}
+
+Result<KeyDesc> OathService::ImportTokenObject(Session &s, std::string_view name,
+                                               const KeyArg &master, const secure::Bytes &blob,
+                                               uint32_t flags, bool want_handle) {
+  objects::ObjectRef ref;
+  KeysService::KeyTarget target;
+  Op op{"import-token-object", name, access::Request::kCreateObject, AuditMode::kChange,
+        KeysService::UseRight(s, master)};
+  return guard_.Run(
+      s, op,
+      [&] {
+        QL_RETURN_IF_ERROR(TokenObjectFlags(flags));
+        if (blob.empty()) return Status::Error(Code::kBadArgument, "empty blob");
+        if (master.empty()) return Status::Error(Code::kBadArgument, "a blob opens under a key");
+        QL_RETURN_IF_ERROR(core_.Ref(s, name, &ref));
+        return keys_.Target(s, master, &target);
+      },
+      [&](const users::UserInfo &) -> Result<KeyDesc> {
+        Result<Opened> opened = OpenBlob(keys_, target, blob);
+        if (!opened.ok()) return opened.status();
+        return StoreToken(s, ref, Serialize(opened->record, true), flags, want_handle);
+      });
+}
+
+Result<secure::Bytes> OathService::ExportTokenObject(Session &s, const KeyArg &token,
+                                                     const KeyArg &master) {
+  KeysService::KeyTarget token_target, master_target;
+  Op op{"export-token-object", AuditName(token), access::Request::kUseObject, AuditMode::kRefusal,
+        KeysService::UseRight(s, master)};
+  return guard_.Run(
+      s, op,
+      [&] {
+        if (master.empty()) return Status::Error(Code::kBadArgument, "a blob is made under a key");
+        QL_RETURN_IF_ERROR(keys_.Target(s, token, &token_target));
+        if (token_target.temp) return Status::Error(Code::kBadKeyUsage, "not a token object");
+        return keys_.Target(s, master, &master_target);
+      },
+      [&](const users::UserInfo &) -> Result<secure::Bytes> {
+        Result<objects::ObjectInfo> info = core_.objects->Get(token_target.ref);
+        if (!info.ok()) return info.status();
+        if (info->type != static_cast<int>(qlproto::kObjHotp))
+          return Status::Error(Code::kBadKeyUsage, "not a token object");
+        if (info->blocked) return Status::Error(Code::kObjectBlocked, "object blocked");
+        Result<KeysService::UsableKey> k = MasterKey(keys_, master_target);
+        if (!k.ok()) return k.status();
+        Result<secure::Bytes> record = core_.objects->ReadMaterial(token_target.ref);
+        if (!record.ok()) return record.status();
+        crypto::Result<crypto::Bytes> wrapped =
+            crypto::KeyWrap(k->key, true, crypto::ByteView(record->data(), record->size()));
+        if (!wrapped.ok()) return FromCrypto(wrapped.status());
+        return secure::Bytes(wrapped->begin(), wrapped->end());
       });
 }
 

@@ -40,7 +40,24 @@ class OathService {
   Result<secure::Bytes> BlobInfo(sessions::Session &s, const KeyArg &master,
                                  const secure::Bytes &blob, uint32_t info);
 
+  // --- token objects (QL_OBJ_HOTP): a token record stored as an object ---
+  // An event token with a fresh 20-byte seed (SHA-1, 6 digits, counter 0): the create right.
+  // Only the exportable flag applies; a token object is never temporary.
+  Result<KeyDesc> GenerateTokenObject(sessions::Session &s, std::string_view name, uint32_t flags,
+                                      bool want_handle);
+  // A blob opened under `master` and stored: the create right and the use of the master key.
+  Result<KeyDesc> ImportTokenObject(sessions::Session &s, std::string_view name,
+                                    const KeyArg &master, const secure::Bytes &blob, uint32_t flags,
+                                    bool want_handle);
+  // The object's record as a blob under `master` (what CheckBlob takes): the use of both.
+  Result<secure::Bytes> ExportTokenObject(sessions::Session &s, const KeyArg &token,
+                                          const KeyArg &master);
+
  private:
+  // Stores a token record under `ref` (the object limit counts it) and answers its description.
+  Result<KeyDesc> StoreToken(sessions::Session &s, const objects::ObjectRef &ref,
+                             const secure::Bytes &record, uint32_t flags, bool want_handle);
+
   Core &core_;
   Guard &guard_;
   KeysService &keys_;

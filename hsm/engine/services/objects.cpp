@@ -18,7 +18,8 @@ Result<objects::ObjectInfo> ObjectsService::Usable(const objects::ObjectRef &ref
 }
 
 Status ObjectsService::CreateObject(Session &s, std::string_view name, int type, int algorithm,
-                                    uint32_t flags, const secure::Bytes &material) {
+                                    uint32_t flags, const secure::Bytes &material,
+                                    std::vector<objects::ObjectStore::Record> records) {
   objects::ObjectRef ref;
   Op op{"create-object", name, Request::kCreateObject, AuditMode::kChange};
   return guard_.Run(
@@ -33,7 +34,8 @@ Status ObjectsService::CreateObject(Session &s, std::string_view name, int type,
         info.type = type;
         info.algorithm = algorithm;
         info.flags = flags;
-        return core_.objects->Create(info, material);
+        if (records.empty()) return core_.objects->Create(info, material);
+        return core_.objects->CreateMany({{info, material}}, {{ref, std::move(records)}});
       });
 }
 

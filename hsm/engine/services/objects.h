@@ -20,8 +20,10 @@ class ObjectsService {
  public:
   ObjectsService(Core &core, Guard &guard) : core_(core), guard_(guard) {}
 
+  // `records` are written with the object, in its transaction.
   Status CreateObject(sessions::Session &s, std::string_view name, int type, int algorithm,
-                      uint32_t flags, const secure::Bytes &material);
+                      uint32_t flags, const secure::Bytes &material,
+                      std::vector<objects::ObjectStore::Record> records = {});
   Result<objects::ObjectInfo> OpenObject(sessions::Session &s, std::string_view name);
   // The plaintext material of an object about to be used (export, sign, ...): right, existence,
   // then kObjectBlocked for a blocked object.

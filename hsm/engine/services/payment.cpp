@@ -520,17 +520,19 @@ Result<std::string> PaymentService::ExportKeyBlock(Session &s, const KeyArg &kbp
 
             // "auto": what the key kept from its own key block, else D0, B, E.
             BlockAttributes kept{"D0", 'B', 'E'};
-            if (!key_target.temp) {
+            auto take = [&kept](uint32_t id, const secure::Bytes &value) {
+              if (id != kRecordKeyBlockAttributes || value.size() != 4) return;
+              kept.usage.assign(reinterpret_cast<const char *>(value.data()), 2);
+              kept.mode = static_cast<char>(value[2]);
+              kept.exportability = static_cast<char>(value[3]);
+            };
+            if (key_target.temp) {
+              for (const auto &[id, value] : key_target.temp->records) take(id, value);
+            } else {
               Result<std::vector<objects::ObjectStore::Record>> records =
                   core_.objects->GetRecords(key_target.ref);
               if (!records.ok()) return records.status();
-              for (const auto &r : *records) {
-                if (r.id == kRecordKeyBlockAttributes && r.value.size() == 4) {
-                  kept.usage.assign(reinterpret_cast<const char *>(r.value.data()), 2);
-                  kept.mode = static_cast<char>(r.value[2]);
-                  kept.exportability = static_cast<char>(r.value[3]);
-                }
-              }
+              for (const auto &r : *records) take(r.id, r.value);
             }
             pay::KeyBlockHeader h;
             h.version = IsTdes(kb) ? 'B' : 'D';
@@ -593,16 +595,14 @@ Status PaymentService::ImportKeyBlock(Session &s, const KeyArg &kbpk, std::strin
             if (!key.ok()) return FromCrypto(key.status());
             uint32_t key_flags = flags;
             if (h.exportability != 'N') key_flags |= qlproto::kKeyExportable;
-            Result<KeyDesc> kept = keys_.KeepNewKey(s, name, *key, key_flags, temporary);
-            if (!kept.ok() || temporary) return kept.ok() ? Status::Ok() : kept.status();
-            // The attributes go beside the key; without them the key is not kept either.
+            // The attributes go with the key, in the same transaction or session key.
             secure::Bytes attributes{static_cast<uint8_t>(h.usage[0]),
                                      static_cast<uint8_t>(h.usage[1]), static_cast<uint8_t>(h.mode),
                                      static_cast<uint8_t>(h.exportability)};
-            Status recorded = core_.objects->SetRecords(
-                ref, {{kRecordKeyBlockAttributes, std::move(attributes)}});
-            if (!recorded.ok()) (void)core_.objects->Remove(ref);
-            return recorded;
+            Result<KeyDesc> kept =
+                keys_.KeepNewKey(s, name, *key, key_flags, temporary,
+                                 {{kRecordKeyBlockAttributes, std::move(attributes)}});
+            return kept.ok() ? Status::Ok() : kept.status();
           }));
 }
 

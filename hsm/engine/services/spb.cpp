@@ -308,15 +308,43 @@ Result<std::vector<SpbCertificate>> SpbService::Certificates(std::string_view is
   return out;
 }
 
-Status SpbService::SetActive(const std::vector<SpbCertificate> &of_ispb,
-                             const objects::ObjectRef &which, std::string_view domain) {
+std::vector<objects::ObjectStore::RecordSet> SpbService::ActivationRecords(
+    const std::vector<SpbCertificate> &of_ispb, const objects::ObjectRef &which,
+    std::string_view domain) {
+  std::vector<objects::ObjectStore::RecordSet> sets;
   for (const SpbCertificate &c : of_ispb) {
     if (c.ref.owner == which.owner && c.ref.name == which.name) continue;
-    if (c.active)
-      QL_RETURN_IF_ERROR(core_.objects->SetRecords(c.ref, {{kRecordSpbActive, Text("0")}}));
+    if (c.active) sets.push_back({c.ref, {{kRecordSpbActive, Text("0")}}});
   }
-  return core_.objects->SetRecords(
-      which, {{kRecordSpbActive, Text("1")}, {kRecordSpbDomain, Text(domain)}});
+  sets.push_back({which, {{kRecordSpbActive, Text("1")}, {kRecordSpbDomain, Text(domain)}}});
+  return sets;
+}
+
+Status SpbService::Activate(std::string_view ispb, const objects::ObjectRef &which,
+                            std::string_view domain) {
+  std::lock_guard<std::mutex> lock(activation_);
+  Result<std::vector<SpbCertificate>> of_ispb = Certificates(ispb);
+  if (!of_ispb.ok()) return of_ispb.status();
+  return core_.objects->SetRecords(ActivationRecords(of_ispb.value(), which, domain));
+}
+
+Status SpbService::CreateRegistered(
+    std::vector<std::pair<objects::ObjectInfo, secure::Bytes>> &rows,
+    std::vector<objects::ObjectStore::RecordSet> records, std::string_view ispb,
+    const objects::ObjectRef &cert, bool activate) {
+  Result<int64_t> count = core_.objects->Count();
+  if (!count.ok()) return count.status();
+  if (static_cast<size_t>(count.value()) + rows.size() > core_.max_objects)
+    return Status::Error(Code::kLimitReached, "object limit reached");
+  std::unique_lock<std::mutex> lock(activation_, std::defer_lock);
+  if (activate) {
+    lock.lock();
+    Result<std::vector<SpbCertificate>> of_ispb = Certificates(ispb);
+    if (!of_ispb.ok()) return of_ispb.status();
+    for (auto &set : ActivationRecords(of_ispb.value(), cert, kDefaultDomain))
+      records.push_back(std::move(set));
+  }
+  return core_.objects->CreateMany(rows, records);
 }
 
 std::string SpbService::FindKeyFor(std::string_view ispb, const secure::Bytes &der) {
@@ -369,20 +397,13 @@ Result<std::string> SpbService::GenerateKey(Session &s, std::string_view ispb, u
           cert_info.type = static_cast<int>(ObjectType::kCertificate);
           rows.emplace_back(cert_info, std::move(cert.value()));
         }
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) + rows.size() > core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
-        Status st = core_.objects->CreateMany(rows);
+        const bool self_signed = (flags & spbflags::kKeySelfSigned) != 0;
+        std::vector<objects::ObjectStore::RecordSet> records;
+        if (self_signed)
+          records.push_back({cert_info.ref, {{kRecordSpbKey, Text(key_ref.Full())}}});
+        Status st = CreateRegistered(rows, std::move(records), ispb, cert_info.ref, self_signed);
         OPENSSL_cleanse(rows.front().second.data(), rows.front().second.size());
         QL_RETURN_IF_ERROR(st);
-        if (flags & spbflags::kKeySelfSigned) {
-          QL_RETURN_IF_ERROR(
-              core_.objects->SetRecords(cert_info.ref, {{kRecordSpbKey, Text(key_ref.Full())}}));
-          Result<std::vector<SpbCertificate>> of_ispb = Certificates(ispb);
-          if (!of_ispb.ok()) return of_ispb.status();
-          QL_RETURN_IF_ERROR(SetActive(of_ispb.value(), cert_info.ref, kDefaultDomain));
-        }
         return name;
       });
 }
@@ -439,22 +460,15 @@ Result<std::string> SpbService::ImportCertificate(Session &s, const secure::Byte
         const std::string name = "SPB_" + cert->ispb + "_" + Hex(cert->serial) + ".crt";
         objects::ObjectRef ref;
         QL_RETURN_IF_ERROR(core_.Ref(s, name, &ref));
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) + 1 > core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
-        objects::ObjectInfo info;
-        info.ref = ref;
-        info.type = static_cast<int>(ObjectType::kCertificate);
-        QL_RETURN_IF_ERROR(core_.objects->Create(info, cert->der));
+        std::vector<std::pair<objects::ObjectInfo, secure::Bytes>> rows(1);
+        rows[0].first.ref = ref;
+        rows[0].first.type = static_cast<int>(ObjectType::kCertificate);
+        rows[0].second = cert->der;
+        std::vector<objects::ObjectStore::RecordSet> records;
         const std::string key = FindKeyFor(cert->ispb, cert->der);
-        if (!key.empty())
-          QL_RETURN_IF_ERROR(core_.objects->SetRecords(ref, {{kRecordSpbKey, Text(key)}}));
-        if (flags & spbflags::kCertActivate) {
-          Result<std::vector<SpbCertificate>> of_ispb = Certificates(cert->ispb);
-          if (!of_ispb.ok()) return of_ispb.status();
-          QL_RETURN_IF_ERROR(SetActive(of_ispb.value(), ref, kDefaultDomain));
-        }
+        if (!key.empty()) records.push_back({ref, {{kRecordSpbKey, Text(key)}}});
+        QL_RETURN_IF_ERROR(CreateRegistered(rows, std::move(records), cert->ispb, ref,
+                                            (flags & spbflags::kCertActivate) != 0));
         return name;
       });
 }
@@ -511,20 +525,10 @@ Result<std::string> SpbService::ImportPkcs12(Session &s, const secure::Bytes &pf
         rows[1].first.ref = cert_ref;
         rows[1].first.type = static_cast<int>(ObjectType::kCertificate);
         rows[1].second = cert->der;
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) + 2 > core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
-        Status st = core_.objects->CreateMany(rows);
+        Status st = CreateRegistered(rows, {{cert_ref, {{kRecordSpbKey, Text(key_ref.Full())}}}},
+                                     cert->ispb, cert_ref, (flags & spbflags::kCertActivate) != 0);
         OPENSSL_cleanse(rows[0].second.data(), rows[0].second.size());
         QL_RETURN_IF_ERROR(st);
-        QL_RETURN_IF_ERROR(
-            core_.objects->SetRecords(cert_ref, {{kRecordSpbKey, Text(key_ref.Full())}}));
-        if (flags & spbflags::kCertActivate) {
-          Result<std::vector<SpbCertificate>> of_ispb = Certificates(cert->ispb);
-          if (!of_ispb.ok()) return of_ispb.status();
-          QL_RETURN_IF_ERROR(SetActive(of_ispb.value(), cert_ref, kDefaultDomain));
-        }
         return cert_ref.name;
       });
 }
@@ -550,7 +554,7 @@ Status SpbService::ActivateCertificate(Session &s, std::string_view ispb, std::s
         Result<std::vector<SpbCertificate>> of_ispb = Certificates(ispb);
         if (!of_ispb.ok()) return of_ispb.status();
         for (const SpbCertificate &c : of_ispb.value())
-          if (c.serial == serial) return SetActive(of_ispb.value(), c.ref, use_domain);
+          if (c.serial == serial) return Activate(ispb, c.ref, use_domain);
         return NoCert("no certificate of that ISPB and serial");
       });
 }
@@ -694,7 +698,7 @@ Result<uint64_t> SpbService::DecodeInit(Session &s, const SpbDecodeArgs &a) {
           return Status::Error(Code::kCertExpired, "a certificate is not valid now");
         if (!remote->active) {
           const std::string domain = remote->domain.empty() ? kDefaultDomain : remote->domain;
-          QL_RETURN_IF_ERROR(SetActive(theirs.value(), remote->ref, domain));
+          QL_RETURN_IF_ERROR(Activate(a.counterpart_ispb, remote->ref, domain));
         }
         Result<objects::ObjectRef> key_ref = objects::ParseObjectName(local->key, "-");
         if (!key_ref.ok()) return NoCert("the certificate's key is gone");

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -113,13 +114,25 @@ class SpbService {
   Result<secure::Bytes> Piece(sessions::Session &s, uint64_t handle, const secure::Bytes &piece,
                               bool encoding);
 
-  Status SetActive(const std::vector<SpbCertificate> &of_ispb, const objects::ObjectRef &which,
-                   std::string_view domain);
+  // Makes `which` the one active certificate of its ISPB. Activations hold `activation_` from
+  // reading the registry to writing it, and write in one transaction, so that two of them never
+  // leave two active certificates.
+  Status Activate(std::string_view ispb, const objects::ObjectRef &which, std::string_view domain);
+  // The records that leave `which` (in `of_ispb`, or about to be created) the only active one.
+  static std::vector<objects::ObjectStore::RecordSet> ActivationRecords(
+      const std::vector<SpbCertificate> &of_ispb, const objects::ObjectRef &which,
+      std::string_view domain);
+  // Creates `rows`, with `records` and, when `activate` is set, the activation of `cert` among
+  // the certificates of `ispb`, in one transaction.
+  Status CreateRegistered(std::vector<std::pair<objects::ObjectInfo, secure::Bytes>> &rows,
+                          std::vector<objects::ObjectStore::RecordSet> records,
+                          std::string_view ispb, const objects::ObjectRef &cert, bool activate);
   // A key of the ISPB in the store that the certificate carries, or empty.
   std::string FindKeyFor(std::string_view ispb, const secure::Bytes &der);
 
   Core &core_;
   Guard &guard_;
+  std::mutex activation_;
 };
 
 }  // namespace qlhsm

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "crypto/cipher.h"
 #include "crypto/hash.h"
@@ -27,6 +29,8 @@ struct TempObject {
   crypto::KeyPtr key;
   uint32_t flags = 0;
   std::string name;  // a named session key is found by its name too; "" for none
+  // Numbered records, as a stored key keeps them beside it (id, value).
+  std::vector<std::pair<uint32_t, secure::Bytes>> records;
 };
 
 // A multi-request operation a service keeps in the session (an SPB message being encoded or

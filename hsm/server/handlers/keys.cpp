@@ -3,9 +3,13 @@
 
 namespace qlhsm::server::handlers {
 
+// OATH token objects travel as keys do; the OATH service keeps them.
 void GenerateKey(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::GenerateKey &g = req.generate_key();
-  Reply(c.engine.keys().GenerateKey(c.session, g.name(), g.algorithm(), g.flags(), g.want_handle()),
+  Reply(g.algorithm() == qlproto::kObjHotp
+            ? c.engine.oath().GenerateTokenObject(c.session, g.name(), g.flags(), g.want_handle())
+            : c.engine.keys().GenerateKey(c.session, g.name(), g.algorithm(), g.flags(),
+                                          g.want_handle()),
         r, [&](const KeyDesc &k) { SetKeyHandle(k, r); });
 }
 
@@ -16,6 +20,12 @@ void OpenKey(const pb::Request &req, Call &c, pb::Response *r) {
 
 void ImportKey(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::ImportKey &i = req.import_key();
+  if (i.blob_type() == qlproto::kHotpBlob) {
+    Reply(c.engine.oath().ImportTokenObject(c.session, i.name(), ToKeyArg(i.kek()),
+                                            ToBytes(i.blob()), i.flags(), i.want_handle()),
+          r, [&](const KeyDesc &k) { SetKeyHandle(k, r); });
+    return;
+  }
   Reply(c.engine.keys().ImportKey(c.session, i.name(), ToKeyArg(i.kek()), ToBytes(i.blob()),
                                   i.blob_type(), i.algorithm(), i.flags(), i.want_handle()),
         r, [&](const KeyDesc &k) { SetKeyHandle(k, r); });
@@ -27,6 +37,11 @@ void ExportKey(const pb::Request &req, Call &c, pb::Response *r) {
   if (x.blob_type() == qlproto::kCertBlob && !x.has_kek()) {
     Reply(c.engine.pki().ExportCertificate(c.session, ToKeyArg(x.key())), r,
           [&](const secure::Bytes &der) { r->mutable_blob()->set_data(ToString(der)); });
+    return;
+  }
+  if (x.blob_type() == qlproto::kHotpBlob) {
+    Reply(c.engine.oath().ExportTokenObject(c.session, ToKeyArg(x.key()), ToKeyArg(x.kek())), r,
+          [&](const secure::Bytes &blob) { r->mutable_blob()->set_data(ToString(blob)); });
     return;
   }
   Reply(c.engine.keys().ExportKey(c.session, ToKeyArg(x.key()), ToKeyArg(x.kek()), x.blob_type()),

@@ -8,7 +8,6 @@
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -322,11 +321,6 @@ TEST_F(Identity, UserNamesAndPasswordsThatAreNotUtf8AreRefusedSilently) {
   EXPECT_EQ(printed, "");
 }
 
-}  // namespace
+const qltest::HsmSetup kSetup{std::nullopt};  // each test starts its own daemons
 
-int main(int argc, char **argv) {
-  // The rogue server may write to a client that has already hung up.
-  signal(SIGPIPE, SIG_IGN);
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}
+}  // namespace

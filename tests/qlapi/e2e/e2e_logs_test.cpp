@@ -155,14 +155,11 @@ TEST(E2eLog, AFollowerSeesLinesWrittenAfterItStartedUntilItStops) {
   EXPECT_EQ(QGetLogEvents(refused.get(), nullptr, nullptr), QL_ERR_BAD_ARGUMENT);
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
+// Small audit pages, so that a few requests fill several.
+const qltest::HsmSetup kSetup{[] {
   qltest::HsmOptions options;
   options.serve_args = {"--audit-page-size", "256"};
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment(options));
-  const int rc = RUN_ALL_TESTS();
-  QFinalize();
-  return rc;
-}
+  return options;
+}()};
+
+}  // namespace

@@ -130,9 +130,6 @@ TEST(NetworkE2E, AnIdleSessionExpiresAndKeepAliveKeepsOneAlive) {
   QCloseSession(&kept, 0);
 }
 
-}  // namespace
+const qltest::HsmSetup kSetup{std::nullopt};  // each test starts its own daemons
 
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  return RUN_ALL_TESTS();
-}
+}  // namespace

@@ -364,6 +364,9 @@ TEST(E2ePayment, ExportedBlocksKeepAttributesAndOpenWithOpenssl) {
   ASSERT_EQ(again.size(), std::strlen(kBlockD));
   EXPECT_EQ(again.substr(0, 16), std::string(kBlockD, 16));
   EXPECT_EQ(OpensslUnwrapD(kKbpkD, again), kWorkedKey);
+  // A session key made from a block keeps its attributes as a stored key does.
+  ASSERT_EQ(ImportBlock(s.get(), "kbpk_d", "t31_ptmp", kBlockD, QL_KEY_TEMPORARY), QL_OK);
+  EXPECT_EQ(ExportBlock(s.get(), "kbpk_d", "t31_ptmp").substr(0, 16), std::string(kBlockD, 16));
   // A block with a changed bit fails openssl's MAC check as it fails the HSM's.
   std::string tampered = again;
   tampered[20] = tampered[20] == '0' ? '1' : '0';
@@ -591,11 +594,3 @@ TEST(E2ePayment, EftdNeedsTheOperatorRight) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
-  const int rc = RUN_ALL_TESTS();
-  QFinalize();
-  return rc;
-}

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -64,11 +65,12 @@ struct Decoded {
 };
 
 Decoded Decode(HSESSIONCTX s, const char *local, const char *remote, const Bytes &header,
-               const Bytes &body, uint32_t flags, uint32_t piece = 32768) {
+               const Bytes &body, uint32_t flags, uint32_t piece = 32768,
+               unsigned char accept_expired = 0) {
   Decoded d;
   HSPBMSGCTX msg = nullptr;
   d.init = QSPBDecodeInit(s, local, remote, header.data(), static_cast<uint32_t>(header.size()),
-                          static_cast<uint32_t>(body.size()), 0, 0, &msg, flags);
+                          static_cast<uint32_t>(body.size()), accept_expired, 0, &msg, flags);
   if (d.init != 0) return d;
   for (size_t done = 0; done < body.size() && d.cont == 0;) {
     const uint32_t n = static_cast<uint32_t>(std::min<size_t>(piece, body.size() - done));
@@ -182,6 +184,28 @@ TEST_F(Spb, RoundTripsInBothVersionsAndSignOnly) {
       EXPECT_EQ(d.plain, plain);
     }
   }
+}
+
+TEST_F(Spb, ExpiredCertificatesAreRefusedUnlessAccepted) {
+  DefaultObjects defaults(s());
+  ASSERT_EQ(defaults.rc(), 0);
+  const Bytes plain = RandomBytes(s(), 100);
+  const Encoded e = Encode(s(), kDefaultIspb, kDefaultIspb, plain, 0);
+  ASSERT_EQ(e.rc, 0);
+  // Two years on, the one-year self-signed certificate has expired; the clock goes back after.
+  struct HsmClock {
+    HSESSIONCTX s;
+    void Set(uint64_t t) const {
+      ASSERT_EQ(QAdmOperation(s, QL_ADM_SET_DATE_TIME, &t, sizeof t, nullptr, nullptr, 0), 0);
+    }
+    ~HsmClock() { Set(static_cast<uint64_t>(std::time(nullptr))); }
+  } clock{s()};
+  clock.Set(static_cast<uint64_t>(std::time(nullptr)) + 2 * 366 * 86400);
+  EXPECT_EQ(Encode(s(), kDefaultIspb, kDefaultIspb, plain, 0).rc, QL_ERR_CERT_EXPIRED);
+  EXPECT_EQ(Decode(s(), kDefaultIspb, kDefaultIspb, e.header, e.body, 0).init, QL_ERR_CERT_EXPIRED);
+  const Decoded accepted = Decode(s(), kDefaultIspb, kDefaultIspb, e.header, e.body, 0, 32768, 1);
+  EXPECT_EQ(accepted.end, 0);
+  EXPECT_EQ(accepted.plain, plain);
 }
 
 TEST_F(Spb, TamperedFieldsAndBodyAreRefusedWithTheirCodes) {
@@ -634,11 +658,3 @@ TEST_F(SpbJobs, KeyRequestMessagesAndDump) {
 #endif
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
-  const int rc = RUN_ALL_TESTS();
-  QFinalize();
-  return rc;
-}

@@ -580,11 +580,3 @@ TEST(E2eInfo, BackupWritesALocalFile) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
-  const int rc = RUN_ALL_TESTS();
-  QFinalize();
-  return rc;
-}

@@ -428,6 +428,64 @@ TEST(OathBlob, RefusalsAndTheSeedOnlyUnderAnExportableKey) {
   EXPECT_EQ(Check(s.get(), "oath_mk2", &blob, kRfc4226[0]), QL_OK);
 }
 
+TEST(OathBlob, TokenObjectsMadeImportedAndExportedAsBlobs) {
+  Session s;
+  ImportedKey mk(s.get(), "oath_mk4", kMasterKey, QL_KEY_EXPORTABLE);
+  HKEYCTX master = nullptr, token = nullptr, imported = nullptr;
+  ASSERT_EQ(QGetUserKey(s.get(), "oath_mk4", 0, &master), QL_OK);
+  ASSERT_EQ(QGenerateKey(s.get(), "oath_tok", QL_OBJ_HOTP, 0, &token), QL_OK);
+  auto blob_of = [&](HKEYCTX key) {
+    uint32_t len = 0;
+    EXPECT_EQ(QExportKey(key, master, QL_HOTP_BLOB, 0, nullptr, &len), QL_ERR_BUFFER_TOO_SMALL);
+    Bytes b(len);
+    EXPECT_EQ(QExportKey(key, master, QL_HOTP_BLOB, 0, b.data(), &len), QL_OK);
+    b.resize(len);
+    return b;
+  };
+  Bytes blob = blob_of(token);
+  // The fresh token's seed, taken out under the exportable master key, gives the OTP it takes.
+  unsigned char seed[QL_OATH_MAX_SEED];
+  uint32_t len = sizeof seed;
+  ASSERT_EQ(QOATHGetBlobInfo(s.get(), "oath_mk4", blob.data(), static_cast<uint32_t>(blob.size()),
+                             QL_OATH_INFO_SEED, seed, &len),
+            QL_OK);
+  EXPECT_EQ(len, 20u);
+  char otp[9];
+  ASSERT_EQ(QGenerateHOTPOffline(seed, len, 2, 0, 0, 0, 6, otp), QL_OK);
+  EXPECT_EQ(Check(s.get(), "oath_mk4", &blob, otp), QL_OK);
+  // The checked blob, stored as a new object, comes back out with its counter.
+  ASSERT_EQ(QImportKey(s.get(), "oath_tok2", master, blob.data(),
+                       static_cast<uint32_t>(blob.size()), QL_HOTP_BLOB, 0, 0, &imported),
+            QL_OK);
+  const Bytes again = blob_of(imported);
+  QL_OATH_TOKEN_INFO info;
+  len = sizeof info;
+  ASSERT_EQ(QOATHGetBlobInfo(s.get(), "oath_mk4", again.data(), static_cast<uint32_t>(again.size()),
+                             QL_OATH_INFO_RECORD, reinterpret_cast<unsigned char *>(&info), &len),
+            QL_OK);
+  EXPECT_EQ(info.qwCounter, 1u);
+  EXPECT_EQ(Check(s.get(), "oath_mk4", &blob, otp), QL_ERR_CHECK_FAILED) << "spent";
+
+  Bytes tampered = blob;
+  tampered[tampered.size() / 2] ^= 1;
+  HKEYCTX none = nullptr;
+  EXPECT_EQ(QImportKey(s.get(), "oath_tok3", master, tampered.data(),
+                       static_cast<uint32_t>(tampered.size()), QL_HOTP_BLOB, 0, 0, &none),
+            QL_ERR_BAD_TAG);
+  EXPECT_EQ(QGenerateKey(s.get(), "oath_tok3", QL_OBJ_HOTP, QL_KEY_TEMPORARY, &none),
+            QL_ERR_BAD_FLAGS);
+  EXPECT_EQ(QGetUserKey(s.get(), "oath_tok3", 0, &none), QL_ERR_OBJ_NOT_FOUND);
+  EXPECT_EQ(QExportKey(master, master, QL_HOTP_BLOB, 0, seed, &len), QL_ERR_BAD_KEY_USAGE)
+      << "an AES key is no token object";
+  EXPECT_EQ(QExportKey(token, token, QL_HOTP_BLOB, 0, seed, &len), QL_ERR_BAD_KEY_USAGE)
+      << "a token object is no master key";
+  QDestroyKey(&master, 0);
+  QDestroyKey(&token, 0);
+  QDestroyKey(&imported, 0);
+  QRemoveObj(s.get(), "oath_tok");
+  QRemoveObj(s.get(), "oath_tok2");
+}
+
 // RFC 6238 Appendix B: the HSM's clock set to each time in turn, one blob per seed checked in a
 // chain (each time is a later step than the one before).
 TEST(OathBlob, Rfc6238AtTheHsmsTime) {
@@ -668,11 +726,3 @@ TEST(UserToken, TimeTokensAtTheHsmsTime) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
-  const int rc = RUN_ALL_TESTS();
-  QFinalize();
-  return rc;
-}
