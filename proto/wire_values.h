@@ -72,6 +72,8 @@
   X(kIpFilterRemove,        QL_IPF_REMOVE,             3)    \
   X(kObjPkcs7,              QL_OBJ_PKCS7,              14)   \
   X(kObjCrl,                QL_OBJ_CRL,                15)   \
+  X(kObjSkeep,              QL_OBJ_SKEEP,              60)   \
+  X(kEncryptRsaPrivate,     QL_ENCRYPT_RSA_PRIVATE,    1)    \
   X(kWriteFileTyped,        QL_WRITE_FILE_TYPED,       2)    \
   X(kCertBlob,              QL_CERT_BLOB,              19)   \
   X(kMetaLabel,             QL_META_LABEL,             1)    \

@@ -16,6 +16,7 @@
 #include "engine/data_dir.h"
 #include "engine/guard.h"
 #include "engine/services/bchain.h"
+#include "engine/services/byok.h"
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/logs.h"
@@ -24,6 +25,7 @@
 #include "engine/services/payment.h"
 #include "engine/services/pki.h"
 #include "engine/services/sharing.h"
+#include "engine/services/skeep.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
 #include "engine/services/spb.h"
@@ -75,6 +77,8 @@ class Engine {
   VaultService &vault() { return vault_; }
   OathService &oath() { return oath_; }
   SharingService &sharing() { return sharing_; }
+  SkeepService &skeep() { return skeep_; }
+  ByokService &byok() { return byok_; }
   BchainService &bchain() { return bchain_; }
   SpbService &spb() { return spb_; }
 
@@ -101,6 +105,8 @@ class Engine {
   VaultService vault_{guard_, keys_};
   OathService oath_{core_, guard_, keys_};
   SharingService sharing_{guard_};
+  SkeepService skeep_{core_, guard_};
+  ByokService byok_{guard_, keys_};
   BchainService bchain_{guard_};
   SpbService spb_{core_, guard_};
 };

@@ -530,6 +530,8 @@ typedef struct QL_OBJ_STATS_ {
 #define QL_OBJ_HOTP 16
 #define QL_OBJ_DPG03 17
 #define QL_OBJ_MAP 90
+/* Secret keeping: a kept secret (QSKeepNewSecret), never read out. */
+#define QL_OBJ_SKEEP 60
 
 /* Request options of the probe (QAdmOperation QL_ADM_PROBE, first input byte). */
 #define QL_RNM_PROBE 1
@@ -1093,7 +1095,14 @@ QLAPI_EXPORT int QPKCS8ImportKey(HSESSIONCTX hSession, const char *szKeyName,
                                  const char *szPassword, const unsigned char *pbData,
                                  uint32_t dwDataLen, uint32_t dwFlags);
 
-/* Bring-your-own-key export of szKeyName for a cloud provider, under szKekName. */
+/* Bring-your-own-key export of szKeyName (exportable: else QL_ERR_NOT_EXPORTABLE) for a cloud
+ * provider, under szKekName (an RSA key of 2048 bits or more, usually its public key imported for
+ * the purpose: else QL_ERR_BAD_KEY_USAGE). pbData is the RSA-OAEP label (may be empty).
+ * QL_BYOK_RSA_AES_KEY_WRAP (CKM_RSA_AES_KEY_WRAP): a fresh AES-256 key under RSA-OAEP with SHA-256
+ * and MGF1-SHA-256, followed by its RFC 5649 wrap of the key's raw secret (symmetric keys) or
+ * PKCS#8 PrivateKeyInfo. QL_BYOK_RSA_OAEP: RSA-OAEP-SHA256 of a symmetric key alone. */
+#define QL_BYOK_RSA_AES_KEY_WRAP 1
+#define QL_BYOK_RSA_OAEP 2
 QLAPI_EXPORT int QByokExport(HSESSIONCTX hSession, const char *szKeyName, const char *szKekName,
                              uint32_t dwType, const unsigned char *pbData, uint32_t dwDataLen,
                              unsigned char **ppbOut, uint32_t *pdwOutLen);
@@ -1157,6 +1166,12 @@ QLAPI_EXPORT int QDoRSAPadding(HSESSIONCTX hSession, uint32_t dwType, unsigned c
  * lives in hKey and starts afresh after the final piece. GCM appends its tag to the final
  * piece's output. KW/KWP take the whole message with bFinal set (QL_ERR_PIECES_REFUSED
  * otherwise). hHash: must be null. */
+/* sign-soluti: dwFlags QL_ENCRYPT_RSA_PRIVATE encrypts a value (a DigestInfo) with an RSA private
+ * key: the HSM pads it (PKCS#1 v1.5 type 1) and applies the private operation, so the output is
+ * an RSASSA-PKCS1-v1_5 signature. The whole value in one call (bFinal is not read); a public key
+ * or another algorithm QL_ERR_BAD_KEY_USAGE, a value longer than the key's length less 11 bytes
+ * QL_ERR_BAD_LENGTH. */
+#define QL_ENCRYPT_RSA_PRIVATE 1
 QLAPI_EXPORT int QEncrypt(HKEYCTX hKey, HHASHCTX hHash, int bFinal, uint32_t dwFlags,
                           unsigned char *pbData, uint32_t *pdwDataLen, uint32_t dwBufLen);
 /* Decrypts in place. A piece's output never exceeds its input: non-final pieces of block modes

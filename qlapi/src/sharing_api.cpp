@@ -91,3 +91,133 @@ extern "C" int QSKeepCalcShareCks(const unsigned char *pbShare, uint32_t dwShare
     return QL_OK;
   });
 }
+
+// Secret keeping: the HSM draws, keeps, splits and takes back secrets named by an id; shares
+// travel as one buffer of equal-sized shares on this side of the API.
+
+namespace {
+
+void SetShares(pb::SKeepShares *m, const char *id, const unsigned char *shares, uint32_t count,
+               uint32_t len) {
+  m->set_id(id);
+  for (uint32_t i = 0; i < count; ++i) {
+    m->add_shares(reinterpret_cast<const char *>(shares) + size_t{i} * len, len);
+  }
+}
+
+bool SharesGood(const char *id, const unsigned char *shares, uint32_t count, uint32_t len) {
+  return HasText(id) && (shares != nullptr || count == 0 || len == 0);
+}
+
+}  // namespace
+
+extern "C" int QSKeepNewSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
+                               uint32_t dwAuthType) {
+  return Guard([&] {
+    if (!HasText(szId)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::SKeepSecret *m = request.mutable_skeep_new();
+    m->set_id(szId);
+    m->set_level(dwSecLevel);
+    m->set_auth(dwAuthType);
+    return Ask(hSession, request).code();
+  });
+}
+
+extern "C" int QSKeepRemoveSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
+                                  uint32_t dwAuthType) {
+  return Guard([&] {
+    if (!HasText(szId)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::SKeepSecret *m = request.mutable_skeep_remove();
+    m->set_id(szId);
+    m->set_level(dwSecLevel);
+    m->set_auth(dwAuthType);
+    return Ask(hSession, request).code();
+  });
+}
+
+extern "C" int QSKeepSplitSecret(HSESSIONCTX hSession, const char *szId, uint32_t dwSecLevel,
+                                 uint32_t dwAuthType, uint32_t dwM, uint32_t dwN,
+                                 unsigned char **ppbShares, uint32_t *pdwShareLen) {
+  return Guard([&] {
+    if (!HasText(szId) || ppbShares == nullptr || pdwShareLen == nullptr) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    *ppbShares = nullptr;
+    *pdwShareLen = 0;
+    pb::Request request;
+    pb::SKeepSplit *m = request.mutable_skeep_split();
+    m->set_id(szId);
+    m->set_level(dwSecLevel);
+    m->set_auth(dwAuthType);
+    m->set_m(dwM);
+    m->set_n(dwN);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (!response.has_mofn_parts() || response.mofn_parts().parts_size() != static_cast<int>(dwN)) {
+      return QL_ERR_PROTOCOL;
+    }
+    auto *shares = response.mutable_mofn_parts()->mutable_parts();
+    const size_t share_len = shares->empty() ? 0 : (*shares)[0].size();
+    std::string joined;
+    joined.reserve(share_len * shares->size());
+    for (std::string &s : *shares) {
+      if (s.size() != share_len || share_len == 0) return QL_ERR_PROTOCOL;
+      joined += s;
+      Wipe(&s);
+    }
+    const Status st = AllocOut(joined, ppbShares, pdwShareLen);
+    Wipe(&joined);
+    QL_RETURN_CODE_IF_ERROR(st);
+    *pdwShareLen = static_cast<uint32_t>(share_len);
+    return QL_OK;
+  });
+}
+
+extern "C" int QSKeepProbeSecret(HSESSIONCTX hSession, const char *szId, uint32_t *pdwResult) {
+  return Guard([&] {
+    if (!HasText(szId) || pdwResult == nullptr) return QL_ERR_BAD_ARGUMENT;
+    *pdwResult = 0;
+    pb::Request request;
+    request.mutable_skeep_probe()->set_id(szId);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (!response.has_number()) return QL_ERR_PROTOCOL;
+    *pdwResult = static_cast<uint32_t>(response.number().value());
+    return QL_OK;
+  });
+}
+
+extern "C" int QSKeepMatchSecret(HSESSIONCTX hSession, const char *szId,
+                                 const unsigned char *pbShares, uint32_t dwShareCount,
+                                 uint32_t dwShareLen) {
+  return Guard([&] {
+    if (!SharesGood(szId, pbShares, dwShareCount, dwShareLen)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    SetShares(request.mutable_skeep_match(), szId, pbShares, dwShareCount, dwShareLen);
+    const Status st = Ask(hSession, request);
+    for (std::string &s : *request.mutable_skeep_match()->mutable_shares()) Wipe(&s);
+    return st.code();
+  });
+}
+
+extern "C" int QSKeepRecoverSecret(HSESSIONCTX hSession, const char *szId,
+                                   const unsigned char *pbShares, uint32_t dwShareCount,
+                                   uint32_t dwShareLen, uint32_t *pdwResult) {
+  return Guard([&] {
+    if (!SharesGood(szId, pbShares, dwShareCount, dwShareLen) || pdwResult == nullptr) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    *pdwResult = 0;
+    pb::Request request;
+    SetShares(request.mutable_skeep_recover(), szId, pbShares, dwShareCount, dwShareLen);
+    pb::Response response;
+    const Status st = Ask(hSession, request, &response);
+    for (std::string &s : *request.mutable_skeep_recover()->mutable_shares()) Wipe(&s);
+    QL_RETURN_CODE_IF_ERROR(st);
+    if (!response.has_number()) return QL_ERR_PROTOCOL;
+    *pdwResult = static_cast<uint32_t>(response.number().value());
+    return QL_OK;
+  });
+}

@@ -35,11 +35,6 @@ int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 
-int QByokExport(HSESSIONCTX, const char *, const char *, uint32_t, const unsigned char *, uint32_t,
-                unsigned char **, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-
 int QPIXJWSSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, char **,
                 uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
@@ -94,27 +89,6 @@ int QBchainPkExport(HSESSIONCTX, const char *, uint32_t, uint32_t, int, unsigned
 }
 int QBchainPkImport(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *,
                     uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
-int QSKeepNewSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepRemoveSecret(HSESSIONCTX, const char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepSplitSecret(HSESSIONCTX, const char *, uint32_t, uint32_t, uint32_t, uint32_t,
-                      unsigned char **, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepProbeSecret(HSESSIONCTX, const char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepMatchSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QSKeepRecoverSecret(HSESSIONCTX, const char *, const unsigned char *, uint32_t, uint32_t,
-                        uint32_t *) {
   QL_NOT_SUPPORTED;
 }
 

@@ -487,3 +487,120 @@ int JobEncrypt(TEST_PARAMETER *pTestParam, int nParameters) {
 int JobDecrypt(TEST_PARAMETER *pTestParam, int nParameters) {
   return StartCrypt(pTestParam, nParameters, false);
 }
+
+// ---------------------------------------------------------------------------------------------
+// sign-soluti: an RSASSA-PKCS1-v1_5 signature made as an RSA private-key encryption of the
+// DigestInfo built here; the HSM pads it and applies the private operation.
+
+typedef struct _JOB_SIGN_SOLUTI_INFO {
+  THREAD_INFO ti;
+  const char *pszKeyName;  // -kn
+  uint32_t dwHashAlgId;    // -h
+  const Bytes *pData;      // -in
+  const char *pszOutFile;  // --out
+} JOB_SIGN_SOLUTI_INFO;
+
+unsigned int JobSignSolutiThread(void *p);
+
+namespace {
+
+// The DER of a DigestInfo up to the digest itself (RFC 8017, section 9.2, note 1); empty for a
+// hash this job does not take.
+Bytes DigestInfoPrefix(uint32_t alg) {
+  switch (alg) {
+    case QL_ALG_SHA1:
+      return {0x30, 0x21, 0x30, 0x09, 0x06, 0x05, 0x2b, 0x0e,
+              0x03, 0x02, 0x1a, 0x05, 0x00, 0x04, 0x14};
+    case QL_ALG_SHA256:
+    case QL_ALG_SHA384:
+    case QL_ALG_SHA512: {
+      const unsigned char n = alg == QL_ALG_SHA256 ? 1 : alg == QL_ALG_SHA384 ? 2 : 3;
+      const unsigned char len = alg == QL_ALG_SHA256 ? 0x20 : alg == QL_ALG_SHA384 ? 0x30 : 0x40;
+      return {0x30, static_cast<unsigned char>(len + 0x11),
+              0x30, 0x0d,
+              0x06, 0x09,
+              0x60, 0x86,
+              0x48, 0x01,
+              0x65, 0x03,
+              0x04, 0x02,
+              n,    0x05,
+              0x00, 0x04,
+              len};
+    }
+    default:
+      return {};
+  }
+}
+
+void ShowJobSignSolutiHelp() {
+  JobHelpHeader(false, {"Sign data with RSASSA-PKCS1-v1_5: the DigestInfo of the data's hash is",
+                        "encrypted with the RSA private key in the HSM."});
+  ScreenOutput("     -kn     Name of the RSA private key\r\n");
+  ScreenOutput("     -h      Hash: sha1, sha256, sha384 or sha512\r\n");
+  ScreenOutput("     -in     The data\r\n");
+  ScreenOutput("     -inform [OPTIONAL] Format of -in. Default \"file\".\r\n");
+  ShowHelpDataInformParameters();
+  ScreenOutput("     --out   [OPTIONAL] Output file. If not defined, the signature is printed\r\n");
+  ScreenOutput("             in hex.\r\n");
+  JobHelpExamples("sign-soluti", {"-kn myrsa -h sha256 -in document.pdf --out document.sig"});
+}
+
+int SignSolutiWork(JOB_SIGN_SOLUTI_INFO *job, HSESSIONCTX session) {
+  HashOwner hash;
+  int rc = MakeHash(session, job->dwHashAlgId, *job->pData, false, &hash);
+  if (rc != 0) return rc;
+  Bytes digest(64);
+  uint32_t digest_len = static_cast<uint32_t>(digest.size());
+  rc = QGetHashParam(hash.Get(), QHP_HASHVAL, digest.data(), &digest_len, 0);
+  if (rc != 0) {
+    PrintJobError("QGetHashParam", rc);
+    return rc;
+  }
+  Bytes value = DigestInfoPrefix(job->dwHashAlgId);
+  value.insert(value.end(), digest.begin(), digest.begin() + digest_len);
+  KeyOwner key;
+  rc = OpenKey(session, job->pszKeyName, &key);
+  if (rc != 0) return rc;
+  // The output is the modulus' length; the library says how long when the buffer is short.
+  Bytes buffer = value;
+  buffer.resize(512);
+  uint32_t len = static_cast<uint32_t>(value.size());
+  rc = QEncrypt(key.Get(), nullptr, 1, QL_ENCRYPT_RSA_PRIVATE, buffer.data(), &len,
+                static_cast<uint32_t>(buffer.size()));
+  if (rc == QL_ERR_BUFFER_TOO_SMALL) {
+    buffer = value;
+    buffer.resize(len);
+    len = static_cast<uint32_t>(value.size());
+    rc = QEncrypt(key.Get(), nullptr, 1, QL_ENCRYPT_RSA_PRIVATE, buffer.data(), &len,
+                  static_cast<uint32_t>(buffer.size()));
+  }
+  if (rc != 0) {
+    PrintJobError("QEncrypt", rc);
+    return rc;
+  }
+  return WriteJobOutput(job->pszOutFile, buffer.data(), len) ? 0 : QL_ERR_FILE_IO;
+}
+
+}  // namespace
+
+unsigned int JobSignSolutiThread(void *p) {
+  auto *job = static_cast<JOB_SIGN_SOLUTI_INFO *>(p);
+  return RunSessionJob(&job->ti,
+                       [job](HSESSIONCTX session) { return SignSolutiWork(job, session); });
+}
+
+int JobSignSoluti(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_SIGN_SOLUTI_INFO job{};
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.pszKeyName = GetParameterStr(pTestParam, nParameters, "-kn");
+  job.pszOutFile = GetParameterStr(pTestParam, nParameters, "--out");
+  job.dwHashAlgId = static_cast<uint32_t>(GetParameterAlg(pTestParam, nParameters, "-h"));
+  DataInform inform = kFile;
+  Bytes data;
+  job.pData = &data;
+  const bool ok = IsGivenText(job.pszKeyName) && !DigestInfoPrefix(job.dwHashAlgId).empty() &&
+                  IsOptionalTextGood(pTestParam, nParameters, "--out") &&
+                  LoadDataInform(pTestParam, nParameters, "-inform", &inform) &&
+                  ReadJobData(pTestParam, nParameters, "-in", inform, &data);
+  return StartJob(&JobSignSolutiThread, &job.ti, sizeof job, false, ok, &ShowJobSignSolutiHelp);
+}

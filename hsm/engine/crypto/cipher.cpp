@@ -145,6 +145,37 @@ Result<Bytes> RsaEncrypt(const Key &key, RsaPadding padding, ByteView in) {
   return out;
 }
 
+Result<Bytes> RsaOaepSha256Encrypt(const Key &key, ByteView label, ByteView in) {
+  if (key.kind() != KeyKind::kRsa) return Status(Code::kKeyCannotDo, "not an RSA key");
+  const size_t k = key.length_bytes();
+  constexpr size_t kOverhead = 2 * 32 + 2;
+  if (in.empty() || in.size() + kOverhead > k)
+    return Status(Code::kBadLength, "data length for this RSA key and OAEP-SHA256");
+  const EVP_MD *sha256 = ossl::Digest("SHA256");
+  ossl::PkeyCtxPtr ctx(EVP_PKEY_CTX_new_from_pkey(ossl::LibCtx(), key.pkey(), nullptr));
+  if (!ctx || sha256 == nullptr || EVP_PKEY_encrypt_init(ctx.get()) <= 0 ||
+      EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_OAEP_PADDING) <= 0 ||
+      EVP_PKEY_CTX_set_rsa_oaep_md(ctx.get(), sha256) <= 0 ||
+      EVP_PKEY_CTX_set_rsa_mgf1_md(ctx.get(), sha256) <= 0) {
+    return ossl::Fail("RSA-OAEP-SHA256 init");
+  }
+  if (!label.empty()) {
+    // The context takes ownership of a copy made with OpenSSL's allocator.
+    void *copy = OPENSSL_memdup(label.data(), label.size());
+    if (copy == nullptr) return ossl::Fail("OPENSSL_memdup");
+    if (EVP_PKEY_CTX_set0_rsa_oaep_label(ctx.get(), copy, static_cast<int>(label.size())) <= 0) {
+      OPENSSL_free(copy);
+      return ossl::Fail("EVP_PKEY_CTX_set0_rsa_oaep_label");
+    }
+  }
+  size_t len = k;
+  Bytes out(k);
+  if (EVP_PKEY_encrypt(ctx.get(), out.data(), &len, in.data(), in.size()) <= 0)
+    return ossl::Fail("EVP_PKEY_encrypt");
+  out.resize(len);
+  return out;
+}
+
 Result<SecretBytes> RsaDecrypt(const Key &key, RsaPadding padding, ByteView in) {
   if (key.kind() != KeyKind::kRsa) return Status(Code::kKeyCannotDo, "not an RSA key");
   if (!key.has_private()) return Status(Code::kKeyCannotDo, "a public key cannot decrypt");

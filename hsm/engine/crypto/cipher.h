@@ -22,6 +22,9 @@ enum class RsaPadding { kPkcs1, kNone, kOaep };
 // and needs the private key (kKeyCannotDo); a padding that does not check answers kBadPadding.
 Result<Bytes> RsaEncrypt(const Key &key, RsaPadding padding, ByteView in);
 Result<SecretBytes> RsaDecrypt(const Key &key, RsaPadding padding, ByteView in);
+// RSAES-OAEP with SHA-256 and MGF1-SHA-256 under `label` (RFC 8017 section 7.1), as cloud key
+// imports take it: at most k-66 bytes (kBadLength otherwise); a public key suffices.
+Result<Bytes> RsaOaepSha256Encrypt(const Key &key, ByteView label, ByteView in);
 
 // AES key wrap under `kek` (an AES key): RFC 3394 (pad false: input a multiple of 8, at least
 // 16 bytes) or RFC 5649 (pad true: any length from 1). Unwrapping answers kBadTag when the

@@ -1,6 +1,9 @@
 #include "crypto/hash.h"
 
 #include <openssl/core_names.h>
+#include <openssl/kdf.h>
+
+#include "crypto/ossl.h"
 
 namespace qlhsm::crypto {
 namespace {
@@ -152,6 +155,35 @@ Result<Bytes> Mac(AlgId alg, const KeyPtr &key, ByteView data) {
   if (!h.ok()) return h.status();
   if (Status s = h->Update(data); !s.ok()) return s;
   return h->Value();
+}
+
+Result<SecretBytes> HkdfSha256(ByteView ikm, ByteView salt, ByteView info, size_t out_len) {
+  if (out_len == 0 || out_len > 255 * 32) return Status(Code::kBadLength, "HKDF length");
+  EVP_KDF *kdf = EVP_KDF_fetch(ossl::LibCtx(), "HKDF", nullptr);
+  if (kdf == nullptr) return ossl::Fail("EVP_KDF_fetch(HKDF)");
+  EVP_KDF_CTX *ctx = EVP_KDF_CTX_new(kdf);
+  EVP_KDF_free(kdf);
+  if (ctx == nullptr) return ossl::Fail("EVP_KDF_CTX_new");
+  char digest[] = "SHA256";
+  // OpenSSL takes the buffers as void*; it only reads them.
+  auto *key = const_cast<uint8_t *>(ikm.data());
+  auto *salt_p = const_cast<uint8_t *>(salt.data());
+  auto *info_p = const_cast<uint8_t *>(info.data());
+  // An empty salt is left out: HKDF then uses a block of zeros, as RFC 5869 says.
+  OSSL_PARAM params[5];
+  size_t n = 0;
+  params[n++] = OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0);
+  params[n++] = OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, key, ikm.size());
+  if (!salt.empty())
+    params[n++] = OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_SALT, salt_p, salt.size());
+  if (!info.empty())
+    params[n++] = OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_INFO, info_p, info.size());
+  params[n] = OSSL_PARAM_construct_end();
+  SecretBytes out(out_len);
+  const int ok = EVP_KDF_derive(ctx, out.data(), out.size(), params);
+  EVP_KDF_CTX_free(ctx);
+  if (ok != 1) return ossl::Fail("EVP_KDF_derive(HKDF)");
+  return out;
 }
 
 }  // namespace qlhsm::crypto

@@ -53,6 +53,8 @@ class HashState {
 // One-shot helpers.
 Result<Bytes> Digest(AlgId alg, ByteView data);
 Result<Bytes> Mac(AlgId alg, const KeyPtr &key, ByteView data);
+// HKDF with SHA-256 (extract, then expand to `out_len` bytes, at most 8160).
+Result<SecretBytes> HkdfSha256(ByteView ikm, ByteView salt, ByteView info, size_t out_len);
 
 }  // namespace qlhsm::crypto
 

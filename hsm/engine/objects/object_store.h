@@ -24,7 +24,8 @@ enum class ObjectType : int {
   kCertificate = qlproto::kObjX509,
   kChain = qlproto::kObjPkcs7,
   kCrl = qlproto::kObjCrl,
-  kHotp = qlproto::kObjHotp,  // an OATH token record
+  kHotp = qlproto::kObjHotp,    // an OATH token record
+  kSkeep = qlproto::kObjSkeep,  // a kept secret, never read out
   // A key's type is its algorithm (QL_ALG_*).
 };
 
@@ -54,9 +55,10 @@ inline bool IsDataObject(int type) {
          type == static_cast<int>(ObjectType::kChain) || type == static_cast<int>(ObjectType::kCrl);
 }
 
-// Keys: every object but data objects and token records.
+// Keys: every object but data objects, token records and kept secrets.
 inline bool IsKeyObject(int type) {
-  return !IsDataObject(type) && type != static_cast<int>(ObjectType::kHotp);
+  return !IsDataObject(type) && type != static_cast<int>(ObjectType::kHotp) &&
+         type != static_cast<int>(ObjectType::kSkeep);
 }
 
 // Splits "owner/object" or plain "object" (owned by `caller`). kBadName for anything else.

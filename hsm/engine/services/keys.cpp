@@ -504,6 +504,35 @@ Result<secure::Bytes> KeysService::Cipher(Session &s, const KeyArg &key, bool en
       });
 }
 
+Result<secure::Bytes> KeysService::RsaPrivateEncrypt(Session &s, const KeyArg &key,
+                                                     const secure::Bytes &value, size_t capacity,
+                                                     uint64_t *needed) {
+  KeyTarget target;
+  Op op{"rsa-private-encrypt", AuditName(key), UseRight(s, key), AuditMode::kRefusal};
+  return guard_.Run(
+      s, op, [&] { return Target(s, key, &target); },
+      [&](const users::UserInfo &) -> Result<secure::Bytes> {
+        Result<UsableKey> k = Usable(target);
+        if (!k.ok()) return k.status();
+        if (k->key->kind() != crypto::KeyKind::kRsa || !k->key->has_private())
+          return Status::Error(Code::kBadKeyUsage, "a private RSA key encrypts this way");
+        const size_t len = k->key->length_bytes();
+        if (value.empty() || value.size() + 11 > len)
+          return Status::Error(Code::kBadLength, "the value does not fit the key's padding");
+        if (capacity != 0 && capacity < len) {
+          if (needed) *needed = len;
+          return Status::Error(Code::kBufferTooSmall, "output buffer too small");
+        }
+        crypto::Result<crypto::Bytes> block =
+            crypto::DoRSAPadding(crypto::ByteView(value.data(), value.size()), len, 0);
+        if (!block.ok()) return FromCrypto(block.status());
+        crypto::Result<crypto::Bytes> out =
+            crypto::RsaRawSign(*k->key, crypto::ByteView(block->data(), block->size()));
+        if (!out.ok()) return FromCrypto(out.status());
+        return secure::Bytes(out->begin(), out->end());
+      });
+}
+
 Result<secure::Bytes> KeysService::BatchSign(Session &s, const KeyArg &key, uint32_t count,
                                              const secure::Bytes &blocks) {
   KeyTarget target;

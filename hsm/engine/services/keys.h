@@ -109,6 +109,14 @@ class KeysService {
   Result<secure::Bytes> Cipher(sessions::Session &s, const KeyArg &key, bool encrypt, bool final,
                                const secure::Bytes &data, size_t capacity, uint64_t *needed,
                                secure::Bytes *iv);
+  // An RSA private-key encryption of `value` (a DigestInfo, or any value that fits): the
+  // PKCS#1 v1.5 type-1 block over it, then the raw private operation (a signature whose
+  // DigestInfo the caller built). kBadKeyUsage for a key that is not a private RSA key,
+  // kBadLength when the value does not fit (more than the key's length less 11 bytes); past a
+  // non-zero capacity kBufferTooSmall with *needed set.
+  Result<secure::Bytes> RsaPrivateEncrypt(sessions::Session &s, const KeyArg &key,
+                                          const secure::Bytes &value, size_t capacity,
+                                          uint64_t *needed);
   // `count` blocks of the key's length, each already padded, signed with the raw RSA private
   // operation; the signatures in the same order.
   Result<secure::Bytes> BatchSign(sessions::Session &s, const KeyArg &key, uint32_t count,

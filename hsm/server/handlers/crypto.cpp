@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "server/handlers/handlers.h"
+#include "wire_values.h"
 
 namespace qlhsm::server::handlers {
 
@@ -37,9 +38,13 @@ void Cipher(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::Cipher &m = req.cipher();
   uint64_t needed = 0;
   secure::Bytes iv;
+  // The private-key encryption of RSA (a signature over a given DigestInfo) is a call of its own.
   Result<secure::Bytes> out =
-      c.engine.keys().Cipher(c.session, ToKeyArg(m.key()), !m.decrypt(), m.final(),
-                             ToBytes(m.data()), m.out_capacity(), &needed, &iv);
+      !m.decrypt() && (m.flags() & qlproto::kEncryptRsaPrivate) != 0
+          ? c.engine.keys().RsaPrivateEncrypt(c.session, ToKeyArg(m.key()), ToBytes(m.data()),
+                                              m.out_capacity(), &needed)
+          : c.engine.keys().Cipher(c.session, ToKeyArg(m.key()), !m.decrypt(), m.final(),
+                                   ToBytes(m.data()), m.out_capacity(), &needed, &iv);
   if (!out.ok() && out.status().code() == Code::kBufferTooSmall) r->set_needed_length(needed);
   Reply(out, r, [&](const secure::Bytes &data) {
     r->mutable_cipher()->set_data(data.data(), data.size());

@@ -169,4 +169,15 @@ void MofNRecover(const pb::Request &, Call &, pb::Response *);
 void BchainVerify(const pb::Request &, Call &, pb::Response *);
 void BchainRecoverPbk(const pb::Request &, Call &, pb::Response *);
 
+// --- secret keeping (skeep.cpp) ---
+void SKeepNew(const pb::Request &, Call &, pb::Response *);
+void SKeepRemove(const pb::Request &, Call &, pb::Response *);
+void SKeepSplit(const pb::Request &, Call &, pb::Response *);
+void SKeepProbe(const pb::Request &, Call &, pb::Response *);
+void SKeepMatch(const pb::Request &, Call &, pb::Response *);
+void SKeepRecover(const pb::Request &, Call &, pb::Response *);
+
+// --- key export for cloud imports (byok.cpp) ---
+void ByokExport(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

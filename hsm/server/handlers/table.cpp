@@ -124,6 +124,15 @@ constexpr Row kRows[] = {
     {R::kSpbDecodeEnd, SpbDecodeEnd},
     // XML signatures
     {R::kVerifyCertSignature, VerifyCertSignature},
+    // secret keeping
+    {R::kSkeepNew, SKeepNew},
+    {R::kSkeepRemove, SKeepRemove},
+    {R::kSkeepSplit, SKeepSplit},
+    {R::kSkeepProbe, SKeepProbe},
+    {R::kSkeepMatch, SKeepMatch},
+    {R::kSkeepRecover, SKeepRecover},
+    // key export for cloud imports
+    {R::kByokExport, ByokExport},
 };
 
 // Request kinds are the body's field numbers, all below this.

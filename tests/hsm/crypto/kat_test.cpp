@@ -103,6 +103,21 @@ TEST(HmacKat, Jefe) {
   }
 }
 
+// HKDF-SHA256: RFC 5869 appendix A.1 (salt and info) and A.3 (neither).
+TEST(HkdfKat, Rfc5869) {
+  const Bytes ikm = Hex("0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b0b");
+  auto a1 = HkdfSha256(ikm, Hex("000102030405060708090a0b0c"), Hex("f0f1f2f3f4f5f6f7f8f9"), 42);
+  ASSERT_TRUE(a1.ok()) << a1.status().detail();
+  EXPECT_EQ(ToHex(*a1),
+            "3cb25f25faacd57a90434f64d0362f2a2d2d0a90cf1a5a4c5db02d56ecc4c5bf34007208d5b887185865");
+  auto a3 = HkdfSha256(ikm, {}, {}, 42);
+  ASSERT_TRUE(a3.ok()) << a3.status().detail();
+  EXPECT_EQ(ToHex(*a3),
+            "8da4e775a563c18f715f802a063c5a31b8a11f5c5ee1879ec3454e5f3c738d2d9d201395faa4b61a96c8");
+  EXPECT_FALSE(HkdfSha256(ikm, {}, {}, 0).ok());
+  EXPECT_FALSE(HkdfSha256(ikm, {}, {}, 255 * 32 + 1).ok());
+}
+
 // CMAC: RFC 4493 section 4 (AES-128) and SP 800-38B appendix D.4 (three-key TDEA).
 TEST(CmacKat, AesAndTdes) {
   KeyPtr aes = SecretKey(alg::kAes128, "2b7e151628aed2a6abf7158809cf4f3c");
