@@ -101,7 +101,7 @@ class Engine {
   VaultService vault_{guard_, keys_};
   OathService oath_{core_, guard_, keys_};
   SharingService sharing_{guard_};
-  BchainService bchain_{guard_};
+  BchainService bchain_{core_, guard_, objects_};
   SpbService spb_{core_, guard_};
 };
 

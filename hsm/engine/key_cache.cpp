@@ -16,6 +16,9 @@ Result<KeyCache::Entry> KeyCache::Load(objects::ObjectStore &store, const object
   if (!info.ok()) return info.status();
   if (objects::IsDataObject(info->type))
     return Status::Error(Code::kBadKeyUsage, "the object is not a key");
+  // A blockchain key's material is its BIP32 record, which only the blockchain service reads.
+  if (info->flags & qlproto::kKeyBlockchain)
+    return Status::Error(Code::kBadKeyUsage, "a blockchain key serves the blockchain calls");
   Result<secure::Bytes> material = store.ReadMaterial(ref);
   if (!material.ok()) return material.status();
   crypto::Result<crypto::KeyPtr> key =

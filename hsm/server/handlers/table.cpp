@@ -120,6 +120,15 @@ constexpr Row kRows[] = {
     {R::kSpbDecodeInit, SpbDecodeInit},
     {R::kSpbDecodeCont, SpbDecodeCont},
     {R::kSpbDecodeEnd, SpbDecodeEnd},
+    // blockchain keys
+    {R::kBchainCreateXprv, BchainCreateXprv},
+    {R::kBchainDeriveChild, BchainDeriveChild},
+    {R::kBchainKeyInfo, BchainKeyInfo},
+    {R::kBchainGetPubkey, BchainGetPubKey},
+    {R::kBchainGetAddress, BchainGetAddress},
+    {R::kBchainSignHash, BchainSignHash},
+    {R::kBchainExportPk, BchainExportPk},
+    {R::kBchainImportPk, BchainImportPk},
 };
 
 // Request kinds are the body's field numbers, all below this.
