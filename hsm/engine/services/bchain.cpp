@@ -29,7 +29,9 @@ namespace {
 //   bytes 7..10  parent fingerprint
 //   bytes 11..14 child index
 //   bytes 15..46 chain code
-//   byte 47      1 a private key follows (32 bytes), 0 a compressed public key (33 bytes)
+//   byte 47      1 the private key (32 bytes) and then its compressed public key (33 bytes)
+//                follow, 0 the compressed public key alone
+// The public key is kept beside the private one so that no use of the key computes it again.
 
 constexpr uint8_t kRecordMarker = 0xB1;
 constexpr uint8_t kRecordExtended = 1;
@@ -39,6 +41,7 @@ constexpr size_t kRecordHead = 48;
 struct BchainKey {
   bc::ExtendedKey key;
   bool plain = false;
+  uint32_t flags = 0;  // the object's (when loaded)
 };
 
 void PutBe32(crypto::SecretBytes &out, uint32_t v) {
@@ -62,9 +65,8 @@ crypto::SecretBytes EncodeRecord(const BchainKey &k) {
   out.push_back(k.key.has_private() ? 1 : 0);
   if (k.key.has_private()) {
     out.insert(out.end(), k.key.private_key.begin(), k.key.private_key.end());
-  } else {
-    out.insert(out.end(), k.key.public_key.begin(), k.key.public_key.end());
   }
+  out.insert(out.end(), k.key.public_key.begin(), k.key.public_key.end());
   return out;
 }
 
@@ -75,7 +77,7 @@ Result<BchainKey> DecodeRecord(crypto::ByteView r) {
     return bad;
   }
   const bool priv = r[47] == 1;
-  if (r.size() != kRecordHead + (priv ? 32 : 33)) return bad;
+  if (r.size() != kRecordHead + (priv ? 32 : 0) + 33) return bad;
   BchainKey k;
   k.plain = r[1] == kRecordPlain;
   k.key.version = GetBe32(r.data() + 2);
@@ -83,15 +85,8 @@ Result<BchainKey> DecodeRecord(crypto::ByteView r) {
   k.key.parent_fingerprint = GetBe32(r.data() + 7);
   k.key.child_index = GetBe32(r.data() + 11);
   std::copy(r.begin() + 15, r.begin() + 47, k.key.chain_code.begin());
-  if (priv) {
-    k.key.private_key.assign(r.begin() + kRecordHead, r.end());
-    crypto::Result<crypto::Bytes> pub =
-        bc::PublicKeyOf(k.key.private_key, bc::PublicKeyForm::kCompressed);
-    if (!pub.ok()) return bad;
-    k.key.public_key = std::move(*pub);
-  } else {
-    k.key.public_key.assign(r.begin() + kRecordHead, r.end());
-  }
+  if (priv) k.key.private_key.assign(r.begin() + kRecordHead, r.begin() + kRecordHead + 32);
+  k.key.public_key.assign(r.end() - 33, r.end());
   return k;
 }
 
@@ -246,32 +241,27 @@ Status FindKey(Core &core, Session &s, std::string_view name, BchainTarget *out)
   return core.Ref(s, name, &out->ref);
 }
 
-// Existence, state and kind of the key, from inside a guarded body.
+// Existence, state and kind of the key, from inside a guarded body. A stored key is read and
+// opened once, then found in the key cache.
 Result<BchainKey> LoadKey(Core &core, const BchainTarget &t) {
+  crypto::KeyPtr record;
+  uint32_t flags = 0;
   if (t.temp) {
     if (!(t.temp->flags & qlproto::kKeyBlockchain)) {
       return Status::Error(Code::kBadKeyUsage, "not a blockchain key");
     }
-    return DecodeRecord(t.temp->key->secret());
+    record = t.temp->key;
+    flags = t.temp->flags;
+  } else {
+    Result<KeyCache::Entry> entry = core.keys.LoadBlockchain(*core.objects, t.ref);
+    if (!entry.ok()) return entry.status();
+    if (entry->info.blocked) return Status::Error(Code::kObjectBlocked, "object blocked");
+    record = entry->key;
+    flags = entry->info.flags;
   }
-  Result<objects::ObjectInfo> info = core.objects->Get(t.ref);
-  if (!info.ok()) return info.status();
-  if (info->blocked) return Status::Error(Code::kObjectBlocked, "object blocked");
-  if (!(info->flags & qlproto::kKeyBlockchain)) {
-    return Status::Error(Code::kBadKeyUsage, "not a blockchain key");
-  }
-  Result<secure::Bytes> material = core.objects->ReadMaterial(t.ref);
-  if (!material.ok()) return material.status();
-  Result<BchainKey> key = DecodeRecord(crypto::ByteView(material->data(), material->size()));
-  OPENSSL_cleanse(material->data(), material->size());
+  Result<BchainKey> key = DecodeRecord(record->secret());
+  if (key.ok()) key->flags = flags;
   return key;
-}
-
-Result<uint32_t> LoadFlags(Core &core, const BchainTarget &t) {
-  if (t.temp) return t.temp->flags;
-  Result<objects::ObjectInfo> info = core.objects->Get(t.ref);
-  if (!info.ok()) return info.status();
-  return info->flags;
 }
 
 // The argument step of a key about to be made: a name, and no flags but these.
@@ -511,9 +501,7 @@ Result<secure::Bytes> BchainService::ExportKey(Session &s, std::string_view name
         if (!k.ok()) return k.status();
         const bool private_form = format != qlproto::kBchainFormatXpub;
         if (private_form) {
-          Result<uint32_t> flags = LoadFlags(core_, target);
-          if (!flags.ok()) return flags.status();
-          if (!(*flags & qlproto::kKeyExportable)) {
+          if (!(k->flags & qlproto::kKeyExportable)) {
             return Status::Error(Code::kNotExportable,
                                  "the key was made without the exportable flag");
           }
