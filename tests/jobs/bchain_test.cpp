@@ -284,8 +284,20 @@ TEST_F(BchainJobs, KeyJobs) {
                 .rfind("bc1qw508d6qejxtdg4y5r3zarvary0c5xw7kv8f3t4\r\n", 0),
             0u);
 
+  // The wiki's mini private key; a mistyped one fails its check.
+  MustRun("bchain-create-xprv",
+          {"-kn", "mini", "--minikey", "S6c56bnXQiBjk9mqSYE7ykVQ7NzrRy", "-exp", "1"});
+  EXPECT_EQ(MustRun("bchain-exp-pk", {"-kn", "mini", "--format", "raw"})
+                .rfind("4C7A9640C72DC2099F23715D0C8A0D8A35F8906E3CAB61DD3F78B67BF887C9AB\r\n", 0),
+            0u);
+  RunResult r =
+      Job("bchain-create-xprv", {"-kn", "mini2", "--minikey", "S6c56bnXQiBjk9mqSYE7ykVQ7NzrRz"});
+  EXPECT_NE(r.out.find(ErrorLine("BchainCreateXPrv", QL_ERR_BCHAIN_BAD_ENCODING)),
+            std::string::npos)
+      << r.out;
+
   // The key was imported without -exp 1: its private forms stay in the HSM.
-  RunResult r = Job("bchain-exp-pk", {"-kn", "one"});
+  r = Job("bchain-exp-pk", {"-kn", "one"});
   EXPECT_NE(r.out.find(ErrorLine("BchainExportPk", QL_ERR_NOT_EXPORTABLE)), std::string::npos)
       << r.out;
   EXPECT_NE(r.exitCode, 0);

@@ -385,10 +385,17 @@ void ShowJobBchainCreateXprvHelp() {
 unsigned int JobBchainCreateXprvThread(void *p) {
   auto *job = static_cast<BchainKeyJob *>(p);
   return RunClientJob(&job->ti, [job](QueltaClient &client) {
+    if (job->dwType == QL_BCHAIN_XPRV_MINIKEY) {
+      const std::string mini(job->pData->begin(), job->pData->end());
+      return CheckJobCall("BchainCreateXPrv",
+                          client.BchainCreateXPrvBtcMinikey(job->pszKeyName, mini.c_str(),
+                                                            job->bExportable, job->bTemporary));
+    }
+    const uint32_t version = job->dwNet == 2 ? QL_BCHAIN_XPRV_TEST : QL_BCHAIN_XPRV_MAIN;
     return CheckJobCall("BchainCreateXPrv",
-                        client.BchainCreateXPrv(job->pszKeyName, job->dwType, job->pData->data(),
-                                                static_cast<uint32_t>(job->pData->size()),
-                                                job->bExportable, job->bTemporary));
+                        client.BchainCreateXPrvBip32(job->pszKeyName, version, job->pData->data(),
+                                                     static_cast<uint32_t>(job->pData->size()),
+                                                     job->bExportable, job->bTemporary));
   });
 }
 
