@@ -1449,23 +1449,23 @@ QLAPI_EXPORT int QSVaultGetData(HSESSIONCTX hSession, const char *szKeyName, uin
  * is (dwType), the forms of QBchainPkExport/QBchainPkImport (dwFormat), address types and the
  * version words. Keys made or imported are stored with QL_KEY_BLOCKCHAIN; only the QBchain*
  * calls use them (the generic sign and cipher calls answer QL_ERR_BAD_KEY_USAGE). */
-#define QL_BCHAIN_XPRV_BIP32 1         /* BIP32 master of a 16 to 64-byte seed, mainnet */
-#define QL_BCHAIN_XPRV_BIP32_TESTNET 2 /* the same, testnet */
-#define QL_BCHAIN_XPRV_MINIKEY 3       /* a mini private key's text (22 or 30 characters) */
-#define QL_BCHAIN_KEY_EXTENDED 1       /* a BIP32 key with its private half */
+#define QL_BCHAIN_XPRV_BIP32 1          /* BIP32 master of a 16 to 64-byte seed, mainnet */
+#define QL_BCHAIN_XPRV_BIP32_TESTNET 2  /* the same, testnet */
+#define QL_BCHAIN_XPRV_MINIKEY 3        /* a mini private key's text (22 or 30 characters) */
+#define QL_BCHAIN_KEY_EXTENDED 1        /* a BIP32 key with its private half */
 #define QL_BCHAIN_KEY_EXTENDED_PUBLIC 2 /* a BIP32 public-only key (derives normal children) */
-#define QL_BCHAIN_KEY_PLAIN 3          /* a private key without BIP32 data (raw, WIF, mini key) */
-#define QL_BCHAIN_FORMAT_RAW 1         /* the 32-byte private key */
-#define QL_BCHAIN_FORMAT_WIF 2         /* Wallet Import Format text */
-#define QL_BCHAIN_FORMAT_XPRV 3        /* BIP32 extended private key text */
-#define QL_BCHAIN_FORMAT_XPUB 4        /* BIP32 extended public key text */
-#define QL_BCHAIN_ADDR_P2PKH 1         /* Base58Check, HASH160 of the compressed key */
+#define QL_BCHAIN_KEY_PLAIN 3           /* a private key without BIP32 data (raw, WIF, mini key) */
+#define QL_BCHAIN_FORMAT_RAW 1          /* the 32-byte private key */
+#define QL_BCHAIN_FORMAT_WIF 2          /* Wallet Import Format text */
+#define QL_BCHAIN_FORMAT_XPRV 3         /* BIP32 extended private key text */
+#define QL_BCHAIN_FORMAT_XPUB 4         /* BIP32 extended public key text */
+#define QL_BCHAIN_ADDR_P2PKH 1          /* Base58Check, HASH160 of the compressed key */
 #define QL_BCHAIN_ADDR_P2PKH_UNCOMPRESSED 2
-#define QL_BCHAIN_ADDR_P2WPKH 3        /* bech32 (BIP173) */
-#define QL_BCHAIN_ADDR_P2TR 4          /* bech32m (BIP350), BIP86 key-path output key */
-#define QL_BCHAIN_ADDR_MAINNET 0x00    /* QBchainGetAddress dwVersion: version byte, hrp "bc" */
-#define QL_BCHAIN_ADDR_TESTNET 0x6F    /* version byte, hrp "tb" */
-#define QL_BCHAIN_WIF_MAINNET 0x80     /* QBchainPkExport WIF dwVersion (0: the key's network) */
+#define QL_BCHAIN_ADDR_P2WPKH 3     /* bech32 (BIP173) */
+#define QL_BCHAIN_ADDR_P2TR 4       /* bech32m (BIP350), BIP86 key-path output key */
+#define QL_BCHAIN_ADDR_MAINNET 0x00 /* QBchainGetAddress dwVersion: version byte, hrp "bc" */
+#define QL_BCHAIN_ADDR_TESTNET 0x6F /* version byte, hrp "tb" */
+#define QL_BCHAIN_WIF_MAINNET 0x80  /* QBchainPkExport WIF dwVersion (0: the key's network) */
 #define QL_BCHAIN_WIF_TESTNET 0xEF
 #define QL_BCHAIN_XPRV_MAIN 0x0488ADE4 /* BIP32 versions (0: the key's, or the parent's) */
 #define QL_BCHAIN_XPUB_MAIN 0x0488B21E
