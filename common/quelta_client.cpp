@@ -689,6 +689,21 @@ int QueltaClient::BchainCreateXPrv(const char *id, uint32_t type, const unsigned
                            CalcKeyAttributes(is_exportable, is_temporary));
 }
 
+int QueltaClient::BchainCreateXPrvBip32(const char *id, uint32_t version, const unsigned char *seed,
+                                        uint32_t seed_len, bool is_exportable, bool is_temporary) {
+  const bool testnet = version == QL_BCHAIN_XPRV_TEST || version == QL_BCHAIN_XPUB_TEST;
+  return BchainCreateXPrv(id, testnet ? QL_BCHAIN_XPRV_BIP32_TESTNET : QL_BCHAIN_XPRV_BIP32, seed,
+                          seed_len, is_exportable, is_temporary);
+}
+
+int QueltaClient::BchainCreateXPrvBtcMinikey(const char *id, const char *minikey,
+                                             bool is_exportable, bool is_temporary) {
+  if (minikey == nullptr) return QL_ERR_BAD_ARGUMENT;
+  return BchainCreateXPrv(id, QL_BCHAIN_XPRV_MINIKEY,
+                          reinterpret_cast<const unsigned char *>(minikey),
+                          static_cast<uint32_t>(std::strlen(minikey)), is_exportable, is_temporary);
+}
+
 int QueltaClient::BchainCreateBip32Ckd(const char *par_id, const char *dst_id, uint32_t version,
                                        uint32_t index, bool is_exportable, bool is_temporary,
                                        QL_BCHAIN_KEY_INFO *key_info) {

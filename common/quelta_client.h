@@ -180,6 +180,12 @@ class QueltaClient {
   // Blockchain keys.
   int BchainCreateXPrv(const char *id, uint32_t type, const unsigned char *data, uint32_t data_len,
                        bool is_exportable, bool is_temporary);
+  // A BIP32 master of a seed; version names the network (a testnet xprv or xpub version: type
+  // 2, anything else: type 1).
+  int BchainCreateXPrvBip32(const char *id, uint32_t version, const unsigned char *seed,
+                            uint32_t seed_len, bool is_exportable, bool is_temporary);
+  int BchainCreateXPrvBtcMinikey(const char *id, const char *minikey, bool is_exportable,
+                                 bool is_temporary);
   int BchainCreateBip32Ckd(const char *par_id, const char *dst_id, uint32_t version, uint32_t index,
                            bool is_exportable, bool is_temporary, QL_BCHAIN_KEY_INFO *key_info);
   int BchainGetAddress(const char *pk_id, uint32_t type, uint32_t version, const char *hrp,

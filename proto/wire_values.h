@@ -97,6 +97,23 @@
   X(kBchainPbkCompressed,   QL_BCHAIN_PBK_COMPRESSED,  1)    \
   X(kBchainPbkUncompressed, QL_BCHAIN_PBK_UNCOMPRESSED, 2)   \
   X(kBchainPbkXOnly,        QL_BCHAIN_PBK_XONLY,       3)    \
+  X(kBchainSigDer,          QL_BCHAIN_SIG_DER,         2)    \
+  X(kBchainXprvBip32,       QL_BCHAIN_XPRV_BIP32,      1)    \
+  X(kBchainXprvBip32Test,   QL_BCHAIN_XPRV_BIP32_TESTNET, 2) \
+  X(kBchainXprvMinikey,     QL_BCHAIN_XPRV_MINIKEY,    3)    \
+  X(kBchainKeyExtended,     QL_BCHAIN_KEY_EXTENDED,    1)    \
+  X(kBchainKeyExtendedPublic, QL_BCHAIN_KEY_EXTENDED_PUBLIC, 2) \
+  X(kBchainKeyPlain,        QL_BCHAIN_KEY_PLAIN,       3)    \
+  X(kBchainFormatRaw,       QL_BCHAIN_FORMAT_RAW,      1)    \
+  X(kBchainFormatWif,       QL_BCHAIN_FORMAT_WIF,      2)    \
+  X(kBchainFormatXprv,      QL_BCHAIN_FORMAT_XPRV,     3)    \
+  X(kBchainFormatXpub,      QL_BCHAIN_FORMAT_XPUB,     4)    \
+  X(kBchainAddrP2pkh,       QL_BCHAIN_ADDR_P2PKH,      1)    \
+  X(kBchainAddrP2tr,        QL_BCHAIN_ADDR_P2TR,       4)    \
+  X(kBchainAddrMainnet,     QL_BCHAIN_ADDR_MAINNET,    0x00) \
+  X(kBchainAddrTestnet,     QL_BCHAIN_ADDR_TESTNET,    0x6F) \
+  X(kBchainWifMainnet,      QL_BCHAIN_WIF_MAINNET,     0x80) \
+  X(kBchainWifTestnet,      QL_BCHAIN_WIF_TESTNET,     0xEF) \
   X(kSpbCertActivate,       QL_SPB_CERT_ACTIVATE,      1)    \
   X(kSpbGen01,              QL_SPB_GEN01,              2)    \
   X(kSpbV3,                 QL_SPB_V3,                 4)    \

@@ -35,14 +35,21 @@ class KeyCache {
     crypto::KeyPtr key;
   };
   // The entry, from memory or else read, opened and parsed (kBadKeyUsage for a file or a
-  // certificate, which are no keys).
+  // certificate, which are no keys, and for a blockchain key, which only its service uses).
   Result<Entry> Load(objects::ObjectStore &store, const objects::ObjectRef &ref);
-  // Only what a use needs, when the key is in memory and not blocked; no copy of the record.
+  // The same for the blockchain service: a blockchain key's entry holds its stored record as the
+  // secret of a Key of secp256k1 (kBadKeyUsage for any other object).
+  Result<Entry> LoadBlockchain(objects::ObjectStore &store, const objects::ObjectRef &ref);
+  // Only what a use needs, when the key is in memory, not blocked and no blockchain key; no copy
+  // of the record.
   bool FindUsable(const std::string &full_name, crypto::KeyPtr *key, uint32_t *flags);
   void Forget(const std::string &full_name);
   void ForgetAll();
 
  private:
+  Result<Entry> LoadEntry(objects::ObjectStore &store, const objects::ObjectRef &ref,
+                          bool blockchain);
+
   std::shared_mutex mu_;
   std::unordered_map<std::string, Entry> entries_;
 };

@@ -26,9 +26,9 @@
 #include "engine/services/pki.h"
 #include "engine/services/sharing.h"
 #include "engine/services/skeep.h"
+#include "engine/services/spb.h"
 #include "engine/services/system.h"
 #include "engine/services/users.h"
-#include "engine/services/spb.h"
 #include "engine/services/vault.h"
 
 namespace qlhsm {
@@ -107,7 +107,7 @@ class Engine {
   SharingService sharing_{guard_};
   SkeepService skeep_{core_, guard_};
   ByokService byok_{guard_, keys_};
-  BchainService bchain_{guard_};
+  BchainService bchain_{core_, guard_, objects_};
   SpbService spb_{core_, guard_};
 };
 

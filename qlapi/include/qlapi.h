@@ -297,7 +297,7 @@ QL_STATIC_ASSERT(offsetof(QL_USER_INFO, dwAcl) == 34, "QL_USER_INFO.dwAcl");
 #define QL_KEY_NO_CRYPT 2       /* the key may not encrypt or decrypt data */
 #define QL_KEY_TEMPORARY 4      /* the key lives in its session only */
 #define QL_KEY_RSA_EXP3 2048    /* RSA public exponent 3 instead of 65537 */
-#define QL_KEY_BLOCKCHAIN 16384 /* a blockchain key (QL_ERR_NOT_SUPPORTED for now) */
+#define QL_KEY_BLOCKCHAIN 16384 /* a blockchain key (QGenerateKey: QL_ALG_ECC_SECP256K1 only) */
 /* QImportKey: with this bit in the algorithm, the blob makes a public-key object. */
 #define QL_ALG_PUBLIC_KEY_BIT 0x80000000u
 /* Key-size flags of the CSP-style key calls. */
@@ -1471,6 +1471,32 @@ QLAPI_EXPORT int QSVaultGetData(HSESSIONCTX hSession, const char *szKeyName, uin
 #define QL_BCHAIN_PBK_COMPRESSED 1   /* SEC1, 33 bytes */
 #define QL_BCHAIN_PBK_UNCOMPRESSED 2 /* SEC1, 65 bytes */
 #define QL_BCHAIN_PBK_XONLY 3        /* BIP340, 32 bytes */
+/* Blockchain keys: how QBchainCreateXPrv makes a key (dwType), what QBchainGetKeyInfo says a key
+ * is (dwType), the forms of QBchainPkExport/QBchainPkImport (dwFormat), address types and the
+ * version words. Keys made or imported are stored with QL_KEY_BLOCKCHAIN; only the QBchain*
+ * calls use them (the generic sign and cipher calls answer QL_ERR_BAD_KEY_USAGE). */
+#define QL_BCHAIN_XPRV_BIP32 1          /* BIP32 master of a 16 to 64-byte seed, mainnet */
+#define QL_BCHAIN_XPRV_BIP32_TESTNET 2  /* the same, testnet */
+#define QL_BCHAIN_XPRV_MINIKEY 3        /* a mini private key's text (22 or 30 characters) */
+#define QL_BCHAIN_KEY_EXTENDED 1        /* a BIP32 key with its private half */
+#define QL_BCHAIN_KEY_EXTENDED_PUBLIC 2 /* a BIP32 public-only key (derives normal children) */
+#define QL_BCHAIN_KEY_PLAIN 3           /* a private key without BIP32 data (raw, WIF, mini key) */
+#define QL_BCHAIN_FORMAT_RAW 1          /* the 32-byte private key */
+#define QL_BCHAIN_FORMAT_WIF 2          /* Wallet Import Format text */
+#define QL_BCHAIN_FORMAT_XPRV 3         /* BIP32 extended private key text */
+#define QL_BCHAIN_FORMAT_XPUB 4         /* BIP32 extended public key text */
+#define QL_BCHAIN_ADDR_P2PKH 1          /* Base58Check, HASH160 of the compressed key */
+#define QL_BCHAIN_ADDR_P2PKH_UNCOMPRESSED 2
+#define QL_BCHAIN_ADDR_P2WPKH 3     /* bech32 (BIP173) */
+#define QL_BCHAIN_ADDR_P2TR 4       /* bech32m (BIP350), BIP86 key-path output key */
+#define QL_BCHAIN_ADDR_MAINNET 0x00 /* QBchainGetAddress dwVersion: version byte, hrp "bc" */
+#define QL_BCHAIN_ADDR_TESTNET 0x6F /* version byte, hrp "tb" */
+#define QL_BCHAIN_WIF_MAINNET 0x80  /* QBchainPkExport WIF dwVersion (0: the key's network) */
+#define QL_BCHAIN_WIF_TESTNET 0xEF
+#define QL_BCHAIN_XPRV_MAIN 0x0488ADE4 /* BIP32 versions (0: the key's, or the parent's) */
+#define QL_BCHAIN_XPUB_MAIN 0x0488B21E
+#define QL_BCHAIN_XPRV_TEST 0x04358394
+#define QL_BCHAIN_XPUB_TEST 0x043587CF
 typedef struct QL_BCHAIN_KEY_INFO_ {
   uint32_t dwType;
   uint32_t dwVersion;
@@ -1481,6 +1507,16 @@ typedef struct QL_BCHAIN_KEY_INFO_ {
   unsigned char pbPublicKey[65];
   uint32_t dwPublicKeyLen;
 } QL_BCHAIN_KEY_INFO;
+/* The key calls: making or importing a key needs ACL_OBJ_CREATE (none for QL_KEY_TEMPORARY in
+ * dwAttributes, with QL_KEY_EXPORTABLE the only other bit); using one (sign, info, public key,
+ * address, export) the right to use it. A bad seed or digest length: QL_ERR_BAD_LENGTH; a key out
+ * of range (an invalid child: take the next index): QL_ERR_BCHAIN_INVALID_KEY; a malformed text:
+ * QL_ERR_BCHAIN_BAD_ENCODING; a hardened child, signature or private form of a public-only key, or
+ * BIP32 data of a plain key: QL_ERR_BAD_KEY_USAGE; a private form of a key made without
+ * QL_KEY_EXPORTABLE: QL_ERR_NOT_EXPORTABLE. QBchainCreateBip32Ckd's dwVersion 0 keeps the
+ * parent's network, and pInfo (may be null) receives the child's data. QBchainGetAddress writes
+ * the text with its NUL; szHrp null or empty: "bc" or "tb" by dwVersion. QBchainPkExport hands out
+ * the raw key or the text (no NUL) in a buffer from QAlloc. */
 QLAPI_EXPORT int QBchainCreateXPrv(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
                                    const unsigned char *pbData, uint32_t dwDataLen,
                                    uint32_t dwAttributes);

@@ -1,5 +1,7 @@
-// Blockchain calls: hashing runs here (it needs no secret); signatures are checked and keys
-// recovered in the HSM, which holds the curve code.
+// Blockchain calls: hashing runs here (it needs no secret); keys are made, derived, used,
+// exported and imported, signatures checked and keys recovered in the HSM, which holds the curve
+// code.
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include "api_common.h"
@@ -124,5 +126,179 @@ extern "C" int QBchainRecoverPbkFromSignature(HSESSIONCTX hSession, uint32_t dwT
     QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
     if (!response.has_blob()) return QL_ERR_PROTOCOL;
     return CopyOut(response.blob().data(), pbPubKey, pdwPubKeyLen).code();
+  });
+}
+
+namespace {
+
+// The child's or the key's BIP32 data from the HSM's answer.
+int FillKeyInfo(const pb::Response &response, QL_BCHAIN_KEY_INFO *info) {
+  if (!response.has_bchain_key_info()) return QL_ERR_PROTOCOL;
+  const pb::BchainKeyInfo &k = response.bchain_key_info();
+  if (k.public_key().size() > sizeof info->pbPublicKey ||
+      (!k.chain_code().empty() && k.chain_code().size() != sizeof info->pbChainCode)) {
+    return QL_ERR_PROTOCOL;
+  }
+  std::memset(info, 0, sizeof *info);
+  info->dwType = k.type();
+  info->dwVersion = k.version();
+  info->dwDepth = k.depth();
+  info->dwIndex = k.index();
+  for (int i = 0; i < 4; ++i) {
+    info->pbParentFingerprint[i] =
+        static_cast<unsigned char>(k.parent_fingerprint() >> (24 - 8 * i));
+  }
+  std::memcpy(info->pbChainCode, k.chain_code().data(), k.chain_code().size());
+  std::memcpy(info->pbPublicKey, k.public_key().data(), k.public_key().size());
+  info->dwPublicKeyLen = static_cast<uint32_t>(k.public_key().size());
+  return QL_OK;
+}
+
+int BlobOut(HSESSIONCTX hSession, pb::Request &request, unsigned char *out, uint32_t *out_len) {
+  pb::Response response;
+  QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+  if (!response.has_blob()) return QL_ERR_PROTOCOL;
+  return CopyOut(response.blob().data(), out, out_len).code();
+}
+
+}  // namespace
+
+extern "C" int QBchainCreateXPrv(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                 const unsigned char *pbData, uint32_t dwDataLen,
+                                 uint32_t dwAttributes) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || (pbData == nullptr && dwDataLen > 0)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::BchainCreateXprv *m = request.mutable_bchain_create_xprv();
+    m->set_name(szKeyName);
+    m->set_type(dwType);
+    m->set_data(Text(pbData, dwDataLen));
+    m->set_flags(dwAttributes);
+    const int rc = Ask(hSession, request).code();
+    std::string *seed = m->mutable_data();
+    OPENSSL_cleanse(seed->data(), seed->size());
+    return rc;
+  });
+}
+
+extern "C" int QBchainCreateBip32Ckd(HSESSIONCTX hSession, const char *szParentName,
+                                     const char *szDstName, uint32_t dwVersion, uint32_t dwIndex,
+                                     uint32_t dwAttributes, QL_BCHAIN_KEY_INFO *pInfo) {
+  return Guard([&] {
+    if (!HasText(szParentName) || !HasText(szDstName)) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::BchainDeriveChild *m = request.mutable_bchain_derive_child();
+    m->set_parent(szParentName);
+    m->set_name(szDstName);
+    m->set_version(dwVersion);
+    m->set_index(dwIndex);
+    m->set_flags(dwAttributes);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (pInfo == nullptr) return QL_OK;
+    return FillKeyInfo(response, pInfo);
+  });
+}
+
+extern "C" int QBchainGetKeyInfo(HSESSIONCTX hSession, const char *szKeyName,
+                                 QL_BCHAIN_KEY_INFO *pInfo) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || pInfo == nullptr) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    request.mutable_bchain_key_info()->set_name(szKeyName);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    return FillKeyInfo(response, pInfo);
+  });
+}
+
+extern "C" int QBchainGetPubKey(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                unsigned char *pbPubKey, uint32_t *pdwPubKeyLen) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || pdwPubKeyLen == nullptr) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::BchainGetPubKey *m = request.mutable_bchain_get_pubkey();
+    m->set_name(szKeyName);
+    m->set_type(dwType);
+    return BlobOut(hSession, request, pbPubKey, pdwPubKeyLen);
+  });
+}
+
+extern "C" int QBchainGetAddress(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                                 uint32_t dwVersion, const char *szHrp, char *szAddress,
+                                 uint32_t *pdwAddressLen) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || pdwAddressLen == nullptr) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::BchainGetAddress *m = request.mutable_bchain_get_address();
+    m->set_name(szKeyName);
+    m->set_type(dwType);
+    m->set_version(dwVersion);
+    if (szHrp != nullptr) m->set_hrp(szHrp);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (!response.has_blob() || response.blob().data().empty()) return QL_ERR_PROTOCOL;
+    // The address's text and its NUL.
+    std::string text = response.blob().data();
+    text.push_back('\0');
+    return CopyOut(text, szAddress, pdwAddressLen).code();
+  });
+}
+
+extern "C" int QBchainSignHash(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwType,
+                               uint32_t dwHashMode, const unsigned char *pbHash, uint32_t dwHashLen,
+                               unsigned char *pbSignature, uint32_t *pdwSignatureLen) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || (pbHash == nullptr && dwHashLen > 0) || pdwSignatureLen == nullptr) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    pb::Request request;
+    pb::BchainSignHash *m = request.mutable_bchain_sign_hash();
+    m->set_name(szKeyName);
+    m->set_type(dwType);
+    m->set_hash_mode(dwHashMode);
+    m->set_hash(Text(pbHash, dwHashLen));
+    return BlobOut(hSession, request, pbSignature, pdwSignatureLen);
+  });
+}
+
+extern "C" int QBchainPkExport(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwFormat,
+                               uint32_t dwVersion, int bCompressed, unsigned char **ppbOut,
+                               uint32_t *pdwOutLen) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || ppbOut == nullptr || pdwOutLen == nullptr) {
+      return QL_ERR_BAD_ARGUMENT;
+    }
+    pb::Request request;
+    pb::BchainExportPk *m = request.mutable_bchain_export_pk();
+    m->set_name(szKeyName);
+    m->set_format(dwFormat);
+    m->set_version(dwVersion);
+    m->set_compressed(bCompressed != 0);
+    pb::Response response;
+    QL_RETURN_CODE_IF_ERROR(Ask(hSession, request, &response));
+    if (!response.has_blob()) return QL_ERR_PROTOCOL;
+    std::string *key = response.mutable_blob()->mutable_data();
+    const int rc = AllocOut(*key, ppbOut, pdwOutLen).code();
+    OPENSSL_cleanse(key->data(), key->size());
+    return rc;
+  });
+}
+
+extern "C" int QBchainPkImport(HSESSIONCTX hSession, const char *szKeyName, uint32_t dwFormat,
+                               uint32_t dwAttributes, const unsigned char *pbData,
+                               uint32_t dwDataLen) {
+  return Guard([&] {
+    if (!HasText(szKeyName) || pbData == nullptr || dwDataLen == 0) return QL_ERR_BAD_ARGUMENT;
+    pb::Request request;
+    pb::BchainImportPk *m = request.mutable_bchain_import_pk();
+    m->set_name(szKeyName);
+    m->set_format(dwFormat);
+    m->set_flags(dwAttributes);
+    m->set_data(Text(pbData, dwDataLen));
+    const int rc = Ask(hSession, request).code();
+    std::string *key = m->mutable_data();
+    OPENSSL_cleanse(key->data(), key->size());
+    return rc;
   });
 }

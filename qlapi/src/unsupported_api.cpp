@@ -61,37 +61,6 @@ int QPIXDelete(HSESSIONCTX, const char *, const char *, const char *, const char
   QL_NOT_SUPPORTED;
 }
 
-int QBchainCreateXPrv(HSESSIONCTX, const char *, uint32_t, const unsigned char *, uint32_t,
-                      uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainCreateBip32Ckd(HSESSIONCTX, const char *, const char *, uint32_t, uint32_t, uint32_t,
-                          QL_BCHAIN_KEY_INFO *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainGetAddress(HSESSIONCTX, const char *, uint32_t, uint32_t, const char *, char *,
-                      uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainSignHash(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *, uint32_t,
-                    unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainGetKeyInfo(HSESSIONCTX, const char *, QL_BCHAIN_KEY_INFO *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainGetPubKey(HSESSIONCTX, const char *, uint32_t, unsigned char *, uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainPkExport(HSESSIONCTX, const char *, uint32_t, uint32_t, int, unsigned char **,
-                    uint32_t *) {
-  QL_NOT_SUPPORTED;
-}
-int QBchainPkImport(HSESSIONCTX, const char *, uint32_t, uint32_t, const unsigned char *,
-                    uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
 int QCreateObjMetadata(HOBJMETACTX *phMeta, uint32_t) {
   if (phMeta) *phMeta = nullptr;
   QL_NOT_SUPPORTED;

@@ -1,6 +1,7 @@
 // Blockchain calls that need no key of the HSM, against a real HSM: BIP340's verification
 // vectors, ECDSA signatures made by an independent signer written in Python, the hash modes,
-// the bchain-hash, bchain-verify and bchain-recover-pbk jobs, and skeep-calc-cks.
+// the bchain-hash, bchain-verify and bchain-recover-pbk jobs, the jobs of the HSM's blockchain
+// keys, and skeep-calc-cks.
 
 #include <fstream>
 #include <set>
@@ -237,6 +238,80 @@ TEST_F(BchainJobs, HashVerifyAndRecoverJobs) {
            {"bchain-hash", {"--mode", "sha512", "-in", Path("tx.bin")}},
            {"bchain-verify", {"-in", Path("tx.bin"), "--sig", "00"}},
            {"bchain-recover-pbk", {"-in", Path("tx.bin")}}}) {
+    r = Job(job, options);
+    EXPECT_EQ(r.exitCode, 255) << job;
+    EXPECT_NE(r.out.find("EXAMPLE"), std::string::npos) << job << ":\n" << r.out;
+  }
+}
+
+TEST_F(BchainJobs, KeyJobs) {
+  // BIP32's vector 1: the master and its first hardened child, made and derived by the jobs.
+  MustRun("bchain-create-xprv",
+          {"-kn", "jw", "--seed", "000102030405060708090a0b0c0d0e0f", "-exp", "1"});
+  EXPECT_EQ(
+      MustRun("bchain-exp-pk", {"-kn", "jw", "--format", "xprv"})
+          .rfind("xprv9s21ZrQH143K3QTDL4LXw2F7HEK3wJUD2nW2nRk4stbPy6cq3jPPqjiChkVvvNKmPGJxWUtg6"
+                 "LnF5kejMRNNU3TGtRBeJgk33yuGBxrMPHi\r\n",
+                 0),
+      0u);
+  std::string out =
+      MustRun("bchain-create-ckd", {"-kn", "jw", "--dst", "jw0h", "--index", "0h", "-exp", "1"});
+  EXPECT_NE(out.find("Depth: 1\r\nIndex: 2147483648\r\n"), std::string::npos) << out;
+  EXPECT_EQ(MustRun("bchain-exp-pk", {"-kn", "jw0h", "--format", "xpub"})
+                .rfind("xpub68Gmy5EdvgibQVfPdqkBBCHxA5htiqg55crXYuXoQRKfDBFA1WEjWgP6LHhwBZeNK1VTsfT"
+                       "FUHCdrfp1bgwQ9xv5ski8PX9rL2dZXvgGDnw\r\n",
+                       0),
+            0u);
+  out = MustRun("bchain-key-info", {"-kn", "jw0h"});
+  std::string pbk = MustRun("bchain-get-pbk", {"-kn", "jw0h"});
+  pbk = pbk.substr(0, pbk.find("\r\n"));
+  ASSERT_EQ(pbk.size(), 66u) << pbk;
+  EXPECT_NE(out.find("Public key: " + pbk + "\r\n"), std::string::npos) << out;
+
+  // A signature of the sign job passes the verify job.
+  WriteText(Path("tx.bin"), "send 3 to carol");
+  std::string sig =
+      MustRun("bchain-sign", {"-kn", "jw0h", "-in", Path("tx.bin"), "--sigtype", "der"});
+  sig = sig.substr(0, sig.find("\r\n"));
+  out = MustRun("bchain-verify",
+                {"-in", Path("tx.bin"), "--sigtype", "der", "--sig", sig, "--pbk", pbk});
+  EXPECT_NE(out.find("Signature verified.\r\n"), std::string::npos) << out;
+
+  // Private key 1, imported raw: BIP173's first P2WPKH address.
+  MustRun("bchain-imp-pk",
+          {"-kn", "one", "--format", "raw", "-inform", "hex", "-in", std::string(63, '0') + "1"});
+  EXPECT_EQ(MustRun("bchain-get-addr", {"-kn", "one"})
+                .rfind("bc1qw508d6qejxtdg4y5r3zarvary0c5xw7kv8f3t4\r\n", 0),
+            0u);
+
+  // The wiki's mini private key; a mistyped one fails its check.
+  MustRun("bchain-create-xprv",
+          {"-kn", "mini", "--minikey", "S6c56bnXQiBjk9mqSYE7ykVQ7NzrRy", "-exp", "1"});
+  EXPECT_EQ(MustRun("bchain-exp-pk", {"-kn", "mini", "--format", "raw"})
+                .rfind("4C7A9640C72DC2099F23715D0C8A0D8A35F8906E3CAB61DD3F78B67BF887C9AB\r\n", 0),
+            0u);
+  RunResult r =
+      Job("bchain-create-xprv", {"-kn", "mini2", "--minikey", "S6c56bnXQiBjk9mqSYE7ykVQ7NzrRz"});
+  EXPECT_NE(r.out.find(ErrorLine("BchainCreateXPrv", QL_ERR_BCHAIN_BAD_ENCODING)),
+            std::string::npos)
+      << r.out;
+
+  // The key was imported without -exp 1: its private forms stay in the HSM.
+  r = Job("bchain-exp-pk", {"-kn", "one"});
+  EXPECT_NE(r.out.find(ErrorLine("BchainExportPk", QL_ERR_NOT_EXPORTABLE)), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.exitCode, 0);
+
+  // A missing or wrong option prints the help page.
+  for (const auto &[job, options] : std::vector<std::pair<std::string, std::vector<std::string>>>{
+           {"bchain-create-xprv", {"-kn", "x"}},
+           {"bchain-create-ckd", {"-kn", "jw", "--dst", "c", "--index", "1x"}},
+           {"bchain-key-info", {}},
+           {"bchain-get-pbk", {"-kn", "jw", "--pbktype", "hybrid"}},
+           {"bchain-get-addr", {"-kn", "jw", "--type", "p2sh"}},
+           {"bchain-sign", {"-kn", "jw"}},
+           {"bchain-exp-pk", {"-kn", "jw", "--net", "regtest"}},
+           {"bchain-imp-pk", {"-kn", "x", "--format", "raw"}}}) {
     r = Job(job, options);
     EXPECT_EQ(r.exitCode, 255) << job;
     EXPECT_NE(r.out.find("EXAMPLE"), std::string::npos) << job << ":\n" << r.out;

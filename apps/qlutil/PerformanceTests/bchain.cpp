@@ -1,7 +1,6 @@
 // The blockchain performance test: bchain-sign-hash. An extended private key is made under a
 // temporary name (one per thread, or one for the whole test with --key-per-test) and removed
-// afterwards; the loop signs one digest made beforehand. It runs against the library's
-// blockchain calls, which answer "not supported" until the HSM serves them.
+// afterwards; the loop signs one digest made beforehand (compact ECDSA, the digest a SHA-256).
 
 #include <cstring>
 
@@ -10,8 +9,9 @@
 
 namespace {
 
-constexpr uint32_t kBchainKeyType = 1;   // secp256k1 BIP32 extended key
-constexpr uint32_t kBchainHashMode = 1;  // the digest is SHA-256
+constexpr uint32_t kBchainKeyType = QL_BCHAIN_XPRV_BIP32;
+constexpr uint32_t kBchainSigType = QL_BCHAIN_SIG_COMPACT;
+constexpr uint32_t kBchainHashMode = QL_BCHAIN_HASH_SHA256;
 constexpr uint32_t kSeedLen = 32;
 constexpr uint32_t kDigestLen = 32;
 constexpr uint32_t kSignatureLen = 128;
@@ -107,7 +107,7 @@ unsigned int PerfBchainSignHashThread(void *pThreadInfo) {
   const char *key = SigningKey(info);
   return RunPerfLoop(&info->ti, [&](unsigned long counter) {
     uint32_t signature_len = kSignatureLen;
-    const int rc = QBchainSignHash(info->hSession, key, kBchainKeyType, kBchainHashMode,
+    const int rc = QBchainSignHash(info->hSession, key, kBchainSigType, kBchainHashMode,
                                    info->pbDigest, kDigestLen, info->pbSignature, &signature_len);
     return rc == 0 ? 0 : PerfPassFailed("PerfBchainSignHashThread", "QBchainSignHash", rc, counter);
   });

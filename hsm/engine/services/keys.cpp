@@ -92,7 +92,12 @@ access::Request KeysService::UseRight(Session &s, const KeyArg &arg) {
 }
 
 Result<KeysService::UsableKey> KeysService::Usable(const KeyTarget &t) {
-  if (t.temp) return UsableKey{t.temp->key, t.temp->flags};
+  if (t.temp) {
+    // A blockchain key holds BIP32 data, not a generic key: only the blockchain calls use it.
+    if (t.temp->flags & qlproto::kKeyBlockchain)
+      return Status::Error(Code::kBadKeyUsage, "a blockchain key serves the blockchain calls");
+    return UsableKey{t.temp->key, t.temp->flags};
+  }
   // Every use after the first finds the key ready: take only what the use needs.
   UsableKey k;
   const std::string full = t.ref.Full();
@@ -140,7 +145,7 @@ Result<KeyDesc> KeysService::GenerateKey(Session &s, std::string_view name, uint
       s, op, [&] { return temporary ? Status::Ok() : core_.Ref(s, name, &ref); },
       [&](const users::UserInfo &) -> Result<KeyDesc> {
         if (flags & qlproto::kKeyBlockchain)
-          return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
+          return Status::Error(Code::kNotSupported, "blockchain keys are made by their service");
         crypto::Result<crypto::KeyPtr> key = crypto::Key::Generate(algorithm, flags);
         if (!key.ok()) return FromCrypto(key.status());
         return KeepNewKey(s, name, *key, flags, want_handle);

@@ -190,8 +190,9 @@ Result<std::vector<std::string>> SystemService::ListModules(Session &s) {
       s, Op{"list-modules", "-", Request::kFree, AuditMode::kRefusal}, NoArgs,
       [&](const users::UserInfo &) -> Result<std::vector<std::string>> {
         std::vector<std::string> names;
-        for (const char *service : {"users", "objects", "keys", "hashes", "system", "logs", "pki",
-                                    "payment", "vault", "oath", "sharing", "bchain", "spb"})
+        for (const char *service :
+             {"users", "objects", "keys", "hashes", "system", "logs", "pki", "payment", "vault",
+              "oath", "sharing", "bchain", "spb", "skeep", "byok"})
           names.push_back(std::string("service:") + service);
         names.push_back(std::string("openssl:") + OpenSSL_version(OPENSSL_VERSION_STRING));
         names.push_back(std::string("sqlite:") + sqlite3_libversion());

@@ -168,6 +168,15 @@ void MofNRecover(const pb::Request &, Call &, pb::Response *);
 // --- blockchain signatures without a key (bchain.cpp) ---
 void BchainVerify(const pb::Request &, Call &, pb::Response *);
 void BchainRecoverPbk(const pb::Request &, Call &, pb::Response *);
+// --- blockchain keys (bchain.cpp) ---
+void BchainCreateXprv(const pb::Request &, Call &, pb::Response *);
+void BchainDeriveChild(const pb::Request &, Call &, pb::Response *);
+void BchainKeyInfo(const pb::Request &, Call &, pb::Response *);
+void BchainGetPubKey(const pb::Request &, Call &, pb::Response *);
+void BchainGetAddress(const pb::Request &, Call &, pb::Response *);
+void BchainSignHash(const pb::Request &, Call &, pb::Response *);
+void BchainExportPk(const pb::Request &, Call &, pb::Response *);
+void BchainImportPk(const pb::Request &, Call &, pb::Response *);
 
 // --- secret keeping (skeep.cpp) ---
 void SKeepNew(const pb::Request &, Call &, pb::Response *);

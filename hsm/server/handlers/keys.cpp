@@ -3,9 +3,16 @@
 
 namespace qlhsm::server::handlers {
 
-// OATH token objects travel as keys do; the OATH service keeps them.
 void GenerateKey(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::GenerateKey &g = req.generate_key();
+  // Blockchain keys carry BIP32 data besides the key: their own service makes them.
+  if (g.flags() & qlproto::kKeyBlockchain) {
+    Reply(c.engine.bchain().GenerateKey(c.session, g.name(), g.algorithm(), g.flags(),
+                                        g.want_handle()),
+          r, [&](const KeyDesc &k) { SetKeyHandle(k, r); });
+    return;
+  }
+  // OATH token objects travel as keys do; the OATH service keeps them.
   Reply(g.algorithm() == qlproto::kObjHotp
             ? c.engine.oath().GenerateTokenObject(c.session, g.name(), g.flags(), g.want_handle())
             : c.engine.keys().GenerateKey(c.session, g.name(), g.algorithm(), g.flags(),

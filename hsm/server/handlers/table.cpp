@@ -133,6 +133,15 @@ constexpr Row kRows[] = {
     {R::kSkeepRecover, SKeepRecover},
     // key export for cloud imports
     {R::kByokExport, ByokExport},
+    // blockchain keys
+    {R::kBchainCreateXprv, BchainCreateXprv},
+    {R::kBchainDeriveChild, BchainDeriveChild},
+    {R::kBchainKeyInfo, BchainKeyInfo},
+    {R::kBchainGetPubkey, BchainGetPubKey},
+    {R::kBchainGetAddress, BchainGetAddress},
+    {R::kBchainSignHash, BchainSignHash},
+    {R::kBchainExportPk, BchainExportPk},
+    {R::kBchainImportPk, BchainImportPk},
 };
 
 // Request kinds are the body's field numbers, all below this.
