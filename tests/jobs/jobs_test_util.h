@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "command.h"
 #include "hsm_fixture.h"
 
 namespace jobs_test {
@@ -50,18 +51,8 @@ struct RunResult {
 
 // Runs a command line through the shell; its standard output and exit status.
 inline RunResult RunCommand(const std::string &cmd) {
-  RunResult r;
-  FILE *pipe = popen((cmd + " 2>/dev/null").c_str(), "r");
-  if (pipe == nullptr) {
-    ADD_FAILURE() << "popen failed: " << cmd;
-    return r;
-  }
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) r.out.append(buf, n);
-  const int status = pclose(pipe);
-  r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1000;
-  return r;
+  const qltest::CommandResult c = qltest::RunCommand(cmd + " 2>/dev/null");
+  return {c.out, c.exit_code};
 }
 
 // The exit status a handler result becomes (the process keeps its low 8 bits).

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "hsm_fixture.h"
 #include "library_session.h"
 
@@ -25,10 +26,7 @@ namespace {
 
 const char *const kMasterPassword = "24681357";
 
-struct RunResult {
-  int exit_code = -1;
-  std::string out;
-};
+using RunResult = qltest::CommandResult;
 
 const std::regex kOpsFooter(
     R"(Total time: \d+\.\d\d ms \(\d+\.\d\d seg\) \[\d+\.\d\d op/sec\]\n\r)");
@@ -58,18 +56,9 @@ class PerfE2E : public ::testing::Test {
   // qlutil in the test's folder, connected to the shared daemon as master.
   RunResult Run(const std::string &args, const std::string &password = kMasterPassword,
                 const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm()) {
-    const std::string cmd = "cd '" + dir_.string() + "' && '" + QlutilPath() + "' -a " +
-                            hsm.address() + " --port " + std::to_string(hsm.port()) +
-                            " -u master -w '" + password + "' " + args;
-    RunResult result;
-    FILE *pipe = popen(cmd.c_str(), "r");
-    if (pipe == nullptr) return result;
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.out.append(buffer, n);
-    const int status = pclose(pipe);
-    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    const qltest::CommandResult r = qltest::RunCommand(
+        qltest::QlutilAsMaster(QlutilPath(), dir_.string(), hsm, args, password));
+    return r;
   }
 
   // Run, and check that the HSM holds afterwards what it held before.

@@ -292,7 +292,7 @@ Result<KeyDesc> Keep(ObjectsService &objects, Session &s, std::string_view name,
     }
     auto key = std::make_shared<const crypto::Key>(
         crypto::FindKeyAlgorithm(crypto::alg::kSecp256k1), std::move(record));
-    const uint64_t h = s.AddTemp({key, flags, std::string(name)});
+    const uint64_t h = s.AddTemp({key, flags, std::string(name), {}});
     if (want_handle) d.handle = h;
     return d;
   }

@@ -617,7 +617,7 @@ Result<secure::Bytes> KeysService::GenerateKeyMaterial(Session &s, uint32_t algo
                     NoArgs, [&](const users::UserInfo &) -> Result<secure::Bytes> {
                       if (flags & qlproto::kKeyBlockchain)
                         return Status::Error(Code::kNotSupported,
-                                             "blockchain keys are not built yet");
+                                             "blockchain keys are made by their own calls");
                       crypto::Result<crypto::SecretBytes> material =
                           crypto::GenerateKeyMaterial(algorithm, flags);
                       if (!material.ok()) return FromCrypto(material.status());
@@ -650,7 +650,7 @@ Result<secure::Bytes> KeysService::GenEcdhKey(Session &s, const EcdhArgs &a, uin
         if (!raw && (a.out_length == 0 || a.out_length > kMaxDerived))
           return Status::Error(Code::kBadLength, "X9.63 derives 1 to 1024 bytes");
         if (keep && (a.flags & qlproto::kKeyBlockchain))
-          return Status::Error(Code::kNotSupported, "blockchain keys are not built yet");
+          return Status::Error(Code::kNotSupported, "a derived secret is never a blockchain key");
         if (keep) {
           objects::ObjectRef kept;
           QL_RETURN_IF_ERROR(core_.Ref(s, a.target_name, &kept));

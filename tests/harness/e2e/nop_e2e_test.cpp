@@ -12,15 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "hsm_fixture.h"
 #include "qlapi.h"
 
 namespace {
 
-struct RunResult {
-  int exit_code = -1;
-  std::string out;
-};
+using RunResult = qltest::CommandResult;
 
 class NopE2E : public ::testing::Test {
  protected:
@@ -34,20 +32,11 @@ class NopE2E : public ::testing::Test {
 
   // Runs qlutil in the test's directory with the connection to the shared daemon first.
   RunResult Run(const std::vector<std::string> &args, const std::string &password = "") {
-    qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
-    std::string cmd = "cd '" + dir_.string() + "' && '" QLUTIL_BIN "' -a " + hsm.address() +
-                      " --port " + std::to_string(hsm.port()) + " -u master -w '" +
-                      (password.empty() ? hsm.master_password() : password) + "'";
-    for (const std::string &arg : args) cmd += " '" + arg + "'";
-    RunResult result;
-    FILE *pipe = popen(cmd.c_str(), "r");
-    if (pipe == nullptr) return result;
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) result.out.append(buffer, n);
-    const int status = pclose(pipe);
-    result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    std::string words;
+    for (const std::string &arg : args) words += " '" + arg + "'";
+    const qltest::CommandResult r = qltest::RunCommand(qltest::QlutilAsMaster(
+        QLUTIL_BIN, dir_.string(), qltest::HsmEnvironment::hsm(), words, password));
+    return r;
   }
   std::string Read(const char *name) {
     std::ifstream in(dir_ / name, std::ios::binary);

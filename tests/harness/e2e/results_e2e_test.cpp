@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "hsm_fixture.h"
 
 namespace {
@@ -39,18 +40,11 @@ class ResultsE2E : public ::testing::Test {
 
   // qlutil in the test's folder as master; standard error kept apart.
   RunResult Run(const std::string &args) {
-    qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
-    const std::string cmd = "cd '" + dir_.string() + "' && '" QLUTIL_BIN "' -a " + hsm.address() +
-                            " --port " + std::to_string(hsm.port()) + " -u master -w '" +
-                            hsm.master_password() + "' " + args + " 2>stderr.txt";
+    const qltest::CommandResult c = qltest::RunCommand(qltest::QlutilAsMaster(
+        QLUTIL_BIN, dir_.string(), qltest::HsmEnvironment::hsm(), args + " 2>stderr.txt"));
     RunResult r;
-    FILE *pipe = popen(cmd.c_str(), "r");
-    if (pipe == nullptr) return r;
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) r.out.append(buffer, n);
-    const int status = pclose(pipe);
-    r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.out = c.out;
+    r.exit_code = c.exit_code;
     r.err = Read("stderr.txt");
     return r;
   }

@@ -551,9 +551,3 @@ TEST(BchainKeys, RefusalsAndGeneratedKeys) {
 }
 
 }  // namespace
-
-int main(int argc, char **argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  ::testing::AddGlobalTestEnvironment(new qltest::HsmEnvironment);
-  return RUN_ALL_TESTS();
-}

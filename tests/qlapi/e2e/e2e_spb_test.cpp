@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "hsm_fixture.h"
 #include "library_session.h"
 #include "qlapi.h"
@@ -567,24 +568,11 @@ TEST_F(Spb, RightsOfEachCall) {
 // The jobs, as an operator runs them: qlutil as master against the same daemon.
 class SpbJobs : public Spb {
  protected:
-  struct Run {
-    int exit_code = -1;
-    std::string out;
-  };
+  using Run = qltest::CommandResult;
   Run Qlutil(const std::string &args) const {
-    const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
-    const std::string cmd = "cd '" + dir_.string() + "' && '" + QLUTIL_BIN + "' -a " +
-                            hsm.address() + " --port " + std::to_string(hsm.port()) +
-                            " -u master -w '" + hsm.master_password() + "' " + args;
-    Run r;
-    FILE *pipe = popen(cmd.c_str(), "r");
-    if (pipe == nullptr) return r;
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) r.out.append(buffer, n);
-    const int status = pclose(pipe);
-    r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
+    const qltest::CommandResult c = qltest::RunCommand(
+        qltest::QlutilAsMaster(QLUTIL_BIN, dir_.string(), qltest::HsmEnvironment::hsm(), args));
+    return c;
   }
 };
 

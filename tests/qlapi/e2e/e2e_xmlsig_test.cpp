@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "command.h"
 #include "hsm_fixture.h"
 #include "library_session.h"
 #include "qlapi.h"
@@ -378,25 +379,12 @@ TEST_F(XmlSig, PixMessagesSignAndVerify) {
 }
 
 #ifdef QLUTIL_BIN
-struct CommandRun {
-  int exit_code = -1;
-  std::string out;
-};
+using CommandRun = qltest::CommandResult;
 
 CommandRun Qlutil(const std::string &dir, const std::string &args) {
-  const qltest::HsmProcess &hsm = qltest::HsmEnvironment::hsm();
-  const std::string cmd = "cd '" + dir + "' && '" + QLUTIL_BIN + "' -a " + hsm.address() +
-                          " --port " + std::to_string(hsm.port()) + " -u master -w '" +
-                          hsm.master_password() + "' " + args;
-  CommandRun r;
-  FILE *pipe = popen(cmd.c_str(), "r");
-  if (pipe == nullptr) return r;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) r.out.append(buffer, n);
-  const int status = pclose(pipe);
-  r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+  const qltest::CommandResult c = qltest::RunCommand(
+      qltest::QlutilAsMaster(QLUTIL_BIN, dir, qltest::HsmEnvironment::hsm(), args));
+  return c;
 }
 
 TEST_F(XmlSig, PixJobs) {
