@@ -80,6 +80,15 @@ struct Core {
 
   // An object's name as the session's user sees it ("object" or "owner/object"): an argument
   // check, kBadName for a malformed name.
+  // kLimitReached unless `n` more objects fit under the HSM's object limit.
+  Status RoomForObjects(size_t n) const {
+    Result<int64_t> count = objects->Count();
+    if (!count.ok()) return count.status();
+    if (static_cast<size_t>(count.value()) + n > max_objects)
+      return Status::Error(Code::kLimitReached, "object limit reached");
+    return Status::Ok();
+  }
+
   Status Ref(const sessions::Session &s, std::string_view name, objects::ObjectRef *out) const {
     // An anonymous caller owns nothing; "-" stands in so that the name's syntax is still checked.
     Result<objects::ObjectRef> ref =

@@ -280,10 +280,7 @@ Status TokenObjectFlags(uint32_t flags) {
 Result<KeyDesc> OathService::StoreToken(Session &s, const objects::ObjectRef &ref,
                                         const secure::Bytes &record, uint32_t flags,
                                         bool want_handle) {
-  Result<int64_t> count = core_.objects->Count();
-  if (!count.ok()) return count.status();
-  if (static_cast<size_t>(count.value()) >= core_.max_objects)
-    return Status::Error(Code::kLimitReached, "object limit reached");
+  QL_RETURN_IF_ERROR(core_.RoomForObjects(1));
   objects::ObjectInfo info;
   info.ref = ref;
   info.type = info.algorithm = static_cast<int>(qlproto::kObjHotp);

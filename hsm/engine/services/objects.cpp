@@ -25,10 +25,7 @@ Status ObjectsService::CreateObject(Session &s, std::string_view name, int type,
   return guard_.Run(
       s, op, [&] { return core_.Ref(s, name, &ref); },
       [&](const users::UserInfo &) -> Status {
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) >= core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
+        QL_RETURN_IF_ERROR(core_.RoomForObjects(1));
         objects::ObjectInfo info;
         info.ref = ref;
         info.type = type;

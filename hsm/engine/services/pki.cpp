@@ -219,10 +219,7 @@ Status PkiService::ImportPkcs12(Session &s, const Pkcs12Import &in) {
           if (!crypto::pki::KeyMatchesCertificate(**key, p12->certificate))
             return Status::Error(Code::kKeyCertMismatch, "the key is not the certificate's");
         }
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) + (keep_cert ? 2 : 1) > core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
+        QL_RETURN_IF_ERROR(core_.RoomForObjects(keep_cert ? 2 : 1));
         crypto::Result<crypto::SecretBytes> stored = (*key)->Serialize();
         if (!stored.ok()) return FromCrypto(stored.status());
         std::vector<std::pair<objects::ObjectInfo, secure::Bytes>> rows;

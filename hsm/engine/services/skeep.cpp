@@ -185,10 +185,7 @@ Status SkeepService::New(Session &s, std::string_view id, uint32_t level, uint32
         return CheckKind(level, auth);
       },
       [&](const users::UserInfo &) -> Status {
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) >= core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
+        QL_RETURN_IF_ERROR(core_.RoomForObjects(1));
         crypto::Result<crypto::SecretBytes> secret = crypto::RandomBytes(SecretLength(level));
         if (!secret.ok()) return FromCrypto(secret.status());
         Kept k{level, auth, 0, std::move(secret.value())};
@@ -348,10 +345,7 @@ Result<uint32_t> SkeepService::Recover(Session &s, std::string_view id,
         for (uint32_t l = 1; l <= 3; ++l)
           if (SecretLength(l) == got->secret.size()) level = l;
         if (level == 0) return Status::Error(Code::kShareCorrupt, "not a kept secret's shares");
-        Result<int64_t> count = core_.objects->Count();
-        if (!count.ok()) return count.status();
-        if (static_cast<size_t>(count.value()) >= core_.max_objects)
-          return Status::Error(Code::kLimitReached, "object limit reached");
+        QL_RETURN_IF_ERROR(core_.RoomForObjects(1));
         Kept restored{level, got->auth, kSkeepSplit | kSkeepRestored, std::move(got->secret)};
         secure::Bytes material = Serialize(restored);
         WipeOnExit wipe{material};

@@ -332,10 +332,7 @@ Status SpbService::CreateRegistered(
     std::vector<std::pair<objects::ObjectInfo, secure::Bytes>> &rows,
     std::vector<objects::ObjectStore::RecordSet> records, std::string_view ispb,
     const objects::ObjectRef &cert, bool activate) {
-  Result<int64_t> count = core_.objects->Count();
-  if (!count.ok()) return count.status();
-  if (static_cast<size_t>(count.value()) + rows.size() > core_.max_objects)
-    return Status::Error(Code::kLimitReached, "object limit reached");
+  QL_RETURN_IF_ERROR(core_.RoomForObjects(rows.size()));
   std::unique_lock<std::mutex> lock(activation_, std::defer_lock);
   if (activate) {
     lock.lock();
