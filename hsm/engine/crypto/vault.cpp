@@ -63,14 +63,13 @@ bool IsVoterState(std::string_view state) {
 
 // The voter number's digits: the first over the sequence with weights 2 to 9, the second over
 // the state and the first digit with weights 7, 8, 9; a remainder of 10 gives 0, and for the
-// states 01 and 02 a remainder of 0 gives 1.
+// states 01 and 02 a remainder of 0 (not one of 10) gives 1.
 std::string VoterCheck(std::string_view ten) {
   const bool first_states = ten[8] == '0' && (ten[9] == '1' || ten[9] == '2');
   auto digit = [first_states](int sum) {
-    int r = sum % 11;
-    if (r == 10) r = 0;
-    if (r == 0 && first_states) r = 1;
-    return r;
+    const int r = sum % 11;
+    if (r == 0 && first_states) return 1;
+    return r == 10 ? 0 : r;
   };
   int sum = 0;
   for (int i = 0; i < 8; ++i) sum += Digit(ten[static_cast<size_t>(i)]) * (i + 2);

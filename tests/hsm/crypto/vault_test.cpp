@@ -34,6 +34,9 @@ TEST(CheckDigits, PublishedValidNumbersAndOneDigitChanges) {
   EXPECT_TRUE(VoterIdValid("102385010671"));
   EXPECT_FALSE(VoterIdValid("102385010672"));
   EXPECT_FALSE(VoterIdValid("102385012971"));  // no state 29
+  // State 01 with a first remainder of 10: the digit is 0, not the 1 a remainder of 0 gives.
+  EXPECT_TRUE(VoterIdValid("613797680108"));
+  EXPECT_FALSE(VoterIdValid("613797680116"));
 }
 
 TEST(FormatPreservingToken, KeepsFormatFixedPartsAndChecks) {
