@@ -1,6 +1,7 @@
 // Payment through the library against a real qlhsmd: the published CVV, the published ISO 9564-1
 // format 0 block, the published DUKPT keys of both schemes, the worked key blocks of versions B
-// and D (and an exported block opened with the openssl command line), the EFT daemon's
+// and D (and an exported block opened with the openssl command line; CVVs and PIN blocks of
+// formats 0 and 4 recomputed or opened with it too), the EFT daemon's
 // authorisations, configuration and counters, and the refusals.
 #include <gtest/gtest.h>
 
@@ -324,6 +325,81 @@ std::string OpensslUnwrapD(const std::string &kbpk, const std::string &block) {
   const size_t key_len = ((clear[0] << 8) | clear[1]) / 8;
   if (key_len + 2 > clear.size()) return "";
   return HexOf(clear.data() + 2, key_len);
+}
+
+// One block deciphered by the openssl command line (-des-ede: a double-length key, or a
+// single DES key given as A|A; -aes-128-ecb), in hex.
+std::string OpensslDecipher(const char *cipher, const std::string &key, const Bytes &block) {
+  return Openssl("enc -d -" + std::string(cipher) + " -nopad -K " + key + " -in " +
+                 WriteTemp("block.in", block) + " | od -An -v -tx1 | tr -d ' \\n'");
+}
+
+Bytes Xor(Bytes a, const Bytes &b) {
+  for (size_t i = 0; i < a.size() && i < b.size(); ++i) a[i] ^= b[i];
+  return a;
+}
+
+TEST(E2ePayment, CvvsAndPinBlocksOpenWithOpenssl) {
+  Session s;
+  // A CVV of another card, by the two-key method with openssl alone: the first block under A
+  // (single DES: A|A), XOR the second, under A|B, decimalised, the first three digits.
+  const std::string a = std::string(kCvkPair).substr(0, 16), ab = kCvkPair;
+  HKEYCTX cvk = Import(s.get(), kCvkPair, QL_ALG_3DES_112);
+  char cvv[4] = {};
+  ASSERT_EQ(QGenerateCVV(cvk, "5512345678901234567", "2912", "201", cvv, 0), QL_OK);
+  const std::string data =
+      "5512345678901234567"
+      "2912"
+      "201"
+      "000000";
+  // openssl enc -d deciphers; an encipherment is asked with -e, so the blocks go through "enc".
+  auto encipher = [](const std::string &key, const Bytes &block) {
+    return Hex(Openssl("enc -e -des-ede -nopad -K " + key + " -in " + WriteTemp("cvv.in", block) +
+                       " | od -An -v -tx1 | tr -d ' \\n'"));
+  };
+  const Bytes step = Xor(encipher(a + a, Hex(data.substr(0, 16))), Hex(data.substr(16, 16)));
+  const std::string mixed = HexOf(encipher(ab, step).data(), 8);
+  std::string digits;
+  for (char c : mixed)
+    if (c <= '9') digits += c;
+  for (char c : mixed)
+    if (c > '9') digits += static_cast<char>('0' + (c - 'A'));
+  EXPECT_EQ(std::string(cvv), digits.substr(0, 3));
+  QDestroyKey(&cvk, 0);
+
+  // Format 0 under the pair and format 4 under an AES key, made by a translation in the HSM and
+  // opened here: format 0 is the PIN field XOR the PAN field; format 4 is D(D(block) XOR PAN
+  // field), the PAN field being its length - 12, its digits and zeros.
+  HKEYCTX src = Import(s.get(), kCvkPair, QL_ALG_3DES_112, "ossl_src");
+  HKEYCTX dst = Import(s.get(), "000102030405060708090A0B0C0D0E0F", QL_ALG_AES128, "ossl_dst");
+  const std::string pan = "43219876543210987";
+  const Bytes in = Hex("C967C8198151A458");
+  unsigned char f4[16];
+  uint32_t len = sizeof f4;
+  ASSERT_EQ(QPINBlockTranslate(s.get(), "ossl_src", "ossl_dst",
+                               QL_PIN_BLOCK_TRANSLATE(QL_PIN_BLOCK_ISO_0, QL_PIN_BLOCK_ISO_4),
+                               pan.c_str(), in.data(), 8, f4, &len, 0),
+            QL_OK);
+  ASSERT_EQ(len, 16u);
+  const Bytes pan_field = Hex("5" + pan + std::string(14, '0'));
+  const Bytes inner = Xor(
+      Hex(OpensslDecipher("aes-128-ecb", "000102030405060708090A0B0C0D0E0F", Bytes(f4, f4 + 16))),
+      pan_field);
+  const Bytes pin_field =
+      Hex(OpensslDecipher("aes-128-ecb", "000102030405060708090A0B0C0D0E0F", inner));
+  ASSERT_EQ(pin_field.size(), 16u);
+  EXPECT_EQ(HexOf(pin_field.data(), 8), "441234AAAAAAAAAA");
+  unsigned char f0[8];
+  len = sizeof f0;
+  ASSERT_EQ(QPINBlockTranslate(s.get(), "ossl_dst", "ossl_src",
+                               QL_PIN_BLOCK_TRANSLATE(QL_PIN_BLOCK_ISO_4, QL_PIN_BLOCK_ISO_0),
+                               pan.c_str(), f4, 16, f0, &len, 0),
+            QL_OK);
+  const Bytes clear = Hex(OpensslDecipher("des-ede", kCvkPair, Bytes(f0, f0 + 8)));
+  EXPECT_EQ(HexOf(Xor(clear, Hex("0000" + pan.substr(pan.size() - 13, 12))).data(), 8),
+            "041234FFFFFFFFFF");
+  QDestroyKey(&src, 0);
+  QDestroyKey(&dst, 0);
 }
 
 TEST(E2ePayment, PublishedKeyBlocksImportToTheirKeys) {
