@@ -22,6 +22,7 @@
 #include "engine/users/login_throttle.h"
 #include "engine/users/otp_tokens.h"
 #include "engine/users/tokens.h"
+#include "engine/users/user_certificates.h"
 #include "engine/users/user_directory.h"
 
 namespace qlhsm {
@@ -63,7 +64,10 @@ struct Core {
   std::unique_ptr<store::Store> store;
   std::unique_ptr<users::UserDirectory> users;
   std::unique_ptr<users::TokenStore> tokens;
-  std::unique_ptr<users::OtpTokens> otp;  // the users' OATH tokens
+  std::unique_ptr<users::OtpTokens> otp;                // the users' OATH tokens
+  std::unique_ptr<users::UserCertificates> user_certs;  // the users' login certificates
+  // One assignment of a second factor at a time, so that a user never ends up with two.
+  std::mutex second_factor_mu;
   std::unique_ptr<objects::ObjectStore> objects;
   std::unique_ptr<audit::AuditLog> audit;
   sessions::SessionRegistry registry;

@@ -71,6 +71,8 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   c.tokens = std::make_unique<users::TokenStore>(*c.store, &c.clock);
   c.otp = std::make_unique<users::OtpTokens>(*c.store, c.master_key);
   QL_RETURN_IF_ERROR(c.otp->Load());
+  c.user_certs = std::make_unique<users::UserCertificates>(*c.store);
+  QL_RETURN_IF_ERROR(c.user_certs->Load());
   c.objects = std::make_unique<objects::ObjectStore>(*c.store, c.master_key, &c.clock);
   c.audit = std::make_unique<audit::AuditLog>(*c.store, page, &c.clock);
   QL_RETURN_IF_ERROR(c.audit->Load());
