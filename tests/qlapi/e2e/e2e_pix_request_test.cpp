@@ -30,7 +30,7 @@ namespace fs = std::filesystem;
 // This binary starts its daemon itself, once the servers' ports are known.
 const qltest::HsmSetup kSetup{std::nullopt};
 
-// A test CA, the server's certificate for localhost and 127.0.0.1, the HSM's client identity,
+// A test CA, the server's certificate for localhost (not 127.0.0.1), the HSM's client identity,
 // and another CA that trusts neither.
 constexpr const char *kMakeIdentities = R"(set -e
 ca() {
@@ -40,7 +40,7 @@ ca() {
 ca pixtest-ca
 ca other-ca
 openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr -subj /CN=localhost
-printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\nextendedKeyUsage=serverAuth\n' > server.ext
+printf 'subjectAltName=DNS:localhost\nextendedKeyUsage=serverAuth\n' > server.ext
 openssl x509 -req -in server.csr -CA pixtest-ca.pem -CAkey pixtest-ca.key -set_serial 2 \
   -days 30 -extfile server.ext -out server.pem
 openssl req -newkey rsa:2048 -nodes -keyout client.key -out client.csr -subj "/CN=pix client"
@@ -106,6 +106,7 @@ class PixRequest : public ::testing::Test {
     ASSERT_GT(silent_port_, 0);
     qltest::HsmOptions options;
     options.serve_args = {"--pix-endpoint", "localhost:" + std::to_string(echo_port_),
+                          "--pix-endpoint", "127.0.0.1:" + std::to_string(echo_port_),
                           "--pix-endpoint", "127.0.0.1:" + std::to_string(silent_port_)};
     hsm_ = std::make_unique<qltest::HsmProcess>(options);
     qltest::OpenedSession s("master", {}, *hsm_);
@@ -242,8 +243,6 @@ TEST_F(PixRequest, RefusalsWithTheirCodes) {
   } cases[] = {
       {"unlisted port", "https://localhost:9/", nullptr, 10000, "pixchain",
        QL_ERR_ENDPOINT_REFUSED},
-      {"listed port, unlisted host form", "https://127.0.0.1:" + std::to_string(echo_port_) + "/",
-       nullptr, 10000, "pixchain", QL_ERR_ENDPOINT_REFUSED},
       {"plain http", "http://localhost:" + std::to_string(echo_port_) + "/", nullptr, 10000,
        "pixchain", QL_ERR_BAD_ARGUMENT},
       {"header injection", EchoUrl("/"), "X-A: 1\r\nHost: evil\rX: y", 10000, "pixchain",
@@ -251,6 +250,9 @@ TEST_F(PixRequest, RefusalsWithTheirCodes) {
       {"a header line ending the header section", EchoUrl("/"), "X-A: 1\n\nGET / HTTP/1.1", 10000,
        "pixchain", QL_ERR_BAD_ARGUMENT},
       {"untrusted server", EchoUrl("/"), nullptr, 10000, "otherchain", QL_ERR_REMOTE_FAILED},
+      {"address not in the server's certificate",
+       "https://127.0.0.1:" + std::to_string(echo_port_) + "/", nullptr, 10000, "pixchain",
+       QL_ERR_REMOTE_FAILED},
       {"server that never answers", silent, nullptr, 700, "pixchain", QL_ERR_TIMEOUT},
       {"no such chain", EchoUrl("/"), nullptr, 10000, "nochain", QL_ERR_OBJ_NOT_FOUND},
   };
@@ -260,7 +262,7 @@ TEST_F(PixRequest, RefusalsWithTheirCodes) {
   }
 }
 
-TEST_F(PixRequest, NoUseRightIsRefusedBeforeAnythingElse) {
+TEST_F(PixRequest, RightThenEndpointThenExistence) {
   qltest::OpenedSession master("master", {}, *hsm_);
   const std::string user = "pixreq" + std::to_string(getpid());
   ASSERT_EQ(qltest::CreateUser(master.get(), user, "pw123456", ACL_OBJ_UPDATE), 0);
@@ -279,6 +281,15 @@ TEST_F(PixRequest, NoUseRightIsRefusedBeforeAnythingElse) {
     EXPECT_EQ(answer, nullptr);
   }
   EXPECT_EQ(QRemoveUser(master.get(), user.c_str()), 0);
+  // With the right, an unlisted endpoint is refused before any object is looked for.
+  unsigned char *answer = nullptr;
+  uint32_t len = 0, status = 0;
+  EXPECT_EQ(QPIXGet(master.get(), "nokey", "nocert", "nochain", "https://localhost:9/", nullptr,
+                    1000, &answer, &len, &status, 0),
+            QL_ERR_ENDPOINT_REFUSED);
+  EXPECT_EQ(QPIXGet(master.get(), "nokey", "nocert", "nochain", EchoUrl("/").c_str(), nullptr, 1000,
+                    &answer, &len, &status, 0),
+            QL_ERR_OBJ_NOT_FOUND);
 }
 
 #ifdef QLUTIL_BIN
