@@ -150,6 +150,11 @@ TEST(PixAnswer, MalformedCutShortAndOversizeAnswersRefused) {
        "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n6\r\nabcdef\r\n6\r\n",
        Code::kLimitReached},
       {"close over the limit", "HTTP/1.1 200 OK\r\n\r\n0123456789A", Code::kLimitReached},
+      {"a chunk's line break never comes",
+       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n1\r\na" + std::string(70000, 'b'),
+       Code::kRemoteFailed},
+      {"a header section without end", "HTTP/1.1 200 OK\r\n" + std::string(70000, 'h'),
+       Code::kRemoteFailed},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);

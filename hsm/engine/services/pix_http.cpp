@@ -22,6 +22,9 @@ namespace qlhsm::pix {
 
 namespace {
 
+// The longest header section, chunk line or trailer line read.
+constexpr size_t kMaxLine = 64 * 1024;
+
 Status BadArgument(const char *why) {
   return Status::Error(Code::kBadArgument, why);
 }
@@ -257,7 +260,7 @@ Status AnswerReader::Step(bool *progress) {
       for (;;) {
         const size_t nl = pending_.find('\n', at);
         if (nl == std::string::npos) {
-          if (pending_.size() - used_ > 64 * 1024) return Malformed("header section too long");
+          if (pending_.size() - used_ > kMaxLine) return Malformed("header section too long");
           return Status::Ok();
         }
         const bool empty = nl == at || (nl == at + 1 && pending_[at] == '\r');
@@ -284,7 +287,7 @@ Status AnswerReader::Step(bool *progress) {
     }
     case Phase::kChunkSize: {
       if (!NextLine(&line)) {
-        if (pending_.size() - used_ > 1024) return Malformed("chunk size line too long");
+        if (pending_.size() - used_ > kMaxLine) return Malformed("chunk size line too long");
         return Status::Ok();
       }
       *progress = true;
@@ -337,11 +340,13 @@ Status AnswerReader::Add(std::string_view bytes) {
   pending_.append(bytes);
   bool progress = true;
   while (progress && phase_ != Phase::kDone) QL_RETURN_IF_ERROR(Step(&progress));
-  // Keep only what is not consumed yet.
+  // Keep only what is not consumed yet: body bytes are taken as they come, so what stays is a
+  // line still being waited for, which may not grow without end.
   if (used_ > 0) {
     pending_.erase(0, used_);
     used_ = 0;
   }
+  if (phase_ != Phase::kDone && pending_.size() > kMaxLine) return Malformed("a line without end");
   return Status::Ok();
 }
 
