@@ -321,6 +321,18 @@ TEST_F(PixRequest, JobAndPerformanceTest) {
   r = qlutil("-j pix-request" + identity + " -r delete --out answer.txt" + url);
   ASSERT_EQ(r.exit_code, 0) << r.out;
   EXPECT_EQ(Read("answer.txt"), "method=DELETE path=/job subject=pix client trace=None body=");
+  // The audit log names method, endpoint, path and status; never query, headers or body.
+  std::ofstream(Path("secret.txt")) << "body-secret";
+  r = qlutil("-j pix-request" + identity +
+             " -r post --rdata secret.txt --header 'X-Trace: header-secret' --url '" +
+             EchoUrl("/audited?query-secret") + "'");
+  ASSERT_EQ(r.exit_code, 0) << r.out;
+  r = qlutil("-j get-log -raw");
+  ASSERT_EQ(r.exit_code, 0) << r.out;
+  EXPECT_NE(r.out.find("POST localhost:" + std::to_string(echo_port_) + "/audited status 200"),
+            std::string::npos)
+      << r.out;
+  EXPECT_EQ(r.out.find("-secret"), std::string::npos) << r.out;
   r = qlutil("-j pix-request" + identity + " -r get --url https://localhost:9/");
   EXPECT_EQ(r.exit_code, QL_ERR_ENDPOINT_REFUSED & 0xFF);
   EXPECT_NE(r.out.find("Error in QPIXGet. Err = 5091"), std::string::npos) << r.out;
