@@ -292,6 +292,16 @@ TEST_F(PixRequest, RightThenEndpointThenExistence) {
             QL_ERR_OBJ_NOT_FOUND);
 }
 
+TEST_F(PixRequest, DaemonRefusesToStartWithAMalformedEndpoint) {
+  const std::string log = Path("bad_endpoint.log");
+  EXPECT_NE(qltest::RunQlhsmd({"serve", "--data-dir", hsm_->data_dir(), "--listen", "127.0.0.1:0",
+                               "--pix-endpoint", "localhost"},
+                              log),
+            0);
+  EXPECT_NE(Read("bad_endpoint.log").find("--pix-endpoint takes HOST:PORT"), std::string::npos)
+      << Read("bad_endpoint.log");
+}
+
 #ifdef QLUTIL_BIN
 TEST_F(PixRequest, JobAndPerformanceTest) {
   const std::string dir = dir_.string();
