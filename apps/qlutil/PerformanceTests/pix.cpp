@@ -100,8 +100,66 @@ const char *SignCallName(const PERF_PIX_INFO *info) {
   return info->bDict ? "QPIXDictSign" : "QPIXSign";
 }
 
-// PEM of a certificate object's material: kept as it is when it is PEM already, else each DER
-// certificate (a chain's are one after the other) in its own block.
+// One DER element at p (n bytes there): its header and content lengths. False when it does not
+// fit.
+bool ReadDer(const unsigned char *p, size_t n, size_t *head, size_t *len) {
+  if (n < 2) return false;
+  *head = 2;
+  *len = p[1];
+  if (*len & 0x80) {
+    const size_t bytes = *len & 0x7f;
+    if (bytes == 0 || bytes > 4 || n < 2 + bytes) return false;
+    *len = 0;
+    for (size_t i = 0; i < bytes; ++i) *len = (*len << 8) | p[2 + i];
+    *head += bytes;
+  }
+  return n - *head >= *len;
+}
+
+bool AppendPem(const unsigned char *der, size_t len, std::string *pem) {
+  std::string b64(len * 4 / 3 + 8, '\0');
+  uint32_t b64_len = static_cast<uint32_t>(b64.size());
+  if (QByteArray2Base64(der, static_cast<uint32_t>(len), b64.data(), &b64_len) != 0) return false;
+  b64.resize(b64_len);
+  *pem += "-----BEGIN CERTIFICATE-----\n";
+  for (size_t i = 0; i < b64.size(); i += 64) *pem += b64.substr(i, 64) + "\n";
+  *pem += "-----END CERTIFICATE-----\n";
+  return true;
+}
+
+// The certificates of a certs-only PKCS#7 (ContentInfo { OID, [0] SignedData { version,
+// digest algorithms, content, [0] certificates, ... } }) whose content starts at p.
+bool AppendPkcs7Certificates(const unsigned char *p, size_t n, std::string *pem) {
+  size_t head, len;
+  // Skip the OID; enter [0] and the SignedData SEQUENCE.
+  if (!ReadDer(p, n, &head, &len)) return false;
+  p += head + len, n -= head + len;
+  for (int level = 0; level < 2; ++level) {
+    if (!ReadDer(p, n, &head, &len)) return false;
+    p += head, n = len;
+  }
+  while (n > 0) {
+    if (!ReadDer(p, n, &head, &len)) return false;
+    if (p[0] == 0xA0) {
+      const unsigned char *cert = p + head;
+      size_t left = len;
+      while (left > 0) {
+        size_t cert_head, cert_len;
+        if (!ReadDer(cert, left, &cert_head, &cert_len) ||
+            !AppendPem(cert, cert_head + cert_len, pem))
+          return false;
+        cert += cert_head + cert_len;
+        left -= cert_head + cert_len;
+      }
+      return true;
+    }
+    p += head + len, n -= head + len;
+  }
+  return false;
+}
+
+// PEM of a certificate or chain object's material: kept as it is when it is PEM already; else
+// each certificate (one, several one after the other, or a PKCS#7's) in its own block.
 bool MaterialToPem(const std::vector<unsigned char> &material, std::string *pem) {
   static const char kBegin[] = "-----BEGIN";
   if (material.size() >= sizeof kBegin - 1 &&
@@ -109,28 +167,17 @@ bool MaterialToPem(const std::vector<unsigned char> &material, std::string *pem)
     pem->assign(material.begin(), material.end());
     return true;
   }
-  size_t at = 0;
-  while (at < material.size()) {
-    // A DER SEQUENCE: 0x30, then its length in short or long form.
-    if (material.size() - at < 2 || material[at] != 0x30) return false;
-    size_t len = material[at + 1], head = 2;
-    if (len & 0x80) {
-      const size_t n = len & 0x7f;
-      if (n == 0 || n > 4 || material.size() - at < 2 + n) return false;
-      len = 0;
-      for (size_t i = 0; i < n; ++i) len = (len << 8) | material[at + 2 + i];
-      head += n;
-    }
-    if (material.size() - at - head < len) return false;
-    const uint32_t der_len = static_cast<uint32_t>(head + len);
-    std::string b64(der_len * 4 / 3 + 8, '\0');
-    uint32_t b64_len = static_cast<uint32_t>(b64.size());
-    if (QByteArray2Base64(material.data() + at, der_len, b64.data(), &b64_len) != 0) return false;
-    b64.resize(b64_len);
-    *pem += "-----BEGIN CERTIFICATE-----\n";
-    for (size_t i = 0; i < b64.size(); i += 64) *pem += b64.substr(i, 64) + "\n";
-    *pem += "-----END CERTIFICATE-----\n";
-    at += der_len;
+  const unsigned char *p = material.data();
+  size_t n = material.size();
+  while (n > 0) {
+    size_t head, len;
+    if (p[0] != 0x30 || !ReadDer(p, n, &head, &len) || len == 0) return false;
+    // A PKCS#7 starts with its content type (an OID), a certificate with a SEQUENCE.
+    const bool pkcs7 = p[head] == 0x06;
+    if (pkcs7 ? !AppendPkcs7Certificates(p + head, len, pem) : !AppendPem(p, head + len, pem))
+      return false;
+    p += head + len;
+    n -= head + len;
   }
   return !pem->empty();
 }

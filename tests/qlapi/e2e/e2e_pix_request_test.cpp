@@ -356,9 +356,14 @@ TEST_F(PixRequest, JobAndPerformanceTest) {
   EXPECT_EQ(Sh("openssl x509 -in dump/client_cert.pem -noout -subject | grep -q 'pix client' && "
                "openssl x509 -in dump/ca_chain.pem -noout -subject | grep -q pixtest-ca"),
             0);
-  // Its default identity is no client the server knows: the handshake fails.
-  r = qlutil("-p pix-request -t 1 -i 1 -r get --chain pixchain" + url);
+  // Its default identity is no client the server knows, so the requests fail; its files (the
+  // embedded certificate and CA as a chain) are written before.
+  fs::create_directories(dir_ / "dump2");
+  r = qlutil("-p pix-request -t 1 -i 1 -r get --dump dump2" + url);
   EXPECT_NE(r.exit_code, 0) << r.out;
+  EXPECT_EQ(Sh("openssl storeutl -certs dump2/ca_chain.pem | grep -q 'Total found: 2' && "
+               "openssl verify -CAfile dump2/ca_chain.pem dump2/client_cert.pem"),
+            0);
 }
 #endif
 
