@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "crypto/key.h"
 #include "engine/audit/audit_log.h"
@@ -73,6 +74,8 @@ struct Core {
   sessions::SessionRegistry registry;
   stats::CpuSampler cpu;
   size_t max_objects = 100000;
+  // The endpoints ("host:port", host lowercased) PIX requests may reach; empty: none.
+  std::vector<std::string> pix_endpoints;
   // One change at a time of what makes a user an administrator (removal, block, mask), so that
   // two of them can never take away the last one between them.
   std::mutex administrators_mu;

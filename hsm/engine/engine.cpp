@@ -62,6 +62,7 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   kdf.n = SettingOr(*c.store, "kdf_n", 0, kdf.n);
   c.registry.set_max_open(SettingOr(*c.store, "max_sessions", options.max_sessions, 1024));
   c.max_objects = SettingOr(*c.store, "max_objects", options.max_objects, 100000);
+  c.pix_endpoints = options.pix_endpoints;
   size_t page = SettingOr(*c.store, "audit_page_size", options.audit_page_size, 4096);
 
   QL_RETURN_IF_ERROR(e->system_.LoadTimeOffset());

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/services/pix_http.h"
 #include "frame.h"
 #include "server/tls_identity.h"
 
@@ -36,6 +37,12 @@ Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
   eo.max_sessions = options.max_sessions;
   eo.audit_page_size = options.audit_page_size;
   eo.unlock_secret = options.unlock_secret;
+  for (const std::string &text : options.pix_endpoints) {
+    Result<std::string> endpoint = pix::ParseEndpoint(text);
+    if (!endpoint.ok())
+      return Status::Error(Code::kBadArgument, "--pix-endpoint takes HOST:PORT, not " + text);
+    eo.pix_endpoints.push_back(std::move(endpoint.value()));
+  }
   Result<std::unique_ptr<Engine>> engine = Engine::Open(options.data_dir, eo);
   if (!engine.ok()) return engine.status();
   std::unique_ptr<Server> srv(new Server(options, std::move(engine.value())));

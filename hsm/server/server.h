@@ -33,6 +33,8 @@ struct ServerOptions {
   unsigned threads = 0;       // event loops, one thread each; 0: 4 per core, at least 8
                               // (an engine call blocks its loop while it runs)
   std::string unlock_secret;  // opens the sealed master key
+  // The endpoints PIX requests may reach ("HOST:PORT"); none by default.
+  std::vector<std::string> pix_endpoints;
 };
 
 class Server {

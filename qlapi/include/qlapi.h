@@ -165,6 +165,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_BAD_PASSWORD 5085      /* a PKCS#12 file whose MAC or decryption fails */
 /* XML signatures and PIX messages. */
 #define QL_ERR_BAD_XML 5090 /* malformed XML, a DOCTYPE, duplicate IDs, no signature */
+/* PIX requests over mutual TLS. */
+#define QL_ERR_ENDPOINT_REFUSED 5091 /* the URL's host and port are not an allowed endpoint */
+#define QL_ERR_TIMEOUT 5092          /* the exchange did not finish within its timeout */
+#define QL_ERR_REMOTE_FAILED 5093    /* unreachable, refused, or the TLS handshake failed */
 /* Payment: card values, PINs and the EFT daemon. */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */

@@ -142,6 +142,8 @@ constexpr Row kRows[] = {
     {R::kBchainSignHash, BchainSignHash},
     {R::kBchainExportPk, BchainExportPk},
     {R::kBchainImportPk, BchainImportPk},
+    // PIX requests over mutual TLS
+    {R::kPixRequest, PixRequest},
 };
 
 // Request kinds are the body's field numbers, all below this.
