@@ -141,7 +141,7 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_BAD_PIN 5025            /* a backup PIN that does not open the backup */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
-#define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+#define QL_ERR_UPACK_REFUSED 5034      /* an update package refused: signature, manifest, version */
 /* The HSM's identity (checked before any credential leaves), the caller's text, the HSM's users
  * and sessions, and its guard of the network. */
 #define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the certificate differs from the one pinned */
@@ -797,7 +797,8 @@ QLAPI_EXPORT int QGetNetInfo(HSESSIONCTX hSession, char *szInfo, uint32_t *pdwIn
 typedef int (*PQL_LIST_CALLBACK)(void *pvParam, const char *szName, int bLast);
 
 /* What the HSM runs, one name each: "service:<name>" per service of the HSM, "openssl:<version>",
- * "sqlite:<version>", "provider:<name> <version>" per OpenSSL provider loaded. Any login. */
+ * "sqlite:<version>", "provider:<name> <version>" per OpenSSL provider loaded, and
+ * "update-package:<version>" once an update package was applied (QUPackPush). Any login. */
 QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
                                     void *pvParam);
 
@@ -1028,8 +1029,11 @@ QLAPI_EXPORT int QWriteFileBuffer(HSESSIONCTX hSession, const char *szObjName,
  * from szPin (at least 8 characters). Right ACL_SYS_BACKUP or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QBackupData(HSESSIONCTX hSession, const char *szFile, const char *szPin,
                              uint32_t dwFlags);
-/* Pushes an update package. The HSM applies nothing whose signature does not verify with a key
- * it trusts: QL_ERR_UPACK_REFUSED. Right ACL_SYS_UDATE_HSM or ACL_SYS_OPERATOR. */
+/* Pushes an update package: a CMS SignedData (DER) signed by the certificate the HSM was given
+ * at init, holding a JSON manifest (version, limits, log cache, IP allow-list; see the daemon's
+ * README). QL_ERR_UPACK_REFUSED, with nothing changed, for a package whose signature does not
+ * verify with that key, a malformed manifest or a version not newer than the last applied.
+ * Right ACL_SYS_UDATE_HSM or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QUPackPush(HSESSIONCTX hSession, const unsigned char *pbPackage,
                             uint32_t dwPackageLen, uint32_t dwFlags);
 

@@ -352,6 +352,31 @@ Result<TlsIdentity> ReadTlsIdentity(ByteView pem) {
   return out;
 }
 
+Result<Bytes> VerifySignedContent(ByteView cms_der, ByteView signer) {
+  X509Ptr cert = ParseCertificate(signer);
+  if (!cert) return Status(Code::kBadData, "the signer is not a DER certificate");
+  const unsigned char *p = cms_der.data();
+  CmsPtr cms(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(cms_der.size())));
+  if (!cms || p != cms_der.data() + cms_der.size() ||
+      OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed) {
+    ossl::ClearErrors();
+    return Status(Code::kBadData, "not a CMS SignedData in DER");
+  }
+  CertStack certs(sk_X509_new_null());
+  if (!certs || !sk_X509_push(certs.get(), cert.get())) return ossl::Fail("sk_X509_push");
+  X509_up_ref(cert.get());
+  BioPtr out(BIO_new(BIO_s_mem()));
+  if (!out) return ossl::Fail("BIO_new");
+  // Only the given certificate may be the signer (NOINTERN), and it is trusted as it stands.
+  const int ok = CMS_verify(cms.get(), certs.get(), nullptr, nullptr, out.get(),
+                            CMS_NOINTERN | CMS_NO_SIGNER_CERT_VERIFY | CMS_BINARY);
+  ossl::ClearErrors();
+  if (ok != 1) return Status(Code::kBadSignature, "the package's signature does not verify");
+  char *data = nullptr;
+  const long len = BIO_get_mem_data(out.get(), &data);
+  return Bytes(data, data + len);
+}
+
 bool KeyMatchesCertificate(const Key &key, ByteView certificate) {
   X509Ptr x = ParseCertificate(certificate);
   const bool match =

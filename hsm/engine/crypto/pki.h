@@ -67,6 +67,12 @@ struct TlsIdentity {
 };
 Result<TlsIdentity> ReadTlsIdentity(ByteView pem);
 
+// The content of a CMS SignedData (DER, content attached) whose one signer is `signer` (DER)
+// and whose signature verifies under its key; the certificate itself is trusted as given (no
+// path is built). kBadData when it does not parse, kBadSignature when another key signed it or
+// the signature fails.
+Result<Bytes> VerifySignedContent(ByteView cms_der, ByteView signer);
+
 // SHA-1 of the certificate's public key (the subjectPublicKey bits), the usual key identifier.
 Result<Bytes> PublicKeyId(ByteView certificate);
 
