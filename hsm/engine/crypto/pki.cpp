@@ -439,9 +439,53 @@ Result<Bytes> MakeRequest(const Key &key, std::string_view subject_rfc4514, cons
   return ToDer<X509_REQ, i2d_X509_REQ>(req.get());
 }
 
+namespace {
+
+// Adds a SignerInfo to the SignedData `data` (DER or PEM ContentInfo), as RFC 5652 section 5
+// allows: the new signer signs the message digest an existing signer of the same digest
+// algorithm recorded in its signed attributes, so the content itself is not needed (a detached
+// SignedData may be co-signed too). Signed attributes are thus required (kBadArgument with
+// kCmsNoAttributes), and a SignedData without a signer of that digest is refused (kBadArgument).
+Result<Bytes> CmsCosign(const Key &key, X509 *cert, const std::vector<Bytes> &chain, ByteView data,
+                        uint32_t flags, const EVP_MD *md) {
+  if (flags & kCmsNoAttributes)
+    return Status(Code::kBadArgument, "co-signing needs signed attributes");
+  const unsigned char *p = data.data();
+  CmsPtr cms(d2i_CMS_ContentInfo(nullptr, &p, static_cast<long>(data.size())));
+  if (!cms) {
+    ossl::ClearErrors();
+    BioPtr pem = MemBio(data);
+    // PEM_read_bio_CMS spelled out: cms.h declares it only when pem.h came first.
+    if (pem)
+      cms.reset(static_cast<CMS_ContentInfo *>(
+          PEM_ASN1_read_bio(reinterpret_cast<d2i_of_void *>(d2i_CMS_ContentInfo), PEM_STRING_CMS,
+                            pem.get(), nullptr, nullptr, nullptr)));
+  }
+  if (!cms || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed) {
+    ossl::ClearErrors();
+    return Status(Code::kBadData, "co-signing needs a SignedData");
+  }
+  unsigned int cms_flags = CMS_REUSE_DIGEST;
+  if (flags & kCmsNoCerts) cms_flags |= CMS_NOCERTS;
+  if (flags & kCmsNoSmimeCapabilities) cms_flags |= CMS_NOSMIMECAP;
+  if (CMS_add1_signer(cms.get(), cert, key.pkey(), md, cms_flags) == nullptr) {
+    ossl::ClearErrors();
+    return Status(Code::kBadArgument, "no signer of that digest to co-sign with");
+  }
+  if ((flags & (kCmsNoChain | kCmsNoCerts)) == 0) {
+    for (const Bytes &der : chain) {
+      X509Ptr x = ParseCertificate(der);
+      if (!x) return Status(Code::kBadData, "the chain holds something that is not a certificate");
+      if (CMS_add1_cert(cms.get(), x.get()) != 1) ossl::ClearErrors();  // a duplicate is fine
+    }
+  }
+  return ToDer<CMS_ContentInfo, i2d_CMS_ContentInfo>(cms.get());
+}
+
+}  // namespace
+
 Result<Bytes> CmsSign(const Key &key, ByteView certificate, const std::vector<Bytes> &chain,
                       ByteView data, uint32_t flags, const char *digest) {
-  if ((flags & kCmsCosign) != 0) return Status(Code::kNotSupported, "co-signing is not built");
   X509Ptr cert = ParseCertificate(certificate);
   if (!cert) return Status(Code::kBadData, "the signer certificate does not parse");
   if (!KeyMatchesCertificate(key, certificate)) {
@@ -457,6 +501,7 @@ Result<Bytes> CmsSign(const Key &key, ByteView certificate, const std::vector<By
   if (flags & kCmsCrlfEol) cms_flags |= CMS_CRLFEOL;
   MdPtr md(EVP_MD_fetch(ossl::LibCtx(), digest, nullptr));
   if (!md) return Status(Code::kBadAlgorithm, "unknown digest");
+  if (flags & kCmsCosign) return CmsCosign(key, cert.get(), chain, data, flags, md.get());
   CmsPtr cms(CMS_sign_ex(nullptr, nullptr, nullptr, nullptr, cms_flags, ossl::LibCtx(), nullptr));
   if (!cms || CMS_add1_signer(cms.get(), cert.get(), key.pkey(), md.get(), cms_flags) == nullptr) {
     ossl::ClearErrors();

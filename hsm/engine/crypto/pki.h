@@ -101,7 +101,9 @@ constexpr uint32_t kCmsCrlfEol = 0x800;
 constexpr uint32_t kCmsCosign = 0x4000;
 // A SignedData ContentInfo (DER) over `data` by the key with its certificate (DER), the chain's
 // certificates added unless kCmsNoChain (or kCmsNoCerts, which leaves out the signer's too).
-// Bits the signer has no use for (the verification bits) change nothing.
+// Bits the signer has no use for (the verification bits) change nothing. With kCmsCosign,
+// `data` is a SignedData (DER or PEM ContentInfo) that gets this signer added beside its others
+// (it must hold a signer of the same digest, whose signed digest is reused; no kCmsNoAttributes).
 Result<Bytes> CmsSign(const Key &key, ByteView certificate, const std::vector<Bytes> &chain,
                       ByteView data, uint32_t flags, const char *digest);
 

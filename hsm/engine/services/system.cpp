@@ -198,7 +198,7 @@ Result<std::vector<std::string>> SystemService::ListModules(Session &s) {
         std::vector<std::string> names;
         for (const char *service :
              {"users", "objects", "keys", "hashes", "system", "logs", "pki", "payment", "vault",
-              "oath", "sharing", "bchain", "spb", "skeep", "byok"})
+              "oath", "sharing", "bchain", "spb", "skeep", "byok", "p11"})
           names.push_back(std::string("service:") + service);
         names.push_back(std::string("openssl:") + OpenSSL_version(OPENSSL_VERSION_STRING));
         names.push_back(std::string("sqlite:") + sqlite3_libversion());
