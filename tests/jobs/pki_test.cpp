@@ -257,7 +257,10 @@ TEST_F(PkiJobs, ANewTlsBundleIsWhatGetTlsCertShowsNext) {
             std::string::npos);
   const RunResult fp = OpenSsl("x509 -in n.crt -outform DER | openssl dgst -sha256 -r");
   ASSERT_GE(fp.out.size(), 64u);
-  EXPECT_NE(MustRun("get-tls-cert").find(fp.out.substr(0, 64)), std::string::npos);
+  EXPECT_NE(MustRun("get-tls-cert", {"--out", Path("served.pem")}).find(fp.out.substr(0, 64)),
+            std::string::npos);
+  const RunResult v = OpenSsl("verify -CAfile " + Quote(qltest::TestCaFile()) + " served.pem");
+  EXPECT_NE(v.out.find("served.pem: OK"), std::string::npos) << v.out;
   // The key alone is refused with the code of a missing certificate.
   const RunResult r = Job("set-tls-bundle", {"-in", Path("n.key")});
   EXPECT_EQ(r.exitCode, ExitOf(5080));
