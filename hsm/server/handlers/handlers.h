@@ -124,6 +124,9 @@ void GeneratePkcs10(const pb::Request &, Call &, pb::Response *);
 void Pkcs7Sign(const pb::Request &, Call &, pb::Response *);
 // --- XML signatures: the signer's check (xmlsig.cpp) ---
 void VerifyCertSignature(const pb::Request &, Call &, pb::Response *);
+// --- JSON Web Signatures (jws.cpp) ---
+void JwsSign(const pb::Request &, Call &, pb::Response *);
+void JwsCheck(const pb::Request &, Call &, pb::Response *);
 // --- payment: card values, PINs, DUKPT, key blocks, the EFT daemon (payment.cpp) ---
 void GenerateCvv(const pb::Request &, Call &, pb::Response *);
 void VerifyCvv(const pb::Request &, Call &, pb::Response *);

@@ -142,6 +142,9 @@ constexpr Row kRows[] = {
     {R::kBchainSignHash, BchainSignHash},
     {R::kBchainExportPk, BchainExportPk},
     {R::kBchainImportPk, BchainImportPk},
+    // JSON Web Signatures
+    {R::kJwsSign, JwsSign},
+    {R::kJwsCheck, JwsCheck},
 };
 
 // Request kinds are the body's field numbers, all below this.
