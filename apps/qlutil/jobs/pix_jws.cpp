@@ -28,8 +28,8 @@ unsigned int JobPIXCheckJWSThread(void *p);
 
 namespace {
 
-void ShowJwsInform() {
-  ScreenOutput("     -inform   [OPTIONAL] Format of --payload and --jws. Default \"file\".\r\n");
+void ShowJwsInform(const char *inputs) {
+  ScreenOutput("     -inform   [OPTIONAL] Format of %s. Default \"file\".\r\n", inputs);
   ScreenOutput("               A text holds at most 254 characters.\r\n");
   ShowHelpDataTextInformParameters();
   ScreenOutput("     --flags   [OPTIONAL] Sum of: 1 - add x5c with the key's certificate,\r\n");
@@ -42,10 +42,10 @@ void ShowJobPIXSignJWSHelp() {
   ScreenOutput("     -kn       Name of the signing key.\r\n");
   ScreenOutput("     --header  JWS protected header (JSON), signed as given.\r\n");
   ScreenOutput("     --payload Payload to sign.\r\n");
-  ShowJwsInform();
+  ShowJwsInform("--payload");
   ScreenOutput("     --out     [OPTIONAL] Output file of the JWS. If not defined, it is\r\n");
   ScreenOutput("               printed.\r\n");
-  JobHelpExamples("pix-jws-sign", {"-kn pixkey --header {\"alg\":\"RS256\"} --payload qr.json "
+  JobHelpExamples("pix-jws-sign", {"-kn pixkey --header '{\"alg\":\"RS256\"}' --payload qr.json "
                                    "--flags 1 --out qr.jws"});
 }
 
@@ -56,7 +56,7 @@ void ShowJobPIXCheckJWSHelp() {
   ScreenOutput("     --crl     [OPTIONAL] Name of the CRL checked.\r\n");
   ScreenOutput("     --jws     JWS to check.\r\n");
   ScreenOutput("     --payload [OPTIONAL] Payload of a detached JWS.\r\n");
-  ShowJwsInform();
+  ShowJwsInform("--jws and --payload");
   JobHelpExamples("pix-jws-check", {"--chain pixchain --jws qr.jws"});
 }
 
