@@ -173,6 +173,8 @@ int main(int argc, char **argv) {
                     "plain (not TLS) connections from: loopback (default), any, off");
   serve->add_option("--threads", serve_opts.threads,
                     "event loops, one thread each (default 4 per core, at least 8)");
+  serve->add_option("--pix-endpoint", serve_opts.pix_endpoints,
+                    "HOST:PORT a PIX request may reach (repeatable; none by default)");
   AddUnlockOptions(serve, &unlock, false);
 #ifdef QLHSMD_TEST_BUILD
   std::string test_fault;

@@ -99,6 +99,12 @@
     "Wrong password: the file's integrity check or decryption fails.")                             \
   X(kBadXml,           QL_ERR_BAD_XML,              5090,                                          \
     "Malformed or refused XML: a DOCTYPE, duplicate IDs or no signature.")                         \
+  X(kEndpointRefused,  QL_ERR_ENDPOINT_REFUSED,     5091,                                          \
+    "The HSM may not reach that endpoint: it is not among its allowed endpoints.")                 \
+  X(kTimeout,          QL_ERR_TIMEOUT,              5092,                                          \
+    "The remote exchange did not finish within its timeout.")                                      \
+  X(kRemoteFailed,     QL_ERR_REMOTE_FAILED,        5093,                                          \
+    "The remote endpoint is unreachable, refused the connection or failed the TLS handshake.")     \
   X(kCheckFailed,      QL_ERR_CHECK_FAILED,         5060, "the value does not match")              \
   X(kBadPinBlock,      QL_ERR_BAD_PIN_BLOCK,        5061,                                          \
     "the PIN block is malformed (control field, PIN length, fill or PAN field)")                   \

@@ -15,6 +15,7 @@
   X(kAuthUserPassword,      QL_AUTH_USER_PWD,          16)   \
   X(kAuthToken,             QL_AUTH_ATOKEN,            32)   \
   X(kStrongAuthOtp,         QL_STRONG_AUTH_OTP,        1)    \
+  X(kStrongAuthX509,        QL_STRONG_AUTH_X509,       2)    \
   X(kKeyExportable,         QL_KEY_EXPORTABLE,         1)    \
   X(kKeyNoCrypt,            QL_KEY_NO_CRYPT,           2)    \
   X(kKeyTemporary,          QL_KEY_TEMPORARY,          4)    \
@@ -52,6 +53,7 @@
   X(kSpOperatingMode,       QL_SP_OPERATING_MODE,      1024) \
   X(kOpModeNormal,          QL_OP_MODE_NORMAL,         1)    \
   X(kAdmSetDateTime,        QL_ADM_SET_DATE_TIME,      1)    \
+  X(kAdmSetTlsBundle,       QL_ADM_SET_TLS_BUNDLE,     2)    \
   X(kAdmKeepAlive,          QL_ADM_KEEPALIVE,          4)    \
   X(kAdmProbe,              QL_ADM_PROBE,              5)    \
   X(kAdmLogCache,           QL_ADM_LOG_CACHE,          3)    \

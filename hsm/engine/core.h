@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "crypto/key.h"
 #include "engine/audit/audit_log.h"
@@ -22,6 +23,7 @@
 #include "engine/users/login_throttle.h"
 #include "engine/users/otp_tokens.h"
 #include "engine/users/tokens.h"
+#include "engine/users/user_certificates.h"
 #include "engine/users/user_directory.h"
 
 namespace qlhsm {
@@ -63,12 +65,17 @@ struct Core {
   std::unique_ptr<store::Store> store;
   std::unique_ptr<users::UserDirectory> users;
   std::unique_ptr<users::TokenStore> tokens;
-  std::unique_ptr<users::OtpTokens> otp;  // the users' OATH tokens
+  std::unique_ptr<users::OtpTokens> otp;                // the users' OATH tokens
+  std::unique_ptr<users::UserCertificates> user_certs;  // the users' login certificates
+  // One assignment of a second factor at a time, so that a user never ends up with two.
+  std::mutex second_factor_mu;
   std::unique_ptr<objects::ObjectStore> objects;
   std::unique_ptr<audit::AuditLog> audit;
   sessions::SessionRegistry registry;
   stats::CpuSampler cpu;
   size_t max_objects = 100000;
+  // The endpoints ("host:port", host lowercased) PIX requests may reach; empty: none.
+  std::vector<std::string> pix_endpoints;
   // One change at a time of what makes a user an administrator (removal, block, mask), so that
   // two of them can never take away the last one between them.
   std::mutex administrators_mu;

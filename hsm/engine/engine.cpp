@@ -62,6 +62,7 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   kdf.n = SettingOr(*c.store, "kdf_n", 0, kdf.n);
   c.registry.set_max_open(SettingOr(*c.store, "max_sessions", options.max_sessions, 1024));
   c.max_objects = SettingOr(*c.store, "max_objects", options.max_objects, 100000);
+  c.pix_endpoints = options.pix_endpoints;
   size_t page = SettingOr(*c.store, "audit_page_size", options.audit_page_size, 4096);
 
   QL_RETURN_IF_ERROR(e->system_.LoadTimeOffset());
@@ -71,6 +72,8 @@ Result<std::unique_ptr<Engine>> Engine::Open(const std::string &data_dir,
   c.tokens = std::make_unique<users::TokenStore>(*c.store, &c.clock);
   c.otp = std::make_unique<users::OtpTokens>(*c.store, c.master_key);
   QL_RETURN_IF_ERROR(c.otp->Load());
+  c.user_certs = std::make_unique<users::UserCertificates>(*c.store);
+  QL_RETURN_IF_ERROR(c.user_certs->Load());
   c.objects = std::make_unique<objects::ObjectStore>(*c.store, c.master_key, &c.clock);
   c.audit = std::make_unique<audit::AuditLog>(*c.store, page, &c.clock);
   QL_RETURN_IF_ERROR(c.audit->Load());

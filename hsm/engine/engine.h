@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "engine/core.h"
 #include "engine/data_dir.h"
@@ -49,6 +50,8 @@ struct EngineOptions {
   size_t audit_page_size = 0;  // "audit_page_size", default 4096
   size_t max_objects = 0;      // "max_objects", default 100000
   std::string unlock_secret;   // the secret master.key was sealed under
+  // The endpoints PIX requests may reach, as pix::ParseEndpoint gives them ("host:port").
+  std::vector<std::string> pix_endpoints;
 };
 
 class Engine {

@@ -1,6 +1,7 @@
 #include "server/connection.h"
 
 #include <openssl/err.h>
+#include <openssl/x509.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -26,10 +27,11 @@ constexpr std::chrono::milliseconds kDrainTime{1000};
 constexpr std::size_t kDrainBytes = 64 * 1024;
 }  // namespace
 
-Connection::Connection(asio::ip::tcp::socket socket, SSL_CTX *tls, ConnectionManager &manager,
-                       RequestHandler &handler, Admission admission, std::atomic<int> *load)
+Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<SSL_CTX> tls,
+                       ConnectionManager &manager, RequestHandler &handler, Admission admission,
+                       std::atomic<int> *load)
     : socket_(std::move(socket)),
-      tls_ctx_(tls),
+      tls_ctx_(std::move(tls)),
       manager_(manager),
       handler_(handler),
       admission_(std::move(admission)),
@@ -159,7 +161,8 @@ void Connection::OnFirstByte(const asio::error_code &ec) {
     ArmEarlier();
     return Pump();
   }
-  ssl_.reset(SSL_new(tls_ctx_));
+  ssl_.reset(SSL_new(tls_ctx_.get()));
+  tls_ctx_.reset();
   if (!ssl_ || SSL_set_fd(ssl_.get(), socket_.native_handle()) != 1) {
     ERR_clear_error();
     return Finish();
@@ -178,6 +181,14 @@ void Connection::Handshake() {
   const Io io = TlsOutcome(SSL_do_handshake(ssl_.get()), 0, &unused);
   if (io == Io::kDone) {
     handshaken_ = true;
+    if (X509 *cert = SSL_get0_peer_certificate(ssl_.get())) {
+      const int len = i2d_X509(cert, nullptr);
+      if (len > 0) {
+        state_.peer_certificate.resize(static_cast<size_t>(len));
+        unsigned char *p = state_.peer_certificate.data();
+        i2d_X509(cert, &p);
+      }
+    }
     ArmEarlier();
     return Pump();
   }

@@ -55,7 +55,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // tls is the server's context, used when the client starts a TLS handshake. load (may be null)
   // counts the connections of the socket's event loop; it is raised here and lowered when the
   // connection is destroyed.
-  Connection(asio::ip::tcp::socket socket, SSL_CTX *tls, ConnectionManager &manager,
+  Connection(asio::ip::tcp::socket socket, std::shared_ptr<SSL_CTX> tls, ConnectionManager &manager,
              RequestHandler &handler, Admission admission, std::atomic<int> *load = nullptr);
   ~Connection();
 
@@ -106,7 +106,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   bool TakeFollowed();
 
   asio::ip::tcp::socket socket_;
-  SSL_CTX *tls_ctx_;
+  std::shared_ptr<SSL_CTX> tls_ctx_;  // until the handshake starts (SSL_new holds it then)
   std::unique_ptr<SSL, decltype(&SSL_free)> ssl_{nullptr, &SSL_free};
   ConnectionManager &manager_;
   RequestHandler &handler_;

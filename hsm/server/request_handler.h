@@ -30,6 +30,8 @@ struct ConnectionState {
   std::unique_ptr<sessions::Session> session;
   // The client's address, as the login throttle counts it (empty: not counted by address).
   std::string peer;
+  // The certificate (DER) the client presented and proved in the TLS handshake; empty: none.
+  secure::Bytes peer_certificate;
   // Set by a login: how long the answer must be held back (the connection sends it by a timer).
   std::chrono::milliseconds answer_delay{0};
   // Set by a FollowLog request: the lines the connection pushes from then on (as Responses
@@ -39,9 +41,12 @@ struct ConnectionState {
   uint64_t follow_request = 0;
 };
 
+class TlsContexts;
+
 struct HandlerConfig {
-  uint32_t max_frame = 0;             // announced in the Hello reply
-  std::vector<uint8_t> tls_cert_der;  // served by GetTlsCert
+  uint32_t max_frame = 0;      // announced in the Hello reply
+  TlsContexts *tls = nullptr;  // the daemon's TLS identity: served by GetTlsCert, replaced by
+                               // set-tls-bundle (null: no TLS, as in the fuzzer)
 };
 
 class RequestHandler {

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "engine/services/pix_http.h"
 #include "frame.h"
 #include "server/tls_identity.h"
 
@@ -36,18 +37,32 @@ Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
   eo.max_sessions = options.max_sessions;
   eo.audit_page_size = options.audit_page_size;
   eo.unlock_secret = options.unlock_secret;
+  for (const std::string &text : options.pix_endpoints) {
+    Result<std::string> endpoint = pix::ParseEndpoint(text);
+    if (!endpoint.ok())
+      return Status::Error(Code::kBadArgument, "--pix-endpoint takes HOST:PORT, not " + text);
+    eo.pix_endpoints.push_back(std::move(endpoint.value()));
+  }
   Result<std::unique_ptr<Engine>> engine = Engine::Open(options.data_dir, eo);
   if (!engine.ok()) return engine.status();
   std::unique_ptr<Server> srv(new Server(options, std::move(engine.value())));
 
-  QL_RETURN_IF_ERROR(ConfigureTlsContext(options.data_dir, srv->tls_));
+  // The identity set by set-tls-bundle, else the data directory's.
+  Result<std::optional<TlsBundle>> stored = srv->engine_->system().StoredTlsBundle();
+  if (!stored.ok()) return stored.status();
+  Result<TlsBundle> bundle =
+      stored->has_value() ? Result<TlsBundle>(std::move(**stored)) : ReadTlsFiles(options.data_dir);
+  if (!bundle.ok()) return bundle.status();
+  Result<SslCtxPtr> ctx = BuildTlsContext(bundle.value());
+  Result<std::vector<uint8_t>> der = LeafCertificateDer(bundle.value());
+  if (!ctx.ok()) return ctx.status();
+  if (!der.ok()) return der.status();
+  srv->tls_.Install(std::move(ctx.value()), std::move(der.value()));
   HandlerConfig hc;
   hc.max_frame = options.max_frame ? options.max_frame : qlproto::kDefaultMaxFrame;
   if (hc.max_frame > qlproto::kAbsoluteMaxFrame || hc.max_frame < 1024)
     return Status::Error(Code::kBadArgument, "the frame limit must be 1 KiB to 352 MiB");
-  Result<std::vector<uint8_t>> der = LoadCertificateDer(options.data_dir);
-  if (!der.ok()) return der.status();
-  hc.tls_cert_der = std::move(der.value());
+  hc.tls = &srv->tls_;
   srv->handler_ = std::make_unique<RequestHandler>(*srv->engine_, std::move(hc));
   Engine *engine_ptr = srv->engine_.get();
   srv->quotas_ = std::make_unique<Quotas>(
@@ -103,7 +118,7 @@ void Server::Accept() {
           if (admission.quotas) {
             asio::error_code nodelay_ec;
             socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
-            auto c = std::make_shared<Connection>(std::move(socket), tls_.native_handle(), manager_,
+            auto c = std::make_shared<Connection>(std::move(socket), tls_.Current(), manager_,
                                                   *handler_, std::move(admission), &loads_[loop]);
             manager_.Add(c);
             c->Start();

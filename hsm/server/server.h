@@ -13,6 +13,7 @@
 #include "server/connection_manager.h"
 #include "server/limits.h"
 #include "server/request_handler.h"
+#include "server/tls_identity.h"
 
 namespace qlhsm::server {
 
@@ -32,6 +33,8 @@ struct ServerOptions {
   unsigned threads = 0;       // event loops, one thread each; 0: 4 per core, at least 8
                               // (an engine call blocks its loop while it runs)
   std::string unlock_secret;  // opens the sealed master key
+  // The endpoints PIX requests may reach ("HOST:PORT"); none by default.
+  std::vector<std::string> pix_endpoints;
 };
 
 class Server {
@@ -66,7 +69,7 @@ class Server {
   asio::io_context io_;
   std::vector<std::unique_ptr<asio::io_context>> loops_;
   std::vector<asio::executor_work_guard<asio::io_context::executor_type>> keep_running_;
-  asio::ssl::context tls_{asio::ssl::context::tls_server};
+  TlsContexts tls_;
   asio::strand<asio::io_context::executor_type> control_;
   asio::signal_set signals_;
   asio::ip::tcp::acceptor acceptor_;

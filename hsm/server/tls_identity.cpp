@@ -6,10 +6,10 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
-#include <asio/ssl.hpp>
 #include <memory>
 
 #include "engine/data_dir.h"
+#include "engine/store/store.h"
 
 namespace qlhsm::server {
 namespace {
@@ -94,33 +94,13 @@ Status ImportTlsIdentity(const std::string &data_dir, const std::string &cert_fi
   return WriteFileBytes(DataPath(data_dir, kTlsCertFile), *cert_pem);
 }
 
-Result<std::string> TlsFingerprint(const std::string &data_dir) {
-  Result<std::vector<uint8_t>> der = LoadCertificateDer(data_dir);
-  if (!der.ok()) return der.status();
-  return secure::Hex(secure::Sha256(*der));
-}
+namespace {
 
-Status ConfigureTlsContext(const std::string &data_dir, asio::ssl::context &ctx) {
-  asio::error_code ec;
-  SSL_CTX_set_min_proto_version(ctx.native_handle(), TLS1_3_VERSION);
-  ctx.set_options(asio::ssl::context::default_workarounds | asio::ssl::context::no_sslv2 |
-                      asio::ssl::context::no_sslv3 | asio::ssl::context::no_tlsv1 |
-                      asio::ssl::context::no_tlsv1_1 | asio::ssl::context::no_tlsv1_2,
-                  ec);
-  if (ec) return Status::Error(Code::kInternal, "TLS options: " + ec.message());
-  ctx.use_certificate_chain_file(DataPath(data_dir, kTlsCertFile), ec);
-  if (ec) return Status::Error(Code::kBadArgument, "TLS certificate: " + ec.message());
-  ctx.use_private_key_file(DataPath(data_dir, kTlsKeyFile), asio::ssl::context::pem, ec);
-  if (ec) return Status::Error(Code::kBadArgument, "TLS key: " + ec.message());
-  return Status::Ok();
-}
-
-Result<std::vector<uint8_t>> LoadCertificateDer(const std::string &data_dir) {
-  Result<secure::Bytes> pem = ReadFileBytes(DataPath(data_dir, kTlsCertFile));
-  if (!pem.ok()) return pem.status();
-  std::unique_ptr<BIO, BioDeleter> bio(BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size())));
+Result<std::vector<uint8_t>> FirstCertificateDer(const std::string &pem) {
+  std::unique_ptr<BIO, BioDeleter> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   std::unique_ptr<X509, X509Deleter> cert(
       bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+  ERR_clear_error();
   if (!cert) return Status::Error(Code::kBadArgument, "unreadable TLS certificate");
   int len = i2d_X509(cert.get(), nullptr);
   if (len <= 0) return Status::Error(Code::kInternal, "cannot encode the TLS certificate");
@@ -128,6 +108,90 @@ Result<std::vector<uint8_t>> LoadCertificateDer(const std::string &data_dir) {
   unsigned char *p = der.data();
   i2d_X509(cert.get(), &p);
   return der;
+}
+
+}  // namespace
+
+Result<TlsBundle> ReadTlsFiles(const std::string &data_dir) {
+  Result<secure::Bytes> chain = ReadFileBytes(DataPath(data_dir, kTlsCertFile));
+  if (!chain.ok()) return chain.status();
+  Result<secure::Bytes> key = ReadFileBytes(DataPath(data_dir, kTlsKeyFile));
+  if (!key.ok()) return key.status();
+  return TlsBundle{std::string(chain->begin(), chain->end()), std::move(key.value())};
+}
+
+Result<std::string> TlsFingerprint(const std::string &data_dir) {
+  std::string chain;
+  // The store holds only the certificate in clear; its key needs the master key, this does not.
+  if (Result<std::unique_ptr<store::Store>> st = store::Store::Open(data_dir, false); st.ok()) {
+    Result<std::string> set = st.value()->GetSetting(kTlsChainSetting);
+    if (set.ok()) chain = std::move(set.value());
+  }
+  if (chain.empty()) {
+    Result<secure::Bytes> pem = ReadFileBytes(DataPath(data_dir, kTlsCertFile));
+    if (!pem.ok()) return pem.status();
+    chain.assign(pem->begin(), pem->end());
+  }
+  Result<std::vector<uint8_t>> der = FirstCertificateDer(chain);
+  if (!der.ok()) return der.status();
+  return secure::Hex(secure::Sha256(*der));
+}
+
+Result<SslCtxPtr> BuildTlsContext(const TlsBundle &bundle) {
+  SslCtxPtr ctx(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+  if (!ctx) return Status::Error(Code::kInternal, "cannot make a TLS context");
+  SSL_CTX *c = ctx.get();
+  SSL_CTX_set_min_proto_version(c, TLS1_3_VERSION);
+  SSL_CTX_set_options(c, SSL_OP_ALL);
+  // Every client may present a certificate (a certificate login); the handshake proves it holds
+  // the key, and the login compares the certificate with the one bound to the user, so no chain
+  // is checked here and a client without one is served as before.
+  SSL_CTX_set_verify(c, SSL_VERIFY_PEER, [](int, X509_STORE_CTX *) { return 1; });
+  std::unique_ptr<BIO, BioDeleter> cbio(
+      BIO_new_mem_buf(bundle.chain_pem.data(), static_cast<int>(bundle.chain_pem.size())));
+  bool first = true;
+  while (cbio) {
+    X509 *x = PEM_read_bio_X509(cbio.get(), nullptr, nullptr, nullptr);
+    if (x == nullptr) break;
+    // The leaf is used; the intermediates after it are handed over with add0.
+    const bool ok = first ? SSL_CTX_use_certificate(c, x) == 1 : SSL_CTX_add0_chain_cert(c, x) == 1;
+    if (first) X509_free(x);
+    if (!ok) {
+      if (!first) X509_free(x);
+      ERR_clear_error();
+      return Status::Error(Code::kBadArgument, "TLS certificate refused");
+    }
+    first = false;
+  }
+  std::unique_ptr<BIO, BioDeleter> kbio(
+      BIO_new_mem_buf(bundle.key_pem.data(), static_cast<int>(bundle.key_pem.size())));
+  std::unique_ptr<EVP_PKEY, PkeyDeleter> key(
+      kbio ? PEM_read_bio_PrivateKey(kbio.get(), nullptr, nullptr, nullptr) : nullptr);
+  const bool ok = !first && key && SSL_CTX_use_PrivateKey(c, key.get()) == 1 &&
+                  SSL_CTX_check_private_key(c) == 1;
+  ERR_clear_error();
+  if (!ok) return Status::Error(Code::kBadArgument, "TLS certificate or key refused");
+  return ctx;
+}
+
+void TlsContexts::Install(SslCtxPtr ctx, std::vector<uint8_t> certificate_der) {
+  std::lock_guard<std::mutex> lock(mu_);
+  ctx_ = std::move(ctx);
+  der_ = std::move(certificate_der);
+}
+
+SslCtxPtr TlsContexts::Current() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return ctx_;
+}
+
+std::vector<uint8_t> TlsContexts::CertificateDer() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return der_;
+}
+
+Result<std::vector<uint8_t>> LeafCertificateDer(const TlsBundle &bundle) {
+  return FirstCertificateDer(bundle.chain_pem);
 }
 
 }  // namespace qlhsm::server

@@ -165,6 +165,10 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_BAD_PASSWORD 5085      /* a PKCS#12 file whose MAC or decryption fails */
 /* XML signatures and PIX messages. */
 #define QL_ERR_BAD_XML 5090 /* malformed XML, a DOCTYPE, duplicate IDs, no signature */
+/* PIX requests over mutual TLS. */
+#define QL_ERR_ENDPOINT_REFUSED 5091 /* the URL's host and port are not an allowed endpoint */
+#define QL_ERR_TIMEOUT 5092          /* the exchange did not finish within its timeout */
+#define QL_ERR_REMOTE_FAILED 5093    /* unreachable, refused, or the TLS handshake failed */
 /* Payment: card values, PINs and the EFT daemon. */
 #define QL_ERR_CHECK_FAILED 5060        /* a CVV, PIN or one-time password that does not match */
 #define QL_ERR_BAD_PIN_BLOCK 5061       /* control field, PIN length, fill or PAN field wrong */
@@ -208,8 +212,14 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_AUTH_ATOKEN 32          /* AUTH_ATOKEN */
 #define QL_AUTH_WIN_CREDENTIAL 128 /* AUTH_WIN_CREDENTIAL: user and password from the store */
 /* AUTH_PWD_EX.dwAuthType: the second factor of a user and password login. A user with an OATH
- * token (QAssignToken) needs it on every login; a user without one is refused with it. */
+ * token (QAssignToken) needs it on every login; a user without one is refused with it. The same
+ * holds for a certificate bound with QSetUserParam(QL_UP_X509_ASSIGN): the library presents
+ * pbStrongAuth (nStrongAuthLen bytes: a PEM private key and its PEM certificate, in either
+ * order) as the TLS client certificate, so it needs an encrypted session (QL_SESSION_UNENCRYPTED
+ * alone: QL_ERR_BAD_AUTH_KIND); a key that is not the certificate's: QL_ERR_KEY_CERT_MISMATCH. A
+ * user holds at most one second factor. */
 #define QL_STRONG_AUTH_OTP 1
+#define QL_STRONG_AUTH_X509 2
 
 /* The records are little-endian wire records with fixed offsets (asserted below). */
 #pragma pack(push, 4)
@@ -219,12 +229,12 @@ typedef struct AUTH_PWD_EX_ {
   int32_t nPort;       /* TCP port; 0 or negative: 4433 */
   char szUserId[16];   /* user name, NUL-terminated when shorter */
   char szPassword[16]; /* password, NUL-terminated when shorter */
-  uint32_t dwAuthType; /* second factor: 0 none, QL_STRONG_AUTH_OTP a one-time password */
+  uint32_t dwAuthType; /* second factor: 0 none, QL_STRONG_AUTH_OTP or QL_STRONG_AUTH_X509 */
   union {
-    unsigned char *pbStrongAuth; /* QL_STRONG_AUTH_OTP: the OTP's digits; 0: null */
+    unsigned char *pbStrongAuth; /* the OTP's digits, or the PEM key and certificate; 0: null */
     uint64_t qwStrongAuthPad;    /* keeps the field 8 bytes wide on 32-bit builds */
   };
-  int32_t nStrongAuthLen; /* the number of digits (6 to 8); 0 with dwAuthType 0 */
+  int32_t nStrongAuthLen; /* the digits (6 to 8) or PEM bytes; 0 with dwAuthType 0 */
 } AUTH_PWD_EX;
 
 typedef struct QL_A_TOKEN_ {
@@ -655,11 +665,17 @@ QLAPI_EXPORT int QGetSessionParam(HSESSIONCTX hSession, uint32_t dwParam, void *
  * requests in memory until a change or a full page writes them; off writes every line as it comes;
  * the setting survives a restart and the answer is the state left (pvOut may be null).
  * QL_ADM_REPL_UPDATE and QL_ADM_REPL_NODE_MESSAGE answer QL_ERR_NOT_IN_CLUSTER on a single HSM. */
-#define QL_ADM_SET_DATE_TIME 1  /* in: uint64 seconds since 1970 */
-#define QL_ADM_SET_TLS_BUNDLE 2 /* in: PEM private key followed by its certificate */
-#define QL_ADM_LOG_CACHE 3      /* in: uint32 0 off, 1 on (none: unchanged); out: uint32 state */
-#define QL_ADM_KEEPALIVE 4      /* none */
-#define QL_ADM_PROBE 5          /* in: optional byte QL_RNM_*; out: uint32 state (1 up) */
+#define QL_ADM_SET_DATE_TIME 1 /* in: uint64 seconds since 1970 */
+/* QL_ADM_SET_TLS_BUNDLE in: a PEM private key, its certificate, then any intermediates. The key
+ * must be RSA of 2048 bits or more, P-256, P-384 or Ed25519 (else QL_ERR_BAD_KEY_USAGE) and the
+ * certificate's (QL_ERR_KEY_CERT_MISMATCH), the certificate valid at the HSM's time
+ * (QL_ERR_CERT_EXPIRED); no key QL_ERR_BAD_ARGUMENT, no certificate QL_ERR_BAD_CERT. The HSM
+ * keeps it under its master key and presents it on every new connection, and after a restart;
+ * open connections keep theirs. Clients that pinned the old certificate must pin the new one. */
+#define QL_ADM_SET_TLS_BUNDLE 2
+#define QL_ADM_LOG_CACHE 3 /* in: uint32 0 off, 1 on (none: unchanged); out: uint32 state */
+#define QL_ADM_KEEPALIVE 4 /* none */
+#define QL_ADM_PROBE 5     /* in: optional byte QL_RNM_*; out: uint32 state (1 up) */
 #define QL_ADM_REPL_UPDATE 6
 #define QL_ADM_REPL_NODE_MESSAGE 7
 #define QL_ADM_EFTD_AUTHORIZE 8
@@ -883,7 +899,9 @@ QLAPI_EXPORT int QGetUserAcl(HSESSIONCTX hSession, const char *szUserName, uint3
 #define QL_UP_USER_PASSWORD 5 /* set: QL_USER_INFO, szUserId and szPassword */
 #define QL_UP_OBJ_COUNT 6     /* get: uint32, the caller's number of objects */
 #define QL_UP_BLOCKED 7       /* get: QL_USER_INFO in (szUserId), uint32 at dwAcl: 1 blocked */
-#define QL_UP_X509_ASSIGN 8   /* set: the caller's certificate for strong authentication */
+#define QL_UP_X509_ASSIGN 8   /* set: the caller's login certificate (one, DER or PEM, valid now) */
+/* set: removes a login certificate (none held: nothing): pvData null the caller's own, else
+ * QL_USER_INFO's szUserId (another user's needs ACL_SYS_OPERATOR) */
 #define QL_UP_X509_UNASSIGN 9
 QLAPI_EXPORT int QSetUserParam(HSESSIONCTX hSession, uint32_t dwParam, const void *pvData,
                                uint32_t dwDataLen);

@@ -10,6 +10,8 @@ namespace {
 // A one-time password's digits.
 constexpr int32_t kMinOtpDigits = 6;
 constexpr int32_t kMaxOtpDigits = 8;
+// A PEM key and certificate (with room for a large RSA key and a chain).
+constexpr int32_t kMaxIdentityPem = 64 * 1024;
 
 Status ReadAddress(const char *addr, int32_t port, Credentials *creds) {
   creds->host = FieldText(addr, QL_MAX_ADDR);
@@ -43,10 +45,14 @@ Status CredentialsFromRecord(uint32_t kind, const void *record, uint32_t record_
       std::memcpy(&r, record, sizeof r);  // the caller's record may be unaligned
       if (r.dwAuthType == 0) {
         if (r.pbStrongAuth != nullptr || r.nStrongAuthLen != 0) return Status(QL_ERR_BAD_ARGUMENT);
-      } else if (r.dwAuthType != QL_STRONG_AUTH_OTP || kind != QL_AUTH_USER_PWD) {
+      } else if ((r.dwAuthType != QL_STRONG_AUTH_OTP && r.dwAuthType != QL_STRONG_AUTH_X509) ||
+                 kind != QL_AUTH_USER_PWD || r.pbStrongAuth == nullptr) {
         return Status(QL_ERR_BAD_ARGUMENT);
-      } else if (r.pbStrongAuth == nullptr || r.nStrongAuthLen < kMinOtpDigits ||
-                 r.nStrongAuthLen > kMaxOtpDigits) {
+      } else if (r.dwAuthType == QL_STRONG_AUTH_OTP &&
+                 (r.nStrongAuthLen < kMinOtpDigits || r.nStrongAuthLen > kMaxOtpDigits)) {
+        return Status(QL_ERR_BAD_ARGUMENT);
+      } else if (r.dwAuthType == QL_STRONG_AUTH_X509 &&
+                 (r.nStrongAuthLen <= 0 || r.nStrongAuthLen > kMaxIdentityPem)) {
         return Status(QL_ERR_BAD_ARGUMENT);
       }
       Status st = ReadAddress(r.szAddr, r.nPort, creds);
@@ -56,6 +62,15 @@ Status CredentialsFromRecord(uint32_t kind, const void *record, uint32_t record_
         creds->strong_auth_type = QL_STRONG_AUTH_OTP;
         creds->otp.assign(reinterpret_cast<const char *>(r.pbStrongAuth),
                           static_cast<std::size_t>(r.nStrongAuthLen));
+      } else if (r.dwAuthType == QL_STRONG_AUTH_X509) {
+        // A certificate is presented in the TLS handshake: a plain connection cannot carry it.
+        if (!creds->tls) return Status(QL_ERR_BAD_AUTH_KIND);
+        auto identity =
+            ClientIdentity::FromPem(std::string(reinterpret_cast<const char *>(r.pbStrongAuth),
+                                                static_cast<std::size_t>(r.nStrongAuthLen)));
+        if (!identity.ok()) return identity.status();
+        creds->strong_auth_type = QL_STRONG_AUTH_X509;
+        creds->identity = std::move(identity.value());
       }
       if (kind == QL_AUTH_USER_PWD) {
         creds->user = FieldText(r.szUserId, sizeof r.szUserId);

@@ -3,6 +3,7 @@
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/x509.h>
 
 #include <algorithm>
@@ -195,7 +196,36 @@ Status InitTls() {
   return Status(g_tls_status);
 }
 
-Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, int port, bool tls) {
+Result<std::shared_ptr<const ClientIdentity>> ClientIdentity::FromPem(const std::string &pem) {
+  std::shared_ptr<ClientIdentity> id(new ClientIdentity());
+  // Each read starts at the top and skips PEM blocks of other kinds.
+  BIO *bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  if (bio != nullptr) id->cert_ = PEM_read_bio_X509(bio, nullptr, nullptr, nullptr);
+  BIO_free(bio);
+  bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  if (bio != nullptr) id->key_ = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
+  BIO_free(bio);
+  ERR_clear_error();
+  if (id->cert_ == nullptr) return Status(QL_ERR_BAD_CERT);
+  if (id->key_ == nullptr) return Status(QL_ERR_BAD_ARGUMENT);
+  if (X509_check_private_key(id->cert_, id->key_) != 1) {
+    ERR_clear_error();
+    return Status(QL_ERR_KEY_CERT_MISMATCH);
+  }
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  if (X509_digest(id->cert_, EVP_sha256(), md, &len) != 1) return Status(QL_ERR_BAD_CERT);
+  id->sha256_.assign(reinterpret_cast<char *>(md), len);
+  return std::shared_ptr<const ClientIdentity>(std::move(id));
+}
+
+ClientIdentity::~ClientIdentity() {
+  X509_free(cert_);
+  EVP_PKEY_free(key_);
+}
+
+Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, int port, bool tls,
+                                                     const ClientIdentity *identity) {
   if (tls) {
     Status st = InitTls();
     if (!st.ok()) return st;
@@ -224,6 +254,11 @@ Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, in
   SSL_set_bio(conn->ssl_.get(), bio, bio);
   // A record's header and body in one receive (and any records behind it).
   SSL_set_read_ahead(conn->ssl_.get(), 1);
+  if (identity != nullptr && (SSL_use_certificate(conn->ssl_.get(), identity->cert()) != 1 ||
+                              SSL_use_PrivateKey(conn->ssl_.get(), identity->key()) != 1)) {
+    ERR_clear_error();
+    return Status(QL_ERR_TLS_FAILED);
+  }
   if (SSL_connect(conn->ssl_.get()) != 1) {
     ERR_clear_error();
     return Status(QL_ERR_TLS_FAILED);
@@ -235,8 +270,8 @@ Result<std::unique_ptr<Connection>> Connection::Open(const std::string &host, in
       conn->peer_sha256_.assign(reinterpret_cast<char *>(md), len);
     }
   }
-  Status identity = VerifyHsmIdentity(conn->ssl_.get(), host, port, conn->peer_sha256_);
-  if (!identity.ok()) return identity;
+  Status hsm = VerifyHsmIdentity(conn->ssl_.get(), host, port, conn->peer_sha256_);
+  if (!hsm.ok()) return hsm;
   return conn;
 }
 

@@ -16,12 +16,36 @@ struct SslDeleter {
   void operator()(SSL *ssl) const { SSL_free(ssl); }
 };
 
+// A client certificate and its key, presented in the TLS handshake of a certificate login.
+class ClientIdentity {
+ public:
+  // From PEM text holding a private key and its certificate (either order): QL_ERR_BAD_CERT
+  // without a certificate, QL_ERR_BAD_ARGUMENT without a key, QL_ERR_KEY_CERT_MISMATCH when the
+  // key is not the certificate's.
+  static Result<std::shared_ptr<const ClientIdentity>> FromPem(const std::string &pem);
+  ~ClientIdentity();
+  ClientIdentity(const ClientIdentity &) = delete;
+  ClientIdentity &operator=(const ClientIdentity &) = delete;
+
+  X509 *cert() const { return cert_; }
+  EVP_PKEY *key() const { return key_; }
+  // SHA-256 of the certificate (DER): what tells two identities apart.
+  const std::string &sha256() const { return sha256_; }
+
+ private:
+  ClientIdentity() = default;
+  X509 *cert_ = nullptr;
+  EVP_PKEY *key_ = nullptr;
+  std::string sha256_;
+};
+
 class Connection {
  public:
   // Resolves host, connects (10 s at most) and, for tls, completes the TLS 1.3 handshake and
   // checks the HSM's identity (hsm_identity.h). QL_ERR_CONNECTION_FAILED, QL_ERR_TLS_FAILED or a
-  // QL_ERR_HSM_IDENTITY_* code otherwise.
-  static Result<std::unique_ptr<Connection>> Open(const std::string &host, int port, bool tls);
+  // QL_ERR_HSM_IDENTITY_* code otherwise. `identity` (tls only) is presented as the client's.
+  static Result<std::unique_ptr<Connection>> Open(const std::string &host, int port, bool tls,
+                                                  const ClientIdentity *identity = nullptr);
   ~Connection();
   Connection(const Connection &) = delete;
   Connection &operator=(const Connection &) = delete;

@@ -40,10 +40,8 @@ void FillLogin(const Credentials &creds, pb::Login *login) {
   if (creds.kind == QL_AUTH_USER_PWD) {
     login->set_user(creds.user);
     login->set_password(creds.secret);
-    if (creds.strong_auth_type != 0) {
-      login->set_strong_auth_type(creds.strong_auth_type);
-      login->set_strong_auth(creds.otp);
-    }
+    if (creds.strong_auth_type != 0) login->set_strong_auth_type(creds.strong_auth_type);
+    if (creds.strong_auth_type == QL_STRONG_AUTH_OTP) login->set_strong_auth(creds.otp);
   } else if (creds.kind == QL_AUTH_ATOKEN) {
     login->set_user(creds.user);
     login->set_token_key(creds.secret);
@@ -87,12 +85,13 @@ std::string Credentials::CacheKey() const {
   key.append(std::to_string(kind)).push_back('\0');
   key.append(user).push_back('\0');
   key.append(reinterpret_cast<char *>(md), len);
+  if (identity) key.append(identity->sha256());
   return key;
 }
 
 Result<std::unique_ptr<Link>> Connect(const Credentials &creds, uint64_t *session_id,
                                       uint32_t *acl) {
-  auto opened = Connection::Open(creds.host, creds.port, creds.tls);
+  auto opened = Connection::Open(creds.host, creds.port, creds.tls, creds.identity.get());
   if (!opened.ok()) return opened.status();
   auto link = std::make_unique<Link>();
   link->conn = std::move(opened.value());

@@ -31,6 +31,9 @@ struct Credentials {
   // so a cached connection logs in again with the next one-time password.
   uint32_t strong_auth_type = 0;
   std::string otp;
+  // QL_STRONG_AUTH_X509: the client certificate every connection presents; part of the cache
+  // key, so a cached connection is only reused with the same certificate.
+  std::shared_ptr<const ClientIdentity> identity;
 
   // Cache key: the secret enters only as a digest, so the cache never compares passwords.
   std::string CacheKey() const;

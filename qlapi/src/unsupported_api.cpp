@@ -35,25 +35,6 @@ int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 
-int QPIXPost(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
-             const unsigned char *, uint32_t, uint32_t, unsigned char **, uint32_t *, uint32_t *,
-             uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXGet(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
-            uint32_t, unsigned char **, uint32_t *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXPut(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
-            const unsigned char *, uint32_t, uint32_t, unsigned char **, uint32_t *, uint32_t *,
-            uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXDelete(HSESSIONCTX, const char *, const char *, const char *, const char *, const char *,
-               uint32_t, unsigned char **, uint32_t *, uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
 int QCreateObjMetadata(HOBJMETACTX *phMeta, uint32_t) {
   if (phMeta) *phMeta = nullptr;
   QL_NOT_SUPPORTED;

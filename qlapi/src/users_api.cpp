@@ -76,7 +76,7 @@ extern "C" int QGetUserAcl(HSESSIONCTX hSession, const char *szUserName, uint32_
 extern "C" int QSetUserParam(HSESSIONCTX hSession, uint32_t dwParam, const void *pvData,
                              uint32_t dwDataLen) {
   return Guard([&] {
-    if (pvData == nullptr) return QL_ERR_BAD_ARGUMENT;
+    if (pvData == nullptr && dwParam != QL_UP_X509_UNASSIGN) return QL_ERR_BAD_ARGUMENT;
     pb::Request request;
     auto *set = request.mutable_set_user_param();
     set->set_param(dwParam);
@@ -103,9 +103,17 @@ extern "C" int QSetUserParam(HSESSIONCTX hSession, uint32_t dwParam, const void 
         break;
       }
       case QL_UP_X509_ASSIGN:
+        if (dwDataLen == 0) return QL_ERR_BAD_ARGUMENT;
         set->set_data(pvData, dwDataLen);
         break;
       case QL_UP_X509_UNASSIGN:
+        if (pvData == nullptr) break;  // the caller's own
+        if (dwDataLen < sizeof(QL_USER_INFO)) return QL_ERR_BAD_ARGUMENT;
+        {
+          QL_USER_INFO user;
+          std::memcpy(&user, pvData, sizeof user);
+          QL_RETURN_CODE_IF_ERROR(RecordName(user.szUserId, set->mutable_user()));
+        }
         break;
       default:
         return QL_ERR_BAD_ARGUMENT;

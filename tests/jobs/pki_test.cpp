@@ -249,6 +249,21 @@ TEST_F(PkiJobs, TlsCertificateAndItsFingerprint) {
   EXPECT_NE(der.out.find(fp.out.substr(0, 64)), std::string::npos) << der.out;
 }
 
+// A certificate of the same test CA for the same address: later connections still verify.
+TEST_F(PkiJobs, ANewTlsBundleIsWhatGetTlsCertShowsNext) {
+  qltest::IssueTestCertificate({"127.0.0.1", "localhost"}, Path("n.crt"), Path("n.key"));
+  WriteText(Path("bundle.pem"), ReadText(Path("n.key")) + ReadText(Path("n.crt")));
+  EXPECT_NE(MustRun("set-tls-bundle", {"-in", Path("bundle.pem")}).find("TLS bundle set.\r\n"),
+            std::string::npos);
+  const RunResult fp = OpenSsl("x509 -in n.crt -outform DER | openssl dgst -sha256 -r");
+  ASSERT_GE(fp.out.size(), 64u);
+  EXPECT_NE(MustRun("get-tls-cert").find(fp.out.substr(0, 64)), std::string::npos);
+  // The key alone is refused with the code of a missing certificate.
+  const RunResult r = Job("set-tls-bundle", {"-in", Path("n.key")});
+  EXPECT_EQ(r.exitCode, ExitOf(5080));
+  EXPECT_NE(r.out.find(ErrorLine("QAdmOperation", 5080)), std::string::npos) << r.out;
+}
+
 TEST_F(PkiJobs, MissingOptionsShowTheHelpAndReachNoHsm) {
   const std::vector<std::vector<std::string>> cases = {
       {"-j", "import-pkcs12", "-kn", "k", "-pwd", "x"},
@@ -260,6 +275,7 @@ TEST_F(PkiJobs, MissingOptionsShowTheHelpAndReachNoHsm) {
       {"-j", "pkcs7-sign", "-kn", "k", "-keycert", "c"},
       {"-j", "pkcs7-sign", "-filein", "d.txt", "-keycert", "c"},
       {"-j", "get-tls-cert", "--outform", "txt"},
+      {"-j", "set-tls-bundle", "-in", ""},
   };
   CountingListener listener;
   for (std::vector<std::string> args : cases) {

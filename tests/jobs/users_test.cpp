@@ -2,6 +2,7 @@
 // rights, its password changed, and removed.
 
 #include <string>
+#include <vector>
 
 #include "jobs_test_util.h"
 
@@ -113,6 +114,42 @@ TEST_F(UserJobs, OperatorSwitchGivesOperatorOnly) {
   EXPECT_NE(MustRun("create-user", {"-un", "op", "-pwd", "12345678", "-operator", "-usr_list"})
                 .find("(access mask 0x00000080)"),
             std::string::npos);
+}
+
+TEST_F(UserJobs, ALoginCertificateLocksOutPasswordOnlyLoginsUntilRemoved) {
+  MustRun("create-user", {"-un", "carol", "-pwd", "12345678", "-acl", "0x6"});
+  qltest::IssueTestCertificate({"carol"}, Path("carol.pem"), Path("carol.key"));
+  WriteText(Path("junk.pem"), "not a certificate");
+  RunResult r = JobAs("carol", "12345678", "assign-x509", {"-in", Path("junk.pem")});
+  EXPECT_EQ(r.exitCode, ExitOf(5080));
+  EXPECT_NE(r.out.find(ErrorLine("QSetUserParam", 5080)), std::string::npos) << r.out;
+  r = JobAs("carol", "12345678", "assign-x509", {"-in", Path("carol.pem")});
+  EXPECT_EQ(r.exitCode, 0) << r.out;
+  EXPECT_NE(r.out.find("Certificate assigned.\r\n"), std::string::npos) << r.out;
+  // qlutil logs in with the password alone, which she can no longer do.
+  r = JobAs("carol", "12345678", "gen-rand", {"-len", "4"});
+  EXPECT_EQ(r.exitCode, ExitOf(5001));
+  EXPECT_NE(r.out.find(ErrorLine("ConnectEx", 5001)), std::string::npos) << r.out;
+  // Another user's certificate is an operator's to remove; removing twice is no error.
+  r = JobAs("carol", "12345678", "unassign-x509");
+  EXPECT_EQ(r.exitCode, ExitOf(5001));
+  MustRun("create-user", {"-un", "dan", "-pwd", "12345678", "-acl", "0x6"});
+  r = JobAs("dan", "12345678", "unassign-x509", {"-un", "carol"});
+  EXPECT_EQ(r.exitCode, ExitOf(5002));
+  EXPECT_NE(MustRun("unassign-x509", {"-un", "carol"}).find("Certificate removed.\r\n"),
+            std::string::npos);
+  EXPECT_EQ(JobAs("carol", "12345678", "unassign-x509").exitCode, 0);
+  EXPECT_EQ(JobAs("carol", "12345678", "gen-rand", {"-len", "4"}).exitCode, 0);
+  // Missing or empty options print the help and reach no HSM.
+  for (std::vector<std::string> args : {std::vector<std::string>{"assign-x509"},
+                                        {"assign-x509", "-in", Path("none.pem")},
+                                        {"unassign-x509", "-un", ""}}) {
+    const std::string job = args[0];
+    args.erase(args.begin());
+    r = Job(job, args);
+    EXPECT_EQ(r.exitCode, 255) << job;
+    EXPECT_NE(r.out.find("DESCRIPTION"), std::string::npos) << r.out;
+  }
 }
 
 }  // namespace

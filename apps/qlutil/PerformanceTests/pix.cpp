@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "PerformanceTests.h"
 #include "harness/harness.h"
@@ -103,16 +104,124 @@ const char *SignCallName(const PERF_PIX_INFO *info) {
   return info->bDict ? "QPIXDictSign" : "QPIXSign";
 }
 
+// One DER element at p (n bytes there): its header and content lengths. False when it does not
+// fit.
+bool ReadDer(const unsigned char *p, size_t n, size_t *head, size_t *len) {
+  if (n < 2) return false;
+  *head = 2;
+  *len = p[1];
+  if (*len & 0x80) {
+    const size_t bytes = *len & 0x7f;
+    if (bytes == 0 || bytes > 4 || n < 2 + bytes) return false;
+    *len = 0;
+    for (size_t i = 0; i < bytes; ++i) *len = (*len << 8) | p[2 + i];
+    *head += bytes;
+  }
+  return n - *head >= *len;
+}
+
+bool AppendPem(const unsigned char *der, size_t len, std::string *pem) {
+  std::string b64(len * 4 / 3 + 8, '\0');
+  uint32_t b64_len = static_cast<uint32_t>(b64.size());
+  if (QByteArray2Base64(der, static_cast<uint32_t>(len), b64.data(), &b64_len) != 0) return false;
+  b64.resize(b64_len);
+  *pem += "-----BEGIN CERTIFICATE-----\n";
+  for (size_t i = 0; i < b64.size(); i += 64) *pem += b64.substr(i, 64) + "\n";
+  *pem += "-----END CERTIFICATE-----\n";
+  return true;
+}
+
+// The certificates of a certs-only PKCS#7 (ContentInfo { OID, [0] SignedData { version,
+// digest algorithms, content, [0] certificates, ... } }) whose content starts at p.
+bool AppendPkcs7Certificates(const unsigned char *p, size_t n, std::string *pem) {
+  size_t head, len;
+  // Skip the OID; enter [0] and the SignedData SEQUENCE.
+  if (!ReadDer(p, n, &head, &len)) return false;
+  p += head + len, n -= head + len;
+  for (int level = 0; level < 2; ++level) {
+    if (!ReadDer(p, n, &head, &len)) return false;
+    p += head, n = len;
+  }
+  while (n > 0) {
+    if (!ReadDer(p, n, &head, &len)) return false;
+    if (p[0] == 0xA0) {
+      const unsigned char *cert = p + head;
+      size_t left = len;
+      while (left > 0) {
+        size_t cert_head, cert_len;
+        if (!ReadDer(cert, left, &cert_head, &cert_len) ||
+            !AppendPem(cert, cert_head + cert_len, pem))
+          return false;
+        cert += cert_head + cert_len;
+        left -= cert_head + cert_len;
+      }
+      return true;
+    }
+    p += head + len, n -= head + len;
+  }
+  return false;
+}
+
+// PEM of a certificate or chain object's material: kept as it is when it is PEM already; else
+// each certificate (one, several one after the other, or a PKCS#7's) in its own block.
+bool MaterialToPem(const std::vector<unsigned char> &material, std::string *pem) {
+  static const char kBegin[] = "-----BEGIN";
+  if (material.size() >= sizeof kBegin - 1 &&
+      std::memcmp(material.data(), kBegin, sizeof kBegin - 1) == 0) {
+    pem->assign(material.begin(), material.end());
+    return true;
+  }
+  const unsigned char *p = material.data();
+  size_t n = material.size();
+  while (n > 0) {
+    size_t head, len;
+    if (p[0] != 0x30 || !ReadDer(p, n, &head, &len) || len == 0) return false;
+    // A PKCS#7 starts with its content type (an OID), a certificate with a SEQUENCE.
+    const bool pkcs7 = p[head] == 0x06;
+    if (pkcs7 ? !AppendPkcs7Certificates(p + head, len, pem) : !AppendPem(p, head + len, pem))
+      return false;
+    p += head + len;
+    n -= head + len;
+  }
+  return !pem->empty();
+}
+
+// The PEM of a certificate or chain object of the HSM.
+int ExportCertificatePem(HSESSIONCTX session, const char *name, std::string *pem) {
+  HKEYCTX key = nullptr;
+  int rc = QGetUserKey(session, name, 0, &key);
+  if (rc != 0) return rc;
+  std::vector<unsigned char> material(1 << 16);
+  uint32_t len = static_cast<uint32_t>(material.size());
+  rc = QExportKey(key, nullptr, QL_CERT_BLOB, 0, material.data(), &len);
+  if (rc == QL_ERR_BUFFER_TOO_SMALL) {
+    material.resize(len);
+    rc = QExportKey(key, nullptr, QL_CERT_BLOB, 0, material.data(), &len);
+  }
+  QDestroyKey(&key, 0);
+  if (rc != 0) return rc;
+  material.resize(len);
+  return MaterialToPem(material, pem) ? 0 : QL_ERR_BAD_CERT;
+}
+
 // Writes the request's pieces into the --dump folder, so that the same request can be replayed
-// by other tools.
-bool DumpRequestFiles(const PERF_PIX_INFO *info) {
+// by other tools: the client's certificate and the chain that verifies the service (PEM), the
+// URL, the header lines and the body.
+int DumpRequestFiles(const PERF_PIX_INFO *info) {
+  std::string client_pem, ca_pem;
+  int rc = ExportCertificatePem(info->hSrcSession, PixCert(info), &client_pem);
+  if (rc == 0) rc = ExportCertificatePem(info->hSrcSession, PixChain(info), &ca_pem);
+  if (rc != 0) return rc;
   const std::string dir = info->pszDumpDir;
   const std::string body(reinterpret_cast<const char *>(info->stInput.pvData),
                          info->stInput.dwDataLen);
-  return WriteTextToFile((dir + "/pix_request_url").c_str(), info->pszUrl) == 0 &&
-         WriteTextToFile((dir + "/pix_request_header").c_str(),
-                         info->pszHeader ? info->pszHeader : "") == 0 &&
-         WriteTextToFile((dir + "/pix_request_body").c_str(), body.c_str()) == 0;
+  const bool ok = WriteTextToFile((dir + "/client_cert.pem").c_str(), client_pem.c_str()) == 0 &&
+                  WriteTextToFile((dir + "/ca_chain.pem").c_str(), ca_pem.c_str()) == 0 &&
+                  WriteTextToFile((dir + "/pix_request_url").c_str(), info->pszUrl) == 0 &&
+                  WriteTextToFile((dir + "/pix_request_header").c_str(),
+                                  info->pszHeader ? info->pszHeader : "") == 0 &&
+                  WriteTextToFile((dir + "/pix_request_body").c_str(), body.c_str()) == 0;
+  return ok ? 0 : QL_ERR_FILE_IO;
 }
 
 // A detached JWS signed in Init gets its payload back, so that each pass checks it whole.
@@ -157,7 +266,7 @@ int PerfPIXInit(void *pTestInfo) {
     setup.Do("AttachJwsPayload", [&] { return AttachPayload(info); });
   }
   if (info->Kind == kPixRequest && info->pszDumpDir != nullptr) {
-    setup.Do("DumpRequestFiles", [&] { return DumpRequestFiles(info) ? 0 : QL_ERR_FILE_IO; });
+    setup.Do("DumpRequestFiles", [&] { return DumpRequestFiles(info); });
   }
   if (!setup.Ok()) PerfPIXFin(info);
   return setup.Rc();
@@ -229,25 +338,25 @@ int PIXRequestRouter(PERF_PIX_INFO *info, uint32_t *http_status) {
   const unsigned char *body = info->stInput.pvData;
   const uint32_t body_len = info->stInput.dwDataLen;
   const char *key = PixKey(info);
+  const char *cert = PixCert(info);
+  const char *chain = PixChain(info);
   int rc;
   switch (info->Method) {
     case kPixGet:
-      rc = QPIXGet(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
-                   info->pszHeader, info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
+      rc = QPIXGet(info->hSession, key, cert, chain, info->pszUrl, info->pszHeader,
+                   info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
       break;
     case kPixPut:
-      rc = QPIXPut(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
-                   info->pszHeader, body, body_len, info->dwTimeoutMs, &answer, &answer_len,
-                   http_status, 0);
+      rc = QPIXPut(info->hSession, key, cert, chain, info->pszUrl, info->pszHeader, body, body_len,
+                   info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
       break;
     case kPixDelete:
-      rc = QPIXDelete(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
-                      info->pszHeader, info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
+      rc = QPIXDelete(info->hSession, key, cert, chain, info->pszUrl, info->pszHeader,
+                      info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
       break;
     default:
-      rc = QPIXPost(info->hSession, key, info->pszCertName, info->pszChain, info->pszUrl,
-                    info->pszHeader, body, body_len, info->dwTimeoutMs, &answer, &answer_len,
-                    http_status, 0);
+      rc = QPIXPost(info->hSession, key, cert, chain, info->pszUrl, info->pszHeader, body, body_len,
+                    info->dwTimeoutMs, &answer, &answer_len, http_status, 0);
       break;
   }
   QFree(answer);
@@ -435,8 +544,11 @@ int PerfRequestPIX(TEST_PARAMETER *pTestParam, int nParameters) {
     info.dwTimeoutMs = timeout > 0 ? static_cast<uint32_t>(timeout) : 0;
   }
   const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, "--rdata", "");
+  // A key of the user's goes with the user's certificate and a chain for the service.
+  const bool names_ok =
+      info.pszKeyName == nullptr || (info.pszCertName != nullptr && info.pszChain != nullptr);
   if (IsValidTestCountersConfig(&info.ti) && info.pszUrl != nullptr && method_ok && input_ok &&
-      CheckConnectionFlags(&info.ti, false)) {
+      names_ok && CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfRequestPIXThread, PerfPIXInit, PerfPIXFin, PerfPIXThreadInit,
                                   PerfPIXThreadFin, &info, sizeof(info));
   }
@@ -448,10 +560,12 @@ int PerfRequestPIX(TEST_PARAMETER *pTestParam, int nParameters) {
   ScreenOutput("     --rdata [OPTIONAL] File with the request body.\r\n");
   ScreenOutput("     --header [OPTIONAL] Extra HTTP headers.\r\n");
   ScreenOutput("     -kn     [OPTIONAL] Name of the client key. A test key by default.\r\n");
-  ScreenOutput("     -c      [OPTIONAL] Name of the client certificate.\r\n");
-  ScreenOutput("     --chain [OPTIONAL] Name of the chain that verifies the service.\r\n");
+  ScreenOutput("     -c      [OPTIONAL] Name of the client certificate. Required with -kn.\r\n");
+  ScreenOutput("     --chain [OPTIONAL] Name of the chain that verifies the service. Required\r\n");
+  ScreenOutput("             with -kn; the test identity's chain by default.\r\n");
   ScreenOutput("     --tmout [OPTIONAL] Timeout in ms. 30000 (default).\r\n");
-  ScreenOutput("     --dump  [OPTIONAL] Folder where the request's files are written.\r\n");
+  ScreenOutput("     --dump  [OPTIONAL] Folder where the client and CA certificates (PEM) and\r\n");
+  ScreenOutput("             the request's URL, headers and body are written.\r\n");
   return PerfHelpCommandExamples("pix-request",
                                  {"-t 2 -i 10 --url https://pix.example/api/v1/dict -r get"});
 }

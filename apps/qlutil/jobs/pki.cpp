@@ -1,5 +1,5 @@
 // Signing-identity jobs: "import-pkcs12", "export-pkcs12", "cert-encoding-conv", "gen-pkcs10",
-// "pkcs7-sign", "get-tls-cert".
+// "pkcs7-sign", "get-tls-cert", "set-tls-bundle".
 
 #include <cstring>
 
@@ -422,4 +422,50 @@ int JobGetTLSCert(TEST_PARAMETER *pTestParam, int nParameters) {
     job.dwFormat = strcmp(form, "der") == 0 ? 1 : 2;
   }
   return StartJob(&JobGetTLSCertThread, &job.ti, sizeof job, true, ok, &ShowJobGetTlsCertHelp);
+}
+
+// ---------------------------------------------------------------------------------------------
+// "set-tls-bundle"
+
+typedef struct _JOB_TLS_BUNDLE_INFO {
+  THREAD_INFO ti;
+  const Bytes *pBundle;  // -in, read by the front function, which outlives the run
+} JOB_TLS_BUNDLE_INFO;
+
+namespace {
+
+void ShowJobSetTlsBundleHelp() {
+  JobHelpPage("set-tls-bundle",
+              {"Replace the HSM's TLS identity: a PEM file holding the private key (RSA",
+               "of 2048 bits or more, P-256, P-384 or Ed25519), its certificate, then any",
+               "intermediates. New connections get it at once and after a restart; open",
+               "ones keep the old one. Clients that pinned the old certificate in their",
+               "known-HSMs file must pin the new one (see get-tls-cert); clients that",
+               "trust a CA bundle accept a certificate of that CA."},
+              {"-in     Bundle file (PEM: key, certificate, intermediates)"},
+              {"-in hsm-bundle.pem"});
+}
+
+}  // namespace
+
+unsigned int JobSetTLSBundleThread(void *p) {
+  auto *job = static_cast<JOB_TLS_BUNDLE_INFO *>(p);
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    const int rc = CheckJobCall(
+        "QAdmOperation",
+        QAdmOperation(session, QL_ADM_SET_TLS_BUNDLE, job->pBundle->data(),
+                      static_cast<uint32_t>(job->pBundle->size()), nullptr, nullptr, 0));
+    if (rc == 0) ScreenOutput("TLS bundle set.\r\n");
+    return rc;
+  });
+}
+
+int JobSetTLSBundle(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_TLS_BUNDLE_INFO job{};
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  const char *in = GetParameterStr(pTestParam, nParameters, "-in");
+  Bytes bundle;
+  const bool ok = IsGivenText(in) && ReadLocalFile(in, &bundle) && !bundle.empty();
+  job.pBundle = &bundle;
+  return StartJob(&JobSetTLSBundleThread, &job.ti, sizeof job, false, ok, &ShowJobSetTlsBundleHelp);
 }

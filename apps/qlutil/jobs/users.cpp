@@ -1,5 +1,5 @@
 // User jobs: "create-user", "remove-user", "block-user", "unblock-user", "set-pwd",
-// "list-users", "set-user-sys-perm", "set-user-part-perm".
+// "list-users", "set-user-sys-perm", "set-user-part-perm", "assign-x509", "unassign-x509".
 
 #include <cstring>
 #include <string>
@@ -347,4 +347,81 @@ int JobSetUserSysPermissions(TEST_PARAMETER *pTestParam, int nParameters) {
 
 int JobSetUserPartitionPermissions(TEST_PARAMETER *pTestParam, int nParameters) {
   return StartUserPerm(kPartPerms, pTestParam, nParameters, &ShowJobSetUserPartPermHelp);
+}
+
+// ---------------------------------------------------------------------------------------------
+// assign-x509, unassign-x509
+
+typedef struct _JOB_USER_CERT_INFO {
+  THREAD_INFO ti;
+  const Bytes *pCert;       // assign: -in, read by the front function, which outlives the run
+  const char *pszUserName;  // unassign: -un, optional
+} JOB_USER_CERT_INFO;
+
+namespace {
+
+void ShowJobAssignX509Help() {
+  JobHelpPage("assign-x509",
+              {"Bind an X.509 certificate to the logged-in user as the second factor of",
+               "its logins: from then on the user logs in with its password over a TLS",
+               "session that presents this certificate and its key (library: dwAuthType",
+               "QL_STRONG_AUTH_X509), and a login without it is refused. qlutil itself",
+               "logs in with the password alone. A user holds one second factor: one",
+               "with an OATH token is refused."},
+              {"-in     Certificate file (DER or PEM), valid now"}, {"-in alice.pem"});
+}
+
+void ShowJobUnassignX509Help() {
+  JobHelpPage(
+      "unassign-x509",
+      {"Remove a login certificate: the user logs in with its password alone",
+       "again. Removing one that is not there succeeds."},
+      {"-un     [OPTIONAL] The user (operators). If not defined, the logged-in", "        user."},
+      {"", "-un alice"});
+}
+
+}  // namespace
+
+unsigned int JobAssignX509Thread(void *p) {
+  auto *job = static_cast<JOB_USER_CERT_INFO *>(p);
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    const int rc =
+        CheckJobCall("QSetUserParam", QSetUserParam(session, QL_UP_X509_ASSIGN, job->pCert->data(),
+                                                    static_cast<uint32_t>(job->pCert->size())));
+    if (rc == 0) ScreenOutput("Certificate assigned.\r\n");
+    return rc;
+  });
+}
+
+int JobAssignX509(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_USER_CERT_INFO job{};
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  const char *in = GetParameterStr(pTestParam, nParameters, "-in");
+  Bytes cert;
+  const bool ok = IsGivenText(in) && ReadLocalFile(in, &cert) && !cert.empty();
+  job.pCert = &cert;
+  return StartJob(&JobAssignX509Thread, &job.ti, sizeof job, false, ok, &ShowJobAssignX509Help);
+}
+
+unsigned int JobUnassignX509Thread(void *p) {
+  auto *job = static_cast<JOB_USER_CERT_INFO *>(p);
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    QL_USER_INFO user{};
+    if (job->pszUserName != nullptr) CopyUserField(user.szUserId, job->pszUserName);
+    const int rc = CheckJobCall(
+        "QSetUserParam", job->pszUserName == nullptr
+                             ? QSetUserParam(session, QL_UP_X509_UNASSIGN, nullptr, 0)
+                             : QSetUserParam(session, QL_UP_X509_UNASSIGN, &user, sizeof user));
+    if (rc == 0) ScreenOutput("Certificate removed.\r\n");
+    return rc;
+  });
+}
+
+int JobUnassignX509(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_USER_CERT_INFO job{};
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  job.pszUserName = GetParameterStr(pTestParam, nParameters, "-un");
+  const bool ok =
+      !IsParameterDefined(pTestParam, nParameters, "-un") || IsGivenText(job.pszUserName);
+  return StartJob(&JobUnassignX509Thread, &job.ti, sizeof job, false, ok, &ShowJobUnassignX509Help);
 }

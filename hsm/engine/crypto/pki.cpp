@@ -285,6 +285,73 @@ Result<Bytes> PublicKeyId(ByteView certificate) {
   return id;
 }
 
+namespace {
+
+bool TlsServerKey(EVP_PKEY *key) {
+  switch (EVP_PKEY_get_base_id(key)) {
+    case EVP_PKEY_RSA:
+      return EVP_PKEY_get_bits(key) >= 2048;
+    case EVP_PKEY_ED25519:
+      return true;
+    case EVP_PKEY_EC: {
+      char curve[64] = {};
+      size_t len = 0;
+      if (EVP_PKEY_get_utf8_string_param(key, "group", curve, sizeof curve, &len) != 1)
+        return false;
+      const std::string_view name(curve, len);
+      return name == "prime256v1" || name == "secp384r1";
+    }
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+Result<TlsIdentity> ReadTlsIdentity(ByteView pem) {
+  TlsIdentity out;
+  using PkeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;
+  // Each read starts at the top: PEM reads skip blocks of other kinds.
+  BioPtr kbio = MemBio(pem);
+  PkeyPtr key(kbio ? PEM_read_bio_PrivateKey(kbio.get(), nullptr, nullptr, nullptr) : nullptr);
+  std::vector<X509Ptr> certs;
+  BioPtr cbio = MemBio(pem);
+  while (cbio) {
+    X509Ptr x(PEM_read_bio_X509(cbio.get(), nullptr, nullptr, nullptr));
+    if (!x) break;
+    certs.push_back(std::move(x));
+  }
+  ossl::ClearErrors();
+  if (!key)
+    out.problem = TlsProblem::kNoKey;
+  else if (certs.empty())
+    out.problem = TlsProblem::kNoCertificate;
+  else if (X509_check_private_key(certs[0].get(), key.get()) != 1)
+    out.problem = TlsProblem::kMismatch;
+  else if (!TlsServerKey(key.get()))
+    out.problem = TlsProblem::kWeakKey;
+  ossl::ClearErrors();
+  if (out.problem != TlsProblem::kNone) return out;
+
+  BioPtr kout(BIO_new(BIO_s_mem()));
+  if (!kout ||
+      PEM_write_bio_PrivateKey(kout.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) != 1)
+    return ossl::Fail("PEM_write_bio_PrivateKey");
+  char *data = nullptr;
+  long len = BIO_get_mem_data(kout.get(), &data);
+  out.key_pem.assign(data, data + len);
+  // The BIO's copy of the key is wiped before it is freed.
+  OPENSSL_cleanse(data, static_cast<size_t>(len));
+  BioPtr cout(BIO_new(BIO_s_mem()));
+  if (!cout) return ossl::Fail("BIO_new");
+  for (const X509Ptr &x : certs)
+    if (PEM_write_bio_X509(cout.get(), x.get()) != 1) return ossl::Fail("PEM_write_bio_X509");
+  len = BIO_get_mem_data(cout.get(), &data);
+  out.chain_pem.assign(data, static_cast<size_t>(len));
+  out.leaf = ToDer<X509, i2d_X509>(certs[0].get());
+  return out;
+}
+
 bool KeyMatchesCertificate(const Key &key, ByteView certificate) {
   X509Ptr x = ParseCertificate(certificate);
   const bool match =

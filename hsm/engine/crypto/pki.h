@@ -54,6 +54,19 @@ struct PathCheck {
 Result<PathCheck> ValidatePath(ByteView leaf, const std::vector<Bytes> &chain,
                                const std::optional<Bytes> &crl, time_t at);
 
+// A TLS identity given as PEM: a private key, its certificate, then any intermediates (other
+// PEM blocks are skipped). `problem` says what is wrong with it, else the parts in the form the
+// daemon loads them: the key as PKCS#8 PEM, the certificates as PEM (leaf first), the leaf as
+// DER. A server key of TLS 1.3 is RSA of at least 2048 bits, EC P-256 or P-384, or Ed25519.
+enum class TlsProblem : uint8_t { kNone, kNoKey, kNoCertificate, kMismatch, kWeakKey };
+struct TlsIdentity {
+  TlsProblem problem = TlsProblem::kNone;
+  SecretBytes key_pem;
+  std::string chain_pem;
+  Bytes leaf;
+};
+Result<TlsIdentity> ReadTlsIdentity(ByteView pem);
+
 // SHA-1 of the certificate's public key (the subjectPublicKey bits), the usual key identifier.
 Result<Bytes> PublicKeyId(ByteView certificate);
 

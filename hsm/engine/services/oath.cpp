@@ -169,6 +169,9 @@ Status OathService::AssignToken(Session &s, std::string_view user, uint32_t type
       },
       [&](const users::UserInfo &) -> Status {
         QL_RETURN_IF_ERROR(core_.users->Find(user).status());
+        std::lock_guard<std::mutex> lock(core_.second_factor_mu);
+        if (core_.user_certs->Has(user))
+          return Status::Error(Code::kSecondFactorExists, "the user has a login certificate");
         return core_.otp->Assign(user, params, seed);
       });
 }

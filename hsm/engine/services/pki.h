@@ -36,6 +36,26 @@ struct CertSignatureCheck {
   secure::Bytes signature;  // RSA PKCS#1 v1.5; ECDSA r||s (the XML signature form)
 };
 
+// One HTTPS request the HSM makes with a stored key and its certificate as the client identity.
+struct PixHttpRequest {
+  std::string key_name;
+  std::string cert_name;
+  std::string chain_name;  // the server's trust anchors
+  std::string method;      // POST, GET, PUT, DELETE
+  std::string url;
+  std::string headers;  // "Name: value" lines
+  secure::Bytes body;
+  uint32_t timeout_ms = 0;  // 0: kPixDefaultTimeoutMs; capped at kPixMaxTimeoutMs
+};
+inline constexpr uint32_t kPixDefaultTimeoutMs = 30000;
+// A request holds its connection's worker for at most this long.
+inline constexpr uint32_t kPixMaxTimeoutMs = 120000;
+
+struct PixHttpAnswer {
+  uint32_t http_status = 0;
+  std::string body;
+};
+
 class PkiService {
  public:
   PkiService(Core &core, Guard &guard, ObjectsService &objects, KeysService &keys)
@@ -113,6 +133,12 @@ class PkiService {
   // An object's numbered records (QL_META_* ids): a use right.
   Result<std::vector<objects::ObjectStore::Record>> ReadRecords(sessions::Session &s,
                                                                 std::string_view name);
+  // The request made by the HSM (pix_http.h): arguments (names, method, an https URL, header
+  // lines) kBadArgument; a use right; an endpoint the daemon was not given kEndpointRefused,
+  // before any existence check or network activity; then the key, its certificate and the chain
+  // as for a signature. Any HTTP status is an answer; kTimeout, kRemoteFailed, kLimitReached
+  // (an answer over 16 MiB) otherwise.
+  Result<PixHttpAnswer> PixRequest(sessions::Session &s, const PixHttpRequest &in);
 
  private:
   Result<objects::ObjectInfo> Usable(const objects::ObjectRef &ref);

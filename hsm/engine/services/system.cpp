@@ -16,11 +16,14 @@
 #include <charconv>
 
 #include "crypto/ossl.h"
+#include "crypto/pki.h"
 #include "engine/backup/backup.h"
+#include "engine/crypto_result.h"
 
 namespace qlhsm {
 
 using access::Request;
+using cryptomap::FromCrypto;
 using sessions::Session;
 
 namespace {
@@ -297,6 +300,82 @@ Status SystemService::LoadTimeOffset() {
     return Status::Error(Code::kInternal, "unreadable time offset in the settings: " + v);
   core_.clock.set_offset(offset);
   return Status::Ok();
+}
+
+namespace {
+
+// The key of the identity set by set-tls-bundle, sealed under the master key (hex), written in
+// one transaction with its certificates (kTlsChainSetting).
+constexpr const char *kTlsKeySetting = "tls_key";
+constexpr std::string_view kTlsKeyAad = "qlhsm tls key";
+
+}  // namespace
+
+Status SystemService::SetTlsBundle(Session &s, const secure::Bytes &input,
+                                   const TlsInstall &install) {
+  Op op{"set-tls-bundle", "-", Request::kAdminister, AuditMode::kChange};
+  return guard_.Run(s, op, NoArgs, [&](const users::UserInfo &) -> Status {
+    crypto::Result<crypto::pki::TlsIdentity> id =
+        crypto::pki::ReadTlsIdentity(crypto::ByteView(input.data(), input.size()));
+    if (!id.ok()) return FromCrypto(id.status());
+    switch (id->problem) {
+      case crypto::pki::TlsProblem::kNone:
+        break;
+      case crypto::pki::TlsProblem::kNoKey:
+        return Status::Error(Code::kBadArgument, "no PEM private key in the bundle");
+      case crypto::pki::TlsProblem::kNoCertificate:
+        return Status::Error(Code::kBadCert, "no PEM certificate in the bundle");
+      case crypto::pki::TlsProblem::kMismatch:
+        return Status::Error(Code::kKeyCertMismatch, "the key is not the certificate's");
+      case crypto::pki::TlsProblem::kWeakKey:
+        return Status::Error(Code::kBadKeyUsage,
+                             "a TLS 1.3 server key is RSA-2048 or more, P-256, P-384 or Ed25519");
+    }
+    crypto::Result<crypto::pki::PathCheck> valid = crypto::pki::ValidatePath(
+        id->leaf, {id->leaf}, std::nullopt, static_cast<time_t>(core_.clock.Now()));
+    if (!valid.ok()) return FromCrypto(valid.status());
+    if (valid->problem == crypto::pki::PathProblem::kExpired)
+      return Status::Error(Code::kCertExpired, "the certificate is expired or not yet valid");
+    TlsBundle bundle{id->chain_pem, secure::Bytes(id->key_pem.begin(), id->key_pem.end())};
+    Result<std::function<void()>> put_in_service = install(bundle);
+    if (!put_in_service.ok()) return put_in_service.status();
+    Result<secure::Bytes> sealed = secure::Seal(core_.master_key, bundle.key_pem, kTlsKeyAad);
+    crypto::WipeMemory(bundle.key_pem.data(), bundle.key_pem.size());
+    if (!sealed.ok()) return sealed.status();
+    QL_RETURN_IF_ERROR(core_.store->Locked([&](store::Connection &conn) -> Status {
+      store::Transaction tx(conn);
+      QL_RETURN_IF_ERROR(tx.begin_status());
+      for (const auto &[key, value] :
+           {std::pair<const char *, std::string>{kTlsChainSetting, bundle.chain_pem},
+            {kTlsKeySetting, secure::Hex(sealed.value())}}) {
+        Result<store::Statement> st = conn.Prepare(
+            "INSERT INTO settings(key, value) VALUES(?1, ?2) "
+            "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
+        if (!st.ok()) return st.status();
+        st->Bind(1, key).Bind(2, value);
+        QL_RETURN_IF_ERROR(st->Run());
+      }
+      return tx.Commit();
+    }));
+    put_in_service.value()();
+    return Status::Ok();
+  });
+}
+
+Result<std::optional<TlsBundle>> SystemService::StoredTlsBundle() {
+  Result<std::string> chain = core_.store->GetSetting(kTlsChainSetting);
+  if (!chain.ok()) {
+    if (chain.status().code() == Code::kObjectNotFound) return std::optional<TlsBundle>();
+    return chain.status();
+  }
+  Result<std::string> key_hex = core_.store->GetSetting(kTlsKeySetting);
+  if (!key_hex.ok()) return key_hex.status();
+  secure::Bytes sealed;
+  if (!secure::FromHex(key_hex.value(), &sealed))
+    return Status::Error(Code::kInternal, "an unreadable TLS key in the settings");
+  Result<secure::Bytes> key = secure::Open(core_.master_key, sealed, kTlsKeyAad);
+  if (!key.ok()) return key.status();
+  return std::optional<TlsBundle>(TlsBundle{chain.value(), std::move(key.value())});
 }
 
 Status SystemService::SetDateTime(Session &s, const secure::Bytes &input) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +32,20 @@ struct HsmInfo {
   std::vector<std::string> versions;
   uint64_t pending_transaction = 0;  // 0: no cluster, nothing pending
 };
+
+// The setting holding the certificates (PEM) of the identity set by set-tls-bundle: public, so
+// kept in clear for `qlhsmd fingerprint`, which has no master key.
+inline constexpr const char *kTlsChainSetting = "tls_chain";
+
+// The HSM's TLS identity as the daemon loads it: the certificate first, then any intermediates
+// (PEM), and its private key (PEM).
+struct TlsBundle {
+  std::string chain_pem;
+  secure::Bytes key_pem;
+};
+// Makes a checked bundle the daemon's: prepares its TLS context (refusing one it cannot load)
+// and returns the step that puts it in service, which runs once the bundle is stored.
+using TlsInstall = std::function<Result<std::function<void()>>(const TlsBundle &)>;
 
 class SystemService {
  public:
@@ -66,6 +81,18 @@ class SystemService {
                                              const secure::Bytes &input);
   // Administrative requests not built yet: right first, then kNotSupported.
   Status Administer(sessions::Session &s, std::string_view what);
+
+  // Replaces the HSM's TLS identity (QL_ADM_SET_TLS_BUNDLE, the operator right): `input` is a
+  // PEM private key, its certificate, then any intermediates. kBadArgument without a key,
+  // kBadCert without a certificate, kKeyCertMismatch when the key is not the certificate's,
+  // kCertExpired outside its validity at the HSM's time, kBadKeyUsage for a key TLS 1.3 does not
+  // take from a server (RSA under 2048 bits, other curves). The bundle is stored sealed under
+  // the master key in one transaction, then `install` puts it in service: new connections get
+  // it, open ones keep theirs, and a restart loads it (StoredTlsBundle).
+  Status SetTlsBundle(sessions::Session &s, const secure::Bytes &input, const TlsInstall &install);
+  // The identity set by SetTlsBundle, or nullopt when none was set (the daemon then uses the
+  // one of its data directory).
+  Result<std::optional<TlsBundle>> StoredTlsBundle();
 
   // Sets the HSM's date and time: `input` is the new time in seconds since 1970 (UTC), as a
   // little-endian uint64 (8 bytes; kBadLength otherwise), at most 9999-12-31 23:59:59

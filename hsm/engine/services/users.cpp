@@ -1,6 +1,7 @@
 // Logins, users and access tokens.
 #include "engine/services/users.h"
 
+#include "crypto/pki.h"
 #include "engine/services/objects.h"
 #include "engine/utf8.h"
 
@@ -36,6 +37,24 @@ bool IsAdministrator(const users::UserInfo &u) {
   return !u.blocked && (u.mask & access::kSysOperator) != 0;
 }
 
+// The one certificate of `input` (DER or PEM) as DER, valid at `now`: kBadCert for anything
+// else, kCertExpired for one expired or not yet valid.
+Result<secure::Bytes> CurrentCertificate(const secure::Bytes &input, int64_t now) {
+  crypto::Result<std::vector<crypto::Bytes>> certs =
+      crypto::pki::ReadCertificates(crypto::ByteView(input.data(), input.size()));
+  if (!certs.ok() || certs->size() != 1)
+    return Status::Error(Code::kBadCert, "not one certificate in DER or PEM");
+  const crypto::Bytes &der = certs->front();
+  crypto::Result<crypto::pki::PathCheck> check =
+      crypto::pki::ValidatePath(der, {der}, std::nullopt, static_cast<time_t>(now));
+  if (!check.ok()) return Status::Error(Code::kBadCert, "an unreadable certificate");
+  if (check->problem == crypto::pki::PathProblem::kExpired)
+    return Status::Error(Code::kCertExpired, "the certificate is expired or not yet valid");
+  if (check->problem != crypto::pki::PathProblem::kNone)
+    return Status::Error(Code::kBadCert, "a certificate that does not verify");
+  return secure::Bytes(der.begin(), der.end());
+}
+
 bool Own(const Session &s, std::string_view name) {
   return s.logged_in() && name == s.user();
 }
@@ -44,8 +63,15 @@ bool Own(const Session &s, std::string_view name) {
 
 // --- log in ---
 
-Status UsersService::CheckSecondFactor(std::string_view user, const std::string *otp) {
+Status UsersService::CheckSecondFactor(std::string_view user, const std::string *otp,
+                                       const secure::Bytes *certificate) {
   const Status failed = Status::Error(Code::kAuthFailed, "authentication failed");
+  if (std::optional<secure::Bytes> bound = core_.user_certs->Get(user)) {
+    if (otp || !certificate || *certificate != *bound) return failed;
+    // The handshake proved the key; the certificate must still be current at the HSM's time.
+    return CurrentCertificate(*bound, core_.clock.Now()).ok() ? Status::Ok() : failed;
+  }
+  if (certificate) return failed;
   if (!core_.otp->Has(user)) return otp ? failed : Status::Ok();
   // A login without the OTP is refused but not counted: only a wrong OTP is a guess.
   if (!otp) return failed;
@@ -63,7 +89,7 @@ Status UsersService::CheckSecondFactor(std::string_view user, const std::string 
 
 Status UsersService::Login(Session &s, std::string_view user, std::string_view password,
                            std::string_view source, std::chrono::milliseconds *delay,
-                           const std::string *otp) {
+                           const std::string *otp, const secure::Bytes *certificate) {
   ResetSession(s);
   const std::chrono::milliseconds wait = core_.throttle.Delay(user, source);
   Result<users::UserInfo> info = core_.users->Authenticate(user, password);
@@ -71,7 +97,7 @@ Status UsersService::Login(Session &s, std::string_view user, std::string_view p
   Status st = info.ok() ? s.Attach(AuthKind::kPassword, std::string(user)) : info.status();
   // After the session's slot is taken, so that a refusal for want of one spends no OTP.
   if (st.ok()) {
-    st = CheckSecondFactor(user, otp);
+    st = CheckSecondFactor(user, otp, certificate);
     if (!st.ok()) ResetSession(s);
   }
   if (st.ok()) s.set_credential(info->credential);
@@ -117,9 +143,11 @@ Status UsersService::LoginAnonymous(Session &s) {
 Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view user,
                                      std::string_view password, const secure::Bytes &token_key,
                                      std::string_view source, std::chrono::milliseconds *delay,
-                                     uint32_t strong_kind, const std::string &otp) {
+                                     uint32_t strong_kind, const std::string &otp,
+                                     const secure::Bytes &peer_certificate) {
   if (strong_kind != 0 &&
-      (kind != qlproto::kAuthUserPassword || strong_kind != qlproto::kStrongAuthOtp))
+      (kind != qlproto::kAuthUserPassword ||
+       (strong_kind != qlproto::kStrongAuthOtp && strong_kind != qlproto::kStrongAuthX509)))
     return Status::Error(Code::kBadArgument, "a second factor goes with a password login");
   if (kind != qlproto::kAuthAnonymous) {
     Status text = CheckText(user, kind == qlproto::kAuthUserPassword ? password : "");
@@ -131,7 +159,9 @@ Result<uint32_t> UsersService::LogIn(Session &s, uint32_t kind, std::string_view
       st = LoginAnonymous(s);
       break;
     case qlproto::kAuthUserPassword:
-      st = Login(s, user, password, source, delay, strong_kind != 0 ? &otp : nullptr);
+      st = Login(s, user, password, source, delay,
+                 strong_kind == qlproto::kStrongAuthOtp ? &otp : nullptr,
+                 strong_kind == qlproto::kStrongAuthX509 ? &peer_certificate : nullptr);
       break;
     case qlproto::kAuthToken:
       st = LoginToken(s, user, token_key);
@@ -173,8 +203,9 @@ Status UsersService::RemoveUser(Session &s, std::string_view name) {
         std::lock_guard<std::mutex> lock(core_.administrators_mu);
         QL_RETURN_IF_ERROR(KeepAnAdministrator(name, false));
         QL_RETURN_IF_ERROR(core_.users->Remove(name));
-        core_.otp->Forget(name);  // the store dropped its token with it
-        core_.keys.ForgetAll();   // the user's objects went with it
+        core_.otp->Forget(name);  // the store dropped its token and certificate with it
+        core_.user_certs->Forget(name);
+        core_.keys.ForgetAll();  // the user's objects went with it
         return Status::Ok();
       });
 }
@@ -248,7 +279,8 @@ Result<users::UserInfo> UsersService::GetUser(Session &s, std::string_view name)
 }
 
 Status UsersService::SetUserParam(Session &s, uint32_t param, std::string_view name,
-                                  std::string_view password, uint32_t mask) {
+                                  std::string_view password, uint32_t mask,
+                                  const secure::Bytes &data) {
   switch (param) {
     case qlproto::kUpPassword:
       return SetUserPassword(s, s.user(), password);
@@ -260,13 +292,36 @@ Status UsersService::SetUserParam(Session &s, uint32_t param, std::string_view n
     case qlproto::kUpUnblock:
       return SetUserBlocked(s, name, param == qlproto::kUpBlock);
     case qlproto::kUpX509Assign:
+      return AssignCertificate(s, data);
     case qlproto::kUpX509Unassign:
-      return guard_.Run(s, Op{"user-certificate"}, NoArgs, [](const users::UserInfo &) {
-        return Status::Error(Code::kNotSupported, "certificate login is not built yet");
-      });
+      return UnassignCertificate(s, name);
     default:
       return guard_.Refuse(s, Status::Error(Code::kBadArgument, "unknown user parameter"));
   }
+}
+
+Status UsersService::AssignCertificate(Session &s, const secure::Bytes &certificate) {
+  Op op{"assign-x509", s.user(), Request::kFree, AuditMode::kChange};
+  return guard_.Run(s, op, NoArgs, [&](const users::UserInfo &) -> Status {
+    Result<secure::Bytes> der = CurrentCertificate(certificate, core_.clock.Now());
+    if (!der.ok()) return der.status();
+    std::lock_guard<std::mutex> lock(core_.second_factor_mu);
+    if (core_.otp->Has(s.user()))
+      return Status::Error(Code::kSecondFactorExists, "the user has an OATH token");
+    return core_.user_certs->Assign(s.user(), der.value());
+  });
+}
+
+Status UsersService::UnassignCertificate(Session &s, std::string_view name) {
+  const bool own = name.empty() || Own(s, name);
+  const std::string_view user = own ? std::string_view(s.user()) : name;
+  Op op{"unassign-x509", user, own ? Request::kFree : Request::kSetOtherUser, AuditMode::kChange};
+  return guard_.Run(
+      s, op, [&] { return own ? Status::Ok() : CheckName(name); },
+      [&](const users::UserInfo &) -> Status {
+        if (!own) QL_RETURN_IF_ERROR(core_.users->Find(user).status());
+        return core_.user_certs->Unassign(user);
+      });
 }
 
 Result<uint64_t> UsersService::GetUserParam(Session &s, uint32_t param, std::string_view name) {

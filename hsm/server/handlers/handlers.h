@@ -127,6 +127,9 @@ void VerifyCertSignature(const pb::Request &, Call &, pb::Response *);
 // --- JSON Web Signatures (jws.cpp) ---
 void JwsSign(const pb::Request &, Call &, pb::Response *);
 void JwsCheck(const pb::Request &, Call &, pb::Response *);
+
+// --- PIX requests over mutual TLS (pix.cpp) ---
+void PixRequest(const pb::Request &, Call &, pb::Response *);
 // --- payment: card values, PINs, DUKPT, key blocks, the EFT daemon (payment.cpp) ---
 void GenerateCvv(const pb::Request &, Call &, pb::Response *);
 void VerifyCvv(const pb::Request &, Call &, pb::Response *);

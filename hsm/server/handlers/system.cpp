@@ -1,6 +1,7 @@
 // The HSM itself: the session's parameters, administration, information, statistics, random
 // bytes, backup and update packages.
 #include "server/handlers/handlers.h"
+#include "server/tls_identity.h"
 
 namespace qlhsm::server::handlers {
 
@@ -18,6 +19,22 @@ void GetSessionParam(const pb::Request &req, Call &c, pb::Response *r) {
 
 void AdmOperation(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::AdmOperation &op = req.adm_operation();
+  if (op.operation() == qlproto::kAdmSetTlsBundle) {
+    TlsContexts *tls = c.config.tls;
+    // The context is built before the bundle is stored, so one OpenSSL refuses is never kept.
+    auto install = [tls](const TlsBundle &bundle) -> Result<std::function<void()>> {
+      if (tls == nullptr) return Status::Error(Code::kNotSupported, "this daemon serves no TLS");
+      Result<SslCtxPtr> ctx = BuildTlsContext(bundle);
+      if (!ctx.ok()) return ctx.status();
+      Result<std::vector<uint8_t>> der = LeafCertificateDer(bundle);
+      if (!der.ok()) return der.status();
+      return std::function<void()>(
+          [tls, ctx = std::move(ctx.value()), der = std::move(der.value())]() mutable {
+            tls->Install(std::move(ctx), std::move(der));
+          });
+    };
+    return ReplyEmpty(c.engine.system().SetTlsBundle(c.session, ToBytes(op.input()), install), r);
+  }
   if (op.operation() == qlproto::kAdmLogCache)
     return Reply(c.engine.logs().SetCache(c.session, op.input()), r,
                  [&](bool on) { r->mutable_number()->set_value(on ? 1 : 0); });
@@ -76,9 +93,12 @@ void GetStatLogSize(const pb::Request &, Call &c, pb::Response *r) {
 void GetTlsCert(const pb::Request &, Call &c, pb::Response *r) {
   // The certificate is the daemon's; the engine only checks the session.
   Status st = c.engine.system().CheckSession(c.session);
-  if (st.ok())
-    r->mutable_blob()->set_data(
-        std::string(c.config.tls_cert_der.begin(), c.config.tls_cert_der.end()));
+  if (st.ok() && c.config.tls == nullptr)
+    st = Status::Error(Code::kNotSupported, "this daemon serves no TLS");
+  if (st.ok()) {
+    const std::vector<uint8_t> der = c.config.tls->CertificateDer();
+    r->mutable_blob()->set_data(std::string(der.begin(), der.end()));
+  }
   SetStatus(st, r);
 }
 

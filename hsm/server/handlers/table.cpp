@@ -145,6 +145,8 @@ constexpr Row kRows[] = {
     // JSON Web Signatures
     {R::kJwsSign, JwsSign},
     {R::kJwsCheck, JwsCheck},
+    // PIX requests over mutual TLS
+    {R::kPixRequest, PixRequest},
 };
 
 // Request kinds are the body's field numbers, all below this.

@@ -8,7 +8,7 @@ void Login(const pb::Request &req, Call &c, pb::Response *r) {
   // The answer may be held back (c.state.answer_delay): the connection sends it by a timer.
   Result<uint32_t> mask = c.engine.users().LogIn(
       c.session, l.kind(), l.user(), l.password(), ToBytes(l.token_key()), c.state.peer,
-      &c.state.answer_delay, l.strong_auth_type(), l.strong_auth());
+      &c.state.answer_delay, l.strong_auth_type(), l.strong_auth(), c.state.peer_certificate);
   Reply(mask, r, [&](uint32_t m) {
     auto *reply = r->mutable_login();
     reply->set_session_id(c.session.id());
@@ -37,7 +37,8 @@ void ListUsers(const pb::Request &, Call &c, pb::Response *r) {
 
 void SetUserParam(const pb::Request &req, Call &c, pb::Response *r) {
   const pb::SetUserParam &p = req.set_user_param();
-  SetStatus(c.engine.users().SetUserParam(c.session, p.param(), p.user(), p.password(), p.acl()),
+  SetStatus(c.engine.users().SetUserParam(c.session, p.param(), p.user(), p.password(), p.acl(),
+                                          ToBytes(p.data())),
             r);
 }
 

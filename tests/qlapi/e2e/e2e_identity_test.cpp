@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
+#include <openssl/hmac.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,7 +15,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -319,6 +322,205 @@ TEST_F(Identity, UserNamesAndPasswordsThatAreNotUtf8AreRefusedSilently) {
     QCloseSession(&s, 8);
   });
   EXPECT_EQ(printed, "");
+}
+
+// RFC 4226's value of `counter` for a six-digit SHA-1 token.
+std::string Hotp(const unsigned char *seed, size_t len, uint64_t counter) {
+  unsigned char msg[8];
+  for (int i = 7; i >= 0; --i, counter >>= 8) msg[i] = static_cast<unsigned char>(counter);
+  unsigned char mac[EVP_MAX_MD_SIZE];
+  unsigned int mac_len = 0;
+  HMAC(EVP_sha1(), seed, static_cast<int>(len), msg, sizeof msg, mac, &mac_len);
+  const int off = mac[19] & 0xf;
+  const uint32_t bin =
+      (mac[off] & 0x7fu) << 24 | mac[off + 1] << 16 | mac[off + 2] << 8 | mac[off + 3];
+  char digits[7];
+  std::snprintf(digits, sizeof digits, "%06u", bin % 1000000);
+  return digits;
+}
+
+// A user and password login that presents `identity` (PEM key and certificate) as the client
+// certificate; QOpenSession's code.
+int OpenWithCertificate(const qltest::HsmProcess &hsm, const std::string &user,
+                        const std::string &password, const std::string &identity,
+                        uint32_t flags = kNewTls) {
+  AUTH_PWD_EX r = qltest::PasswordRecord(hsm, user, password);
+  r.dwAuthType = QL_STRONG_AUTH_X509;
+  r.pbStrongAuth = reinterpret_cast<unsigned char *>(const_cast<char *>(identity.data()));
+  r.nStrongAuthLen = static_cast<int32_t>(identity.size());
+  HSESSIONCTX s = nullptr;
+  const int rc = QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, flags);
+  if (s != nullptr) QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  return rc;
+}
+
+int OpenAs(const qltest::HsmProcess &hsm, const std::string &user, const std::string &password) {
+  AUTH_PWD_EX r = qltest::PasswordRecord(hsm, user, password);
+  HSESSIONCTX s = nullptr;
+  const int rc = QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, kNewTls);
+  if (s != nullptr) QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  return rc;
+}
+
+int SetUserParamAs(const qltest::HsmProcess &hsm, const std::string &user,
+                   const std::string &password, uint32_t param, const void *data, uint32_t len) {
+  AUTH_PWD_EX r = qltest::PasswordRecord(hsm, user, password);
+  HSESSIONCTX s = nullptr;
+  int rc = QOpenSession(&s, QL_AUTH_USER_PWD, &r, sizeof r, kNewTls);
+  if (rc == QL_OK) rc = QSetUserParam(s, param, data, len);
+  if (s != nullptr) QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  return rc;
+}
+
+TEST_F(Identity, ACertificateLoginNeedsThePasswordAndTheBoundCertificate) {
+  qltest::HsmProcess hsm;
+  for (const char *name : {"alice", "bob"}) {
+    AUTH_PWD_EX m = qltest::PasswordRecord(hsm);
+    HSESSIONCTX s = nullptr;
+    ASSERT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &m, sizeof m, kNewTls), QL_OK);
+    QL_USER_INFO u{};
+    qltest::CopyField(u.szUserId, name);
+    qltest::CopyField(u.szPassword, "pw123456");
+    u.dwAcl = 0x6;
+    EXPECT_EQ(QCreateUser(s, &u), QL_OK);
+    QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  }
+  qltest::IssueTestCertificate({"alice"}, dir_ + "/a.crt", dir_ + "/a.key");
+  qltest::IssueTestCertificate({"mallory"}, dir_ + "/m.crt", dir_ + "/m.key");
+  const std::string cert = ReadText(dir_ + "/a.crt");
+  const std::string alice = ReadText(dir_ + "/a.key") + cert;
+  const std::string other = ReadText(dir_ + "/m.key") + ReadText(dir_ + "/m.crt");
+
+  // Before a certificate is bound, a certificate login is refused like a stray OTP.
+  EXPECT_EQ(OpenWithCertificate(hsm, "alice", "pw123456", alice), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(SetUserParamAs(hsm, "alice", "pw123456", QL_UP_X509_ASSIGN, "junk", 4),
+            QL_ERR_BAD_CERT);
+  ASSERT_EQ(SetUserParamAs(hsm, "alice", "pw123456", QL_UP_X509_ASSIGN, cert.data(),
+                           static_cast<uint32_t>(cert.size())),
+            QL_OK);
+  EXPECT_EQ(OpenAs(hsm, "alice", "pw123456"), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(OpenWithCertificate(hsm, "alice", "pw123456", alice), QL_OK);
+  EXPECT_EQ(OpenWithCertificate(hsm, "alice", "wrong", alice), QL_ERR_AUTH_FAILED);
+  EXPECT_EQ(OpenWithCertificate(hsm, "alice", "pw123456", other), QL_ERR_AUTH_FAILED);
+  // Refused in the library, before anything is sent.
+  EXPECT_EQ(OpenWithCertificate(hsm, "alice", "pw123456", alice, QL_SESSION_UNENCRYPTED),
+            QL_ERR_BAD_AUTH_KIND);
+  EXPECT_EQ(OpenWithCertificate(hsm, "alice", "pw123456", ReadText(dir_ + "/m.key") + cert),
+            QL_ERR_KEY_CERT_MISMATCH);
+
+  // One second factor per user, whichever comes first: no token for alice, no certificate for
+  // bob once he holds a token (he logs in with its first RFC 4226 value to ask).
+  const unsigned char seed[20] = {1, 2, 3};
+  AUTH_PWD_EX m = qltest::PasswordRecord(hsm);
+  HSESSIONCTX master = nullptr;
+  ASSERT_EQ(QOpenSession(&master, QL_AUTH_USER_PWD, &m, sizeof m, kNewTls), QL_OK);
+  EXPECT_EQ(QAssignToken(master, "alice", 2, seed, sizeof seed, 0, 0, 6),
+            QL_ERR_SECOND_FACTOR_EXISTS);
+  ASSERT_EQ(QAssignToken(master, "bob", 2, seed, sizeof seed, 0, 0, 6), QL_OK);
+  QCloseSession(&master, QL_CLOSE_PHYSICAL);
+  std::string otp = Hotp(seed, sizeof seed, 0);
+  AUTH_PWD_EX b = qltest::PasswordRecord(hsm, "bob", "pw123456");
+  b.dwAuthType = QL_STRONG_AUTH_OTP;
+  b.pbStrongAuth = reinterpret_cast<unsigned char *>(otp.data());
+  b.nStrongAuthLen = static_cast<int32_t>(otp.size());
+  HSESSIONCTX bob = nullptr;
+  ASSERT_EQ(QOpenSession(&bob, QL_AUTH_USER_PWD, &b, sizeof b, kNewTls), QL_OK);
+  EXPECT_EQ(QSetUserParam(bob, QL_UP_X509_ASSIGN, cert.data(), static_cast<uint32_t>(cert.size())),
+            QL_ERR_SECOND_FACTOR_EXISTS);
+  QCloseSession(&bob, QL_CLOSE_PHYSICAL);
+
+  // Removed by its holder (twice: nothing to remove is no error), then password alone again.
+  AUTH_PWD_EX a = qltest::PasswordRecord(hsm, "alice", "pw123456");
+  a.dwAuthType = QL_STRONG_AUTH_X509;
+  a.pbStrongAuth = reinterpret_cast<unsigned char *>(const_cast<char *>(alice.data()));
+  a.nStrongAuthLen = static_cast<int32_t>(alice.size());
+  HSESSIONCTX s = nullptr;
+  ASSERT_EQ(QOpenSession(&s, QL_AUTH_USER_PWD, &a, sizeof a, kNewTls), QL_OK);
+  EXPECT_EQ(QSetUserParam(s, QL_UP_X509_UNASSIGN, nullptr, 0), QL_OK);
+  EXPECT_EQ(QSetUserParam(s, QL_UP_X509_UNASSIGN, nullptr, 0), QL_OK);
+  QCloseSession(&s, QL_CLOSE_PHYSICAL);
+  EXPECT_EQ(OpenAs(hsm, "alice", "pw123456"), QL_OK);
+
+  // An expired certificate is refused: the HSM's clock runs twenty years ahead.
+  ASSERT_EQ(QOpenSession(&master, QL_AUTH_USER_PWD, &m, sizeof m, kNewTls), QL_OK);
+  const uint64_t later = static_cast<uint64_t>(time(nullptr)) + 20ull * 365 * 24 * 3600;
+  ASSERT_EQ(QAdmOperation(master, QL_ADM_SET_DATE_TIME, &later, sizeof later, nullptr, nullptr, 0),
+            QL_OK);
+  QCloseSession(&master, QL_CLOSE_PHYSICAL);
+  EXPECT_EQ(SetUserParamAs(hsm, "alice", "pw123456", QL_UP_X509_ASSIGN, cert.data(),
+                           static_cast<uint32_t>(cert.size())),
+            QL_ERR_CERT_EXPIRED);
+}
+
+// The SHA-256 of the certificate `openssl s_client` is shown on a new connection, lower-case
+// hex.
+std::string ServedFingerprint(const qltest::HsmProcess &hsm, const std::string &dir) {
+  const std::string cmd = "openssl s_client -connect 127.0.0.1:" + std::to_string(hsm.port()) +
+                          " -CAfile " + qltest::TestCaFile() +
+                          " -verify_return_error </dev/null 2>/dev/null | openssl x509 "
+                          "-outform DER 2>/dev/null | openssl dgst -sha256 -r > " +
+                          dir + "/served 2>&1";
+  if (std::system(cmd.c_str()) != 0) return "";
+  return ReadText(dir + "/served").substr(0, 64);
+}
+
+std::string FileFingerprint(const std::string &pem, const std::string &dir) {
+  const std::string cmd =
+      "openssl x509 -in " + pem + " -outform DER | openssl dgst -sha256 -r > " + dir + "/fp";
+  if (std::system(cmd.c_str()) != 0) return "";
+  return ReadText(dir + "/fp").substr(0, 64);
+}
+
+TEST_F(Identity, ANewTlsBundleServesNewConnectionsAtOnceAndAfterARestart) {
+  qltest::HsmProcess hsm;
+  unsetenv("QLAPI_TLS_CA_FILE");  // the first daemon of the process sets it: pin instead
+  qltest::IssueTestCertificate({"127.0.0.1", "localhost"}, dir_ + "/n.crt", dir_ + "/n.key");
+  const std::string bundle = ReadText(dir_ + "/n.key") + ReadText(dir_ + "/n.crt");
+  const std::string before = ServedFingerprint(hsm, dir_);
+  const std::string wanted = FileFingerprint(dir_ + "/n.crt", dir_);
+  ASSERT_EQ(before.size(), 64u);
+  ASSERT_NE(before, wanted);
+
+  AUTH_PWD_EX m = qltest::PasswordRecord(hsm);
+  HSESSIONCTX open = nullptr;
+  ASSERT_EQ(QOpenSession(&open, QL_AUTH_USER_PWD, &m, sizeof m, kNewTls), QL_OK);
+  auto set = [&](const std::string &pem) {
+    return QAdmOperation(open, QL_ADM_SET_TLS_BUNDLE, pem.data(), static_cast<uint32_t>(pem.size()),
+                         nullptr, nullptr, 0);
+  };
+  // Refusals leave the identity as it was.
+  ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-521 -nodes "
+                         "-keyout " +
+                         dir_ + "/w.key -out " + dir_ +
+                         "/w.crt -subj /CN=w -days 9 "
+                         "2>/dev/null")
+                            .c_str()),
+            0);
+  EXPECT_EQ(set(ReadText(dir_ + "/n.crt")), QL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(set(ReadText(dir_ + "/n.key")), QL_ERR_BAD_CERT);
+  EXPECT_EQ(set(ReadText(dir_ + "/w.key") + ReadText(dir_ + "/n.crt")), QL_ERR_KEY_CERT_MISMATCH);
+  EXPECT_EQ(set(ReadText(dir_ + "/w.key") + ReadText(dir_ + "/w.crt")), QL_ERR_BAD_KEY_USAGE);
+  EXPECT_EQ(ServedFingerprint(hsm, dir_), before);
+
+  ASSERT_EQ(set(bundle), QL_OK);
+  EXPECT_EQ(ServedFingerprint(hsm, dir_), wanted);
+  // The connection opened before keeps working; a new library session verifies the new one.
+  unsigned char random[8];
+  EXPECT_EQ(QGetRandom(open, random, sizeof random), QL_OK);
+  QCloseSession(&open, QL_CLOSE_PHYSICAL);
+  // A client that pinned the old certificate refuses the new one; one trusting the CA takes it.
+  EXPECT_EQ(OpenAsMaster(hsm), QL_ERR_HSM_IDENTITY_CHANGED);
+  setenv("QLAPI_TLS_CA_FILE", qltest::TestCaFile().c_str(), 1);
+  EXPECT_EQ(OpenAsMaster(hsm), QL_OK);
+
+  hsm.Restart();
+  EXPECT_EQ(ServedFingerprint(hsm, dir_), wanted);
+  EXPECT_EQ(OpenAsMaster(hsm), QL_OK);
+  // What `qlhsmd fingerprint` prints for pinning is the stored certificate's.
+  const std::string cmd = std::string(QLHSMD_BIN) + " fingerprint --data-dir " + hsm.data_dir() +
+                          " > " + dir_ + "/printed";
+  ASSERT_EQ(std::system(cmd.c_str()), 0);
+  EXPECT_EQ(ReadText(dir_ + "/printed").substr(0, 64), wanted);
 }
 
 const qltest::HsmSetup kSetup{std::nullopt};  // each test starts its own daemons
