@@ -24,9 +24,12 @@
 #include <optional>
 #include <string>
 
+#include "crypto/pki.h"
 #include "engine/backup/backup.h"
 #include "engine/data_dir.h"
 #include "engine/engine.h"
+#include "engine/services/system.h"
+#include "engine/store/store.h"
 #include "server/server.h"
 #include "server/tls_identity.h"
 #include "server/unlock_secret.h"
@@ -36,6 +39,7 @@
 
 namespace {
 
+using qlhsm::Result;
 using qlhsm::Status;
 
 int Fail(const std::string &what, const Status &st) {
@@ -104,6 +108,17 @@ int MakeTlsIdentity(const std::string &data_dir, bool imported) {
   return 0;
 }
 
+// The one certificate of `path` (DER or PEM) as hex DER, as the store keeps the package signer.
+Result<std::string> PackageSignerHex(const std::string &path) {
+  Result<qlhsm::secure::Bytes> file = qlhsm::ReadFileBytes(path);
+  if (!file.ok()) return file.status();
+  auto certs =
+      qlhsm::crypto::pki::ReadCertificates(qlhsm::crypto::ByteView(file->data(), file->size()));
+  if (!certs.ok() || certs->size() != 1)
+    return Status::Error(qlhsm::Code::kBadCert, path + " holds not one certificate");
+  return qlhsm::secure::Hex(qlhsm::secure::Bytes(certs->front().begin(), certs->front().end()));
+}
+
 // A start refused for want of the right unlock secret says so in one line.
 int FailOpen(const std::string &what, const Status &st) {
   if (st.code() == qlhsm::Code::kBadPin) {
@@ -142,6 +157,9 @@ int main(int argc, char **argv) {
   auto *key_opt = init->add_option("--tls-key", tls_key, "the certificate's private key (PEM)");
   cert_opt->needs(key_opt);
   key_opt->needs(cert_opt);
+  std::string upack_trust;
+  init->add_option("--upack-trust", upack_trust,
+                   "the certificate (DER or PEM) whose key signs update packages");
 
   CLI::App *serve = app.add_subcommand("serve", "serve in the foreground");
   serve->add_option("--data-dir", data_dir, "the HSM's data directory")->required();
@@ -216,8 +234,21 @@ int main(int argc, char **argv) {
       if (st.ok()) st = qlhsm::server::ImportTlsIdentity(data_dir, tls_cert, tls_key);
       if (!st.ok()) return Fail("TLS identity", st);
     }
+    // Read before anything is made, so that a bad file leaves no half-made HSM behind.
+    std::string signer_hex;
+    if (!upack_trust.empty()) {
+      Result<std::string> hex = PackageSignerHex(upack_trust);
+      if (!hex.ok()) return Fail("--upack-trust", hex.status());
+      signer_hex = std::move(hex.value());
+    }
     Status st = qlhsm::Engine::Init(data_dir, password, io);
     if (!st.ok()) return Fail("init", st);
+    if (!signer_hex.empty()) {
+      auto store = qlhsm::store::Store::Open(data_dir, false);
+      st = store.ok() ? store.value()->SetSetting(qlhsm::kPackageSignerSetting, signer_hex)
+                      : store.status();
+      if (!st.ok()) return Fail("--upack-trust", st);
+    }
     if (int rc = MakeTlsIdentity(data_dir, !tls_cert.empty()); rc != 0) return rc;
     std::cerr << "qlhsmd: new HSM in " << data_dir << "\n";
     return 0;

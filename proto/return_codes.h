@@ -68,7 +68,7 @@
   X(kBadJson,          QL_ERR_BAD_JSON,             5027,                                          \
     "The metadata is not one JSON object in UTF-8.")                                               \
   X(kUpdateRefused,    QL_ERR_UPACK_REFUSED,        5034,                                          \
-    "Update package refused: its signature does not verify.")                                      \
+    "Update package refused: its signature, manifest or version.")                                 \
   X(kHsmIdentityChanged, QL_ERR_HSM_IDENTITY_CHANGED, 5040, "The HSM's identity changed.")         \
   X(kHsmIdentityUnknown, QL_ERR_HSM_IDENTITY_UNKNOWN, 5041,                                        \
     "Unknown HSM: no certificate is pinned for this address (strict mode).")                       \

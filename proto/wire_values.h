@@ -84,6 +84,7 @@
   X(kMetaStartDate,         QL_META_START_DATE,        4)    \
   X(kMetaEndDate,           QL_META_END_DATE,          5)    \
   X(kMetaApplication,       QL_META_APPLICATION,       6)    \
+  X(kObjMap,                QL_OBJ_MAP,                90)   \
   X(kDukptKeyMask,          QL_DUKPT_KEY_MASK,         0xF0000u) \
   X(kVaultMasked,           QL_SVAULT_MASKED,          1)    \
   X(kOathInfoRecord,        QL_OATH_INFO_RECORD,       1)    \

@@ -23,6 +23,7 @@
 #include "engine/services/logs.h"
 #include "engine/services/oath.h"
 #include "engine/services/objects.h"
+#include "engine/services/p11.h"
 #include "engine/services/payment.h"
 #include "engine/services/pki.h"
 #include "engine/services/sharing.h"
@@ -84,6 +85,7 @@ class Engine {
   ByokService &byok() { return byok_; }
   BchainService &bchain() { return bchain_; }
   SpbService &spb() { return spb_; }
+  P11Service &p11() { return p11_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -112,6 +114,7 @@ class Engine {
   ByokService byok_{guard_, keys_};
   BchainService bchain_{core_, guard_, objects_};
   SpbService spb_{core_, guard_};
+  P11Service p11_{core_, guard_};
 };
 
 }  // namespace qlhsm

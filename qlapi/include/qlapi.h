@@ -141,7 +141,7 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 #define QL_ERR_BAD_PIN 5025            /* a backup PIN that does not open the backup */
 #define QL_ERR_NOT_LOGGED_IN 5026      /* a request before login */
 #define QL_ERR_BAD_JSON 5027           /* metadata that is not one JSON object in UTF-8 */
-#define QL_ERR_UPACK_REFUSED 5034      /* an update package whose signature fails */
+#define QL_ERR_UPACK_REFUSED 5034      /* an update package refused: signature, manifest, version */
 /* The HSM's identity (checked before any credential leaves), the caller's text, the HSM's users
  * and sessions, and its guard of the network. */
 #define QL_ERR_HSM_IDENTITY_CHANGED 5040    /* the certificate differs from the one pinned */
@@ -797,7 +797,8 @@ QLAPI_EXPORT int QGetNetInfo(HSESSIONCTX hSession, char *szInfo, uint32_t *pdwIn
 typedef int (*PQL_LIST_CALLBACK)(void *pvParam, const char *szName, int bLast);
 
 /* What the HSM runs, one name each: "service:<name>" per service of the HSM, "openssl:<version>",
- * "sqlite:<version>", "provider:<name> <version>" per OpenSSL provider loaded. Any login. */
+ * "sqlite:<version>", "provider:<name> <version>" per OpenSSL provider loaded, and
+ * "update-package:<version>" once an update package was applied (QUPackPush). Any login. */
 QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnCallback,
                                     void *pvParam);
 
@@ -812,7 +813,38 @@ QLAPI_EXPORT int QListLoadedModules(HSESSIONCTX hSession, PQL_LIST_CALLBACK pfnC
 QLAPI_EXPORT int QIPFilterOperation(HSESSIONCTX hSession, uint32_t dwOperation, const char *szRule,
                                     PQL_LIST_CALLBACK pfnCallback, void *pvParam);
 
-/* The HSM's PKCS#11 information, read attribute by attribute. */
+/* The HSM seen as a PKCS#11 token (v2.40 CK_INFO and CK_TOKEN_INFO), read once by QGetHSMP11Info
+ * (dwFlags 0; any session, anonymous ones too) and then field by field with QGetHSMP11InfoAttr:
+ * texts NUL-terminated, versions 2 bytes (major, minor), flags and counts uint64 in the host's
+ * order. pvData null or *pdwDataLen too small: QL_ERR_BUFFER_TOO_SMALL with the length needed;
+ * an unknown id QL_ERR_BAD_ARGUMENT. QDestroyHSMP11Info releases the handle and clears it.
+ * QGetHSMP11TypeInfoList calls back once per mechanism the HSM serves with
+ * "CKM_<name> <min> <max> 0x<flags>" (key sizes as PKCS#11 counts them: bits for RSA and
+ * curves, bytes for secret keys; flags CKF_*), then the final call. */
+/* PKCS#11 information: the fields of QGetHSMP11InfoAttr. */
+#define QL_P11_INFO_CRYPTOKI_VERSION 1
+#define QL_P11_INFO_MANUFACTURER 2
+#define QL_P11_INFO_FLAGS 3
+#define QL_P11_INFO_LIBRARY_DESCRIPTION 4
+#define QL_P11_INFO_LIBRARY_VERSION 5
+#define QL_P11_INFO_TOKEN_LABEL 6
+#define QL_P11_INFO_TOKEN_MANUFACTURER 7
+#define QL_P11_INFO_TOKEN_MODEL 8
+#define QL_P11_INFO_TOKEN_SERIAL 9
+#define QL_P11_INFO_TOKEN_FLAGS 10
+#define QL_P11_INFO_MAX_SESSION_COUNT 11
+#define QL_P11_INFO_SESSION_COUNT 12
+#define QL_P11_INFO_MAX_RW_SESSION_COUNT 13
+#define QL_P11_INFO_RW_SESSION_COUNT 14
+#define QL_P11_INFO_MAX_PIN_LEN 15
+#define QL_P11_INFO_MIN_PIN_LEN 16
+#define QL_P11_INFO_TOTAL_PUBLIC_MEMORY 17
+#define QL_P11_INFO_FREE_PUBLIC_MEMORY 18
+#define QL_P11_INFO_TOTAL_PRIVATE_MEMORY 19
+#define QL_P11_INFO_FREE_PRIVATE_MEMORY 20
+#define QL_P11_INFO_HARDWARE_VERSION 21
+#define QL_P11_INFO_FIRMWARE_VERSION 22
+#define QL_P11_INFO_UTC_TIME 23
 QLAPI_EXPORT int QGetHSMP11Info(HSESSIONCTX hSession, HP11INFOCTX *phInfo, uint32_t dwFlags);
 QLAPI_EXPORT int QGetHSMP11InfoAttr(HP11INFOCTX hInfo, uint32_t dwAttr, void *pvData,
                                     uint32_t *pdwDataLen);
@@ -1028,8 +1060,11 @@ QLAPI_EXPORT int QWriteFileBuffer(HSESSIONCTX hSession, const char *szObjName,
  * from szPin (at least 8 characters). Right ACL_SYS_BACKUP or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QBackupData(HSESSIONCTX hSession, const char *szFile, const char *szPin,
                              uint32_t dwFlags);
-/* Pushes an update package. The HSM applies nothing whose signature does not verify with a key
- * it trusts: QL_ERR_UPACK_REFUSED. Right ACL_SYS_UDATE_HSM or ACL_SYS_OPERATOR. */
+/* Pushes an update package: a CMS SignedData (DER) signed by the certificate the HSM was given
+ * at init, holding a JSON manifest (version, limits, log cache, IP allow-list; see the daemon's
+ * README). QL_ERR_UPACK_REFUSED, with nothing changed, for a package whose signature does not
+ * verify with that key, a malformed manifest or a version not newer than the last applied.
+ * Right ACL_SYS_UDATE_HSM or ACL_SYS_OPERATOR. */
 QLAPI_EXPORT int QUPackPush(HSESSIONCTX hSession, const unsigned char *pbPackage,
                             uint32_t dwPackageLen, uint32_t dwFlags);
 
@@ -1619,6 +1654,18 @@ QLAPI_EXPORT int QSKeepCalcShareCks(const unsigned char *pbShare, uint32_t dwSha
 #define QL_META_START_DATE 4  /* "YYYYMMDD" */
 #define QL_META_END_DATE 5    /* "YYYYMMDD" */
 #define QL_META_APPLICATION 6 /* text */
+/* A record is built in the library (no HSM call): QCreateObjMetadata (dwParam 0) makes an empty
+ * one, QSetObjMetadata sets one id's value (1 to 1024 bytes; a date "YYYYMMDD" that exists, a
+ * subject one DER Name, a text without NUL bytes; QL_ERR_BAD_ARGUMENT otherwise, an unknown id
+ * too), QGetObjMetadata copies one value out (its bytes as set, no NUL added; pvData null or too
+ * small: QL_ERR_BUFFER_TOO_SMALL with the length; an id not in the record QL_ERR_OBJ_NOT_FOUND),
+ * QDestroyObjMetadata releases it and clears the handle.
+ * QManageObjMetadata works on the object szObjName: 1 reads its records into hOut (replacing
+ * what hOut held; a use right), 2 writes hIn's records in place of all of its records, 3 merges
+ * hIn's into them (an id in hIn replaces the object's, the others stay), 4 removes the ids hIn
+ * holds (hIn null or empty: every record); 2 to 4 need ACL_OBJ_UPDATE. dwParam 0.
+ * QGetObjMetadataTypeInfoList calls back once per id with "<id> <name> <type>" (type text,
+ * bytes, der or date), then the final call; it asks the HSM nothing. */
 QLAPI_EXPORT int QCreateObjMetadata(HOBJMETACTX *phMeta, uint32_t dwParam);
 QLAPI_EXPORT int QSetObjMetadata(HOBJMETACTX hMeta, uint32_t dwOption, const void *pvData,
                                  uint32_t dwDataLen, uint32_t dwParam);
@@ -1648,6 +1695,12 @@ QLAPI_EXPORT int QGetJsonObjMetadata(HSESSIONCTX hSession, const char *szObjName
 QLAPI_EXPORT int QSetJsonObjMetadata(HSESSIONCTX hSession, const char *szObjName,
                                      const char *szJson, uint32_t dwJsonLen);
 
+/* A map object (QL_OBJ_MAP) names the private key, public key and certificate a PKCS#11 module
+ * shows as one identity (empty names: none; at least one). QGenerateMapObj (dwFlags 0) needs
+ * ACL_OBJ_CREATE; each name must exist (QL_ERR_OBJ_NOT_FOUND) and be of its kind (a private key,
+ * an asymmetric key, an X.509 certificate: QL_ERR_BAD_KEY_USAGE otherwise). QRemoveMapObj removes
+ * maps only (QL_ERR_BAD_KEY_USAGE for other objects), with ACL_OBJ_DEL. QGetPkcs11Map reads the
+ * full names ("owner/name") back with a use right. */
 typedef struct QL_PKCS11_MAP_ {
   char szPrivateKey[QL_MAX_OBJ_NAME + 1];
   char szPublicKey[QL_MAX_OBJ_NAME + 1];

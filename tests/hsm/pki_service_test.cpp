@@ -194,6 +194,21 @@ TEST_F(PkiServiceTest, ExportAndLinkNeedTheMatchingCertificate) {
   EXPECT_EQ(find(*key_records, QL_META_ID).size(), 20u);
   EXPECT_EQ(find(*key_records, QL_META_ID), find(*cert_records, QL_META_ID));
   EXPECT_EQ(find(*key_records, QL_META_LABEL), find(*cert_records, QL_META_LABEL));
+  // Records written through the p11 service never reach the engine's own (the key's
+  // certificate), which its reads do not show either.
+  const size_t engine_records = key_records->size() - 2;
+  ASSERT_GT(engine_records, 0u);
+  auto &p11 = f_.engine->p11();
+  const secure::Bytes label = {'x'};
+  EXPECT_EQ(p11.ManageRecords(s(), "k", 2, {{0x10000, label}}).status().code(), Code::kBadArgument);
+  ASSERT_TRUE(p11.ManageRecords(s(), "k", 2, {{QL_META_LABEL, label}}).ok());
+  EXPECT_EQ(p11.ManageRecords(s(), "k", 1, {})->size(), 1u);
+  key_records = pki().ReadRecords(s(), "k");
+  EXPECT_EQ(key_records->size(), engine_records + 1);
+  EXPECT_EQ(find(*key_records, QL_META_LABEL), label);
+  ASSERT_TRUE(p11.ManageRecords(s(), "k", 4, {}).ok());
+  EXPECT_EQ(pki().ReadRecords(s(), "k")->size(), engine_records);
+  EXPECT_EQ(find(*pki().ReadRecords(s(), "c"), QL_META_ID).size(), 20u);
   // Records go with their object.
   ASSERT_TRUE(f_.engine->objects().RemoveObject(s(), "c").ok());
   ASSERT_TRUE(f_.engine->objects().WriteFile(s(), "c", File("ca.pem")).ok());

@@ -97,6 +97,17 @@ TEST_F(AdminJobs, SetDateTime) {
   EXPECT_NE(info.find(today), std::string::npos) << info;
 }
 
+// This HSM trusts no package signer: any package is refused with nothing applied.
+TEST_F(AdminJobs, PushUpackRefusesWhatNoTrustedKeySigned) {
+  WriteText(Path("p.der"), "not a package");
+  const RunResult r = Job("push-upack", {"-in", Path("p.der")});
+  EXPECT_EQ(r.exitCode, ExitOf(5034));
+  EXPECT_NE(r.out.find(ErrorLine("QUPackPush", 5034)), std::string::npos) << r.out;
+  const RunResult help = Job("push-upack", {"-in", Path("missing.der")});
+  EXPECT_EQ(help.exitCode, 255);
+  EXPECT_NE(help.out.find("DESCRIPTION"), std::string::npos) << help.out;
+}
+
 TEST_F(AdminJobs, WriteAndReadFiles) {
   const std::string data(70000, 'q');  // more than one chunk
   WriteText(Path("in.bin"), data);

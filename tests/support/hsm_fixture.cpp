@@ -264,6 +264,7 @@ HsmProcess::HsmProcess(HsmOptions options) : options_(std::move(options)) {
   if (options_.ca_issued_tls) {
     init.insert(init.end(), {"--tls-cert", cert, "--tls-key", key});
   }
+  init.insert(init.end(), options_.init_args.begin(), options_.init_args.end());
   int rc = RunQlhsmd(init, log_path_, options_.test_build);
   if (rc != 0) {
     std::string log = Tail(log_path_);

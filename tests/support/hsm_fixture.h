@@ -42,8 +42,9 @@ namespace qltest {
 
 struct HsmOptions {
   std::string master_password = "12345678";
-  // Extra options of `qlhsmd serve` (e.g. {"--max-sessions", "4"}).
+  // Extra options of `qlhsmd serve` (e.g. {"--max-sessions", "4"}) and of `qlhsmd init`.
   std::vector<std::string> serve_args;
+  std::vector<std::string> init_args;
   // scrypt cost of password hashes: low, since tests make many users and measure nothing.
   unsigned kdf_cost = 1024;
   // Run the daemon's test build (qlhsmd_test, QLHSMD_TEST_BIN), which has the fault switches

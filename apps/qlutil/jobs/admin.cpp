@@ -1,4 +1,4 @@
-// HSM jobs: "info", "backup", "probe", "set-date-time".
+// HSM jobs: "info", "backup", "probe", "set-date-time", "push-upack".
 
 #include <cstring>
 #include <ctime>
@@ -323,4 +323,48 @@ int JobSetDateTime(TEST_PARAMETER *pTestParam, int nParameters) {
   LoadJobParameters(&job.ti, pTestParam, nParameters, false);
   const bool ok = ParseDateTime(GetParameterStr(pTestParam, nParameters, "-dt"), &job.qwTime);
   return StartJob(&JobSetDateTimeThread, &job.ti, sizeof job, false, ok, &ShowJobSetDateTimeHelp);
+}
+
+// ---------------------------------------------------------------------------------------------
+// push-upack
+
+typedef struct _JOB_UPACK_INFO {
+  THREAD_INFO ti;
+  const Bytes *pPackage;  // -in, read by the front function, which outlives the run
+} JOB_UPACK_INFO;
+
+namespace {
+
+void ShowJobPushUpackHelp() {
+  JobHelpPage("push-upack",
+              {"Apply an update package: a CMS SignedData (DER) made by the key whose",
+               "certificate the HSM was given at init (qlhsmd init --upack-trust), holding a",
+               "JSON manifest with a version above the last one applied, e.g.",
+               "{\"version\": 2, \"limits\": {\"max_sessions\": 512},",
+               " \"log_cache\": {\"enabled\": true}, \"ip_allow\": [\"10.0.0.0/8\"]}.",
+               "Any other package is refused and changes nothing."},
+              {"-in     Package file (DER)"}, {"-in update-2.p7m"});
+}
+
+}  // namespace
+
+unsigned int JobPushUpackThread(void *p) {
+  auto *job = static_cast<JOB_UPACK_INFO *>(p);
+  return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
+    const int rc =
+        CheckJobCall("QUPackPush", QUPackPush(session, job->pPackage->data(),
+                                              static_cast<uint32_t>(job->pPackage->size()), 0));
+    if (rc == 0) ScreenOutput("Update package applied.\r\n");
+    return rc;
+  });
+}
+
+int JobPushUpack(TEST_PARAMETER *pTestParam, int nParameters) {
+  JOB_UPACK_INFO job{};
+  LoadJobParameters(&job.ti, pTestParam, nParameters, false);
+  const char *in = GetParameterStr(pTestParam, nParameters, "-in");
+  Bytes package;
+  const bool ok = IsGivenText(in) && ReadLocalFile(in, &package) && !package.empty();
+  job.pPackage = &package;
+  return StartJob(&JobPushUpackThread, &job.ti, sizeof job, false, ok, &ShowJobPushUpackHelp);
 }

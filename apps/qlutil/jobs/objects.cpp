@@ -256,7 +256,8 @@ typedef struct _JOB_OBJ_INFO_INFO {
 namespace {
 
 void ShowJobObjInfoHelp() {
-  JobHelpHeader(false, {"Show the information the HSM keeps about one object."});
+  JobHelpHeader(false, {"Show the information the HSM keeps about one object: its attributes, a",
+                        "certificate's fields, the names a map holds, and its metadata records."});
   ScreenOutput("     -kn     Object name (another user's object: owner/object)\r\n");
   JobHelpExamples("obj-info", {"-kn mykey"});
 }
@@ -277,28 +278,118 @@ std::string TimeText(uint64_t seconds) {
 
 }  // namespace
 
+namespace {
+
+int DestroyMetadata(HOBJMETACTX *meta) {
+  return QDestroyObjMetadata(meta, 0);
+}
+using MetadataOwner = QLUniquePtr<HOBJMETACTX, &DestroyMetadata>;
+
+int CollectMetaType(void *param, const char *line, int last) {
+  if (!last && line != nullptr) static_cast<std::vector<std::string> *>(param)->push_back(line);
+  return 0;
+}
+
+std::string UpperHex(const unsigned char *data, size_t len) {
+  static const char kDigits[] = "0123456789ABCDEF";
+  std::string out;
+  for (size_t i = 0; i < len; ++i) {
+    out += kDigits[data[i] >> 4];
+    out += kDigits[data[i] & 0xF];
+  }
+  return out;
+}
+
+// A certificate's fields, read through its DER.
+int AddCertificateRows(HSESSIONCTX session, const char *name, SectionTable *table) {
+  KeyOwner cert;
+  int rc = CheckJobCall("QGetUserKey", QGetUserKey(session, name, 0, cert.Put()));
+  if (rc != 0) return rc;
+  uint32_t len = 0;
+  rc = QExportKey(cert.Get(), nullptr, QL_CERT_BLOB, 0, nullptr, &len);
+  if (rc != QL_ERR_BUFFER_TOO_SMALL && rc != 0) return CheckJobCall("QExportKey", rc);
+  std::vector<unsigned char> der(len);
+  rc = CheckJobCall("QExportKey",
+                    QExportKey(cert.Get(), nullptr, QL_CERT_BLOB, 0, der.data(), &len));
+  if (rc != 0) return rc;
+  QL_CERT_INFO info{};
+  rc = CheckJobCall("QCert2CertInfo", QCert2CertInfo(der.data(), len, &info));
+  if (rc != 0) return rc;
+  table->AddRow("Subject", "%s", info.szSubject);
+  table->AddRow("Issuer", "%s", info.szIssuer);
+  table->AddRow("Serial", "%s", info.szSerial);
+  table->AddRow("Not before", "%s", TimeText(info.qwNotBefore).c_str());
+  table->AddRow("Not after", "%s", TimeText(info.qwNotAfter).c_str());
+  table->AddRow("Key", "%s", ObjInfo::AlgorithmWord(info.dwKeyAlgId).c_str());
+  return 0;
+}
+
+int AddMapRows(HSESSIONCTX session, const char *name, SectionTable *table) {
+  QL_PKCS11_MAP map{};
+  const int rc = CheckJobCall("QGetPkcs11Map", QGetPkcs11Map(session, name, &map));
+  if (rc != 0) return rc;
+  table->AddRow("Private key", "%s", map.szPrivateKey[0] ? map.szPrivateKey : "-");
+  table->AddRow("Public key", "%s", map.szPublicKey[0] ? map.szPublicKey : "-");
+  table->AddRow("Certificate", "%s", map.szCertificate[0] ? map.szCertificate : "-");
+  return 0;
+}
+
+// The object's metadata records, one row each: texts and dates as they are, bytes in hex.
+int AddMetadataRows(HSESSIONCTX session, const char *name, SectionTable *table) {
+  MetadataOwner meta;
+  int rc = CheckJobCall("QCreateObjMetadata", QCreateObjMetadata(meta.Put(), 0));
+  if (rc != 0) return rc;
+  rc = CheckJobCall("QManageObjMetadata",
+                    QManageObjMetadata(session, 1, name, nullptr, meta.Get(), 0));
+  if (rc != 0) return rc;
+  std::vector<std::string> types;
+  rc = CheckJobCall("QGetObjMetadataTypeInfoList",
+                    QGetObjMetadataTypeInfoList(session, &CollectMetaType, &types));
+  if (rc != 0) return rc;
+  for (const std::string &line : types) {
+    unsigned id = 0;
+    char type_name[64] = {}, kind[16] = {};
+    if (sscanf(line.c_str(), "%u %63s %15s", &id, type_name, kind) != 3) continue;
+    uint32_t len = 0;
+    rc = QGetObjMetadata(meta.Get(), id, nullptr, &len, 0);
+    if (rc == QL_ERR_OBJ_NOT_FOUND) continue;
+    if (rc != QL_ERR_BUFFER_TOO_SMALL && rc != 0) return CheckJobCall("QGetObjMetadata", rc);
+    std::vector<unsigned char> value(len);
+    rc = CheckJobCall("QGetObjMetadata", QGetObjMetadata(meta.Get(), id, value.data(), &len, 0));
+    if (rc != 0) return rc;
+    const std::string row = std::string("Meta ") + type_name;
+    if (strcmp(kind, "text") == 0 || strcmp(kind, "date") == 0)
+      table->AddRow(row, "%.*s", static_cast<int>(len),
+                    reinterpret_cast<const char *>(value.data()));
+    else
+      table->AddRow(row, "%s", UpperHex(value.data(), len).c_str());
+  }
+  return 0;
+}
+
+}  // namespace
+
 unsigned int JobObjInfoThread(void *p) {
   auto *job = static_cast<JOB_OBJ_INFO_INFO *>(p);
   return RunSessionJob(&job->ti, [job](HSESSIONCTX session) {
-    int rc = 0;
     QL_OBJ_INFO info{};
-    rc = QGetObjInfo(session, job->pszObjName, &info);
-    if (rc != 0) {
-      PrintJobError("QGetObjInfo", rc);
-    } else {
-      SectionTable table("Object", 10);
-      table.AddRow("Name", "%s", info.szName);
-      table.AddRow("Owner", "%s", info.szOwner);
-      table.AddRow("Type", "%s", ObjInfo::TypeWord(info.dwType).c_str());
-      table.AddRow("Algorithm", "%s", ObjInfo::AlgorithmWord(info.dwType).c_str());
-      table.AddRow("Flags", "0x%08X", info.dwFlags);
-      table.AddRow("Blocked", "%s", info.dwBlocked ? "yes" : "no");
-      table.AddRow("Created", "%s", TimeText(info.stStats.qwCreated).c_str());
-      table.AddRow("Modified", "%s", TimeText(info.stStats.qwModified).c_str());
-      table.AddRow("Size", "%u", info.stStats.dwSize);
-      table.AddRow("Use count", "%u", info.stStats.dwUseCount);
-      table.Print();
-    }
+    int rc = CheckJobCall("QGetObjInfo", QGetObjInfo(session, job->pszObjName, &info));
+    if (rc != 0) return rc;
+    SectionTable table("Object", 10);
+    table.AddRow("Name", "%s", info.szName);
+    table.AddRow("Owner", "%s", info.szOwner);
+    table.AddRow("Type", "%s", ObjInfo::TypeWord(info.dwType).c_str());
+    table.AddRow("Algorithm", "%s", ObjInfo::AlgorithmWord(info.dwType).c_str());
+    table.AddRow("Flags", "0x%08X", info.dwFlags);
+    table.AddRow("Blocked", "%s", info.dwBlocked ? "yes" : "no");
+    table.AddRow("Created", "%s", TimeText(info.stStats.qwCreated).c_str());
+    table.AddRow("Modified", "%s", TimeText(info.stStats.qwModified).c_str());
+    table.AddRow("Size", "%u", info.stStats.dwSize);
+    table.AddRow("Use count", "%u", info.stStats.dwUseCount);
+    if (info.dwType == QL_OBJ_X509) rc = AddCertificateRows(session, job->pszObjName, &table);
+    if (rc == 0 && info.dwType == QL_OBJ_MAP) rc = AddMapRows(session, job->pszObjName, &table);
+    if (rc == 0) rc = AddMetadataRows(session, job->pszObjName, &table);
+    if (rc == 0) table.Print();
     return rc;
   });
 }

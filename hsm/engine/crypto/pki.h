@@ -67,6 +67,12 @@ struct TlsIdentity {
 };
 Result<TlsIdentity> ReadTlsIdentity(ByteView pem);
 
+// The content of a CMS SignedData (DER, content attached) whose one signer is `signer` (DER)
+// and whose signature verifies under its key; the certificate itself is trusted as given (no
+// path is built). kBadData when it does not parse, kBadSignature when another key signed it or
+// the signature fails.
+Result<Bytes> VerifySignedContent(ByteView cms_der, ByteView signer);
+
 // SHA-1 of the certificate's public key (the subjectPublicKey bits), the usual key identifier.
 Result<Bytes> PublicKeyId(ByteView certificate);
 
@@ -95,7 +101,9 @@ constexpr uint32_t kCmsCrlfEol = 0x800;
 constexpr uint32_t kCmsCosign = 0x4000;
 // A SignedData ContentInfo (DER) over `data` by the key with its certificate (DER), the chain's
 // certificates added unless kCmsNoChain (or kCmsNoCerts, which leaves out the signer's too).
-// Bits the signer has no use for (the verification bits) change nothing.
+// Bits the signer has no use for (the verification bits) change nothing. With kCmsCosign,
+// `data` is a SignedData (DER or PEM ContentInfo) that gets this signer added beside its others
+// (it must hold a signer of the same digest, whose signed digest is reused; no kCmsNoAttributes).
 Result<Bytes> CmsSign(const Key &key, ByteView certificate, const std::vector<Bytes> &chain,
                       ByteView data, uint32_t flags, const char *digest);
 

@@ -125,6 +125,24 @@ Status ObjectStore::SetRecords(const std::vector<RecordSet> &sets) {
   });
 }
 
+Status ObjectStore::EditRecords(const ObjectRef &ref, const std::vector<uint32_t> &remove,
+                                const std::vector<Record> &write) {
+  return store_.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    for (uint32_t id : remove) {
+      Result<store::Statement> st = conn.Prepare(
+          "DELETE FROM object_records WHERE record = ?3 AND object_id = "
+          "(SELECT id FROM objects WHERE owner = ?1 AND name = ?2)");
+      if (!st.ok()) return st.status();
+      st->Bind(1, ref.owner).Bind(2, ref.name).Bind(3, int64_t{id});
+      QL_RETURN_IF_ERROR(st->Run());
+    }
+    QL_RETURN_IF_ERROR(WriteRecords(conn, {ref, write}));
+    return tx.Commit();
+  });
+}
+
 Result<std::vector<ObjectStore::Record>> ObjectStore::GetRecords(const ObjectRef &ref) {
   return store_.Locked([&](store::Connection &conn) -> Result<std::vector<Record>> {
     Result<store::Statement> st = conn.Prepare(

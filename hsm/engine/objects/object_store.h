@@ -26,6 +26,7 @@ enum class ObjectType : int {
   kCrl = qlproto::kObjCrl,
   kHotp = qlproto::kObjHotp,    // an OATH token record
   kSkeep = qlproto::kObjSkeep,  // a kept secret, never read out
+  kMap = qlproto::kObjMap,      // names of a key pair and its certificate
   // A key's type is its algorithm (QL_ALG_*).
 };
 
@@ -55,10 +56,10 @@ inline bool IsDataObject(int type) {
          type == static_cast<int>(ObjectType::kChain) || type == static_cast<int>(ObjectType::kCrl);
 }
 
-// Keys: every object but data objects, token records and kept secrets.
+// Keys: every object but data objects, token records, kept secrets and maps.
 inline bool IsKeyObject(int type) {
   return !IsDataObject(type) && type != static_cast<int>(ObjectType::kHotp) &&
-         type != static_cast<int>(ObjectType::kSkeep);
+         type != static_cast<int>(ObjectType::kSkeep) && type != static_cast<int>(ObjectType::kMap);
 }
 
 // Splits "owner/object" or plain "object" (owned by `caller`). kBadName for anything else.
@@ -95,6 +96,10 @@ class ObjectStore {
   // one of them is missing).
   Status SetRecords(const std::vector<RecordSet> &sets);
   Result<std::vector<Record>> GetRecords(const ObjectRef &ref);
+  // Removes the records `remove` names (those missing are skipped), then writes `write`, in one
+  // transaction.
+  Status EditRecords(const ObjectRef &ref, const std::vector<uint32_t> &remove,
+                     const std::vector<Record> &write);
   // kObjectNotFound when missing.
   Result<ObjectInfo> Get(const ObjectRef &ref);
   // The object's plaintext material.

@@ -13,7 +13,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
 
 #include "crypto/ossl.h"
 #include "crypto/pki.h"
@@ -195,7 +198,7 @@ Result<std::vector<std::string>> SystemService::ListModules(Session &s) {
         std::vector<std::string> names;
         for (const char *service :
              {"users", "objects", "keys", "hashes", "system", "logs", "pki", "payment", "vault",
-              "oath", "sharing", "bchain", "spb", "skeep", "byok"})
+              "oath", "sharing", "bchain", "spb", "skeep", "byok", "p11"})
           names.push_back(std::string("service:") + service);
         names.push_back(std::string("openssl:") + OpenSSL_version(OPENSSL_VERSION_STRING));
         names.push_back(std::string("sqlite:") + sqlite3_libversion());
@@ -213,6 +216,11 @@ Result<std::vector<std::string>> SystemService::ListModules(Session &s) {
               return 1;
             },
             &names);
+        // The update package applied last, once there is one.
+        Result<uint64_t> package = PackageVersion();
+        if (!package.ok()) return package.status();
+        if (package.value() != 0)
+          names.push_back("update-package:" + std::to_string(package.value()));
         return names;
       });
 }
@@ -238,14 +246,137 @@ Result<secure::Bytes> SystemService::Backup(Session &s, std::string_view pin) {
       });
 }
 
+namespace {
+
+// The numbers an update package may set, as the settings table names them (read at start).
+constexpr std::array<const char *, 7> kPackageLimits = {"max_sessions",
+                                                        "max_objects",
+                                                        "max_connections",
+                                                        "max_pending",
+                                                        "max_pending_per_address",
+                                                        "max_anonymous",
+                                                        "max_anonymous_per_address"};
+constexpr uint64_t kMaxPackageLimit = 10'000'000;
+
+// What an update package's manifest changes. We decided its form: one JSON object,
+//   {"version": 4,
+//    "limits": {"max_sessions": 512, ...},            (the names of kPackageLimits, 1 to 10^7)
+//    "log_cache": {"enabled": true, "page_size": 8192},  (page_size 512 to 1 MiB)
+//    "ip_allow": ["10.0.0.0/8", "192.0.2.7"]}          (the allow-list, replaced whole)
+// with a version above the last one applied and every part but the version optional; any other
+// member, type or value refuses the whole package.
+struct Manifest {
+  uint64_t version = 0;
+  std::vector<std::pair<std::string, std::string>> settings;
+  bool ip_allow = false;          // the allow-list is replaced (ip_filter reloads it)
+  std::optional<bool> log_cache;  // on or off at once
+};
+
+Result<Manifest> ParseManifest(const secure::Bytes &content) {
+  const Status refused = Status::Error(Code::kUpdateRefused, "the package's manifest is malformed");
+  const nlohmann::json doc = nlohmann::json::parse(content.begin(), content.end(), nullptr, false);
+  if (doc.is_discarded() || !doc.is_object()) return refused;
+  auto count = [](const nlohmann::json &v, uint64_t lo, uint64_t hi) -> std::optional<uint64_t> {
+    if (!v.is_number_unsigned()) return std::nullopt;
+    const uint64_t n = v.get<uint64_t>();
+    if (n < lo || n > hi) return std::nullopt;
+    return n;
+  };
+  Manifest m;
+  for (const auto &[key, value] : doc.items()) {
+    if (key == "version") {
+      std::optional<uint64_t> v = count(value, 1, UINT64_MAX >> 1);
+      if (!v) return refused;
+      m.version = *v;
+    } else if (key == "limits" && value.is_object()) {
+      for (const auto &[name, n] : value.items()) {
+        if (std::find_if(kPackageLimits.begin(), kPackageLimits.end(),
+                         [&](const char *known) { return name == known; }) == kPackageLimits.end())
+          return refused;
+        std::optional<uint64_t> v = count(n, 1, kMaxPackageLimit);
+        if (!v) return refused;
+        m.settings.emplace_back(name, std::to_string(*v));
+      }
+    } else if (key == "log_cache" && value.is_object()) {
+      for (const auto &[name, v] : value.items()) {
+        if (name == "enabled" && v.is_boolean()) {
+          m.log_cache = v.get<bool>();
+          m.settings.emplace_back("log_cache", *m.log_cache ? "on" : "off");
+        } else if (std::optional<uint64_t> size = count(v, 512, 1 << 20);
+                   name == "page_size" && size) {
+          m.settings.emplace_back("audit_page_size", std::to_string(*size));
+        } else {
+          return refused;
+        }
+      }
+    } else if (key == "ip_allow" && value.is_array() && value.size() <= system::kMaxIpRules) {
+      std::string text;
+      for (const nlohmann::json &rule : value) {
+        if (!rule.is_string()) return refused;
+        Result<system::IpRule> r = system::ParseIpRule(rule.get<std::string>());
+        if (!r.ok()) return refused;
+        if (!text.empty()) text += ' ';
+        text += r->Text();
+      }
+      m.settings.emplace_back(system::kIpAllowSetting, text);
+      m.ip_allow = true;
+    } else {
+      return refused;
+    }
+  }
+  if (m.version == 0) return refused;
+  return m;
+}
+
+}  // namespace
+
 Status SystemService::PushUpdatePackage(Session &s, const secure::Bytes &package) {
   return guard_.Run(
-      s, Op{"update-package", "-", Request::kUpdatePackage}, NoArgs, [&](const users::UserInfo &) {
-        // No signing key is trusted yet, so no package can verify; nothing is
-        // ever applied unverified.
-        return Status::Error(Code::kUpdateRefused, "package signature does not verify (" +
-                                                       std::to_string(package.size()) + " bytes)");
+      s, Op{"update-package", "-", Request::kUpdatePackage, AuditMode::kChange}, NoArgs,
+      [&](const users::UserInfo &) -> Status {
+        Result<std::string> trusted = core_.store->GetSetting(kPackageSignerSetting);
+        secure::Bytes signer;
+        if (!trusted.ok() || !secure::FromHex(trusted.value(), &signer))
+          return Status::Error(Code::kUpdateRefused, "no package signer is trusted");
+        crypto::Result<crypto::Bytes> content = crypto::pki::VerifySignedContent(
+            crypto::ByteView(package.data(), package.size()), signer);
+        if (!content.ok())
+          return Status::Error(Code::kUpdateRefused, "the package's signature does not verify");
+        Result<Manifest> m = ParseManifest(secure::Bytes(content->begin(), content->end()));
+        if (!m.ok()) return m.status();
+        std::lock_guard<std::mutex> lock(package_mu_);
+        Result<std::string> applied = core_.store->GetSetting(kPackageVersionSetting);
+        const uint64_t last = applied.ok() ? std::strtoull(applied->c_str(), nullptr, 10) : 0;
+        if (m->version <= last)
+          return Status::Error(Code::kUpdateRefused, "the package's version is not newer");
+        m->settings.emplace_back(kPackageVersionSetting, std::to_string(m->version));
+        QL_RETURN_IF_ERROR(core_.store->Locked([&](store::Connection &conn) -> Status {
+          store::Transaction tx(conn);
+          QL_RETURN_IF_ERROR(tx.begin_status());
+          for (const auto &[key, value] : m->settings) {
+            Result<store::Statement> st = conn.Prepare(
+                "INSERT INTO settings(key, value) VALUES(?1, ?2) "
+                "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
+            if (!st.ok()) return st.status();
+            st->Bind(1, key).Bind(2, value);
+            QL_RETURN_IF_ERROR(st->Run());
+          }
+          return tx.Commit();
+        }));
+        // The allow-list and the log cache change now; the limits and the page size at the
+        // next start, as the daemon reads them there.
+        if (m->ip_allow) QL_RETURN_IF_ERROR(core_.ip_filter->Load());
+        if (m->log_cache) core_.audit->set_cache(*m->log_cache);
+        return Status::Ok();
       });
+}
+
+Result<uint64_t> SystemService::PackageVersion() {
+  Result<std::string> applied = core_.store->GetSetting(kPackageVersionSetting);
+  if (!applied.ok())
+    return applied.status().code() == Code::kObjectNotFound ? Result<uint64_t>(0)
+                                                            : applied.status();
+  return std::strtoull(applied->c_str(), nullptr, 10);
 }
 
 Status SystemService::Administer(Session &s, std::string_view what) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,6 +37,9 @@ struct HsmInfo {
 // The setting holding the certificates (PEM) of the identity set by set-tls-bundle: public, so
 // kept in clear for `qlhsmd fingerprint`, which has no master key.
 inline constexpr const char *kTlsChainSetting = "tls_chain";
+// The certificate (DER, hex) that signs update packages, and the version last applied.
+inline constexpr const char *kPackageSignerSetting = "upack_trust";
+inline constexpr const char *kPackageVersionSetting = "upack_version";
 
 // The HSM's TLS identity as the daemon loads it: the certificate first, then any intermediates
 // (PEM), and its private key (PEM).
@@ -70,11 +74,20 @@ class SystemService {
   Result<std::string> GetNetInfo(sessions::Session &s);
   // What the HSM runs: "service:<name>" for each service of the engine, then "openssl:<version>",
   // "sqlite:<version>" and "provider:<name> <version>" for each OpenSSL provider loaded into
-  // the engine's library context. Any logged-in session.
+  // the engine's library context, and "update-package:<version>" once a package was applied.
+  // Any logged-in session.
   Result<std::vector<std::string>> ListModules(sessions::Session &s);
   Status KeepAlive(sessions::Session &s);
   Result<secure::Bytes> Backup(sessions::Session &s, std::string_view pin);
+  // Applies an update package (the update-package right): a CMS SignedData (DER) signed by the
+  // certificate `qlhsmd init --upack-trust` recorded, whose content is a JSON manifest (see
+  // ParseManifest in system.cpp) with a version above the last applied. Its settings are written
+  // in one transaction with the new version; anything else (no trusted signer, another signer, a
+  // tampered package, a malformed manifest, a version not newer) is kUpdateRefused and changes
+  // nothing.
   Status PushUpdatePackage(sessions::Session &s, const secure::Bytes &package);
+  // The version of the last package applied; 0: none.
+  Result<uint64_t> PackageVersion();
   // An administrative operation: keep-alive (nothing), probe (1: up), set the date and time
   // (nothing); the others are not built yet (the operator right, then kNotSupported).
   Result<std::optional<uint64_t>> Administer(sessions::Session &s, uint32_t operation,
@@ -116,6 +129,7 @@ class SystemService {
  private:
   Core &core_;
   Guard &guard_;
+  std::mutex package_mu_;  // one package at a time, from the version check to the commit
 };
 
 }  // namespace qlhsm

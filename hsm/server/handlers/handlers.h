@@ -195,4 +195,12 @@ void SKeepRecover(const pb::Request &, Call &, pb::Response *);
 // --- key export for cloud imports (byok.cpp) ---
 void ByokExport(const pb::Request &, Call &, pb::Response *);
 
+// --- metadata records, PKCS#11 maps and information (p11.cpp) ---
+void ManageObjRecords(const pb::Request &, Call &, pb::Response *);
+void GenerateMap(const pb::Request &, Call &, pb::Response *);
+void RemoveMap(const pb::Request &, Call &, pb::Response *);
+void GetMap(const pb::Request &, Call &, pb::Response *);
+void GetP11Info(const pb::Request &, Call &, pb::Response *);
+void ListP11Mechanisms(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

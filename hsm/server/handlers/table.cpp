@@ -147,6 +147,13 @@ constexpr Row kRows[] = {
     {R::kJwsCheck, JwsCheck},
     // PIX requests over mutual TLS
     {R::kPixRequest, PixRequest},
+    // metadata records, PKCS#11 maps and information
+    {R::kManageObjRecords, ManageObjRecords},
+    {R::kGenerateMap, GenerateMap},
+    {R::kRemoveMap, RemoveMap},
+    {R::kGetMap, GetMap},
+    {R::kGetP11Info, GetP11Info},
+    {R::kListP11Mechanisms, ListP11Mechanisms},
 };
 
 // Request kinds are the body's field numbers, all below this.

@@ -154,8 +154,45 @@ TEST_F(PkiTest, CmsSignaturesVerifyWithOpensslCms) {
   }
   EXPECT_EQ(CmsSign(*LoadKey("gone.key"), Cert("leaf.pem"), {}, content, 0, "SHA256").code(),
             Code::kKeyCannotDo);
-  EXPECT_EQ(CmsSign(*key, Cert("leaf.pem"), {}, content, kCmsCosign, "SHA256").code(),
-            Code::kNotSupported);
+}
+
+TEST_F(PkiTest, CosignAddsASignerThatOpensslVerifies) {
+  KeyPtr first = LoadKey("leaf.key");
+  KeyPtr second = LoadKey("gone.key");
+  const Bytes content = testing::Text("This is some sample content.");
+  WriteAll(dir_ / "content.txt", content);
+  for (uint32_t shape : {kCmsBinary, kCmsDetached | kCmsBinary}) {
+    Result<Bytes> one = CmsSign(*first, Cert("leaf.pem"), {}, content, shape, "SHA256");
+    ASSERT_TRUE(one.ok());
+    Result<Bytes> two =
+        CmsSign(*second, Cert("gone.pem"), {Cert("ca.pem")}, *one, kCmsCosign, "SHA256");
+    ASSERT_TRUE(two.ok()) << shape;
+    WriteAll(dir_ / "two.der", *two);
+    const std::string detached = (shape & kCmsDetached) ? " -content content.txt" : "";
+    ASSERT_TRUE(
+        Openssl("cms -verify -binary -inform DER -in two.der -CAfile ca.pem -out out.txt "
+                "-signer signers.pem" +
+                detached))
+        << shape;
+    EXPECT_EQ(ReadAll(dir_ / "out.txt"), content);
+    const Bytes signers = ReadAll(dir_ / "signers.pem");
+    const std::string text(signers.begin(), signers.end());
+    size_t count = 0;
+    for (size_t at = text.find("BEGIN CERTIFICATE"); at != std::string::npos;
+         at = text.find("BEGIN CERTIFICATE", at + 1))
+      ++count;
+    EXPECT_EQ(count, 2u) << shape;
+  }
+  Result<Bytes> one = CmsSign(*first, Cert("leaf.pem"), {}, content, 0, "SHA256");
+  ASSERT_TRUE(one.ok());
+  // Only a SignedData is co-signed, with signed attributes, beside a signer of its digest.
+  EXPECT_EQ(CmsSign(*second, Cert("gone.pem"), {}, content, kCmsCosign, "SHA256").code(),
+            Code::kBadData);
+  EXPECT_EQ(
+      CmsSign(*second, Cert("gone.pem"), {}, *one, kCmsCosign | kCmsNoAttributes, "SHA256").code(),
+      Code::kBadArgument);
+  EXPECT_EQ(CmsSign(*second, Cert("gone.pem"), {}, *one, kCmsCosign, "SHA384").code(),
+            Code::kBadArgument);
 }
 
 TEST_F(PkiTest, Pkcs12RoundTripsThroughOpenssl) {
