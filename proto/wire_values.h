@@ -117,6 +117,8 @@
   X(kBchainAddrTestnet,     QL_BCHAIN_ADDR_TESTNET,    0x6F) \
   X(kBchainWifMainnet,      QL_BCHAIN_WIF_MAINNET,     0x80) \
   X(kBchainWifTestnet,      QL_BCHAIN_WIF_TESTNET,     0xEF) \
+  X(kJwsAddX5c,             QL_JWS_ADD_X5C,            1)    \
+  X(kJwsDetached,           QL_JWS_DETACHED,           2)    \
   X(kSpbCertActivate,       QL_SPB_CERT_ACTIVATE,      1)    \
   X(kSpbGen01,              QL_SPB_GEN01,              2)    \
   X(kSpbV3,                 QL_SPB_V3,                 4)    \

@@ -1455,6 +1455,14 @@ QLAPI_EXPORT int QPIXDictSign(HSESSIONCTX hSession, const char *szKeyName, const
 QLAPI_EXPORT int QPIXDictVerify(HSESSIONCTX hSession, const char *szChainName,
                                 const char *szCrlName, const unsigned char *pbXml,
                                 uint32_t dwXmlLen, uint32_t dwFlags);
+/* JSON Web Signatures in compact form (QPIXJWSSign, QPIXJWSCheck): RS256, PS256 or ES256 as the
+ * header's "alg" says (it must fit the key; "none" is refused). QL_JWS_ADD_X5C: the header gets
+ * "x5c" with the key's associated certificate (the header is then re-serialised compactly);
+ * QL_JWS_DETACHED: the payload part is left empty. QPIXJWSCheck takes the signer from "x5c" and
+ * checks a complete JWS: a detached one is checked with its payload put back (base64url) in the
+ * middle part; it accepts the same two flags so that one value serves both calls. */
+#define QL_JWS_ADD_X5C 0x1
+#define QL_JWS_DETACHED 0x2
 QLAPI_EXPORT int QPIXJWSSign(HSESSIONCTX hSession, const char *szKeyName, const char *szHeader,
                              const unsigned char *pbPayload, uint32_t dwPayloadLen, char **ppszJws,
                              uint32_t *pdwJwsLen, uint32_t dwFlags);

@@ -21,12 +21,4 @@ int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
   QL_NOT_SUPPORTED;
 }
 
-int QPIXJWSSign(HSESSIONCTX, const char *, const char *, const unsigned char *, uint32_t, char **,
-                uint32_t *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QPIXJWSCheck(HSESSIONCTX, const char *, const char *, const char *, uint32_t, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-
 }  // extern "C"

@@ -264,5 +264,30 @@ TEST_F(PkiServiceTest, SignatureUnderAValidatedSigner) {
   EXPECT_EQ(pki().VerifyWithCertificate(*none, in).code(), Code::kAccessDenied);
 }
 
+TEST_F(PkiServiceTest, JwsX5cFollowsTheKeysRecordedCertificate) {
+  ASSERT_TRUE(pki().ImportPkcs12(s(), Pfx("leaf.pfx", "jk", "jc", "secret")).ok());
+  const secure::Bytes payload = {'{', '}'};
+  const uint32_t x5c = 1;
+  EXPECT_EQ(pki().SignJws(s(), "jk", "{\"alg\":\"RS256\"}", payload, x5c).status().code(),
+            Code::kBadArgument);
+  ASSERT_TRUE(pki().AssociateKey(s(), "jk", "jc").ok());
+  Result<secure::Bytes> jws = pki().SignJws(s(), "jk", "{\"alg\":\"RS256\"}", payload, x5c);
+  ASSERT_TRUE(jws.ok());
+  const std::string text(jws->begin(), jws->end());
+  EXPECT_EQ(pki().CheckJws(s(), "ca", "crl", text, 0).code(), Code::kOk);
+  // The association names the certificate object: another certificate under that name is not
+  // the key's, and a removed one is missing.
+  ASSERT_TRUE(f_.engine->objects().RemoveObject(s(), "jc").ok());
+  EXPECT_EQ(pki().SignJws(s(), "jk", "{\"alg\":\"RS256\"}", payload, x5c).status().code(),
+            Code::kObjectNotFound);
+  ASSERT_TRUE(pki().WriteTyped(s(), "jc", File("other.pem"), false).ok());
+  EXPECT_EQ(pki().SignJws(s(), "jk", "{\"alg\":\"RS256\"}", payload, x5c).status().code(),
+            Code::kKeyCertMismatch);
+  EXPECT_TRUE(pki().SignJws(s(), "jk", "{\"alg\":\"RS256\"}", payload, 0).ok());
+  // A missing chain or CRL object.
+  EXPECT_EQ(pki().CheckJws(s(), "nochain", "", text, 0).code(), Code::kObjectNotFound);
+  EXPECT_EQ(pki().CheckJws(s(), "ca", "nocrl", text, 0).code(), Code::kObjectNotFound);
+}
+
 }  // namespace
 }  // namespace qlhsm::testing

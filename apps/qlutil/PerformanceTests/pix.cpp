@@ -14,6 +14,7 @@
 
 #include "PerformanceTests.h"
 #include "harness/harness.h"
+#include "jws_payload.h"
 #include "signing_identity.h"
 
 namespace {
@@ -84,9 +85,12 @@ int SignOnce(PERF_PIX_INFO *info, HSESSIONCTX session, unsigned char **out, uint
   const uint32_t in_len = info->stInput.dwDataLen;
   switch (info->Kind) {
     case kPixJwsSign:
-    case kPixJwsCheck:
       return QPIXJWSSign(session, PixKey(info), info->pszHeader, in, in_len,
                          reinterpret_cast<char **>(out), out_len, info->dwFlags);
+    case kPixJwsCheck:
+      // The check finds the signer in x5c.
+      return QPIXJWSSign(session, PixKey(info), info->pszHeader, in, in_len,
+                         reinterpret_cast<char **>(out), out_len, info->dwFlags | QL_JWS_ADD_X5C);
     default:
       return info->bDict ? QPIXDictSign(session, PixKey(info), PixCert(info), in, in_len, out,
                                         out_len, info->dwFlags)
@@ -220,6 +224,21 @@ int DumpRequestFiles(const PERF_PIX_INFO *info) {
   return ok ? 0 : QL_ERR_FILE_IO;
 }
 
+// A detached JWS signed in Init gets its payload back, so that each pass checks it whole.
+int AttachPayload(PERF_PIX_INFO *info) {
+  std::string jws(reinterpret_cast<const char *>(info->pbSigned), info->dwSignedLen);
+  if (!AttachJwsPayload(&jws, info->stInput.pvData, info->stInput.dwDataLen)) {
+    return QL_ERR_BAD_ARGUMENT;
+  }
+  auto *whole = static_cast<unsigned char *>(QAlloc(static_cast<unsigned int>(jws.size() + 1)));
+  if (whole == nullptr) return QL_ERR_NO_MEMORY;
+  std::memcpy(whole, jws.c_str(), jws.size() + 1);
+  QFree(info->pbSigned);
+  info->pbSigned = whole;
+  info->dwSignedLen = static_cast<uint32_t>(jws.size());
+  return 0;
+}
+
 }  // namespace
 
 int PerfPIXFin(void *pTestInfo) {
@@ -242,6 +261,9 @@ int PerfPIXInit(void *pTestInfo) {
     setup.Do(SignCallName(info), [&] {
       return SignOnce(info, info->hSrcSession, &info->pbSigned, &info->dwSignedLen);
     });
+  }
+  if (info->Kind == kPixJwsCheck && (info->dwFlags & QL_JWS_DETACHED)) {
+    setup.Do("AttachJwsPayload", [&] { return AttachPayload(info); });
   }
   if (info->Kind == kPixRequest && info->pszDumpDir != nullptr) {
     setup.Do("DumpRequestFiles", [&] { return DumpRequestFiles(info); });
@@ -291,7 +313,7 @@ unsigned int PerfSignCheckPIXJWSThread(void *pThreadInfo) {
   return RunPerfLoop(&info->ti, [info](unsigned long counter) {
     int rc = 0;
     if (info->Kind == kPixJwsCheck) {
-      rc = QPIXJWSCheck(info->hSession, info->pszChain, info->pszCrl,
+      rc = QPIXJWSCheck(info->hSession, PixChain(info), info->pszCrl,
                         reinterpret_cast<const char *>(info->pbSigned), info->dwSignedLen,
                         info->dwFlags);
     } else {
@@ -371,7 +393,8 @@ const char *OptionalText(TEST_PARAMETER *pTestParam, int nParameters, const char
 // The input from a file option (false when it is given and cannot be read), else the text.
 bool LoadPixInput(PERF_PIX_INFO *info, TEST_PARAMETER *pTestParam, int nParameters,
                   const char *file_option, const char *fallback) {
-  if (GetParameterFileContent(pTestParam, nParameters, file_option, &info->stInput) != nullptr) {
+  if (file_option != nullptr &&
+      GetParameterFileContent(pTestParam, nParameters, file_option, &info->stInput) != nullptr) {
     return info->stInput.pvData != nullptr;
   }
   const uint32_t len = static_cast<uint32_t>(std::strlen(fallback));
@@ -428,13 +451,16 @@ int RunPixJwsTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, const c
   info.pszHeader = OptionalText(pTestParam, nParameters, "--header");
   if (info.pszHeader == nullptr) info.pszHeader = kDefaultJwsHeader;
   const char *payload = OptionalText(pTestParam, nParameters, "--payload");
-  const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, "--payload-file",
+  const bool input_ok = LoadPixInput(&info, pTestParam, nParameters, nullptr,
                                      payload != nullptr ? payload : kDefaultJwsPayload);
   uint32_t flags = 0;
   const bool flags_ok = !IsParameterDefined(pTestParam, nParameters, "--flags") ||
                         GetParameterDword(pTestParam, nParameters, "--flags", &flags);
   info.dwFlags |= flags;
-  if (IsValidTestCountersConfig(&info.ti) && input_ok && flags_ok &&
+  // A key of the user's is checked against the user's chain.
+  const bool names_ok =
+      kind != kPixJwsCheck || info.pszKeyName == nullptr || info.pszChain != nullptr;
+  if (IsValidTestCountersConfig(&info.ti) && input_ok && flags_ok && names_ok &&
       CheckConnectionFlags(&info.ti, false)) {
     return ExecutePerfTestThreads(PerfSignCheckPIXJWSThread, PerfPIXInit, PerfPIXFin,
                                   PerfPIXThreadInit, PerfPIXThreadFin, &info, sizeof(info));
@@ -444,11 +470,13 @@ int RunPixJwsTest(TEST_PARAMETER *pTestParam, int nParameters, int kind, const c
   if (kind == kPixJwsCheck) {
     ScreenOutput(
         "     --chain [OPTIONAL] Name of the certificate chain that verifies the signer.\r\n");
+    ScreenOutput("             Required with -kn.\r\n");
     ScreenOutput("     --crl   [OPTIONAL] Name of the CRL checked.\r\n");
   }
   ScreenOutput("     --header  [OPTIONAL] JWS protected header (JSON).\r\n");
   ScreenOutput("     --payload [OPTIONAL] JWS payload (JSON).\r\n");
-  ScreenOutput("     --flags   [OPTIONAL] JWS flags, a number. 0 (default).\r\n");
+  ScreenOutput("     --flags   [OPTIONAL] JWS flags, a sum of: 1 - add x5c, 2 - detached\r\n");
+  ScreenOutput("               payload. 0 (default).\r\n");
   return PerfHelpCommandExamples(command, {"-t 5 -i 10"});
 }
 

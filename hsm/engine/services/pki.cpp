@@ -78,6 +78,23 @@ Result<secure::Bytes> PkiService::CertificateOf(const crypto::Key &key,
   return der;
 }
 
+Result<secure::Bytes> PkiService::AssociatedCertificate(const Session &s,
+                                                        const objects::ObjectRef &key_ref,
+                                                        const crypto::Key &key) {
+  Result<std::vector<objects::ObjectStore::Record>> records = core_.objects->GetRecords(key_ref);
+  if (!records.ok()) return records.status();
+  for (const objects::ObjectStore::Record &record : records.value()) {
+    if (record.id != kRecordKeyCertificate) continue;
+    objects::ObjectRef cert_ref;
+    QL_RETURN_IF_ERROR(core_.Ref(
+        s,
+        std::string_view(reinterpret_cast<const char *>(record.value.data()), record.value.size()),
+        &cert_ref));
+    return CertificateOf(key, cert_ref);
+  }
+  return Status::Error(Code::kBadArgument, "the key has no associated certificate");
+}
+
 Status PkiService::WriteTyped(Session &s, std::string_view name, const secure::Bytes &data,
                               bool replace) {
   crypto::Result<crypto::pki::PkiObject> obj = crypto::pki::ReadPkiObject(View(data));

@@ -117,6 +117,19 @@ class PkiService {
   // with its public key: the use right on the chain and CRL; kCertUntrusted for a signer the
   // chain does not hold; kBadSignature when the value does not verify.
   Status VerifyWithCertificate(sessions::Session &s, const CertSignatureCheck &in);
+  // A compact JWS (RFC 7515) over `payload` by a stored key, the header's bytes signed as given;
+  // with QL_JWS_ADD_X5C the header first gets "x5c" holding the key's associated certificate
+  // (kBadArgument when the key has none), with QL_JWS_DETACHED the payload part stays empty.
+  // The use right; kBadFlags for other bits; kBadAlgorithm for an alg other than RS256, PS256
+  // or ES256; kBadKeyUsage for an alg the key cannot make.
+  Result<secure::Bytes> SignJws(sessions::Session &s, std::string_view key_name,
+                                std::string_view header, const secure::Bytes &payload,
+                                uint32_t flags);
+  // Checks a compact JWS under the first certificate of its "x5c" (kBadArgument without one)
+  // after that certificate's path validation as ValidateCertificate does: the use right on the
+  // chain and CRL; kBadSignature when the value does not verify.
+  Status CheckJws(sessions::Session &s, std::string_view chain_name, std::string_view crl_name,
+                  std::string_view jws, uint32_t flags);
   // An object's numbered records (QL_META_* ids): a use right.
   Result<std::vector<objects::ObjectStore::Record>> ReadRecords(sessions::Session &s,
                                                                 std::string_view name);
@@ -134,6 +147,11 @@ class PkiService {
   // certificate unless `blocked_ok`.
   Result<secure::Bytes> CertificateOf(const crypto::Key &key, const objects::ObjectRef &cert_ref,
                                       bool blocked_ok = false);
+  // The certificate recorded for the key by AssociateKey (kBadArgument when none is), checked as
+  // CertificateOf does.
+  Result<secure::Bytes> AssociatedCertificate(const sessions::Session &s,
+                                              const objects::ObjectRef &key_ref,
+                                              const crypto::Key &key);
 
   Core &core_;
   Guard &guard_;

@@ -1,17 +1,21 @@
-// A signature value checked under a signer certificate that passes path validation in the HSM:
-// the library canonicalises XML documents and hands over only the digest, the value and the
-// signer, so the daemon never parses untrusted XML.
+// Signatures checked under a signer certificate that passes path validation in the HSM. For XML
+// the library canonicalises the documents and hands over only the digest, the value and the
+// signer, so the daemon never parses untrusted XML. JSON Web Signatures are small and their
+// header is one JSON object, so the HSM builds and checks them whole: the signing input is then
+// made where the key is, and a checked JWS is exactly the text the caller holds.
 #include <openssl/bn.h>
 #include <openssl/ecdsa.h>
 #include <openssl/x509.h>
 
 #include <memory>
 
+#include "crypto/jws.h"
 #include "crypto/key.h"
 #include "crypto/pki.h"
 #include "crypto/sign.h"
 #include "engine/crypto_result.h"
 #include "engine/services/pki.h"
+#include "wire_values.h"
 
 namespace qlhsm {
 
@@ -141,6 +145,78 @@ Status PkiService::VerifyWithCertificate(Session &s, const CertSignatureCheck &i
         crypto::Status st = crypto::Verify(
             **key, in.hash_algorithm, crypto::ByteView(in.digest.data(), in.digest.size()),
             crypto::ByteView(value.data(), value.size()), crypto::kSignNoLegacy);
+        if (!st.ok()) return FromCrypto(st);
+        return Status::Ok();
+      });
+}
+
+namespace {
+
+constexpr uint32_t kJwsFlags = qlproto::kJwsAddX5c | qlproto::kJwsDetached;
+
+}  // namespace
+
+Result<secure::Bytes> PkiService::SignJws(Session &s, std::string_view key_name,
+                                          std::string_view header, const secure::Bytes &payload,
+                                          uint32_t flags) {
+  objects::ObjectRef key_ref;
+  Op op{"jws-sign", key_name, Request::kUseObject, AuditMode::kRefusal};
+  return guard_.Run(
+      s, op,
+      [&] {
+        if (flags & ~kJwsFlags) return Status::Error(Code::kBadFlags, "unknown JWS flags");
+        if (header.empty()) return Status::Error(Code::kBadArgument, "no header");
+        return core_.Ref(s, key_name, &key_ref);
+      },
+      [&](const users::UserInfo &) -> Result<secure::Bytes> {
+        Result<KeyCache::Entry> key = core_.keys.Load(*core_.objects, key_ref);
+        if (!key.ok()) return key.status();
+        if (key->info.blocked) return Status::Error(Code::kObjectBlocked, "object blocked");
+        // x5c makes the header JSON again (compact, members in name order), so the bytes signed
+        // are that text and no longer the caller's.
+        std::string signed_header(header);
+        if (flags & qlproto::kJwsAddX5c) {
+          Result<secure::Bytes> cert = AssociatedCertificate(s, key_ref, *key->key);
+          if (!cert.ok()) return cert.status();
+          crypto::Result<std::string> with_x5c =
+              crypto::jws::AddX5c(header, {crypto::Bytes(cert->begin(), cert->end())});
+          if (!with_x5c.ok()) return FromCrypto(with_x5c.status());
+          signed_header = std::move(with_x5c.value());
+        }
+        crypto::Result<std::string> jws = crypto::jws::Sign(
+            *key->key, signed_header, crypto::ByteView(payload.data(), payload.size()),
+            (flags & qlproto::kJwsDetached) != 0);
+        if (!jws.ok()) return FromCrypto(jws.status());
+        return secure::Bytes(jws->begin(), jws->end());
+      });
+}
+
+Status PkiService::CheckJws(Session &s, std::string_view chain_name, std::string_view crl_name,
+                            std::string_view jws, uint32_t flags) {
+  objects::ObjectRef chain;
+  std::optional<objects::ObjectRef> crl;
+  Op op{"jws-check", chain_name, Request::kUseObject, AuditMode::kRefusal};
+  return guard_.Run(
+      s, op,
+      [&] {
+        if (flags & ~kJwsFlags) return Status::Error(Code::kBadFlags, "unknown JWS flags");
+        if (jws.empty()) return Status::Error(Code::kBadArgument, "no JWS");
+        QL_RETURN_IF_ERROR(core_.Ref(s, chain_name, &chain));
+        if (!crl_name.empty()) {
+          crl.emplace();
+          QL_RETURN_IF_ERROR(core_.Ref(s, crl_name, &*crl));
+        }
+        return Status::Ok();
+      },
+      [&](const users::UserInfo &) -> Status {
+        crypto::Result<crypto::jws::Parsed> parsed = crypto::jws::Parse(jws);
+        if (!parsed.ok()) return FromCrypto(parsed.status());
+        if (parsed->x5c.empty()) return Status::Error(Code::kBadArgument, "the header has no x5c");
+        const secure::Bytes signer(parsed->x5c.front().begin(), parsed->x5c.front().end());
+        QL_RETURN_IF_ERROR(CheckCertificate(signer, chain, crl));
+        Result<crypto::KeyPtr> key = SignerKey(signer);
+        if (!key.ok()) return key.status();
+        crypto::Status st = crypto::jws::Verify(**key, jws);
         if (!st.ok()) return FromCrypto(st);
         return Status::Ok();
       });

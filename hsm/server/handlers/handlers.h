@@ -124,6 +124,9 @@ void GeneratePkcs10(const pb::Request &, Call &, pb::Response *);
 void Pkcs7Sign(const pb::Request &, Call &, pb::Response *);
 // --- XML signatures: the signer's check (xmlsig.cpp) ---
 void VerifyCertSignature(const pb::Request &, Call &, pb::Response *);
+// --- JSON Web Signatures (jws.cpp) ---
+void JwsSign(const pb::Request &, Call &, pb::Response *);
+void JwsCheck(const pb::Request &, Call &, pb::Response *);
 
 // --- PIX requests over mutual TLS (pix.cpp) ---
 void PixRequest(const pb::Request &, Call &, pb::Response *);

@@ -142,6 +142,9 @@ constexpr Row kRows[] = {
     {R::kBchainSignHash, BchainSignHash},
     {R::kBchainExportPk, BchainExportPk},
     {R::kBchainImportPk, BchainImportPk},
+    // JSON Web Signatures
+    {R::kJwsSign, JwsSign},
+    {R::kJwsCheck, JwsCheck},
     // PIX requests over mutual TLS
     {R::kPixRequest, PixRequest},
     // metadata records, PKCS#11 maps and information

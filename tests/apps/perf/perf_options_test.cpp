@@ -92,6 +92,9 @@ TEST(PerfOptions, UsagePageOnlyForMissingOrBadOptions) {
       {"pix-request", PerfRequestPIX, "-t 1 -i 1", false},                 // no --url
       {"pix-request", PerfRequestPIX, "-t 1 -i 1 --url https://x -r patch", false},
       {"pix-sign", PerfSignPIX, "-t 1 -i 1 -x /nonexistent/file.xml", false},
+      {"pix-jws-check", PerfCheckPIXJWS, "-t 1 -i 1 -kn k", false},  // a named key needs --chain
+      {"pix-jws-check", PerfCheckPIXJWS, "-t 1 -i 1 -kn k --chain c --flags 3", true},
+      {"pix-jws-sign", PerfSignPIXJWS, "-t 1 -i 1 --flags x", false},
       {"export-tr31", PerfExportTR31, "-t 1 -i 1 --kbpk-alg noalg", false},
       {"oath-sa-auth", PerfOathSAAuth, "-t 1 -i 1 -oathtype never", false},
       {"oath-sa-auth", PerfOathSAAuth, "-t 1 -i 1 -oathtype time -timestep 30", true},
