@@ -248,6 +248,25 @@ Result<secure::Bytes> SystemService::Backup(Session &s, std::string_view pin) {
 
 namespace {
 
+using Settings = std::vector<std::pair<std::string, std::string>>;
+
+// Writes every setting (inserted or replaced) in one transaction.
+Status WriteSettings(store::Store &store, const Settings &settings) {
+  return store.Locked([&](store::Connection &conn) -> Status {
+    store::Transaction tx(conn);
+    QL_RETURN_IF_ERROR(tx.begin_status());
+    for (const auto &[key, value] : settings) {
+      Result<store::Statement> st = conn.Prepare(
+          "INSERT INTO settings(key, value) VALUES(?1, ?2) "
+          "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
+      if (!st.ok()) return st.status();
+      st->Bind(1, key).Bind(2, value);
+      QL_RETURN_IF_ERROR(st->Run());
+    }
+    return tx.Commit();
+  });
+}
+
 // The numbers an update package may set, as the settings table names them (read at start).
 constexpr std::array<const char *, 7> kPackageLimits = {"max_sessions",
                                                         "max_objects",
@@ -267,7 +286,7 @@ constexpr uint64_t kMaxPackageLimit = 10'000'000;
 // member, type or value refuses the whole package.
 struct Manifest {
   uint64_t version = 0;
-  std::vector<std::pair<std::string, std::string>> settings;
+  Settings settings;
   bool ip_allow = false;          // the allow-list is replaced (ip_filter reloads it)
   std::optional<bool> log_cache;  // on or off at once
 };
@@ -350,19 +369,7 @@ Status SystemService::PushUpdatePackage(Session &s, const secure::Bytes &package
         if (m->version <= last)
           return Status::Error(Code::kUpdateRefused, "the package's version is not newer");
         m->settings.emplace_back(kPackageVersionSetting, std::to_string(m->version));
-        QL_RETURN_IF_ERROR(core_.store->Locked([&](store::Connection &conn) -> Status {
-          store::Transaction tx(conn);
-          QL_RETURN_IF_ERROR(tx.begin_status());
-          for (const auto &[key, value] : m->settings) {
-            Result<store::Statement> st = conn.Prepare(
-                "INSERT INTO settings(key, value) VALUES(?1, ?2) "
-                "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
-            if (!st.ok()) return st.status();
-            st->Bind(1, key).Bind(2, value);
-            QL_RETURN_IF_ERROR(st->Run());
-          }
-          return tx.Commit();
-        }));
+        QL_RETURN_IF_ERROR(WriteSettings(*core_.store, m->settings));
         // The allow-list and the log cache change now; the limits and the page size at the
         // next start, as the daemon reads them there.
         if (m->ip_allow) QL_RETURN_IF_ERROR(core_.ip_filter->Load());
@@ -473,21 +480,9 @@ Status SystemService::SetTlsBundle(Session &s, const secure::Bytes &input,
     Result<secure::Bytes> sealed = secure::Seal(core_.master_key, bundle.key_pem, kTlsKeyAad);
     crypto::WipeMemory(bundle.key_pem.data(), bundle.key_pem.size());
     if (!sealed.ok()) return sealed.status();
-    QL_RETURN_IF_ERROR(core_.store->Locked([&](store::Connection &conn) -> Status {
-      store::Transaction tx(conn);
-      QL_RETURN_IF_ERROR(tx.begin_status());
-      for (const auto &[key, value] :
-           {std::pair<const char *, std::string>{kTlsChainSetting, bundle.chain_pem},
-            {kTlsKeySetting, secure::Hex(sealed.value())}}) {
-        Result<store::Statement> st = conn.Prepare(
-            "INSERT INTO settings(key, value) VALUES(?1, ?2) "
-            "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
-        if (!st.ok()) return st.status();
-        st->Bind(1, key).Bind(2, value);
-        QL_RETURN_IF_ERROR(st->Run());
-      }
-      return tx.Commit();
-    }));
+    QL_RETURN_IF_ERROR(WriteSettings(
+        *core_.store,
+        {{kTlsChainSetting, bundle.chain_pem}, {kTlsKeySetting, secure::Hex(sealed.value())}}));
     put_in_service.value()();
     return Status::Ok();
   });
