@@ -309,8 +309,10 @@ Result<Manifest> ParseManifest(const secure::Bytes &content) {
       m.version = *v;
     } else if (key == "limits" && value.is_object()) {
       for (const auto &[name, n] : value.items()) {
-        if (std::find_if(kPackageLimits.begin(), kPackageLimits.end(),
-                         [&](const char *known) { return name == known; }) == kPackageLimits.end())
+        const std::string &limit = name;
+        if (std::find_if(kPackageLimits.begin(), kPackageLimits.end(), [&limit](const char *known) {
+              return limit == known;
+            }) == kPackageLimits.end())
           return refused;
         std::optional<uint64_t> v = count(n, 1, kMaxPackageLimit);
         if (!v) return refused;
