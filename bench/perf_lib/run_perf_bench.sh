@@ -5,8 +5,8 @@
 #   -p sign-hash RSA-2048      openssl speed rsa2048          (2 threads: -multi 2)
 #   -p sign-hash P-256         openssl speed ecdsap256        (2 threads: -multi 2)
 #   -p encrypt AES-256 8 KiB   openssl speed -evp aes-256-cbc -bytes 8192
-#   -p nop (new connections)   openssl s_time -new against the same qlhsmd (TLS 1.3 handshakes;
-#                              2 threads: two s_time at once)
+#   -p nop (new connections)   openssl s_time -new against the same qlhsmd (TLS 1.3 handshakes
+#                              per second of real time; 2 threads: two s_time at once)
 #
 # Each side runs PERF_BENCH_ROUNDS times, alternating, and keeps its best figure; the ratio is
 # qlutil's over the anchor's. The aim for sign-hash RSA-2048 on 2 threads is 85% or more.
@@ -25,43 +25,7 @@ iter_aes=${PERF_BENCH_ITER_AES:-4000}
 iter_nop=${PERF_BENCH_ITER_NOP:-300}
 source "$root/bench/perf_lib/local_hsm.sh"
 
-# qlutil's figure: -print time prints the bare rate (operations or bytes per second).
-ql() {
-  local out
-  out=$("$qlutil" -a 127.0.0.1 --port "$port" -u master -w "$password" "$@" -print time) || {
-    echo "qlutil $* failed: $(echo "$out" | head -n 2)" >&2
-    echo 0
-    return
-  }
-  echo "$out" | tr -d '\r\n'
-}
-
-# openssl speed's figure: sign/s of an RSA or ECDSA line, or bytes/s of a cipher line ("k" is
-# thousands of bytes).
-speed_sign() {  # algorithm threads
-  local multi=()
-  [[ $2 -gt 1 ]] && multi=(-multi "$2")
-  openssl speed -seconds "$secs" "${multi[@]}" "$1" 2>/dev/null | tail -n 1 | awk '{ print $(NF-1) }'
-}
-speed_aes() {  # threads
-  local multi=()
-  [[ $1 -gt 1 ]] && multi=(-multi "$1")
-  openssl speed -seconds "$secs" "${multi[@]}" -evp aes-256-cbc -bytes 8192 2>/dev/null |
-    tail -n 1 | awk '{ v = $NF; sub(/k$/, "", v); printf "%.0f\n", v * 1000 }'
-}
-# New TLS connections per second against the qlhsmd port, one s_time per thread, summed.
-s_time_new() {  # threads
-  local i
-  for i in $(seq 1 "$1"); do
-    openssl s_time -connect "127.0.0.1:$port" -new -time "$secs" 2>/dev/null |
-      sed -n 's/.* \([0-9.]*\) connections\/user sec.*/\1/p' >"$work/s_time.$i" &
-  done
-  wait
-  cat "$work"/s_time.* | awk '{ s += $1 } END { printf "%.0f\n", s }'
-  rm -f "$work"/s_time.*
-}
-
-best() { awk -v a="$1" -v b="$2" 'BEGIN { print (a + 0 > b + 0) ? a : b }'; }
+source "$root/bench/perf_lib/anchors.sh"
 
 row() {  # label unit threads anchor-command... -- qlutil-args...
   local label=$1 unit=$2 threads=$3
