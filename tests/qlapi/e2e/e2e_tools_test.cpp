@@ -2,6 +2,7 @@
 // "net-tool" and "cross-check" jobs of the real qlutil.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,6 +69,32 @@ TEST(HsmTools, SelfCheckListsEveryCheckOk) {
                             "key cache against the store: ok", "all checks ok"})
     EXPECT_TRUE(Has(r.text, check)) << check << "\n" << r.text;
   EXPECT_FALSE(Has(r.text, "fault")) << r.text;
+}
+
+TEST(HsmTools, SelfCheckFindsAKeyChangedBehindTheCache) {
+  qltest::OpenedSession s;
+  HKEYCTX key = nullptr;
+  ASSERT_EQ(QGenerateKey(s.get(), "tool-cached", QL_ALG_AES128, 0, &key), QL_OK);
+  QDestroyKey(&key, 0);
+  ASSERT_EQ(QGetUserKey(s.get(), "tool-cached", 0, &key), QL_OK);  // now in the key cache
+  QDestroyKey(&key, 0);
+  // Another writer changes the stored record; the daemon's cache still holds the old one.
+  const std::string db = qltest::HsmEnvironment::hsm().data_dir() + "/store.db";
+  const std::string sql =
+      "UPDATE objects SET created = created + 1 WHERE owner = 'master' AND name = 'tool-cached'";
+  ASSERT_EQ(std::system(("/usr/bin/python3 -c \"import sqlite3; c = sqlite3.connect('" + db +
+                         "'); c.execute(\\\"" + sql + "\\\"); c.commit()\"")
+                            .c_str()),
+            0);
+  Report r = Tool(s.get(), QL_HSM_TOOL_CROSS_CHECK, nullptr);
+  EXPECT_EQ(r.rc, QL_ERR_SELF_CHECK_FAILED) << r.text;
+  EXPECT_TRUE(Has(r.text, "\n  master/tool-cached differs from its stored record\n")) << r.text;
+  EXPECT_TRUE(Has(r.text, "store integrity: ok\n")) << r.text;
+  EXPECT_TRUE(Has(r.text, "\na check failed\n")) << r.text;
+  // Removing the key drops it from the cache, and the check passes again.
+  ASSERT_EQ(QRemoveObj(s.get(), "tool-cached"), QL_OK);
+  r = Tool(s.get(), QL_HSM_TOOL_CROSS_CHECK, nullptr);
+  EXPECT_EQ(r.rc, QL_OK) << r.text;
 }
 
 TEST(HsmTools, Refusals) {
