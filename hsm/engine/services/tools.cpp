@@ -3,6 +3,7 @@
 // the store.
 #include "engine/services/tools.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <vector>
