@@ -4,7 +4,6 @@
 #include "engine/services/tools.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <vector>
 
@@ -222,14 +221,13 @@ bool ToolsService::SelfCheck(std::string *report) {
     faults.push_back(info.ref.Full() + (stored.ok() ? " differs from its stored record"
                                                     : " is no longer in the store"));
   }
-  char count[64];
-  std::snprintf(count, sizeof count, " (%zu keys in memory)", cached.size());
   if (faults.empty()) {
-    *report += std::string("key cache against the store: ok") + count + "\n";
+    *report +=
+        "key cache against the store: ok (" + std::to_string(cached.size()) + " keys in memory)\n";
   } else {
     all_ok = false;
-    *report += "key cache against the store: fault: " + std::to_string(faults.size()) + " of" +
-               count + "\n";
+    *report += "key cache against the store: fault: " + std::to_string(faults.size()) + " of " +
+               std::to_string(cached.size()) + " keys in memory do not match the store\n";
     for (const std::string &f : faults) {
       if (report->size() > kMaxReport - 256) break;
       *report += "  " + f + "\n";
