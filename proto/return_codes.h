@@ -86,6 +86,10 @@
     "The HSM does not accept connections from this address.")                                      \
   X(kNotInCluster,     QL_ERR_NOT_IN_CLUSTER,       5050, "The HSM is not part of a cluster.")     \
   X(kLogCorrupt,       QL_ERR_LOG_CORRUPT,          5051, "The log is damaged.")                   \
+  X(kSelfCheckFailed,  QL_ERR_SELF_CHECK_FAILED,    5052,                                          \
+    "The HSM's self-check found a fault; its report names the failing check.")                     \
+  X(kTargetUnresolved, QL_ERR_TARGET_UNRESOLVED,    5053,                                          \
+    "The tool's target is not an address and its name does not resolve.")                         \
   X(kBadCert,          QL_ERR_BAD_CERT,             5080,                                          \
     "Not a certificate, certificate chain or CRL.")                                                \
   X(kCertUntrusted,    QL_ERR_CERT_UNTRUSTED,       5081,                                          \

@@ -72,6 +72,10 @@
   X(kIpFilterList,          QL_IPF_LIST,               1)    \
   X(kIpFilterAdd,           QL_IPF_ADD,                2)    \
   X(kIpFilterRemove,        QL_IPF_REMOVE,             3)    \
+  X(kToolPing,              QL_HSM_TOOL_PING,          1)    \
+  X(kToolTraceroute,        QL_HSM_TOOL_TRACEROUTE,    2)    \
+  X(kToolCrossCheck,        QL_HSM_TOOL_CROSS_CHECK,   3)    \
+  X(kToolTcpProbe,          QL_HSM_TOOL_TCP_PROBE,     1)    \
   X(kObjPkcs7,              QL_OBJ_PKCS7,              14)   \
   X(kObjCrl,                QL_OBJ_CRL,                15)   \
   X(kObjSkeep,              QL_OBJ_SKEEP,              60)   \

@@ -47,6 +47,9 @@ class KeyCache {
   bool FindUsable(const std::string &full_name, crypto::KeyPtr *key, uint32_t *flags);
   void Forget(const std::string &full_name);
   void ForgetAll();
+  // The records of the keys in memory now, as they were read (the self-check compares them with
+  // the store).
+  std::vector<objects::ObjectInfo> Snapshot();
 
  private:
   Result<Entry> LoadEntry(objects::ObjectStore &store, const objects::ObjectRef &ref,

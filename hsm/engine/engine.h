@@ -30,6 +30,7 @@
 #include "engine/services/skeep.h"
 #include "engine/services/spb.h"
 #include "engine/services/system.h"
+#include "engine/services/tools.h"
 #include "engine/services/users.h"
 #include "engine/services/vault.h"
 
@@ -86,6 +87,7 @@ class Engine {
   BchainService &bchain() { return bchain_; }
   SpbService &spb() { return spb_; }
   P11Service &p11() { return p11_; }
+  ToolsService &tools() { return tools_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -115,6 +117,7 @@ class Engine {
   BchainService bchain_{core_, guard_, objects_};
   SpbService spb_{core_, guard_};
   P11Service p11_{core_, guard_};
+  ToolsService tools_{core_, guard_};
 };
 
 }  // namespace qlhsm

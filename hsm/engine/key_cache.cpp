@@ -85,4 +85,12 @@ void KeyCache::ForgetAll() {
   entries_.clear();
 }
 
+std::vector<objects::ObjectInfo> KeyCache::Snapshot() {
+  std::shared_lock lock(mu_);
+  std::vector<objects::ObjectInfo> infos;
+  infos.reserve(entries_.size());
+  for (const auto &entry : entries_) infos.push_back(entry.second.info);
+  return infos;
+}
+
 }  // namespace qlhsm

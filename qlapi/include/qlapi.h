@@ -156,6 +156,9 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 /* The audit log and administration. */
 #define QL_ERR_NOT_IN_CLUSTER 5050 /* the HSM is not part of a cluster */
 #define QL_ERR_LOG_CORRUPT 5051    /* a log page that is cut short or damaged */
+/* Tools run by the HSM. */
+#define QL_ERR_SELF_CHECK_FAILED 5052 /* a check of the self-check failed (see its report) */
+#define QL_ERR_TARGET_UNRESOLVED 5053 /* a tool's target name that does not resolve */
 /* Certificates and signing identities. */
 #define QL_ERR_BAD_CERT 5080          /* not a certificate, chain or CRL in DER or PEM */
 #define QL_ERR_CERT_UNTRUSTED 5081    /* no path to an anchor of the chain, or a stale CRL */
@@ -856,8 +859,16 @@ QLAPI_EXPORT int QGetHSMP11TypeInfoList(HSESSIONCTX hSession, PQL_LIST_CALLBACK 
 QLAPI_EXPORT int QGetHSMTLSCert(HSESSIONCTX hSession, uint32_t dwFormat, unsigned char **ppbCert,
                                 uint32_t *pdwCertLen);
 
-/* Network tools run by the HSM: dwTool 1 ping, 2 traceroute (szTarget), 3 cross-check of the
- * cluster; the report is text in a buffer from QAlloc. */
+/* Network tools run by the HSM: dwTool 1 ping, 2 traceroute (szTarget), 3 cross-check; the
+ * report is text in a buffer from QAlloc. On a single HSM the cross-check is a self-check
+ * (the store, a known-answer test of each algorithm family, the key cache against the store);
+ * it answers QL_ERR_SELF_CHECK_FAILED with its report when a check fails. The report is NUL
+ * terminated; *pdwReportLen is its length without the NUL. Ping and traceroute targets are
+ * "host" or "host:port". Right ACL_SYS_OPERATOR. */
+#define QL_HSM_TOOL_PING 1
+#define QL_HSM_TOOL_TRACEROUTE 2
+#define QL_HSM_TOOL_CROSS_CHECK 3
+#define QL_HSM_TOOL_TCP_PROBE 1 /* ping: a TCP connect probe even where ICMP echo is allowed */
 QLAPI_EXPORT int QHSMTool(HSESSIONCTX hSession, uint32_t dwTool, const char *szTarget,
                           char **ppszReport, uint32_t *pdwReportLen, uint32_t dwFlags);
 

@@ -203,4 +203,7 @@ void GetMap(const pb::Request &, Call &, pb::Response *);
 void GetP11Info(const pb::Request &, Call &, pb::Response *);
 void ListP11Mechanisms(const pb::Request &, Call &, pb::Response *);
 
+// --- tools run by the HSM (tools.cpp) ---
+void HsmTool(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

@@ -154,6 +154,8 @@ constexpr Row kRows[] = {
     {R::kGetMap, GetMap},
     {R::kGetP11Info, GetP11Info},
     {R::kListP11Mechanisms, ListP11Mechanisms},
+    // tools run by the HSM
+    {R::kHsmTool, HsmTool},
 };
 
 // Request kinds are the body's field numbers, all below this.
