@@ -86,6 +86,10 @@
     "The HSM does not accept connections from this address.")                                      \
   X(kNotInCluster,     QL_ERR_NOT_IN_CLUSTER,       5050, "The HSM is not part of a cluster.")     \
   X(kLogCorrupt,       QL_ERR_LOG_CORRUPT,          5051, "The log is damaged.")                   \
+  X(kDirectoryFailed,  QL_ERR_DIRECTORY_FAILED,    5056,                                          \
+    "The directory service could not be reached or refused the entry.")                            \
+  X(kDirectoryBindRefused, QL_ERR_DIRECTORY_BIND_REFUSED, 5057,                                    \
+    "The directory service refused the bind DN or its password.")                                  \
   X(kBadCert,          QL_ERR_BAD_CERT,             5080,                                          \
     "Not a certificate, certificate chain or CRL.")                                                \
   X(kCertUntrusted,    QL_ERR_CERT_UNTRUSTED,       5081,                                          \

@@ -156,6 +156,9 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 /* The audit log and administration. */
 #define QL_ERR_NOT_IN_CLUSTER 5050 /* the HSM is not part of a cluster */
 #define QL_ERR_LOG_CORRUPT 5051    /* a log page that is cut short or damaged */
+/* Directory binding. */
+#define QL_ERR_DIRECTORY_FAILED 5056       /* the directory is unreachable or refused the entry */
+#define QL_ERR_DIRECTORY_BIND_REFUSED 5057 /* the directory refused the bind DN or password */
 /* Certificates and signing identities. */
 #define QL_ERR_BAD_CERT 5080          /* not a certificate, chain or CRL in DER or PEM */
 #define QL_ERR_CERT_UNTRUSTED 5081    /* no path to an anchor of the chain, or a stale CRL */

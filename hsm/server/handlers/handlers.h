@@ -203,4 +203,8 @@ void GetMap(const pb::Request &, Call &, pb::Response *);
 void GetP11Info(const pb::Request &, Call &, pb::Response *);
 void ListP11Mechanisms(const pb::Request &, Call &, pb::Response *);
 
+// --- directory binding (directory.cpp) ---
+void DirectoryBind(const pb::Request &, Call &, pb::Response *);
+void DirectoryUnbind(const pb::Request &, Call &, pb::Response *);
+
 }  // namespace qlhsm::server::handlers

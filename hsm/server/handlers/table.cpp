@@ -154,6 +154,9 @@ constexpr Row kRows[] = {
     {R::kGetMap, GetMap},
     {R::kGetP11Info, GetP11Info},
     {R::kListP11Mechanisms, ListP11Mechanisms},
+    // directory binding
+    {R::kDirectoryBind, DirectoryBind},
+    {R::kDirectoryUnbind, DirectoryUnbind},
 };
 
 // Request kinds are the body's field numbers, all below this.
