@@ -58,8 +58,7 @@ class Slapd {
         << "database mdb\nmaxsize 10485760\n"
         << "suffix \"dc=test\"\nrootdn \"" << kAdmin << "\"\n"
         << "rootpw " << kSecret << "\ndirectory " << dir_ << "/db\n";
-    port_ = FreePort();
-    uri_ = "ldap://127.0.0.1:" + std::to_string(port_);
+    uri_ = "ldap://127.0.0.1:" + std::to_string(FreePort());
     pid_ = fork();
     if (pid_ == 0) {
       const std::string conf = dir_ + "/slapd.conf", listen = uri_ + "/", log = dir_ + "/slapd.log";
@@ -84,7 +83,6 @@ class Slapd {
   }
 
   const std::string &uri() const { return uri_; }
-  int port() const { return port_; }
 
   // ldapadd of one entry as the root DN; the exit code.
   int Add(const std::string &dn, const std::string &attributes) const {
@@ -114,7 +112,6 @@ class Slapd {
   }
   std::string dir_;
   std::string uri_;
-  int port_ = 0;
   pid_t pid_ = -1;
 };
 
