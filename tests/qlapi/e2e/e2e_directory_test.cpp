@@ -29,18 +29,23 @@ constexpr const char *kAdmin = "cn=admin,dc=test";
 constexpr const char *kSecret = "secret";
 constexpr const char *kWrongPassword = "Wr0ng-Pa55";
 
-int FreePort() {
+// A free loopback port; with `listening`, a socket that listens on it and never answers.
+int FreePort(int *listening = nullptr) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t len = sizeof a;
   if (bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
+      getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0 ||
+      (listening != nullptr && listen(fd, 4) != 0)) {
     close(fd);
     return 0;
   }
-  close(fd);
+  if (listening != nullptr)
+    *listening = fd;
+  else
+    close(fd);
   return ntohs(a.sin_port);
 }
 
@@ -173,6 +178,9 @@ TEST_F(Directory, Refusals) {
   const std::string base = slapd_->Base("refused");
   const std::string url = slapd_->uri() + "/" + base;
   const std::string nobody = "ldap://127.0.0.1:" + std::to_string(FreePort()) + "/" + base;
+  int silent_fd = -1;
+  const std::string silent =
+      "ldap://127.0.0.1:" + std::to_string(FreePort(&silent_fd)) + "/" + base;
   struct Case {
     const char *what;
     std::string url;
@@ -184,6 +192,7 @@ TEST_F(Directory, Refusals) {
       {"wrong password", url, kAdmin, kWrongPassword, 0, QL_ERR_DIRECTORY_BIND_REFUSED},
       {"unknown bind DN", url, "cn=nobody,dc=test", kSecret, 0, QL_ERR_DIRECTORY_BIND_REFUSED},
       {"nothing listening", nobody, kAdmin, kSecret, 0, QL_ERR_DIRECTORY_FAILED},
+      {"a directory that never answers", silent, kAdmin, kSecret, 0, QL_ERR_DIRECTORY_FAILED},
       {"base outside the directory", slapd_->uri() + "/dc=elsewhere", kAdmin, kSecret, 0,
        QL_ERR_DIRECTORY_FAILED},
       {"http scheme", "http://127.0.0.1/" + base, kAdmin, kSecret, 0, QL_ERR_BAD_ARGUMENT},
@@ -194,6 +203,7 @@ TEST_F(Directory, Refusals) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(QDSBindHSM(master.get(), c.url.c_str(), c.dn, c.password, c.flags), c.rc);
   }
+  close(silent_fd);
   EXPECT_EQ(Count(slapd_->Entries(base), "dn: "), 0u);
   std::ifstream log(qltest::HsmEnvironment::hsm().log_path());
   const std::string said((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
