@@ -322,7 +322,8 @@ int main(int argc, char **argv) {
   // The directory entry says where this HSM listens now; a kept binding renews it, best effort
   // and beside the serving, so a slow or absent directory never delays the start.
   qlhsm::Advertisement ad;
-  ad.address = ep.address().to_string();
+  // Listening on every address says nothing to a reader of the directory: the host name does.
+  ad.address = ep.address().is_unspecified() ? HostName() : ep.address().to_string();
   ad.port = ep.port();
   if (auto fp = qlhsm::server::TlsFingerprint(data_dir); fp.ok()) ad.fingerprint = *fp;
   (*server)->engine().directory().SetAdvertisement(std::move(ad));
