@@ -23,6 +23,7 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "crypto/pki.h"
 #include "engine/backup/backup.h"
@@ -318,7 +319,21 @@ int main(int argc, char **argv) {
   // Tests read this line to learn the port.
   std::cout << "listening on " << host << ":" << ep.port() << std::endl;
   std::cerr << "qlhsmd: serving " << data_dir << " on " << host << ":" << ep.port() << "\n";
+  // The directory entry says where this HSM listens now; a kept binding renews it, best effort
+  // and beside the serving, so a slow or absent directory never delays the start.
+  qlhsm::Advertisement ad;
+  // Listening on every address says nothing to a reader of the directory: the host name does.
+  ad.address = ep.address().is_unspecified() ? HostName() : ep.address().to_string();
+  ad.port = ep.port();
+  if (auto fp = qlhsm::server::TlsFingerprint(data_dir); fp.ok()) ad.fingerprint = *fp;
+  (*server)->engine().directory().SetAdvertisement(std::move(ad));
+  std::thread renew([&engine = (*server)->engine()] {
+    Status st = engine.directory().Renew();
+    if (!st.ok())
+      std::cerr << "qlhsmd: the directory entry was not renewed: " << st.ToString() << "\n";
+  });
   (*server)->Run();
+  renew.join();
   server->reset();
   std::cerr << "qlhsmd: stopped\n";
   return 0;

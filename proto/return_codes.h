@@ -90,6 +90,10 @@
     "The HSM's self-check found a fault; its report names the failing check.")                     \
   X(kTargetUnresolved, QL_ERR_TARGET_UNRESOLVED,    5053,                                          \
     "The tool's target is not an address and its name does not resolve.")                         \
+  X(kDirectoryFailed,  QL_ERR_DIRECTORY_FAILED,    5056,                                          \
+    "The directory service could not be reached or refused the entry.")                            \
+  X(kDirectoryBindRefused, QL_ERR_DIRECTORY_BIND_REFUSED, 5057,                                    \
+    "The directory service refused the bind DN or its password.")                                  \
   X(kBadCert,          QL_ERR_BAD_CERT,             5080,                                          \
     "Not a certificate, certificate chain or CRL.")                                                \
   X(kCertUntrusted,    QL_ERR_CERT_UNTRUSTED,       5081,                                          \

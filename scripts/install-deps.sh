@@ -9,6 +9,7 @@ PACKAGES=(
   libprotobuf-dev protobuf-compiler libasio-dev libcli11-dev
   libp11-kit-dev softhsm2 libsecp256k1-dev nlohmann-json3-dev python3-jsonschema
   libxml2-dev libxml2-utils xmlsec1
+  libldap2-dev slapd ldap-utils
   python3-matplotlib
   libgtest-dev libgmock-dev libbenchmark-dev
   procps dpkg-dev systemd

@@ -18,6 +18,7 @@
 #include "engine/guard.h"
 #include "engine/services/bchain.h"
 #include "engine/services/byok.h"
+#include "engine/services/directory.h"
 #include "engine/services/hashes.h"
 #include "engine/services/keys.h"
 #include "engine/services/logs.h"
@@ -88,6 +89,7 @@ class Engine {
   SpbService &spb() { return spb_; }
   P11Service &p11() { return p11_; }
   ToolsService &tools() { return tools_; }
+  DirectoryService &directory() { return directory_; }
 
   // The session step alone, then `refusal` (a request nothing serves).
   Status Refuse(sessions::Session &s, Status refusal) { return guard_.Refuse(s, refusal); }
@@ -118,6 +120,7 @@ class Engine {
   SpbService spb_{core_, guard_};
   P11Service p11_{core_, guard_};
   ToolsService tools_{core_, guard_};
+  DirectoryService directory_{core_, guard_};
 };
 
 }  // namespace qlhsm

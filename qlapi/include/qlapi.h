@@ -159,6 +159,9 @@ typedef void *HP11INFOCTX; /* the HSM's PKCS#11 information */
 /* Tools run by the HSM. */
 #define QL_ERR_SELF_CHECK_FAILED 5052 /* a check of the self-check failed (see its report) */
 #define QL_ERR_TARGET_UNRESOLVED 5053 /* a tool's target name that does not resolve */
+/* Directory binding. */
+#define QL_ERR_DIRECTORY_FAILED 5056       /* the directory is unreachable or refused the entry */
+#define QL_ERR_DIRECTORY_BIND_REFUSED 5057 /* the directory refused the bind DN or password */
 /* Certificates and signing identities. */
 #define QL_ERR_BAD_CERT 5080          /* not a certificate, chain or CRL in DER or PEM */
 #define QL_ERR_CERT_UNTRUSTED 5081    /* no path to an anchor of the chain, or a stale CRL */

@@ -11,11 +11,5 @@ extern "C" {
 int QFindHSM(uint32_t, uint32_t, PQL_LIST_CALLBACK, void *) {
   QL_NOT_SUPPORTED;
 }
-int QDSBindHSM(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
-int QDSUnbindHSM(HSESSIONCTX, uint32_t) {
-  QL_NOT_SUPPORTED;
-}
 
 }  // extern "C"

@@ -205,5 +205,8 @@ void ListP11Mechanisms(const pb::Request &, Call &, pb::Response *);
 
 // --- tools run by the HSM (tools.cpp) ---
 void HsmTool(const pb::Request &, Call &, pb::Response *);
+// --- directory binding (directory.cpp) ---
+void DirectoryBind(const pb::Request &, Call &, pb::Response *);
+void DirectoryUnbind(const pb::Request &, Call &, pb::Response *);
 
 }  // namespace qlhsm::server::handlers

@@ -156,6 +156,9 @@ constexpr Row kRows[] = {
     {R::kListP11Mechanisms, ListP11Mechanisms},
     // tools run by the HSM
     {R::kHsmTool, HsmTool},
+    // directory binding
+    {R::kDirectoryBind, DirectoryBind},
+    {R::kDirectoryUnbind, DirectoryUnbind},
 };
 
 // Request kinds are the body's field numbers, all below this.
