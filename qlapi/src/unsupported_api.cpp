@@ -11,9 +11,6 @@ extern "C" {
 int QHSMTool(HSESSIONCTX, uint32_t, const char *, char **, uint32_t *, uint32_t) {
   QL_NOT_SUPPORTED;
 }
-int QFindHSM(uint32_t, uint32_t, PQL_LIST_CALLBACK, void *) {
-  QL_NOT_SUPPORTED;
-}
 int QDSBindHSM(HSESSIONCTX, const char *, const char *, const char *, uint32_t) {
   QL_NOT_SUPPORTED;
 }
