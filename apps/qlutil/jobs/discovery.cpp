@@ -9,6 +9,7 @@
 
 #include "harness/harness.h"
 #include "job.h"
+#include "option_usage.h"
 
 namespace {
 
@@ -119,5 +120,9 @@ int JobFindHSM(TEST_PARAMETER *pTestParam, int nParameters) {
   if (IsParameterDefined(pTestParam, nParameters, "--timeout"))
     ok = ok && GetJobNumber(pTestParam, nParameters, "--timeout", &job.dwTimeoutMs) &&
          job.dwTimeoutMs >= 1 && job.dwTimeoutMs <= 60000;
-  return StartJob(&JobFindHSMThread, &job.ti, sizeof job, true, ok, &ShowJobFindHSMHelp);
+  // No HSM address is needed: the job asks the network, not one HSM.
+  if (ok && !CheckUnreadOptions())
+    return ExecuteTestThreads(&JobFindHSMThread, &job.ti, sizeof job);
+  ShowJobFindHSMHelp();
+  return kResultUsage;
 }
