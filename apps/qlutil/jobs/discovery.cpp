@@ -101,6 +101,8 @@ unsigned int JobFindHSMThread(void *p) {
 int JobFindHSM(TEST_PARAMETER *pTestParam, int nParameters) {
   JOB_FIND_HSM_INFO job{};
   LoadJobParameters(&job.ti, pTestParam, nParameters, true);
+  // One word table serves the three switches: a word of another group whose number is in the
+  // switch's range is taken as that number (--outform ip is line); out of range is refused.
   const int type = GetParameterFindHSM(pTestParam, nParameters, "--type");
   bool ok = type >= QL_FIND_HSM_IP && type <= QL_FIND_HSM_ALL;
   job.dwServiceType = static_cast<uint32_t>(type);
