@@ -5,7 +5,9 @@
 //   qlhsmd serve   --data-dir DIR [--listen HOST:PORT]  serves in the foreground (default
 //                                                       127.0.0.1:4433; port 0 picks a free port);
 //                                                       prints "listening on HOST:PORT" on stdout,
-//                                                       logs to stderr, stops on SIGINT/SIGTERM;
+//                                                       then "discovery on HOST:PORT" (UDP; see
+//                                                       --discovery), logs to stderr, stops on
+//                                                       SIGINT/SIGTERM;
 //                                                       limits and timeouts: hsm/README.md
 //   qlhsmd restore --data-dir DIR --backup FILE --pin PIN
 //                                                       a backup into a fresh data directory
@@ -19,7 +21,9 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -194,6 +198,9 @@ int main(int argc, char **argv) {
                     "event loops, one thread each (default 4 per core, at least 8)");
   serve->add_option("--pix-endpoint", serve_opts.pix_endpoints,
                     "HOST:PORT a PIX request may reach (repeatable; none by default)");
+  std::string discovery;
+  serve->add_option("--discovery", discovery,
+                    "UDP port answering discovery queries (default 4434; 0 any free one; off)");
   AddUnlockOptions(serve, &unlock, false);
 #ifdef QLHSMD_TEST_BUILD
   std::string test_fault;
@@ -307,6 +314,20 @@ int main(int argc, char **argv) {
     serve_opts.net.plain = *policy;
     serve_opts.plain_given = true;
   }
+  if (!discovery.empty()) {
+    serve_opts.discovery_given = true;
+    if (discovery == "off") {
+      serve_opts.discovery_port = -1;
+    } else {
+      char *end = nullptr;
+      unsigned long port = std::strtoul(discovery.c_str(), &end, 10);
+      if (*end != '\0' || port > 65535 || !std::isdigit(static_cast<unsigned char>(discovery[0]))) {
+        std::cerr << "qlhsmd: --discovery takes a port or off\n";
+        return 2;
+      }
+      serve_opts.discovery_port = static_cast<int>(port);
+    }
+  }
   if (!ParseListen(listen, &serve_opts.host, &serve_opts.port)) {
     std::cerr << "qlhsmd: --listen takes HOST:PORT\n";
     return 2;
@@ -316,8 +337,11 @@ int main(int argc, char **argv) {
   auto ep = (*server)->local_endpoint();
   std::string host = ep.address().to_string();
   if (ep.address().is_v6()) host = "[" + host + "]";
-  // Tests read this line to learn the port.
-  std::cout << "listening on " << host << ":" << ep.port() << std::endl;
+  // Tests read these lines to learn the ports; one write, so that they arrive together.
+  std::string ports = "listening on " + host + ":" + std::to_string(ep.port()) + "\n";
+  if (const auto *d = (*server)->discovery())
+    ports += "discovery on " + host + ":" + std::to_string(d->local_endpoint().port()) + "\n";
+  std::cout << ports << std::flush;
   std::cerr << "qlhsmd: serving " << data_dir << " on " << host << ":" << ep.port() << "\n";
   // The directory entry says where this HSM listens now; a kept binding renews it, best effort
   // and beside the serving, so a slow or absent directory never delays the start.

@@ -204,10 +204,8 @@ void ShowHelpFindHSMServiceType() {
   ShortList({"ip aap s_all"});
 }
 
-// The product-family filter words arrive with the discovery command; until then the list is
-// empty and says so.
 void ShowHelpFindHSMFilter() {
-  ShortList({"(no filter words yet)"});
+  ShortList({"any soft net pcie usb cloud lab"});
 }
 
 void ShowHelpFindHSMOutFormat() {

@@ -335,6 +335,14 @@ const COMMAND_OPTION_TYPE kFindHSMOptions[] = {
     {"s_all", 3},
     {"line", 1},
     {"csv", 2},
+    // Product families (--filter of find-hsm): 0x100 any, then each family's number + 0x100.
+    {"any", 0x100},
+    {"soft", 0x101},
+    {"net", 0x102},
+    {"pcie", 0x103},
+    {"usb", 0x104},
+    {"cloud", 0x105},
+    {"lab", 0x106},
     {"INVALID", kOptionInvalid},
 };
 const int kFindHSMOptionsRows = static_cast<int>(std::size(kFindHSMOptions));

@@ -1,5 +1,7 @@
 #include "server/server.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <iostream>
 #include <thread>
@@ -81,6 +83,25 @@ Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
     return Status::Error(Code::kBadArgument, "cannot listen on " + options.host + ":" +
                                                  std::to_string(options.port) + ": " +
                                                  ec.message());
+
+  if (options.discovery_port >= 0) {
+    DiscoveryIdentity id;
+    id.address = options.host;
+    id.port = srv->acceptor_.local_endpoint().port();
+    char host[256] = {};
+    if (gethostname(host, sizeof host - 1) == 0) id.name = host;
+    id.version = kHsmVersion;
+    TlsContexts *tls = &srv->tls_;
+    id.certificate_der = [tls] { return tls->CertificateDer(); };
+    Result<std::unique_ptr<DiscoveryResponder>> d = DiscoveryResponder::Create(
+        srv->control_, options.host, static_cast<uint16_t>(options.discovery_port), std::move(id));
+    if (d.ok())
+      srv->discovery_ = std::move(d.value());
+    else if (options.discovery_given)
+      return d.status();
+    else
+      std::cerr << "qlhsmd: " << d.status().message() << "; serving without discovery\n";
+  }
 
   // A client that hangs up while its answer is being written must cost only its connection:
   // OpenSSL writes TLS records with write(2), which raises SIGPIPE on a closed socket.
@@ -173,6 +194,7 @@ void Server::Stop() {
     asio::error_code ec;
     acceptor_.close(ec);
     signals_.cancel(ec);
+    if (discovery_) discovery_->Close();
     manager_.StopAll();
     // Each loop ends once its connections have closed.
     for (auto &guard : keep_running_) guard.reset();

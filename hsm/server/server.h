@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "server/connection_manager.h"
+#include "server/discovery.h"
 #include "server/limits.h"
 #include "server/request_handler.h"
 #include "server/tls_identity.h"
@@ -35,6 +36,11 @@ struct ServerOptions {
   std::string unlock_secret;  // opens the sealed master key
   // The endpoints PIX requests may reach ("HOST:PORT"); none by default.
   std::vector<std::string> pix_endpoints;
+  // The UDP port discovery queries are answered on, on `host`; -1: off, 0: any free port. When
+  // the default port is taken the daemon serves without discovery; a port given that cannot be
+  // bound stops it.
+  int discovery_port = qlproto::discovery::kDefaultPort;
+  bool discovery_given = false;
 };
 
 class Server {
@@ -45,6 +51,8 @@ class Server {
 
   // The address actually bound (the port chosen when 0 was asked for).
   asio::ip::tcp::endpoint local_endpoint() const { return acceptor_.local_endpoint(); }
+  // Where discovery is answered; null when it is off.
+  const DiscoveryResponder *discovery() const { return discovery_.get(); }
   // Serves until Stop() or SIGINT/SIGTERM; returns when every thread has ended.
   void Run();
   // Stops accepting, closes every connection and lets Run() return. Any thread.
@@ -76,6 +84,7 @@ class Server {
   ConnectionManager manager_;
   std::unique_ptr<Quotas> quotas_;
   std::unique_ptr<RequestHandler> handler_;
+  std::unique_ptr<DiscoveryResponder> discovery_;  // on control_
 };
 
 }  // namespace qlhsm::server

@@ -875,8 +875,25 @@ QLAPI_EXPORT int QGetHSMTLSCert(HSESSIONCTX hSession, uint32_t dwFormat, unsigne
 QLAPI_EXPORT int QHSMTool(HSESSIONCTX hSession, uint32_t dwTool, const char *szTarget,
                           char **ppszReport, uint32_t *pdwReportLen, uint32_t dwFlags);
 
-/* Discovery of HSMs on the local network: one callback per answer (its address), then the
- * final call. dwServiceType 1 ip, 2 aap, 3 all. */
+/* Discovery of HSMs on the local network. Sends one query datagram to the broadcast address of
+ * each IPv4 interface, at UDP port 4434 (or, when $QLAPI_DISCOVERY_ADDR is set to "HOST:PORT",
+ * only there), and collects the answers for dwTimeoutMs (1 to 60000). The callback follows
+ * PQL_LIST_CALLBACK: once per HSM that answered, then the final call; two identical answers count
+ * once. Each line is seven fields separated by one space:
+ *   "<address> <tls-port> <name> <app-port> <family> <version> <fingerprint>"
+ * address and TLS port with QL_FIND_HSM_IP, the HSM's name (its host name) and the port
+ * applications connect to with QL_FIND_HSM_AAP, both with QL_FIND_HSM_ALL; a field not asked
+ * for is "-". family is the product family ("soft" for qlhsmd; also "net", "pcie", "usb",
+ * "cloud", "lab"); version is the HSM's; fingerprint is the SHA-256 of its TLS certificate in
+ * lower-case hex, as `qlhsmd fingerprint` prints it (pin it before trusting the HSM: answers
+ * are not authenticated). No answer is not an error: only the final call comes.
+ * QL_ERR_BAD_FLAGS for another service type, QL_ERR_BAD_ARGUMENT for a null callback or a
+ * timeout out of range, QL_ERR_CONNECTION_FAILED when no query could be sent ($QLAPI_DISCOVERY_ADDR
+ * does not resolve, no interface has a broadcast address). */
+/* Discovery service types. */
+#define QL_FIND_HSM_IP 1
+#define QL_FIND_HSM_AAP 2
+#define QL_FIND_HSM_ALL 3
 QLAPI_EXPORT int QFindHSM(uint32_t dwServiceType, uint32_t dwTimeoutMs,
                           PQL_LIST_CALLBACK pfnCallback, void *pvParam);
 

@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -291,16 +292,23 @@ void HsmProcess::Serve() {
                                    "--listen",
                                    address_ + ":0"};
   args.insert(args.end(), options_.serve_args.begin(), options_.serve_args.end());
+  // A free discovery port, so that daemons started side by side do not share the default one.
+  const auto given = std::find(args.begin(), args.end(), "--discovery");
+  const bool discovery_off = given != args.end() && given + 1 != args.end() && given[1] == "off";
+  if (given == args.end()) args.insert(args.end(), {"--discovery", "0"});
   pid_ = Spawn(args, fds[1], log_path_);
   close(fds[1]);
   if (pid_ < 0) {
     close(fds[0]);
     throw std::runtime_error("cannot start " + QlhsmdPath(options_.test_build));
   }
-  // Read the "listening on HOST:PORT" line, waiting at most 30 s.
+  // Read the "listening on HOST:PORT" line, and "discovery on HOST:PORT" when discovery is on,
+  // waiting at most 30 s.
   std::string line;
+  const size_t lines = discovery_off ? 1 : 2;
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+  while (static_cast<size_t>(std::count(line.begin(), line.end(), '\n')) < lines &&
+         std::chrono::steady_clock::now() < deadline) {
     pollfd p{fds[0], POLLIN, 0};
     if (poll(&p, 1, 200) <= 0) continue;
     char buf[256];
@@ -309,10 +317,17 @@ void HsmProcess::Serve() {
     line.append(buf, static_cast<size_t>(n));
   }
   close(fds[0]);
-  size_t colon = line.rfind(':');
+  const size_t second = line.find('\n') + 1;  // 0 when there is no line end
+  const std::string first = line.substr(0, second);
+  size_t colon = first.rfind(':');
   port_ = 0;
-  if (line.rfind("listening on ", 0) == 0 && colon != std::string::npos)
-    port_ = std::atoi(line.c_str() + colon + 1);
+  if (first.rfind("listening on ", 0) == 0 && colon != std::string::npos)
+    port_ = std::atoi(first.c_str() + colon + 1);
+  discovery_port_ = 0;
+  if (second > 0 && line.compare(second, 13, "discovery on ") == 0) {
+    colon = line.rfind(':');
+    discovery_port_ = std::atoi(line.c_str() + colon + 1);
+  }
   if (port_ <= 0) {
     Kill();
     throw std::runtime_error("qlhsmd serve did not start: " + Tail(log_path_));

@@ -79,6 +79,9 @@ class HsmProcess {
 
   const std::string &address() const { return address_; }  // "127.0.0.1"
   int port() const { return port_; }
+  // The UDP port discovery is answered on (the daemon gets `--discovery 0` unless serve_args
+  // say otherwise); 0 when discovery is off.
+  int discovery_port() const { return discovery_port_; }
   const std::string &data_dir() const { return data_dir_; }
   const std::string &master_password() const { return options_.master_password; }
   const std::string &log_path() const { return log_path_; }
@@ -100,6 +103,7 @@ class HsmProcess {
   std::string log_path_;
   std::string address_ = "127.0.0.1";
   int port_ = 0;
+  int discovery_port_ = 0;
   pid_t pid_ = -1;
 };
 
