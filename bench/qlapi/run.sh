@@ -73,7 +73,7 @@ for t, anchor in ((1, s1), (2, s2)):
           % (t, tls, anchor, ratio(tls, anchor)))
 rnd = get("BM_Random16Plain", 1)
 rnd_tls = get("BM_Random16Tls", 1)
-ping = get("BM_TcpPingPong", 1)
+ping = get("BM_TcpPingPong/16", 1)
 print("QGetRandom(16) round trip, plain: %8.0f/s = %.1f us" % (rnd, 1e6 / rnd if rnd else 0))
 print("QGetRandom(16) round trip, TLS  : %8.0f/s = %.1f us" % (rnd_tls, 1e6 / rnd_tls if rnd_tls else 0))
 print("bare TCP ping-pong (16 bytes)   : %8.0f/s = %.1f us" % (ping, 1e6 / ping if ping else 0))

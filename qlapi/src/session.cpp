@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "frame.h"
+#include "key_handle.h"
 #include "version.h"
 
 namespace qlapi {
@@ -77,7 +78,7 @@ RegistryShard &ShardOf(const void *p) {
 std::string Credentials::CacheKey() const {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
-  EVP_Digest(secret.data(), secret.size(), md, &len, EVP_sha256(), nullptr);
+  EVP_Digest(secret.data(), secret.size(), md, &len, LocalDigest(QL_ALG_SHA256), nullptr);
   std::string key;
   key.reserve(host.size() + user.size() + 48);
   key.append(host).push_back('\0');

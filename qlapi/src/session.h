@@ -49,8 +49,12 @@ struct Link {
 
 class SessionCore {
  public:
-  SessionCore(Credentials creds, std::unique_ptr<Link> link, bool cacheable)
-      : creds_(std::move(creds)), link_(std::move(link)), cacheable_(cacheable) {}
+  // cache_key: creds.CacheKey(), worked out once when the session opens.
+  SessionCore(Credentials creds, std::string cache_key, std::unique_ptr<Link> link, bool cacheable)
+      : creds_(std::move(creds)),
+        cache_key_(std::move(cache_key)),
+        link_(std::move(link)),
+        cacheable_(cacheable) {}
 
   // Sends one request and waits for its response. The response's own code is the caller's to
   // read; a failure here is the transport's (closed session, protocol) and leaves the core
@@ -73,6 +77,7 @@ class SessionCore {
   void Abandon();
 
   const Credentials &creds() const { return creds_; }
+  const std::string &cache_key() const { return cache_key_; }
   bool cacheable() const { return cacheable_; }
   std::string peer_sha256();
   std::string server_version();
@@ -83,6 +88,7 @@ class SessionCore {
  private:
   std::mutex mu_;  // one request at a time on the connection; uncontended in normal use
   Credentials creds_;
+  std::string cache_key_;
   std::unique_ptr<Link> link_;
   bool cacheable_;
   bool revoked_ = false;  // the HSM answered QL_ERR_SESSION_REVOKED: never back to the cache

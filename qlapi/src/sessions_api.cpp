@@ -51,7 +51,7 @@ extern "C" int QOpenSession(HSESSIONCTX *phSession, uint32_t dwAuthType, void *p
     if (!link.ok()) return link.status().code();
     auto handle = std::make_unique<SessionHandle>();
     handle->core =
-        std::make_shared<SessionCore>(std::move(creds), std::move(link.value()), use_cache);
+        std::make_shared<SessionCore>(std::move(creds), key, std::move(link.value()), use_cache);
     handle->core->session_id = session_id;
     handle->core->acl = acl;
     RegisterHandle(handle.get());
@@ -71,7 +71,7 @@ extern "C" int QCloseSession(HSESSIONCTX *phSession, uint32_t dwFlags) {
     *phSession = nullptr;
     std::unique_ptr<Link> idle;
     Status st = owned->core->Close((dwFlags & QL_CLOSE_PHYSICAL) == 0, &idle);
-    if (idle) CachePut(owned->core->creds().CacheKey(), std::move(idle));
+    if (idle) CachePut(owned->core->cache_key(), std::move(idle));
     return st.code();
   });
 }

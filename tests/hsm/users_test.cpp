@@ -40,6 +40,16 @@ TEST(UserNames, Validity) {
   for (const Case &c : cases) EXPECT_EQ(ValidUserName(c.name), c.valid) << c.name;
 }
 
+// RFC 4231, test case 2; a second call must find the keyed state untouched by the first.
+TEST(LoginMemoryMac, KnownAnswerOnEveryCall) {
+  const secure::HmacSha256Key key(secure::Bytes{'J', 'e', 'f', 'e'});
+  ASSERT_TRUE(key.ok());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(secure::Hex(key.Mac("what do ya want for nothing?")),
+              "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  }
+}
+
 TEST_F(UsersTest, CreateAuthenticateAndTellFailuresApart) {
   EXPECT_EQ(users->Create("bad name", "pw", 0).code(), Code::kBadName);
   EXPECT_EQ(users->Create("seventeen_chars_x", "pw", 0).code(), Code::kUserNameTooLong);

@@ -2,8 +2,8 @@
 
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
@@ -151,11 +151,43 @@ Result<bool> VerifyPassword(std::string_view password, const std::string &stored
   return Equal(*hash, expected);
 }
 
-Bytes HmacSha256(const Bytes &key, std::string_view data) {
-  Bytes out(32);
-  unsigned int len = 0;
-  HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
-       reinterpret_cast<const uint8_t *>(data.data()), data.size(), out.data(), &len);
+struct HmacSha256Key::State {
+  explicit State(EVP_MAC_CTX *ctx) : keyed(ctx) {}
+  ~State() { EVP_MAC_CTX_free(keyed); }
+  State(const State &) = delete;
+  State &operator=(const State &) = delete;
+  EVP_MAC_CTX *keyed;
+};
+
+HmacSha256Key::HmacSha256Key(const Bytes &key) {
+  EVP_MAC *mac = EVP_MAC_fetch(nullptr, "HMAC", nullptr);
+  EVP_MAC_CTX *ctx = mac ? EVP_MAC_CTX_new(mac) : nullptr;
+  EVP_MAC_free(mac);  // the context holds its own reference
+  char digest[] = "SHA256";
+  const OSSL_PARAM params[] = {OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest, 0),
+                               OSSL_PARAM_construct_end()};
+  if (ctx == nullptr || EVP_MAC_init(ctx, key.data(), key.size(), params) != 1) {
+    EVP_MAC_CTX_free(ctx);
+    ERR_clear_error();
+    return;
+  }
+  state_ = std::make_unique<State>(ctx);
+}
+
+HmacSha256Key::~HmacSha256Key() = default;
+
+Bytes HmacSha256Key::Mac(std::string_view data) const {
+  if (!state_) return {};
+  std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> ctx(EVP_MAC_CTX_dup(state_->keyed),
+                                                                EVP_MAC_CTX_free);
+  Bytes out(SHA256_DIGEST_LENGTH);
+  size_t len = 0;
+  if (!ctx ||
+      EVP_MAC_update(ctx.get(), reinterpret_cast<const uint8_t *>(data.data()), data.size()) != 1 ||
+      EVP_MAC_final(ctx.get(), out.data(), &len, out.size()) != 1 || len != out.size()) {
+    ERR_clear_error();
+    return {};
+  }
   return out;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,7 +52,23 @@ Result<std::string> HashPassword(std::string_view password, const KdfParams &par
 // True when `password` matches the stored hash text.
 Result<bool> VerifyPassword(std::string_view password, const std::string &stored);
 
-Bytes HmacSha256(const Bytes &key, std::string_view data);
+// HMAC-SHA-256 under one key, prepared once: each Mac() copies the keyed state, so a call neither
+// looks the algorithm up again nor hashes the key again. Mac() may run on many threads at once.
+class HmacSha256Key {
+ public:
+  explicit HmacSha256Key(const Bytes &key);
+  ~HmacSha256Key();
+  HmacSha256Key(const HmacSha256Key &) = delete;
+  HmacSha256Key &operator=(const HmacSha256Key &) = delete;
+  // False when the key could not be set up; Mac() then answers an empty result.
+  bool ok() const { return state_ != nullptr; }
+  Bytes Mac(std::string_view data) const;
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
 Bytes Sha256(const Bytes &data);
 // Constant-time comparison.
 bool Equal(const Bytes &a, const Bytes &b);

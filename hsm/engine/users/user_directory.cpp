@@ -29,7 +29,10 @@ UserDirectory::UserDirectory(store::Store &store, secure::KdfParams kdf, const C
     : store_(store), kdf_(kdf), clock_(clock ? clock : &MachineClock()) {
   Result<secure::Bytes> key = secure::RandomBytes(secure::kKeyLen);
   // Without randomness the login memory stays empty (every login hashes); Authenticate checks.
-  if (key.ok()) process_key_ = std::move(key.value());
+  if (key.ok()) {
+    auto prepared = std::make_unique<secure::HmacSha256Key>(*key);
+    if (prepared->ok()) process_key_ = std::move(prepared);
+  }
 }
 
 Status UserDirectory::Load() {
@@ -66,7 +69,7 @@ Result<UserInfo> UserDirectory::Authenticate(std::string_view name, std::string_
   };
   if (!ValidUserName(name) || !ValidPassword(password)) return unknown();
   secure::Bytes mac;
-  if (!process_key_.empty()) mac = secure::HmacSha256(process_key_, password);
+  if (process_key_) mac = process_key_->Mac(password);
   std::string hash;
   UserInfo info;
   {

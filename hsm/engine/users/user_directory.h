@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <string>
@@ -88,7 +89,7 @@ class UserDirectory {
   std::once_flag dummy_once_;
   std::string dummy_hash_;
   const Clock *clock_;
-  secure::Bytes process_key_;
+  std::unique_ptr<secure::HmacSha256Key> process_key_;  // null: no login remembered
   mutable std::shared_mutex mu_;
   std::unordered_map<std::string, Entry> users_;
   uint64_t next_generation_ = 1;
