@@ -29,7 +29,7 @@ constexpr std::size_t kDrainBytes = 64 * 1024;
 
 Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<SSL_CTX> tls,
                        ConnectionManager &manager, RequestHandler &handler, Admission admission,
-                       std::atomic<int> *load)
+                       std::atomic<int> *load, asio::thread_pool *away_pool)
     : socket_(std::move(socket)),
       tls_ctx_(std::move(tls)),
       manager_(manager),
@@ -38,6 +38,7 @@ Connection::Connection(asio::ip::tcp::socket socket, std::shared_ptr<SSL_CTX> tl
       limits_(admission_.quotas->limits()),
       standing_(admission_.refusal == Code::kOk ? Standing::kPending : Standing::kRefused),
       load_(load),
+      away_pool_(away_pool),
       deadline_(socket_.get_executor()),
       later_(socket_.get_executor()) {
   if (load_) load_->fetch_add(1, std::memory_order_relaxed);
@@ -109,6 +110,8 @@ void Connection::ArmEarlier() {
 
 void Connection::OnDeadline() {
   const Time now = std::chrono::steady_clock::now();
+  // A request served off the loop is not idleness; its answer restarts the idle time.
+  if (away_) return ArmDeadline(now + limits_.idle_timeout);
   const Time due = Due();
   // Requests since the timer was set move an idle deadline on.
   if (now < due) return ArmDeadline(due);
@@ -226,10 +229,10 @@ void Connection::AfterRequest() {
   ArmEarlier();
 }
 
-bool Connection::ServeOne(std::size_t *wanted) {
+Connection::Served Connection::ServeOne(std::size_t *wanted) {
   const std::size_t avail = end_ - begin_;
   *wanted = qlproto::kFrameHeaderSize;
-  if (avail < qlproto::kFrameHeaderSize) return false;
+  if (avail < qlproto::kFrameHeaderSize) return Served::kNo;
   uint32_t length = 0;
   qlproto::FrameStatus fs = qlproto::DecodeFrameHeader(
       reinterpret_cast<const unsigned char *>(in_.data() + begin_), handler_.max_frame(), &length);
@@ -240,20 +243,30 @@ bool Connection::ServeOne(std::size_t *wanted) {
     state_.close_after = true;
   } else if (fs == qlproto::FrameStatus::kOk) {
     *wanted = qlproto::kFrameHeaderSize + length;
-    if (avail < *wanted) return false;
+    if (avail < *wanted) return Served::kNo;
     std::string_view body(in_.data() + begin_ + qlproto::kFrameHeaderSize, length);
     last_request_ = std::chrono::steady_clock::now();
     if (standing_ == Standing::kRefused) {
       Refuse(body, admission_.refusal, admission_.refusal_detail);
     } else if (expired_) {
       Refuse(body, Code::kSessionExpired, "the session sat idle too long");
-    } else {
-      handler_.HandleFrame(body, state_, &response_);
+    } else if (RequestHandler::Decode(body, state_, &request_, &response_)) {
+      // A user's request that waits on other hosts goes to the pool (before a login it is
+      // refused at once, so it stays).
+      if (away_pool_ != nullptr && standing_ == Standing::kUser &&
+          RequestHandler::WaitsOnOtherHosts(request_)) {
+        begin_ += *wanted;
+        if (begin_ == end_) begin_ = end_ = 0;
+        ServeAway();
+        return Served::kAway;
+      }
+      handler_.Handle(request_, state_, &response_);
       AfterRequest();
       if (state_.follow && !follow_hooked_) HookFollow();
     }
     begin_ += *wanted;
     if (begin_ == end_) begin_ = end_ = 0;
+    if (*wanted > kReadBuffer) request_ = pb::Request();  // a large request's strings go
   } else {
     // Refused before anything is allocated for the body; say why, then close.
     RequestHandler::Refusal(
@@ -261,6 +274,11 @@ bool Connection::ServeOne(std::size_t *wanted) {
         &response_);
     state_.close_after = true;
   }
+  EncodeAnswer();
+  return Served::kYes;
+}
+
+void Connection::EncodeAnswer() {
   out_.clear();
   sent_ = 0;
   if (qlproto::EncodeFrame(response_, handler_.max_frame(), &out_) != qlproto::FrameStatus::kOk) {
@@ -271,10 +289,33 @@ bool Connection::ServeOne(std::size_t *wanted) {
     out_.clear();
     (void)qlproto::EncodeFrame(small, handler_.max_frame(), &out_);
   }
-  return true;
+}
+
+void Connection::ServeAway() {
+  // The pool's thread owns request_, response_ and state_ until the answer is back on this
+  // connection's loop; meanwhile the loop reads nothing and the timers leave them alone.
+  away_ = true;
+  auto self = shared_from_this();
+  asio::post(*away_pool_, [self] {
+    self->handler_.Handle(self->request_, self->state_, &self->response_);
+    asio::post(self->socket_.get_executor(), [self] { self->BackFromAway(); });
+  });
+}
+
+void Connection::BackFromAway() {
+  away_ = false;
+  last_request_ = std::chrono::steady_clock::now();  // idle from the answer on
+  if (finished_ || !socket_.is_open()) {
+    finished_ = false;  // Finish() was put off while the request was away
+    return Finish();
+  }
+  AfterRequest();
+  EncodeAnswer();
+  Pump();
 }
 
 void Connection::Pump() {
+  if (away_) return;  // BackFromAway() pumps again
   for (;;) {
     if (sent_ < out_.size()) {
       const Io io = WriteSome();
@@ -293,7 +334,9 @@ void Connection::Pump() {
     // A follower of the log gets its queued lines before anything else is read.
     if (state_.follow && follow_hooked_ && TakeFollowed()) continue;
     std::size_t wanted = 0;
-    if (ServeOne(&wanted)) {
+    const Served served = ServeOne(&wanted);
+    if (served == Served::kAway) return;
+    if (served == Served::kYes) {
       if (state_.answer_delay.count() > 0) {
         // The engine holds this answer back: the timer sends it, the loop serves others.
         auto self = shared_from_this();
@@ -436,6 +479,7 @@ void Connection::Drain() {
 void Connection::Finish() {
   if (finished_) return;
   finished_ = true;
+  if (away_) return CloseNow();  // the state is the pool's until BackFromAway() finishes
   if (state_.follow_id != 0) handler_.engine().logs().Unfollow(state_.follow_id);
   // Dropping the session here (not at destruction) makes the open-session count fall as soon as
   // the peer is gone.

@@ -9,7 +9,9 @@
 // directly when the client spoke TLS), serves every whole frame in it, writes each answer, and
 // waits for the socket only when a read or a write would block. A request therefore costs one
 // receive and one send, and Pump() is a loop, so a client that sends many frames at once cannot
-// make it recurse.
+// make it recurse. The few requests that wait on other hosts (network tools, the directory, PIX)
+// are served on a small pool instead, so that a slow peer never holds up the loop's other
+// connections; this connection reads nothing more until their answer is back on its loop.
 //
 // Nothing costly happens before a login (see limits.h): the buffer grows only with bytes that have
 // arrived, never to a length a header merely announces; frames are small until a user logs in;
@@ -55,8 +57,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // tls is the server's context, used when the client starts a TLS handshake. load (may be null)
   // counts the connections of the socket's event loop; it is raised here and lowered when the
   // connection is destroyed.
+  // away_pool (may be null: every request is served on the loop) serves the requests that wait
+  // on other hosts (RequestHandler::WaitsOnOtherHosts), so that they never hold up the loop's
+  // other connections; it must outlive the connection's pending work.
   Connection(asio::ip::tcp::socket socket, std::shared_ptr<SSL_CTX> tls, ConnectionManager &manager,
-             RequestHandler &handler, Admission admission, std::atomic<int> *load = nullptr);
+             RequestHandler &handler, Admission admission, std::atomic<int> *load = nullptr,
+             asio::thread_pool *away_pool = nullptr);
   ~Connection();
 
   void Start();
@@ -76,8 +82,15 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void Handshake();
   void Pump();
   // Serves the frame at the front of the buffer if it is whole: its answer goes to out_.
-  // False when more bytes are needed (*wanted: how many in all).
-  bool ServeOne(std::size_t *wanted);
+  // kNo when more bytes are needed (*wanted: how many in all); kAway when the request went to the
+  // pool (ServeAway), which answers it later.
+  enum class Served { kNo, kYes, kAway };
+  Served ServeOne(std::size_t *wanted);
+  // response_ as the next frame to send, in out_.
+  void EncodeAnswer();
+  // Serves request_ on the pool, then BackFromAway() on this loop sends the answer.
+  void ServeAway();
+  void BackFromAway();
   // Moves the connection between quotas after a request changed its login.
   void AfterRequest();
   // Answers the frame `body` with `code` (the request's id when it parses) and closes after.
@@ -114,6 +127,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   const NetLimits &limits_;
   Standing standing_;
   std::atomic<int> *load_;
+  asio::thread_pool *away_pool_;
+  bool away_ = false;  // a request is being served on away_pool_
   bool finished_ = false;
   bool handshaken_ = false;  // first byte seen and, for TLS, the handshake done
   bool expired_ = false;     // the idle timeout ended the session
@@ -135,6 +150,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // The answer being written: out_[sent_, end).
   std::string out_;
   std::size_t sent_ = 0;
+  qlhsm::v1::Request request_;
   qlhsm::v1::Response response_;
 };
 

@@ -24,12 +24,27 @@ void RequestHandler::Refusal(Code code, std::string_view detail, pb::Response *r
 void RequestHandler::HandleFrame(std::string_view body, ConnectionState &state,
                                  pb::Response *response) {
   pb::Request request;
-  if (qlproto::DecodeFrameBody(body, &request) != qlproto::FrameStatus::kOk) {
-    Refusal(Code::kProtocol, "a frame that is not a request", response);
-    state.close_after = true;
-    return;
+  if (Decode(body, state, &request, response)) Handle(request, state, response);
+}
+
+bool RequestHandler::Decode(std::string_view body, ConnectionState &state, pb::Request *request,
+                            pb::Response *response) {
+  if (qlproto::DecodeFrameBody(body, request) == qlproto::FrameStatus::kOk) return true;
+  Refusal(Code::kProtocol, "a frame that is not a request", response);
+  state.close_after = true;
+  return false;
+}
+
+bool RequestHandler::WaitsOnOtherHosts(const pb::Request &request) {
+  switch (request.body_case()) {
+    case pb::Request::kHsmTool:
+    case pb::Request::kDirectoryBind:
+    case pb::Request::kDirectoryUnbind:
+    case pb::Request::kPixRequest:
+      return true;
+    default:
+      return false;
   }
-  Handle(request, state, response);
 }
 
 void RequestHandler::Handle(const pb::Request &request, ConnectionState &state,

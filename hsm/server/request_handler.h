@@ -59,6 +59,13 @@ class RequestHandler {
   // Parses a frame body and handles it. A body that does not parse answers QL_ERR_PROTOCOL and
   // sets close_after.
   void HandleFrame(std::string_view body, ConnectionState &state, qlhsm::v1::Response *response);
+  // The parsing step of HandleFrame: false (with the answer and close_after set) when the body
+  // is not a request.
+  static bool Decode(std::string_view body, ConnectionState &state, qlhsm::v1::Request *request,
+                     qlhsm::v1::Response *response);
+  // True for the requests that wait on other hosts (the network tools, the directory, PIX
+  // requests) for up to their timeouts: the daemon serves them off its event loops.
+  static bool WaitsOnOtherHosts(const qlhsm::v1::Request &request);
 
   // The answer sent before closing a connection whose frame header was refused (too large or
   // empty): QL_ERR_PROTOCOL, or QL_ERR_LIMIT_REACHED past the daemon's connection limit.

@@ -32,6 +32,7 @@ Server::Server(const ServerOptions &options, std::unique_ptr<Engine> engine)
 
 Server::~Server() {
   Stop();
+  away_.join();
 }
 
 Result<std::unique_ptr<Server>> Server::Create(const ServerOptions &options) {
@@ -139,8 +140,9 @@ void Server::Accept() {
           if (admission.quotas) {
             asio::error_code nodelay_ec;
             socket.set_option(asio::ip::tcp::no_delay(true), nodelay_ec);
-            auto c = std::make_shared<Connection>(std::move(socket), tls_.Current(), manager_,
-                                                  *handler_, std::move(admission), &loads_[loop]);
+            auto c =
+                std::make_shared<Connection>(std::move(socket), tls_.Current(), manager_, *handler_,
+                                             std::move(admission), &loads_[loop], &away_);
             manager_.Add(c);
             c->Start();
           }  // else too many are being turned away already: closed without a word
@@ -187,6 +189,13 @@ void Server::Run() {
   for (auto &loop : loops_) threads.emplace_back([&loop] { loop->run(); });
   io_.run();
   for (auto &t : threads) t.join();
+  // Requests still away answer onto loops that have stopped: let them finish, then run what they
+  // posted, so that their connections end while the handler and the quotas still stand.
+  away_.join();
+  for (auto &loop : loops_) {
+    loop->restart();
+    loop->run();
+  }
 }
 
 void Server::Stop() {

@@ -85,6 +85,10 @@ class Server {
   std::unique_ptr<Quotas> quotas_;
   std::unique_ptr<RequestHandler> handler_;
   std::unique_ptr<DiscoveryResponder> discovery_;  // on control_
+  // Serves the requests that wait on other hosts (Connection::ServeAway); joined before the
+  // handler and the loops go.
+  static constexpr std::size_t kAwayThreads = 4;
+  asio::thread_pool away_{kAwayThreads};
 };
 
 }  // namespace qlhsm::server

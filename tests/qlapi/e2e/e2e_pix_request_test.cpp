@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -61,6 +62,7 @@ if mode == 'silent':
     held = []
     while True:
         held.append(s.accept()[0])
+        open(port_file + '.accepted', 'w').close()
 class H(http.server.BaseHTTPRequestHandler):
     protocol_version = 'HTTP/1.1'
     def log_message(self, *a): pass
@@ -105,7 +107,9 @@ class PixRequest : public ::testing::Test {
     ASSERT_GT(echo_port_, 0);
     ASSERT_GT(silent_port_, 0);
     qltest::HsmOptions options;
-    options.serve_args = {"--pix-endpoint", "localhost:" + std::to_string(echo_port_),
+    // One event loop, so that every connection of a test shares it.
+    options.serve_args = {"--threads",      "1",
+                          "--pix-endpoint", "localhost:" + std::to_string(echo_port_),
                           "--pix-endpoint", "127.0.0.1:" + std::to_string(echo_port_),
                           "--pix-endpoint", "127.0.0.1:" + std::to_string(silent_port_)};
     hsm_ = std::make_unique<qltest::HsmProcess>(options);
@@ -260,6 +264,32 @@ TEST_F(PixRequest, RefusalsWithTheirCodes) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(Request("GET", c.url, c.headers, {}, c.timeout_ms, c.chain).rc, c.code);
   }
+}
+
+// A request waiting on a silent server must not hold up another connection of the same event
+// loop: that one opens a session and is served while the first still waits.
+TEST_F(PixRequest, AWaitingRequestHoldsUpNoOtherConnection) {
+  const std::string accepted = Path("silent.port.accepted");
+  fs::remove(accepted);
+  std::atomic<bool> answered{false};
+  std::thread waiting([&] {
+    EXPECT_EQ(
+        Request("GET", "https://127.0.0.1:" + std::to_string(silent_port_) + "/", nullptr, {}, 4000)
+            .rc,
+        QL_ERR_TIMEOUT);
+    answered = true;
+  });
+  for (int i = 0; i < 500 && !fs::exists(accepted); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_TRUE(fs::exists(accepted)) << "the HSM never reached the silent server";
+  {
+    qltest::OpenedSession other("master", {}, *hsm_);
+    unsigned char random[16];
+    EXPECT_EQ(QGetRandom(other.get(), random, sizeof random), QL_OK);
+  }
+  EXPECT_FALSE(answered) << "the other connection was served only after the waiting request";
+  waiting.join();
 }
 
 TEST_F(PixRequest, RightThenEndpointThenExistence) {
