@@ -13,14 +13,6 @@
 #ifdef _WIN32
 #include <wincred.h>
 #include <windows.h>
-#else
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <fstream>
-#include <sstream>
 #endif
 
 namespace qlapi::credstore {
@@ -42,23 +34,7 @@ bool ValidField(std::string_view s) {
 // Opens the store and checks that it is private. QL_ERR_CREDENTIAL_NOT_FOUND when it does not
 // exist.
 Result<std::string> Load(const std::string &path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
-    return Status(errno == ENOENT ? QL_ERR_CREDENTIAL_NOT_FOUND : QL_ERR_CREDENTIAL_STORE);
-  }
-  struct stat st {};
-  std::string text;
-  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == getuid() &&
-            (st.st_mode & 077) == 0;
-  if (ok) {
-    char buf[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<std::size_t>(n));
-    ok = n == 0;
-  }
-  ::close(fd);
-  if (!ok) return Status(QL_ERR_CREDENTIAL_STORE);
-  return text;
+  return ReadPrivateFile(path, QL_ERR_CREDENTIAL_NOT_FOUND, QL_ERR_CREDENTIAL_STORE);
 }
 
 // Parses the text; malformed lines make the whole store unreadable rather than half-read.

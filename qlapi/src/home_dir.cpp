@@ -6,9 +6,11 @@
 
 #ifdef _WIN32
 #include <fstream>
+#include <sstream>
 #else
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,6 +33,39 @@ Result<std::string> UserHomeFile(const char *name, int error) {
   }
   if (found == nullptr || pw.pw_dir == nullptr || pw.pw_dir[0] == '\0') return Status(error);
   return std::string(pw.pw_dir) + "/" + name;
+#endif
+}
+
+Result<std::string> ReadPrivateFile(const std::string &path, int missing, int error) {
+#ifdef _WIN32
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    if (missing == QL_OK) return std::string();
+    return Status(missing);
+  }
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+#else
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) {
+    if (errno != ENOENT) return Status(error);
+    if (missing == QL_OK) return std::string();
+    return Status(missing);
+  }
+  struct stat st {};
+  std::string text;
+  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == getuid() &&
+            (st.st_mode & 077) == 0;
+  if (ok) {
+    char buf[4096];
+    ssize_t n;
+    while ((n = ::read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<std::size_t>(n));
+    ok = n == 0;
+  }
+  ::close(fd);
+  if (!ok) return Status(error);
+  return text;
 #endif
 }
 

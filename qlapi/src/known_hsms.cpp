@@ -9,18 +9,6 @@
 
 #include "home_dir.h"
 
-#ifdef _WIN32
-#include <cstdio>
-#include <fstream>
-#include <sstream>
-#else
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#endif
-
 namespace qlapi::knownhsms {
 namespace {
 
@@ -48,32 +36,7 @@ std::string Lower(std::string_view s) {
 
 // The file's text, "" when it does not exist; refused unless private to the caller.
 Result<std::string> Load(const std::string &path) {
-#ifdef _WIN32
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::string();
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-#else
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) {
-    if (errno == ENOENT) return std::string();
-    return Status(kBadFile);
-  }
-  struct stat st {};
-  std::string text;
-  bool ok = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == getuid() &&
-            (st.st_mode & 077) == 0;
-  if (ok) {
-    char buf[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<std::size_t>(n));
-    ok = n == 0;
-  }
-  ::close(fd);
-  if (!ok) return Status(kBadFile);
-  return text;
-#endif
+  return ReadPrivateFile(path, QL_OK, kBadFile);
 }
 
 // A malformed line makes the whole file unusable: a half-read pin list could let a changed HSM
