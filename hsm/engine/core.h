@@ -2,6 +2,7 @@
 // log), the open sessions, the HSM's clock, and the keys in use, parsed once.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -79,6 +80,8 @@ struct Core {
   size_t max_objects = 100000;
   // The endpoints ("host:port", host lowercased) PIX requests may reach; empty: none.
   std::vector<std::string> pix_endpoints;
+  // Set when the daemon stops: PIX exchanges in progress end at once instead of at their timeout.
+  std::atomic<bool> stopping{false};
   // One change at a time of what makes a user an administrator (removal, block, mask), so that
   // two of them can never take away the last one between them.
   std::mutex administrators_mu;

@@ -96,6 +96,9 @@ class Engine {
 
   // Seconds since 1970 by the HSM's time.
   int64_t Now() const { return core_.clock.Now(); }
+  // The daemon is stopping: PIX exchanges in progress end within a quarter of a second (answered
+  // kRemoteFailed), and new ones fail at once. Any thread.
+  void StopOutboundRequests() { core_.stopping = true; }
   audit::AuditLog &audit() { return *core_.audit; }
 
  private:

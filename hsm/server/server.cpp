@@ -199,6 +199,8 @@ void Server::Run() {
 }
 
 void Server::Stop() {
+  // Requests away on the pool that wait on other hosts for long end now; Run() waits for them.
+  if (engine_) engine_->StopOutboundRequests();
   asio::post(control_, [this] {
     asio::error_code ec;
     acceptor_.close(ec);

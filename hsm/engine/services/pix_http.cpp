@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -403,6 +404,13 @@ Status Remote(const std::string &why) {
   return Status::Error(Code::kRemoteFailed, why);
 }
 
+// When an exchange must end: its timeout, or earlier when the daemon stops.
+struct Deadline {
+  Clock::time_point at;
+  const std::atomic<bool> *stop = nullptr;
+  bool stopping() const { return stop != nullptr && stop->load(std::memory_order_relaxed); }
+};
+
 // Milliseconds left before the deadline (0 when it has passed).
 int Left(Clock::time_point deadline) {
   const auto ms =
@@ -410,21 +418,22 @@ int Left(Clock::time_point deadline) {
   return ms <= 0 ? 0 : static_cast<int>(std::min<int64_t>(ms, 1 << 30));
 }
 
-// Waits for `events` on fd until the deadline: Ok, or kTimeout.
-Status Wait(int fd, short events, Clock::time_point deadline) {
+// Waits for `events` on fd until the deadline: Ok, kTimeout, or kRemoteFailed once the daemon
+// stops (looked at every kStopCheckMs).
+Status Wait(int fd, short events, const Deadline &deadline) {
   for (;;) {
-    const int left = Left(deadline);
+    if (deadline.stopping()) return Remote("the HSM is stopping");
+    const int left = Left(deadline.at);
     if (left == 0) return TimedOut();
     pollfd p{fd, events, 0};
-    const int n = ::poll(&p, 1, left);
+    const int n = ::poll(&p, 1, std::min(left, kStopCheckMs));
     if (n > 0) return Status::Ok();
-    if (n == 0) return TimedOut();
-    if (errno != EINTR) return Remote("poll failed");
+    if (n < 0 && errno != EINTR) return Remote("poll failed");
   }
 }
 
 // A non-blocking TCP connection to one of the host's addresses.
-Status Connect(const Url &url, Clock::time_point deadline, Fd *out) {
+Status Connect(const Url &url, const Deadline &deadline, Fd *out) {
   addrinfo hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
@@ -458,7 +467,7 @@ Status Connect(const Url &url, Clock::time_point deadline, Fd *out) {
 
 // Runs one non-blocking TLS step until it is done, waiting as OpenSSL asks.
 template <typename Step>
-Result<int> Drive(SSL *ssl, int fd, Clock::time_point deadline, Step step, const char *what) {
+Result<int> Drive(SSL *ssl, int fd, const Deadline &deadline, Step step, const char *what) {
   for (;;) {
     ERR_clear_error();
     const int rc = step();
@@ -507,7 +516,8 @@ Result<std::unique_ptr<SSL_CTX, SslCtxFree>> ClientContext(const Exchange &ex) {
 }  // namespace
 
 Result<Answer> Perform(const Exchange &ex) {
-  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(ex.timeout_ms);
+  if (ex.stop != nullptr && ex.stop->load()) return Remote("the HSM is stopping");
+  const Deadline deadline{Clock::now() + std::chrono::milliseconds(ex.timeout_ms), ex.stop};
   Result<std::unique_ptr<SSL_CTX, SslCtxFree>> ctx = ClientContext(ex);
   if (!ctx.ok()) return ctx.status();
   Fd fd;

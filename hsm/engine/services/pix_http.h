@@ -5,6 +5,7 @@
 
 #include <openssl/evp.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -86,7 +87,12 @@ struct Exchange {
   std::vector<secure::Bytes> anchors;  // the server's trust anchors (DER)
   int64_t now = 0;                     // the HSM's time, for the server's certificate
   uint32_t timeout_ms = 0;
+  // When set (may be null), the exchange ends within kStopCheckMs with kRemoteFailed.
+  const std::atomic<bool> *stop = nullptr;
 };
+
+// How often a waiting exchange looks at Exchange::stop.
+inline constexpr int kStopCheckMs = 250;
 
 struct Answer {
   uint32_t status = 0;

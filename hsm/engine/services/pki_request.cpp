@@ -70,6 +70,7 @@ Result<PixHttpAnswer> PkiService::PixRequest(Session &s, const PixHttpRequest &i
         ex.now = core_.clock.Now();
         ex.timeout_ms =
             in.timeout_ms == 0 ? kPixDefaultTimeoutMs : std::min(in.timeout_ms, kPixMaxTimeoutMs);
+        ex.stop = &core_.stopping;
         Result<pix::Answer> answer = pix::Perform(ex);
         if (!answer.ok()) return answer.status();
         // A request that was answered is audited with its HTTP status.

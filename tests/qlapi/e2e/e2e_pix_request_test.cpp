@@ -292,6 +292,32 @@ TEST_F(PixRequest, AWaitingRequestHoldsUpNoOtherConnection) {
   waiting.join();
 }
 
+// A daemon told to stop ends a request waiting on a silent server at once, not at its 120 s
+// timeout, and exits cleanly; it then serves again for the tests after this one.
+TEST_F(PixRequest, AStoppingDaemonEndsAWaitingRequest) {
+  const std::string accepted = Path("silent.port.accepted");
+  fs::remove(accepted);
+  qltest::OpenedSession session("master", {}, *hsm_);
+  int rc = QL_OK;
+  std::thread waiting([&] {
+    rc = Request("GET", "https://127.0.0.1:" + std::to_string(silent_port_) + "/", nullptr, {},
+                 120000, "pixchain", session.get())
+             .rc;
+  });
+  for (int i = 0; i < 500 && !fs::exists(accepted); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_TRUE(fs::exists(accepted)) << "the HSM never reached the silent server";
+  const auto start = std::chrono::steady_clock::now();
+  const int status = hsm_->Stop();
+  const auto stopping = std::chrono::steady_clock::now() - start;
+  waiting.join();
+  EXPECT_NE(rc, QL_OK);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_LT(stopping, std::chrono::seconds(60)) << "the daemon waited out the request";
+  hsm_->Restart();
+}
+
 TEST_F(PixRequest, RightThenEndpointThenExistence) {
   qltest::OpenedSession master("master", {}, *hsm_);
   const std::string user = "pixreq" + std::to_string(getpid());
