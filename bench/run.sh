@@ -60,6 +60,7 @@ row() {
     if [[ ${#anchor_cmd[@]} -gt 0 ]]; then anchor_best=$(best "$("${anchor_cmd[@]}")" "$anchor_best"); fi
     ql_best=$(best "$(ql "${ql_args[@]}" -t "$threads")" "$ql_best")
   done
+  [[ ${#anchor_cmd[@]} -gt 0 ]] || anchor_best=-  # an absolute aim: no anchor
   printf '%s\t%s\t%s\t%s\t%s\t%s\t%s\n' "$label" "$unit" "$ql_best" "$anchor_best" "$aim" "$before" \
     "$trips" >>"$rows"
 }
@@ -110,16 +111,17 @@ print("%-22s %14s %14s %8s %6s %9s %6s %5s"
       % ("row", "qlutil", "anchor", "figure", "bound", "aim", "met", "load"))
 for line in open(rows_file):
     label, unit, q, a, aim, load, trips = line.rstrip("\n").split("\t")
-    q, a, trips = float(q), float(a), float(trips)
+    absolute = a == "-"  # no anchor: the figure is the rate itself
+    q, a, trips = float(q), 0.0 if absolute else float(a), float(trips)
     # The anchor in operations a second (the AES row's is in bytes of 8 KiB operations).
     a_ops = a / 8192 if unit == "B/s" else a
     bound = trips / (a_ops + trips) if trips and a_ops else None
-    if label.startswith("random16"):
-        figure = a / q if q and a else float("inf")  # round trip's time over the ping-pong's
-    elif unit == "B/s" or label.startswith("sign") or label == "nop -sc 0":
-        figure = q / a if a else 0.0  # a failed anchor never meets the aim
-    else:
+    if absolute:
         figure = q
+    elif label.startswith("random16"):
+        figure = a / q if q and a else float("inf")  # round trip's time over the ping-pong's
+    else:
+        figure = q / a if a else 0.0  # a failed anchor never meets the aim
     target = float(aim[2:])
     met = figure >= target if aim.startswith(">=") else figure <= target
     rows.append({"row": label, "unit": unit, "qlutil": q, "anchor": a or None, "figure": figure,
